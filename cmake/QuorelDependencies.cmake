@@ -1,0 +1,23 @@
+# Every dependency comes from a Debian 12 package; scripts/install-deps.sh installs them.
+find_package(Threads REQUIRED)
+find_package(fmt REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(nlohmann_json 3.10 REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(SQLite3 REQUIRED)
+find_package(OpenSSL REQUIRED COMPONENTS Crypto)
+
+find_path(QUOREL_ASIO_INCLUDE_DIR asio.hpp REQUIRED)
+add_library(quorel_asio INTERFACE)
+target_include_directories(quorel_asio SYSTEM INTERFACE ${QUOREL_ASIO_INCLUDE_DIR})
+target_compile_definitions(quorel_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
+target_link_libraries(quorel_asio INTERFACE Threads::Threads)
+add_library(quorel::asio ALIAS quorel_asio)
+
+if(QUOREL_BUILD_TESTS)
+  find_package(GTest REQUIRED)
+  include(GoogleTest)
+endif()
+if(QUOREL_BUILD_BENCH)
+  find_package(benchmark REQUIRED)
+endif()

@@ -1,0 +1,65 @@
+# Project-wide compile flags live on one interface target so that every library, test and
+# benchmark gets the same warnings and sanitizer settings.
+add_library(quorel_build_flags INTERFACE)
+target_compile_options(quorel_build_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual
+  -Wimplicit-fallthrough -Wcast-qual -Wformat=2)
+if(QUOREL_WERROR)
+  target_compile_options(quorel_build_flags INTERFACE -Werror)
+endif()
+
+if(QUOREL_SANITIZE STREQUAL "address")
+  set(_quorel_san -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+elseif(QUOREL_SANITIZE STREQUAL "thread")
+  set(_quorel_san -fsanitize=thread -fno-omit-frame-pointer)
+elseif(NOT QUOREL_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "QUOREL_SANITIZE must be empty, 'address' or 'thread', not '${QUOREL_SANITIZE}'")
+endif()
+if(_quorel_san)
+  target_compile_options(quorel_build_flags INTERFACE ${_quorel_san})
+  target_link_options(quorel_build_flags INTERFACE ${_quorel_san})
+endif()
+
+# quorel_library(<name> SOURCES ... DEPS ...)
+# Declares the static library quorel_<name>. DEPS are the only libraries it may use; the
+# architecture test checks that its #includes agree.
+function(quorel_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
+  add_library(quorel_${name} STATIC ${ARG_SOURCES})
+  target_include_directories(quorel_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(quorel_${name} PUBLIC ${ARG_DEPS} PRIVATE quorel_build_flags ${ARG_PRIVATE_DEPS})
+endfunction()
+
+# quorel_platform_library(<name> SOURCES ... DEPS ...): platform adapters are included as
+# "platform/<machine>/file.hpp", so only programs and tests that link them can see them.
+function(quorel_platform_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS;PRIVATE_DEPS" ${ARGN})
+  add_library(quorel_${name} STATIC ${ARG_SOURCES})
+  target_include_directories(quorel_${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(quorel_${name} PUBLIC ${ARG_DEPS} PRIVATE quorel_build_flags ${ARG_PRIVATE_DEPS})
+endfunction()
+
+# quorel_test(<name> SOURCES ... DEPS ... [THREADED])
+# One GoogleTest binary per library. THREADED marks binaries whose tests run real threads, so
+# the ThreadSanitizer pass picks them up with `ctest -L threaded`.
+function(quorel_test name)
+  cmake_parse_arguments(ARG "THREADED" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} quorel_build_flags GTest::gmock GTest::gtest_main)
+  set(_labels unit)
+  if(ARG_THREADED)
+    list(APPEND _labels threaded)
+  endif()
+  gtest_discover_tests(${name}
+    PROPERTIES LABELS "${_labels}"
+    DISCOVERY_TIMEOUT 60
+    TEST_PREFIX "${name}.")
+endfunction()
+
+function(quorel_benchmark name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} quorel_build_flags benchmark::benchmark)
+endfunction()

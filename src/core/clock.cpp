@@ -1,0 +1,56 @@
+#include "core/clock.hpp"
+
+#include <cmath>
+#include <ctime>
+#include <string>
+
+#include <fmt/format.h>
+
+namespace quorel {
+
+ManualClock::ManualClock(TimePoint start) : now_(start) {}
+
+TimePoint ManualClock::now() const {
+  std::lock_guard lock(mutex_);
+  return now_;
+}
+
+void ManualClock::set(TimePoint t) {
+  std::lock_guard lock(mutex_);
+  now_ = t;
+}
+
+void ManualClock::advance(Seconds by) {
+  std::lock_guard lock(mutex_);
+  now_ += std::chrono::duration_cast<TimePoint::duration>(by);
+}
+
+double secondsBetween(TimePoint from, TimePoint to) {
+  return std::chrono::duration_cast<Seconds>(to - from).count();
+}
+
+double toUnixSeconds(TimePoint t) {
+  return std::chrono::duration_cast<Seconds>(t.time_since_epoch()).count();
+}
+
+TimePoint fromUnixSeconds(double seconds) {
+  return TimePoint{std::chrono::duration_cast<TimePoint::duration>(Seconds{seconds})};
+}
+
+TimePoint distantPast() {
+  // Year 0001, as far back as any reading could claim; well inside the nanosecond range.
+  return fromUnixSeconds(-62'135'596'800.0);
+}
+
+std::string formatIso8601(TimePoint t) {
+  const auto ms = std::chrono::floor<std::chrono::milliseconds>(t);
+  const auto secs = std::chrono::floor<std::chrono::seconds>(ms);
+  const auto frac = (ms - secs).count();
+  const std::time_t tt = std::chrono::system_clock::to_time_t(secs);
+  std::tm tm{};
+  gmtime_r(&tt, &tm);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", tm.tm_year + 1900, tm.tm_mon + 1,
+                     tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, frac);
+}
+
+}  // namespace quorel
