@@ -47,12 +47,12 @@ function(quorel_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} quorel_build_flags GTest::gmock GTest::gtest_main)
-  set(_labels unit)
+  set(_label unit)
   if(ARG_THREADED)
-    list(APPEND _labels threaded)
+    set(_label threaded)
   endif()
   gtest_discover_tests(${name}
-    PROPERTIES LABELS "${_labels}"
+    PROPERTIES LABELS ${_label}
     DISCOVERY_TIMEOUT 60
     TEST_PREFIX "${name}.")
 endfunction()
