@@ -38,8 +38,9 @@ TimePoint fromUnixSeconds(double seconds) {
 }
 
 TimePoint distantPast() {
-  // Year 0001, as far back as any reading could claim; well inside the nanosecond range.
-  return fromUnixSeconds(-62'135'596'800.0);
+  // Nanosecond time points only span 1677 to 2262, and the difference to any present-day time
+  // must not overflow either, so the distant past is 1900-01-01 rather than year 1.
+  return fromUnixSeconds(-2'208'988'800.0);
 }
 
 std::string formatIso8601(TimePoint t) {
