@@ -44,9 +44,10 @@ endfunction()
 # the ThreadSanitizer pass picks them up with `ctest -L threaded`.
 function(quorel_test name)
   cmake_parse_arguments(ARG "THREADED" "" "SOURCES;DEPS" ${ARGN})
-  add_executable(${name} ${ARG_SOURCES})
+  add_executable(${name} ${ARG_SOURCES} ${PROJECT_SOURCE_DIR}/tests/support/quiet_logs.cpp)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/tests)
-  target_link_libraries(${name} PRIVATE ${ARG_DEPS} quorel_build_flags GTest::gmock GTest::gtest_main)
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} quorel_core quorel_build_flags GTest::gmock
+    GTest::gtest_main)
   set(_label unit)
   if(ARG_THREADED)
     set(_label threaded)

@@ -23,9 +23,7 @@ class PowerDataProvider {
   virtual bool isSimulated() const { return false; }
   virtual std::optional<ComponentPower> simulatedComponentPower() const { return std::nullopt; }
   virtual std::optional<ThermalState> simulatedThermalState() const { return std::nullopt; }
-  virtual std::optional<SystemPowerRails> simulatedSystemPowerRails() const {
-    return std::nullopt;
-  }
+  virtual std::optional<SystemPowerRails> simulatedSystemPowerRails() const { return std::nullopt; }
 };
 
 // Per-component power measured across an interval (energy counters).
