@@ -61,8 +61,10 @@ BatteryDiagnostics BatteryDiagnostics::from(const PowerSnapshot& s) {
   BatteryDiagnostics d;
   if (s.notChargingReason || s.slowChargingReason || s.timeChargingThermallyLimited) {
     ChargingDiagnostics c;
-    if (s.notChargingReason) c.notChargingReason = ChargingReasonMapper::notChargingReason(*s.notChargingReason);
-    if (s.slowChargingReason) c.slowChargingReason = ChargingReasonMapper::slowChargingReason(*s.slowChargingReason);
+    if (s.notChargingReason)
+      c.notChargingReason = ChargingReasonMapper::notChargingReason(*s.notChargingReason);
+    if (s.slowChargingReason)
+      c.slowChargingReason = ChargingReasonMapper::slowChargingReason(*s.slowChargingReason);
     c.thermallyLimitedSeconds = s.timeChargingThermallyLimited;
     d.charging = c;
   }

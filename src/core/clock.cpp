@@ -1,10 +1,10 @@
 #include "core/clock.hpp"
 
+#include <fmt/format.h>
+
 #include <cmath>
 #include <ctime>
 #include <string>
-
-#include <fmt/format.h>
 
 namespace quorel {
 

@@ -44,7 +44,8 @@ ComponentPowerValidation ComponentPowerValidator::validate(
   const std::array<double, 5> watts{c.ecpuWatts, c.pcpuWatts, c.gpuWatts, c.aneWatts, c.dramWatts};
   if (std::any_of(watts.begin(), watts.end(),
                   [](double w) { return !std::isfinite(w) || w < 0; })) {
-    return {std::nullopt, HistoricalValueQuality::rejected, "non-finite or negative component rail"};
+    return {std::nullopt, HistoricalValueQuality::rejected,
+            "non-finite or negative component rail"};
   }
   const double sum = c.total();
   if (c.ecpuWatts > 30 || c.pcpuWatts > 60 || c.gpuWatts > 90 || c.aneWatts > 20 ||

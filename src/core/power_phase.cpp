@@ -51,7 +51,9 @@ constexpr std::int64_t kThermalReasonBit = 0x2;
 constexpr std::int64_t kChargeLimitMask = 0x80000000000001;
 }  // namespace
 
-std::string_view label(PowerPhase phase) { return kPhases[static_cast<std::size_t>(phase)].label; }
+std::string_view label(PowerPhase phase) {
+  return kPhases[static_cast<std::size_t>(phase)].label;
+}
 
 std::string_view toString(PowerPhase phase) {
   return kPhases[static_cast<std::size_t>(phase)].name;

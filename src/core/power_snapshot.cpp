@@ -8,9 +8,12 @@ struct ConnectionName {
   std::string_view name;
 };
 constexpr ConnectionName kConnectionNames[] = {
-    {ConnectionType::magsafe3, "magsafe3"},         {ConnectionType::thunderbolt5, "thunderbolt5"},
-    {ConnectionType::thunderbolt4, "thunderbolt4"}, {ConnectionType::thunderbolt3, "thunderbolt3"},
-    {ConnectionType::usbCPD, "usbCPD"},             {ConnectionType::usbC, "usbC"},
+    {ConnectionType::magsafe3, "magsafe3"},
+    {ConnectionType::thunderbolt5, "thunderbolt5"},
+    {ConnectionType::thunderbolt4, "thunderbolt4"},
+    {ConnectionType::thunderbolt3, "thunderbolt3"},
+    {ConnectionType::usbCPD, "usbCPD"},
+    {ConnectionType::usbC, "usbC"},
     {ConnectionType::unknown, "unknown"},
 };
 }  // namespace

@@ -15,7 +15,15 @@
 namespace quorel {
 
 // How a charger reaches the machine.
-enum class ConnectionType { magsafe3, thunderbolt5, thunderbolt4, thunderbolt3, usbCPD, usbC, unknown };
+enum class ConnectionType {
+  magsafe3,
+  thunderbolt5,
+  thunderbolt4,
+  thunderbolt3,
+  usbCPD,
+  usbC,
+  unknown
+};
 enum class CableType { active, passive, optical, magsafe };
 
 std::string_view toString(ConnectionType t);

@@ -119,7 +119,9 @@ TimerHandle& TimerHandle::operator=(TimerHandle&& other) noexcept {
   return *this;
 }
 
-TimerHandle::~TimerHandle() { cancel(); }
+TimerHandle::~TimerHandle() {
+  cancel();
+}
 
 void TimerHandle::cancel() {
   if (!state_) return;
@@ -183,9 +185,13 @@ void SerialQueue::shutdown() {
   }
 }
 
-bool SerialQueue::isCurrent() const { return tCurrentQueue == this; }
+bool SerialQueue::isCurrent() const {
+  return tCurrentQueue == this;
+}
 
-void SerialQueue::async(std::function<void()> work) { asio::post(impl_->io, std::move(work)); }
+void SerialQueue::async(std::function<void()> work) {
+  asio::post(impl_->io, std::move(work));
+}
 
 namespace {
 std::shared_ptr<detail::TimerState> makeTimer(SerialQueue& queue, asio::io_context& io,
@@ -248,6 +254,8 @@ std::size_t SerialQueue::runPending() {
   return impl_->io.poll();
 }
 
-asio::io_context& SerialQueue::context() { return impl_->io; }
+asio::io_context& SerialQueue::context() {
+  return impl_->io;
+}
 
 }  // namespace quorel

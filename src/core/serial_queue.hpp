@@ -23,9 +23,9 @@ namespace detail {
 struct TimerState;
 }
 
-// Owns one pending delayed job or repeating timer. A handle must not outlive its queue. Cancelling is idempotent and safe from any
-// thread; once cancel() returns, the job will not start (one already running finishes).
-// Destroying the handle cancels.
+// Owns one pending delayed job or repeating timer. A handle must not outlive its queue. Cancelling
+// is idempotent and safe from any thread; once cancel() returns, the job will not start (one
+// already running finishes). Destroying the handle cancels.
 class TimerHandle {
  public:
   TimerHandle() = default;
