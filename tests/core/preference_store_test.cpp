@@ -1,0 +1,286 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "core/file_preference_store.hpp"
+#include "core/memory_preference_store.hpp"
+#include "core/serial_queue.hpp"
+#include "support/log_capture.hpp"
+
+namespace quorel {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TempDirectory {
+ public:
+  TempDirectory() {
+    std::string pattern = (fs::temp_directory_path() / "quorel-prefs-XXXXXX").string();
+    path_ = ::mkdtemp(pattern.data());
+  }
+  ~TempDirectory() {
+    std::error_code ec;
+    fs::remove_all(path_, ec);
+  }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+std::string readFile(const fs::path& p) {
+  std::ifstream in(p);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void writeFile(const fs::path& p, const std::string& text) {
+  std::ofstream out(p, std::ios::trunc);
+  out << text;
+}
+
+unsigned modeOf(const fs::path& p) {
+  struct stat st {};
+  ::stat(p.c_str(), &st);
+  return st.st_mode & 0777;
+}
+
+TEST(MemoryPreferenceStoreTest, StoresTypedValuesAndNotifiesOnlyOnChange) {
+  MemoryPreferenceStore store;
+  int calls = 0;
+  const auto id = store.addObserver([&] { ++calls; });
+
+  EXPECT_FALSE(store.hasValue("Quorel.mcpServerEnabled"));
+  EXPECT_FALSE(store.boolValue("Quorel.mcpServerEnabled"));
+  store.setValue("Quorel.mcpServerEnabled", true);
+  store.setValue("Quorel.mcpServerPort", 8473);
+  store.setValue("QuorelSettings", "{\"a\":1}");
+  EXPECT_TRUE(store.boolValue("Quorel.mcpServerEnabled"));
+  EXPECT_EQ(store.integerValue("Quorel.mcpServerPort"), 8473);
+  EXPECT_EQ(store.dataValue("QuorelSettings"), "{\"a\":1}");
+  // Mistyped reads take the platform's defaults rather than failing.
+  EXPECT_FALSE(store.boolValue("Quorel.mcpServerPort"));
+  EXPECT_EQ(store.integerValue("QuorelSettings"), 0);
+  EXPECT_EQ(calls, 3);
+
+  store.setValue("Quorel.mcpServerPort", 8473);  // same value: nothing changed
+  store.removeValue("absent");
+  EXPECT_EQ(calls, 3);
+  store.removeValue("Quorel.mcpServerPort");
+  EXPECT_EQ(calls, 4);
+  EXPECT_FALSE(store.hasValue("Quorel.mcpServerPort"));
+
+  store.removeObserver(id);
+  store.setValue("x", 1);
+  EXPECT_EQ(calls, 4);
+  EXPECT_EQ(store.changeCount(), 5u);
+}
+
+TEST(MemoryPreferenceStoreTest, ObserverMayWriteBackWithoutDeadlock) {
+  MemoryPreferenceStore store;
+  store.addObserver([&] {
+    if (!store.hasValue("echo")) store.setValue("echo", store.value("source").value_or(0));
+  });
+  store.setValue("source", 7);
+  EXPECT_EQ(store.integerValue("echo"), 7);
+}
+
+class FilePreferenceStoreTest : public ::testing::Test {
+ protected:
+  TempDirectory temp;
+  fs::path dir = temp.path() / "config" / "quorel";
+  fs::path file = dir / "defaults.json";
+};
+
+TEST_F(FilePreferenceStoreTest, PersistsAcrossInstancesWithPrivateModes) {
+  {
+    FilePreferenceStore store(file);
+    store.setValue("QuorelSettings", "{\"pollingInterval\":2}");
+    store.setValue("Quorel.migration.collapsedByDefault.v1", true);
+  }
+  EXPECT_EQ(modeOf(dir), 0700u);
+  EXPECT_EQ(modeOf(file), 0600u);
+  auto onDisk = nlohmann::json::parse(readFile(file));
+  EXPECT_EQ(onDisk["Quorel.migration.collapsedByDefault.v1"], true);
+
+  FilePreferenceStore reopened(file);
+  EXPECT_EQ(reopened.dataValue("QuorelSettings"), "{\"pollingInterval\":2}");
+  EXPECT_TRUE(reopened.boolValue("Quorel.migration.collapsedByDefault.v1"));
+
+  reopened.removeValue("QuorelSettings");
+  EXPECT_FALSE(FilePreferenceStore(file).hasValue("QuorelSettings"));
+  // Only the document and its lock file remain: no temporary file is left behind.
+  std::size_t entries = 0;
+  for (const auto& entry : fs::directory_iterator(dir)) {
+    ++entries;
+    EXPECT_TRUE(entry.path() == file || entry.path().string() == file.string() + ".lock")
+        << entry.path();
+  }
+  EXPECT_EQ(entries, 2u);
+}
+
+TEST_F(FilePreferenceStoreTest, CorruptFileIsMovedAsideWithAWarningNamingBothPaths) {
+  fs::create_directories(dir);
+  writeFile(file, "{\"QuorelSettings\": \"half a docu");
+  testing::LogCapture logs;
+
+  FilePreferenceStore store(file);
+  EXPECT_FALSE(store.hasValue("QuorelSettings"));
+  const fs::path aside = file.string() + ".corrupt";
+  ASSERT_TRUE(fs::exists(aside));
+  EXPECT_EQ(readFile(aside), "{\"QuorelSettings\": \"half a docu");
+  EXPECT_FALSE(fs::exists(file));
+  EXPECT_EQ(logs.count("preferences file " + file.string() +
+                       " is not a valid JSON object — moved it aside to " + aside.string() +
+                       " and started with empty preferences"),
+            1u);
+
+  // A second bad file does not overwrite the first one set aside.
+  writeFile(file, "[1, 2, 3]");
+  FilePreferenceStore again(file);
+  EXPECT_EQ(readFile(aside), "{\"QuorelSettings\": \"half a docu");
+  EXPECT_EQ(readFile(file.string() + ".corrupt-1"), "[1, 2, 3]");
+
+  again.setValue("k", 1);
+  EXPECT_EQ(nlohmann::json::parse(readFile(file)), (nlohmann::json{{"k", 1}}));
+}
+
+TEST_F(FilePreferenceStoreTest, FileCorruptedWhileRunningIsSetAsideBeforeTheNextWrite) {
+  FilePreferenceStore store(file);
+  store.setValue("a", 1);
+  writeFile(file, "not json");
+  store.setValue("b", 2);
+  EXPECT_EQ(readFile(file.string() + ".corrupt"), "not json");
+  EXPECT_EQ(nlohmann::json::parse(readFile(file)), (nlohmann::json{{"b", 2}}));
+  EXPECT_FALSE(store.hasValue("a"));
+}
+
+TEST_F(FilePreferenceStoreTest, EmptyFileIsAnEmptyDomainNotACorruption) {
+  fs::create_directories(dir);
+  writeFile(file, "");
+  FilePreferenceStore store(file);
+  EXPECT_FALSE(fs::exists(file.string() + ".corrupt"));
+  store.setValue("a", true);
+  EXPECT_TRUE(FilePreferenceStore(file).boolValue("a"));
+}
+
+TEST_F(FilePreferenceStoreTest, TwoStoresOnOneFileKeepEachOthersKeys) {
+  FilePreferenceStore agent(file);
+  FilePreferenceStore commandLine(file);
+  agent.setValue("Quorel.mcpServerPort", 8473);
+  commandLine.setValue("Quorel.mcpServerEnabled", true);  // had not seen the port yet
+  agent.setValue("QuorelSettings", "{}");
+
+  auto onDisk = nlohmann::json::parse(readFile(file));
+  EXPECT_EQ(onDisk, (nlohmann::json{{"Quorel.mcpServerPort", 8473},
+                                    {"Quorel.mcpServerEnabled", true},
+                                    {"QuorelSettings", "{}"}}));
+  // The agent learnt of the other write through its own read-modify-write.
+  EXPECT_TRUE(agent.boolValue("Quorel.mcpServerEnabled"));
+}
+
+TEST_F(FilePreferenceStoreTest, PollNoticesAnotherWriterAndNotOwnWrites) {
+  FilePreferenceStore agent(file);
+  FilePreferenceStore commandLine(file);
+  int agentCalls = 0;
+  agent.addObserver([&] { ++agentCalls; });
+
+  agent.setValue("own", 1);
+  EXPECT_EQ(agentCalls, 1);
+  EXPECT_FALSE(agent.poll()) << "the agent's own write must not read as a foreign change";
+  EXPECT_EQ(agentCalls, 1);
+
+  commandLine.setValue("QuorelSettings", "{\"x\":1}");
+  EXPECT_FALSE(agent.hasValue("QuorelSettings"));
+  EXPECT_TRUE(agent.poll());
+  EXPECT_EQ(agentCalls, 2);
+  EXPECT_EQ(agent.dataValue("QuorelSettings"), "{\"x\":1}");
+  EXPECT_FALSE(agent.poll());
+
+  // A file deleted by hand empties the domain too.
+  fs::remove(file);
+  EXPECT_TRUE(agent.poll());
+  EXPECT_FALSE(agent.hasValue("own"));
+}
+
+TEST_F(FilePreferenceStoreTest, WatchOnQueueFiresObserversAfterAnotherWrite) {
+  SerialQueue queue("test.prefs.watch");
+  FilePreferenceStore commandLine(file);
+  std::atomic<int> calls{0};
+  {
+    FilePreferenceStore agent(file);
+    agent.addObserver([&] {
+      EXPECT_TRUE(queue.isCurrent());
+      ++calls;
+    });
+    agent.watchOn(queue);
+    queue.runPending();
+
+    commandLine.setValue("Quorel.autoUpdatePromptAnswered", true);
+    // inotify queues the event as the rename returns; the reactor needs a turn or two to see it.
+    for (int i = 0; i < 100 && calls.load() == 0; ++i) queue.runPending();
+    EXPECT_EQ(calls.load(), 1);
+    EXPECT_TRUE(agent.boolValue("Quorel.autoUpdatePromptAnswered"));
+  }
+  // Once the store is gone its watch no longer reacts.
+  queue.runPending();
+  commandLine.setValue("later", 1);
+  for (int i = 0; i < 10; ++i) queue.runPending();
+  EXPECT_EQ(calls.load(), 1);
+}
+
+TEST_F(FilePreferenceStoreTest, ForkedProcessAndParentWritingTogetherLoseNothing) {
+  constexpr int kWrites = 40;
+  FilePreferenceStore parent(file);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    // The child writes through a store of its own, as a second program would.
+    FilePreferenceStore childStore(file);
+    for (int i = 0; i < kWrites; ++i) childStore.setValue("child." + std::to_string(i), i);
+    ::_exit(0);
+  }
+  for (int i = 0; i < kWrites; ++i) parent.setValue("parent." + std::to_string(i), i);
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+
+  parent.poll();
+  auto onDisk = nlohmann::json::parse(readFile(file));
+  for (int i = 0; i < kWrites; ++i) {
+    EXPECT_EQ(onDisk.value("child." + std::to_string(i), -1), i);
+    EXPECT_EQ(onDisk.value("parent." + std::to_string(i), -1), i);
+    EXPECT_EQ(parent.integerValue("child." + std::to_string(i)), i);
+  }
+}
+
+TEST_F(FilePreferenceStoreTest, UnwritableDirectoryKeepsTheChangeInMemoryAndSaysSo) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root writes through directory permissions";
+  fs::create_directories(dir);
+  fs::permissions(dir, fs::perms::owner_read | fs::perms::owner_exec);
+  testing::LogCapture logs;
+  {
+    FilePreferenceStore store(file);
+    store.setValue("a", 1);
+    EXPECT_EQ(store.integerValue("a"), 1);
+  }
+  fs::permissions(dir, fs::perms::owner_all);
+  bool logged = false;
+  for (const auto& line : logs.lines()) {
+    if (line.message.rfind("cannot write preferences to " + file.string(), 0) == 0) logged = true;
+  }
+  EXPECT_TRUE(logged);
+}
+
+}  // namespace
+}  // namespace quorel
