@@ -1,0 +1,39 @@
+#!/bin/sh
+# Builds Quorel with warnings as errors (installing what is missing) and runs every test.
+#   scripts/run-tests.sh                    all tests, normal build, benchmarks built
+#   scripts/run-tests.sh --sanitize address all tests under AddressSanitizer + UBSan
+#   scripts/run-tests.sh --sanitize thread  the threaded tests under ThreadSanitizer
+set -eu
+root="$(cd "$(dirname "$0")/.." && pwd)"
+sanitize=""
+if [ "${1:-}" = "--sanitize" ]; then
+  sanitize="${2:?--sanitize needs address or thread}"
+fi
+case "$sanitize" in
+  "" | address | thread) ;;
+  *) echo "run-tests: --sanitize takes address or thread, not '$sanitize'" >&2; exit 2 ;;
+esac
+
+"$root/scripts/install-deps.sh"
+jobs="$(nproc 2>/dev/null || echo 2)"
+
+if [ -z "$sanitize" ]; then
+  build="$root/build/ci"
+  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUOREL_WERROR=ON \
+    -DQUOREL_BUILD_BENCH=ON >/dev/null
+  cmake --build "$build" -j "$jobs"
+  ctest --test-dir "$build" --output-on-failure -j "$jobs"
+else
+  build="$root/build/$sanitize"
+  cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DQUOREL_WERROR=ON \
+    -DQUOREL_SANITIZE="$sanitize" -DQUOREL_BUILD_BENCH=OFF >/dev/null
+  cmake --build "$build" -j "$jobs"
+  export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
+  export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+  export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+  if [ "$sanitize" = "thread" ]; then
+    ctest --test-dir "$build" --output-on-failure -j "$jobs" -L threaded
+  else
+    ctest --test-dir "$build" --output-on-failure -j "$jobs"
+  fi
+fi

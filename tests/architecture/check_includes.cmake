@@ -1,0 +1,45 @@
+cmake_minimum_required(VERSION 3.25)
+# Fails when a library includes a header from a library it may not use, or when anything under
+# src/ includes a platform adapter. Run by ctest as "architecture".
+#   cmake -DROOT=<repo> -P check_includes.cmake
+
+# What each library under src/ may include, itself included. The order mirrors the design map:
+# core <- telemetry, store, energy, insights, devices <- control <- mcp <- app <- programs.
+set(allowed_core core)
+set(allowed_store core store)
+set(allowed_devices core devices)
+set(allowed_telemetry core telemetry store devices)
+set(allowed_energy core energy store telemetry)
+set(allowed_insights core insights store telemetry)
+set(allowed_control core telemetry store energy insights devices control)
+set(allowed_mcp core telemetry store energy insights devices control mcp)
+set(allowed_dashboard core telemetry store energy insights devices control dashboard)
+set(allowed_app core telemetry store energy insights devices control mcp dashboard app)
+set(allowed_support core telemetry store energy insights devices control mcp dashboard app support)
+set(known_libraries core store devices telemetry energy insights control mcp dashboard app support)
+
+file(GLOB_RECURSE sources "${ROOT}/src/*.hpp" "${ROOT}/src/*.cpp")
+set(violations "")
+foreach(file IN LISTS sources)
+  file(RELATIVE_PATH rel "${ROOT}/src" "${file}")
+  string(REGEX MATCH "^[^/]+" lib "${rel}")
+  if(NOT DEFINED allowed_${lib})
+    string(APPEND violations "\n  src/${rel}: library '${lib}' is not in the dependency table")
+    continue()
+  endif()
+  file(STRINGS "${file}" includes REGEX "^[ \t]*#[ \t]*include[ \t]*\"")
+  foreach(line IN LISTS includes)
+    string(REGEX REPLACE "^[ \t]*#[ \t]*include[ \t]*\"([^\"]+)\".*" "\\1" header "${line}")
+    string(REGEX MATCH "^[^/]+" target "${header}")
+    if(target STREQUAL "platform")
+      string(APPEND violations "\n  src/${rel}: includes platform adapter ${header}")
+    elseif(target IN_LIST known_libraries AND NOT target IN_LIST allowed_${lib})
+      string(APPEND violations "\n  src/${rel}: ${lib} may not include ${header}")
+    endif()
+  endforeach()
+endforeach()
+
+if(violations)
+  message(FATAL_ERROR "upward or sideways includes:${violations}")
+endif()
+message(STATUS "include directions agree with the design map")
