@@ -1,0 +1,80 @@
+#include <gtest/gtest.h>
+
+#include "devices/mac_model.hpp"
+#include "devices/usb_device.hpp"
+
+namespace quorel {
+namespace {
+
+TEST(USBSpeedTest, RegistryValuesAndLabels) {
+  EXPECT_EQ(usbSpeedFromRaw(0), USBSpeed::full);
+  EXPECT_EQ(shortLabel(usbSpeedFromRaw(0)), "USB 1.1");
+  EXPECT_EQ(shortLabel(usbSpeedFromRaw(1)), "USB 1.0");
+  EXPECT_EQ(shortLabel(usbSpeedFromRaw(2)), "USB 2.0");
+  EXPECT_EQ(shortLabel(usbSpeedFromRaw(3)), "USB 3.0");
+  EXPECT_EQ(shortLabel(usbSpeedFromRaw(4)), "USB 3.1");
+  EXPECT_EQ(shortLabel(usbSpeedFromRaw(5)), "USB 3.2");
+  // Values without a case, and a missing value, are unknown.
+  EXPECT_EQ(usbSpeedFromRaw(6), USBSpeed::unknown);
+  EXPECT_EQ(usbSpeedFromRaw(7), USBSpeed::unknown);
+  EXPECT_EQ(usbSpeedFromRaw(-1), USBSpeed::unknown);
+  EXPECT_EQ(usbSpeedFromRaw(std::nullopt), USBSpeed::unknown);
+  EXPECT_EQ(shortLabel(USBSpeed::unknown), "USB");
+}
+
+TEST(DeviceTypeTest, FromClassCode) {
+  const std::pair<std::int64_t, DeviceType> table[] = {
+      {1, DeviceType::audio},      {2, DeviceType::network},    {10, DeviceType::network},
+      {3, DeviceType::hid},        {6, DeviceType::camera},     {14, DeviceType::camera},
+      {7, DeviceType::printer},    {8, DeviceType::storage},    {9, DeviceType::hub},
+      {11, DeviceType::smartCard}, {224, DeviceType::wireless}, {255, DeviceType::vendor},
+      {0, DeviceType::unknown},    {4, DeviceType::unknown},    {5, DeviceType::unknown},
+      {12, DeviceType::unknown},   {13, DeviceType::unknown},   {254, DeviceType::unknown},
+  };
+  for (const auto& [code, type] : table) EXPECT_EQ(deviceTypeFromClass(code), type) << code;
+}
+
+TEST(DeviceTypeTest, FromNameFirstRuleWins) {
+  EXPECT_EQ(deviceTypeFromName("USB Keyboard"), DeviceType::hid);
+  EXPECT_EQ(deviceTypeFromName("FaceTime HD"), DeviceType::camera);
+  EXPECT_EQ(deviceTypeFromName("USB Audio Headset"), DeviceType::audio);
+  EXPECT_EQ(deviceTypeFromName("Portable SSD"), DeviceType::storage);
+  EXPECT_EQ(deviceTypeFromName("USB3.0 Hub"), DeviceType::hub);
+  EXPECT_EQ(deviceTypeFromName("Photo Scanner"), DeviceType::printer);
+  EXPECT_EQ(deviceTypeFromName("Wi-Fi Dongle"), DeviceType::network);
+  // A keyboard with a built-in hub is a keyboard: input devices are tested first.
+  EXPECT_EQ(deviceTypeFromName("Keyboard Hub"), DeviceType::hid);
+  // A webcam's microphone does not make it an audio device.
+  EXPECT_EQ(deviceTypeFromName("Webcam with Microphone"), DeviceType::camera);
+  EXPECT_EQ(deviceTypeFromName("Gadget"), DeviceType::unknown);
+  EXPECT_EQ(deviceTypeFromName(""), DeviceType::unknown);
+}
+
+TEST(DeviceTypeTest, RawValuesAreTheCaseNames) {
+  EXPECT_EQ(toString(DeviceType::smartCard), "smartCard");
+  for (int tag = 0; tag <= static_cast<int>(DeviceType::unknown); ++tag) {
+    const auto type = static_cast<DeviceType>(tag);
+    EXPECT_EQ(deviceTypeFromString(toString(type)), type);
+  }
+  EXPECT_EQ(deviceTypeFromString("SmartCard"), std::nullopt);
+}
+
+TEST(MacModelTest, DesktopsAndNames) {
+  EXPECT_EQ(displayName(MacModel::macMini), "Mac mini");
+  EXPECT_EQ(displayName(MacModel::unknown), "Mac");
+  EXPECT_EQ(maxLoadW(MacModel::macStudio), 270.0);
+  EXPECT_EQ(maxLoadW(MacModel::unknown), std::nullopt);
+  for (auto m : {MacModel::macStudio, MacModel::macPro, MacModel::macMini, MacModel::iMac}) {
+    EXPECT_TRUE(isDesktop(m)) << toString(m);
+  }
+  // An unrecognised machine is not assumed to lack a battery.
+  for (auto m :
+       {MacModel::macBookPro, MacModel::macBookAir, MacModel::macBookNeo, MacModel::unknown}) {
+    EXPECT_FALSE(isDesktop(m)) << toString(m);
+  }
+  EXPECT_EQ(macModelFromString("iMac"), MacModel::iMac);
+  EXPECT_EQ(macModelFromString("MacBook Pro"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace quorel
