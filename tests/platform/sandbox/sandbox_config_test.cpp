@@ -1,0 +1,201 @@
+#include "platform/sandbox/sandbox_config.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace quorel {
+namespace {
+
+TEST(SandboxSettingsTest, InitialScenario) {
+  const SandboxSettings s;
+  EXPECT_FALSE(s.enabled);
+  EXPECT_EQ(s.powerSource, SandboxPowerSource::battery);
+  EXPECT_EQ(s.connectionType, ConnectionType::thunderbolt4);
+  EXPECT_EQ(s.adapterWatts, 96);
+  EXPECT_EQ(s.batteryPercentage, 72.0);
+  EXPECT_EQ(s.batteryHealth, 94.0);
+  EXPECT_EQ(s.cycleCount, 187);
+  EXPECT_EQ(s.temperature, 34.5);
+  EXPECT_FALSE(s.isCharging);
+  EXPECT_EQ(s.systemLoad, SandboxLoadPreset::medium);
+  EXPECT_EQ(s.wattageOverride, std::nullopt);
+  EXPECT_EQ(s.thermalState, SandboxThermalState::nominal);
+  EXPECT_EQ(s.macModel, MacModel::macBookPro);
+  EXPECT_EQ(s.monitorName, "Studio Display");
+  EXPECT_EQ(s.dockName, "CalDigit TS4");
+  EXPECT_TRUE(s.simulatedUSBDevices().empty());
+}
+
+TEST(SandboxSettingsTest, EnumerationTexts) {
+  EXPECT_EQ(rawText(SandboxPowerSource::acSupplementing), "AC (Supplementing)");
+  EXPECT_EQ(rawText(SandboxPowerSource::acOnHold), "AC (On Hold)");
+  EXPECT_EQ(toString(SandboxPowerSource::acOnHold), "acOnHold");
+  EXPECT_EQ(rawText(SandboxLoadPreset::extreme), "Extreme");
+  EXPECT_EQ(rawText(SandboxThermalState::serious), "Serious");
+  EXPECT_EQ(platformThermalState(SandboxThermalState::fair), ThermalState::fair);
+}
+
+TEST(SandboxSettingsTest, EffectiveWattageBySource) {
+  SandboxSettings s;
+  s.systemLoad = SandboxLoadPreset::light;  // 8 W
+  s.adapterWatts = 60;
+  const std::pair<SandboxPowerSource, double> expected[] = {
+      {SandboxPowerSource::battery, -8},         {SandboxPowerSource::acCharging, 52},
+      {SandboxPowerSource::acFull, 0.2},         {SandboxPowerSource::acOnHold, 0},
+      {SandboxPowerSource::acSupplementing, 52},  // a strong adapter supplements nothing
+  };
+  for (const auto& [source, watts] : expected) {
+    s.powerSource = source;
+    EXPECT_DOUBLE_EQ(s.effectiveWattage(), watts) << toString(source);
+  }
+}
+
+TEST(SandboxSettingsTest, DevicesInToggleOrderWithTheirFigures) {
+  SandboxSettings s;
+  s.networkAdapter = s.webcam = s.externalDrive = s.mouse = s.keyboard = s.dock =
+      s.externalMonitor = true;
+  s.monitorName = "Desk Display";
+  const auto devices = s.simulatedUSBDevices();
+  std::vector<std::string> ids;
+  for (const auto& d : devices) ids.push_back(d.id);
+  EXPECT_EQ(ids, (std::vector<std::string>{"sandbox-monitor", "sandbox-dock", "sandbox-keyboard",
+                                           "sandbox-mouse", "sandbox-drive", "sandbox-webcam",
+                                           "sandbox-ethernet"}));
+  ASSERT_EQ(devices.size(), 7u);
+  EXPECT_EQ(devices[0].name, "Desk Display");
+  EXPECT_EQ(devices[1].name, "CalDigit TS4");
+  EXPECT_EQ(devices[1].vendorName, "CalDigit");
+  EXPECT_EQ(devices[1].vendorID, 8584);
+  EXPECT_EQ(devices[1].productID, 73);
+  EXPECT_EQ(devices[1].busPowerAvailable_mA, 3000);
+  EXPECT_EQ(devices[1].busPowerUsed_mA, 1200);
+  EXPECT_EQ(devices[4].name, "Samsung T7 Shield");
+  EXPECT_EQ(devices[4].productID, 16385);
+  EXPECT_EQ(devices[4].busPowerUsed_mA, 640);
+  EXPECT_EQ(devices[6].name, "USB Ethernet Adapter");
+  EXPECT_EQ(devices[6].vendorName, "Realtek");
+  EXPECT_EQ(devices[6].vendorID, 3034);
+  EXPECT_EQ(devices[6].productID, 33107);
+  EXPECT_EQ(devices[6].busPowerAvailable_mA, 900);
+  EXPECT_EQ(devices[6].busPowerUsed_mA, 360);
+
+  SandboxSettings some;
+  some.webcam = some.keyboard = true;
+  const auto two = some.simulatedUSBDevices();
+  ASSERT_EQ(two.size(), 2u);
+  EXPECT_EQ(two[0].name, "Magic Keyboard");
+  EXPECT_EQ(two[0].productID, 668);
+  EXPECT_EQ(two[1].name, "Logitech C920");
+  EXPECT_EQ(two[1].busPowerUsed_mA, 500);
+}
+
+TEST(SandboxConfigTest, ObserversHearRealChangesOnly) {
+  SandboxConfig config;
+  std::vector<SandboxConfig::Change> seen;
+  config.addObserver([&](const SandboxConfig::Change& c) { seen.push_back(c); });
+
+  config.update([](SandboxSettings& s) { s.adapterWatts = 96; });  // already so
+  EXPECT_TRUE(seen.empty());
+
+  config.update([](SandboxSettings& s) { s.enabled = true; });
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_TRUE(seen[0].enabledChanged());
+  EXPECT_FALSE(seen[0].parametersChanged());
+  EXPECT_TRUE(config.enabled());
+
+  config.update([](SandboxSettings& s) { s.systemLoad = SandboxLoadPreset::heavy; });
+  ASSERT_EQ(seen.size(), 2u);
+  EXPECT_FALSE(seen[1].enabledChanged());
+  EXPECT_TRUE(seen[1].parametersChanged());
+  EXPECT_EQ(seen[1].before.systemLoad, SandboxLoadPreset::medium);
+  EXPECT_EQ(seen[1].after.systemLoad, SandboxLoadPreset::heavy);
+}
+
+TEST(SandboxConfigTest, ObserverSeesTheNewValuesWhenCalled) {
+  SandboxConfig config;
+  double seenWattage = 0;
+  config.addObserver([&](const SandboxConfig::Change&) {
+    seenWattage = config.effectiveWattage();  // re-entering the config must not deadlock
+  });
+  config.update([](SandboxSettings& s) { s.wattageOverride = 7; });
+  EXPECT_EQ(seenWattage, 7);
+}
+
+TEST(SandboxConfigTest, RemovedObserverHearsNothing) {
+  SandboxConfig config;
+  int a = 0;
+  int b = 0;
+  const auto idA = config.addObserver([&](const SandboxConfig::Change&) { ++a; });
+  config.addObserver([&](const SandboxConfig::Change&) { ++b; });
+  config.update([](SandboxSettings& s) { s.dock = true; });
+  config.removeObserver(idA);
+  config.removeObserver(idA);  // twice is harmless
+  config.update([](SandboxSettings& s) { s.dock = false; });
+  EXPECT_EQ(a, 1);
+  EXPECT_EQ(b, 2);
+}
+
+TEST(SandboxConfigTest, ChangeMadeByAnObserverIsDeliveredAfterTheCurrentOne) {
+  SandboxConfig config;
+  std::vector<std::string> log;
+  // The first observer reacts to entering the sandbox by switching to a scenario of its own.
+  config.addObserver([&](const SandboxConfig::Change& c) {
+    log.push_back("first:" + std::string(toString(c.after.powerSource)));
+    if (c.enabledChanged() && c.after.enabled) {
+      config.update([](SandboxSettings& s) { s.powerSource = SandboxPowerSource::acFull; });
+    }
+  });
+  config.addObserver([&](const SandboxConfig::Change& c) {
+    log.push_back("second:" + std::string(toString(c.after.powerSource)));
+  });
+  config.update([](SandboxSettings& s) { s.enabled = true; });
+  EXPECT_EQ(log, (std::vector<std::string>{"first:battery", "second:battery", "first:acFull",
+                                           "second:acFull"}));
+}
+
+TEST(SandboxConfigTest, ThrowingObserverDoesNotSilenceLaterChanges) {
+  SandboxConfig config;
+  bool fail = true;
+  int heard = 0;
+  config.addObserver([&](const SandboxConfig::Change&) {
+    ++heard;
+    if (fail) throw std::runtime_error("observer failed");
+  });
+  EXPECT_THROW(config.update([](SandboxSettings& s) { s.mouse = true; }), std::runtime_error);
+  fail = false;
+  config.update([](SandboxSettings& s) { s.mouse = false; });
+  EXPECT_EQ(heard, 2);
+}
+
+TEST(SandboxConfigTest, ReadersNeverSeeAHalfAppliedScenario) {
+  // Two scenarios that differ in every number; a reader must always get one or the other.
+  SandboxSettings a;
+  SandboxSettings b;
+  b.adapterWatts = 30;
+  b.batteryPercentage = 10;
+  b.cycleCount = 900;
+  b.monitorName = "A much longer monitor name that will not fit in place";
+  SandboxConfig config(a);
+  std::atomic<bool> done{false};
+  std::thread writer([&] {
+    for (int i = 0; i < 2000; ++i) config.set(i % 2 ? a : b);
+    done = true;
+  });
+  long torn = 0;
+  long reads = 0;
+  while (!done) {
+    const auto v = config.values();
+    ++reads;
+    if (v != a && v != b) ++torn;
+  }
+  writer.join();
+  EXPECT_EQ(torn, 0) << "of " << reads << " reads";
+}
+
+}  // namespace
+}  // namespace quorel

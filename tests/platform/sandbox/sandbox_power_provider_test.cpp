@@ -1,0 +1,324 @@
+#include "platform/sandbox/sandbox_power_provider.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "core/power_phase.hpp"
+
+namespace quorel {
+namespace {
+
+using namespace std::chrono_literals;
+
+class SandboxPowerProviderTest : public ::testing::Test {
+ protected:
+  PowerSnapshot fetch() {
+    auto s = provider.fetchSnapshot();
+    EXPECT_TRUE(s) << "the simulated machine never fails to read";
+    return s.value_or(PowerSnapshot{});
+  }
+  void scenario(const std::function<void(SandboxSettings&)>& edit) { config.update(edit); }
+
+  // The phase the monitor would settle on once its average has reached the raw figure.
+  PowerPhase settledPhase() {
+    const auto s = fetch();
+    return phaseFrom(s, config.effectiveWattage(),
+                     PowerPhaseDetectionContext{*provider.simulatedThermalState(), 600});
+  }
+
+  SandboxConfig config;
+  ManualClock clock;
+  SandboxPowerProvider provider{config, clock};
+};
+
+TEST_F(SandboxPowerProviderTest, DefaultMachineDrainsAtEighteenWatts) {
+  const auto s = fetch();
+  EXPECT_DOUBLE_EQ(config.effectiveWattage(), -18.0);
+  EXPECT_EQ(s.designCapacity_mAh, 8693);
+  EXPECT_EQ(s.maxCapacity_mAh, 8171);  // 94 % of 8693
+  EXPECT_EQ(s.nominalCapacity_mAh, 8171);
+  EXPECT_EQ(s.currentCapacity_mAh, 5883);  // 72 % of that
+  EXPECT_EQ(s.voltage_mV, 14800);
+  EXPECT_EQ(s.instantAmperage_mA, -1216);  // -18 W / 14.8 V
+  EXPECT_EQ(s.amperage_mA, -1216);
+  EXPECT_EQ(s.temperature_cC, 3450);
+  EXPECT_EQ(s.cycleCount, 187);
+  EXPECT_FALSE(s.isCharging);
+  EXPECT_FALSE(s.externalConnected);
+  EXPECT_FALSE(s.fullyCharged);
+  EXPECT_TRUE(s.batteryInstalled);
+  EXPECT_EQ(s.timeRemaining_min, 290);  // 5883 mAh at 1216 mA
+  EXPECT_EQ(s.avgTimeToEmpty_min, 290);
+  EXPECT_EQ(s.systemLoad_mW, 18000);
+  EXPECT_EQ(s.timestamp, clock.now());
+
+  // The figures a person sees once the monitor derives its state.
+  EXPECT_EQ(std::lround(100.0 * s.currentCapacity_mAh / s.maxCapacity_mAh), 72);
+  EXPECT_EQ(std::lround(100.0 * s.nominalCapacity_mAh / s.designCapacity_mAh), 94);
+  EXPECT_EQ(settledPhase(), PowerPhase::draining);
+}
+
+TEST_F(SandboxPowerProviderTest, OnBatteryNoAdapterFieldsExist) {
+  const auto s = fetch();
+  EXPECT_EQ(s.adapterWatts, std::nullopt);
+  EXPECT_EQ(s.adapterVoltage_mV, std::nullopt);
+  EXPECT_EQ(s.adapterCurrent_mA, std::nullopt);
+  EXPECT_EQ(s.systemPowerIn_mW, std::nullopt);
+  EXPECT_EQ(s.adapterDescription, std::nullopt);
+  EXPECT_EQ(s.connectionType, std::nullopt);
+  EXPECT_EQ(s.usbPDProfiles, std::nullopt);
+  EXPECT_EQ(s.cableType, std::nullopt);
+  EXPECT_EQ(s.wallPowerEstimate_mW, std::nullopt);
+  EXPECT_EQ(s.portMaxPower_mW, std::nullopt);
+  EXPECT_EQ(s.chargerVendorID, std::nullopt);
+  EXPECT_EQ(s.notChargingReason, std::nullopt);
+}
+
+TEST_F(SandboxPowerProviderTest, FixedPackFiguresAndAbsentIdentity) {
+  const auto s = fetch();
+  EXPECT_EQ(s.designCycleCount, 1000);
+  EXPECT_EQ(s.cellVoltages, (std::vector<std::int64_t>{4933, 4933, 4933}));
+  EXPECT_EQ(s.cellResistances, (std::vector<std::int64_t>{45, 47, 44}));
+  EXPECT_EQ(s.cellQmax, (std::vector<std::int64_t>{2723, 2723, 2723}));
+  EXPECT_EQ(s.totalOperatingTime, 1200);
+  EXPECT_EQ(s.averageTemperature, 330);
+  EXPECT_EQ(s.minTemperature, 18);
+  EXPECT_EQ(s.maxTemperature, 42);
+  EXPECT_EQ(s.timeAtHighSoc, 200);
+  EXPECT_EQ(s.minPackVoltage, 10500);
+  EXPECT_EQ(s.maxPackVoltage, 15200);
+  EXPECT_EQ(s.dailyMinSoc, 57);
+  EXPECT_EQ(s.dailyMaxSoc, 77);
+  // Without a serial the battery epoch logic stays idle.
+  EXPECT_EQ(s.batterySerial, std::nullopt);
+  EXPECT_EQ(s.iopsPercent, std::nullopt);
+  EXPECT_EQ(s.socResidency, std::nullopt);
+  EXPECT_EQ(s.slowChargingReason, std::nullopt);
+  EXPECT_EQ(s.adapterID, std::nullopt);
+  EXPECT_EQ(s.chargerProductID, std::nullopt);
+}
+
+TEST_F(SandboxPowerProviderTest, SupplementingWithAWeakAdapterUnderHeavyLoad) {
+  scenario([](SandboxSettings& c) {
+    c.powerSource = SandboxPowerSource::acSupplementing;
+    c.adapterWatts = 30;
+    c.systemLoad = SandboxLoadPreset::heavy;
+  });
+  EXPECT_DOUBLE_EQ(config.effectiveWattage(), -5.0);
+  const auto s = fetch();
+  EXPECT_EQ(s.instantAmperage_mA, -337);
+  EXPECT_TRUE(s.externalConnected);
+  EXPECT_FALSE(s.isCharging);
+  EXPECT_EQ(s.timeRemaining_min, std::nullopt);
+  EXPECT_EQ(s.avgTimeToEmpty_min, std::nullopt);
+  EXPECT_EQ(s.adapterWatts, 30);
+  EXPECT_EQ(s.adapterCurrent_mA, 1500);
+  EXPECT_EQ(s.systemLoad_mW, 35000);
+  EXPECT_EQ(s.adapterDescription, "30W USB-C Power Adapter");
+}
+
+TEST_F(SandboxPowerProviderTest, OnHoldReadsAsAPlainHold) {
+  scenario([](SandboxSettings& c) { c.powerSource = SandboxPowerSource::acOnHold; });
+  const auto s = fetch();
+  EXPECT_DOUBLE_EQ(config.effectiveWattage(), 0.0);
+  EXPECT_EQ(s.instantAmperage_mA, 0);
+  EXPECT_EQ(s.notChargingReason, 8);
+  EXPECT_EQ(s.timeRemaining_min, std::nullopt);
+  EXPECT_EQ(settledPhase(), PowerPhase::onHold);
+  EXPECT_EQ(label(settledPhase()), "On Hold");
+  // A hot machine holds for the heat, not the reason bit.
+  scenario([](SandboxSettings& c) { c.thermalState = SandboxThermalState::serious; });
+  EXPECT_EQ(settledPhase(), PowerPhase::thermalHold);
+}
+
+TEST_F(SandboxPowerProviderTest, FullPackSettlesAtAFifthOfAWatt) {
+  scenario([](SandboxSettings& c) { c.powerSource = SandboxPowerSource::acFull; });
+  const auto s = fetch();
+  EXPECT_DOUBLE_EQ(config.effectiveWattage(), 0.2);
+  EXPECT_TRUE(s.fullyCharged);
+  EXPECT_FALSE(s.isCharging);
+  EXPECT_EQ(s.instantAmperage_mA, 13);
+  EXPECT_EQ(s.timeRemaining_min, 0);
+  EXPECT_EQ(s.avgTimeToEmpty_min, 0);
+  EXPECT_EQ(s.notChargingReason, std::nullopt);
+  EXPECT_EQ(label(settledPhase()), "Fully Charged");
+}
+
+TEST_F(SandboxPowerProviderTest, ChargingFromTheAdapter) {
+  scenario([](SandboxSettings& c) {
+    c.powerSource = SandboxPowerSource::acCharging;
+    c.connectionType = ConnectionType::magsafe3;
+  });
+  const auto s = fetch();
+  EXPECT_DOUBLE_EQ(config.effectiveWattage(), 78.0);  // 96 W in, 18 W used
+  EXPECT_EQ(s.instantAmperage_mA, 5270);
+  EXPECT_TRUE(s.isCharging);
+  EXPECT_TRUE(s.externalConnected);
+  EXPECT_EQ(s.timeRemaining_min, 26);  // 2288 mAh to go at 5270 mA
+  EXPECT_EQ(settledPhase(), PowerPhase::charging);
+
+  EXPECT_EQ(s.adapterWatts, 96);
+  EXPECT_EQ(s.adapterVoltage_mV, 20000);
+  EXPECT_EQ(s.adapterCurrent_mA, 4800);
+  EXPECT_EQ(s.systemPowerIn_mW, 96000);
+  EXPECT_EQ(s.systemCurrentIn_mA, 4800);
+  EXPECT_EQ(s.systemVoltageIn_mV, 20000);
+  EXPECT_EQ(s.adapterDescription, "96W USB-C Power Adapter");
+  EXPECT_EQ(s.connectionType, ConnectionType::magsafe3);
+  EXPECT_EQ(s.activePDProfileIndex, 3);
+  EXPECT_EQ(s.cableType, CableType::active);
+  EXPECT_EQ(s.wallPowerEstimate_mW, 107520);
+  EXPECT_EQ(s.adapterEfficiencyLoss_mW, 11520);
+  EXPECT_EQ(s.pdSpecRevision, 2);
+  EXPECT_EQ(s.chargerVendorID, 1452);
+  EXPECT_EQ(s.chargingPortIndex, 1);
+  EXPECT_EQ(s.portMaxPower_mW, 96000);
+  using Profile = std::map<std::string, std::int64_t>;
+  EXPECT_EQ(s.usbPDProfiles, (std::vector<Profile>{{{"Voltage", 5000}, {"Current", 3000}},
+                                                   {{"Voltage", 9000}, {"Current", 3000}},
+                                                   {{"Voltage", 15000}, {"Current", 3000}},
+                                                   {{"Voltage", 20000}, {"Current", 4800}}}));
+}
+
+TEST_F(SandboxPowerProviderTest, AdapterFiguresStayExactForOddRatings) {
+  // 1.12 and 0.12 are not exact in binary; the estimates must still be the whole milliwatts.
+  for (std::int64_t watts : {29, 35, 61, 67, 140, 999}) {
+    scenario([&](SandboxSettings& c) {
+      c.powerSource = SandboxPowerSource::acOnHold;
+      c.adapterWatts = watts;
+    });
+    const auto s = fetch();
+    EXPECT_EQ(s.wallPowerEstimate_mW, watts * 1120) << watts;
+    EXPECT_EQ(s.adapterEfficiencyLoss_mW, watts * 120) << watts;
+    EXPECT_EQ(s.adapterCurrent_mA, watts * 50) << watts;
+  }
+}
+
+TEST_F(SandboxPowerProviderTest, ZeroWattsDividesByOneInTheTimeEstimate) {
+  scenario([](SandboxSettings& c) {
+    c.powerSource = SandboxPowerSource::acCharging;
+    c.wattageOverride = 0.0;
+  });
+  EXPECT_EQ(fetch().timeRemaining_min, (8171 - 5883) * 60);
+  scenario([](SandboxSettings& c) { c.powerSource = SandboxPowerSource::battery; });
+  EXPECT_EQ(fetch().timeRemaining_min, 5883 * 60);
+}
+
+TEST_F(SandboxPowerProviderTest, OverrideBeatsEveryRule) {
+  scenario([](SandboxSettings& c) { c.wattageOverride = 12.5; });
+  EXPECT_DOUBLE_EQ(config.effectiveWattage(), 12.5);
+  const auto s = fetch();
+  EXPECT_EQ(s.instantAmperage_mA, 844);
+  EXPECT_FALSE(s.externalConnected);
+  // Energy into the battery while unplugged is legal in a scenario; the phase stays honest.
+  EXPECT_EQ(settledPhase(), PowerPhase::draining);
+  for (auto source : {SandboxPowerSource::acFull, SandboxPowerSource::acOnHold,
+                      SandboxPowerSource::acSupplementing, SandboxPowerSource::acCharging}) {
+    scenario([&](SandboxSettings& c) { c.powerSource = source; });
+    EXPECT_DOUBLE_EQ(config.effectiveWattage(), 12.5) << toString(source);
+  }
+}
+
+TEST_F(SandboxPowerProviderTest, PercentageExtremesAndDailyBounds) {
+  scenario([](SandboxSettings& c) { c.batteryPercentage = 0; });
+  auto s = fetch();
+  EXPECT_EQ(s.currentCapacity_mAh, 0);
+  EXPECT_EQ(s.timeRemaining_min, 0);
+  EXPECT_EQ(s.dailyMinSoc, 0);
+  EXPECT_EQ(s.dailyMaxSoc, 5);
+
+  scenario([](SandboxSettings& c) { c.batteryPercentage = 9.9; });
+  EXPECT_EQ(fetch().dailyMinSoc, 0);
+
+  scenario([](SandboxSettings& c) { c.batteryPercentage = 97.6; });
+  s = fetch();
+  EXPECT_EQ(s.dailyMinSoc, 82);  // the truncated 97, not 98
+  EXPECT_EQ(s.dailyMaxSoc, 100);
+
+  scenario([](SandboxSettings& c) { c.batteryPercentage = 100; });
+  s = fetch();
+  EXPECT_EQ(s.currentCapacity_mAh, s.maxCapacity_mAh);
+  EXPECT_EQ(s.dailyMaxSoc, 100);
+}
+
+TEST_F(SandboxPowerProviderTest, DecimalInputsTruncateToWhatWasTyped) {
+  scenario([](SandboxSettings& c) {
+    c.temperature = 34.59;  // 3458.9999999999995 in doubles
+    c.batteryHealth = 100;
+    c.batteryPercentage = 50;
+  });
+  const auto s = fetch();
+  EXPECT_EQ(s.temperature_cC, 3459);
+  EXPECT_EQ(s.maxCapacity_mAh, 8693);
+  EXPECT_EQ(s.currentCapacity_mAh, 4346);  // 4346.5 truncated
+  scenario([](SandboxSettings& c) { c.temperature = -5.5; });
+  EXPECT_EQ(fetch().temperature_cC, -550);
+}
+
+TEST_F(SandboxPowerProviderTest, DesktopModelHasNoBattery) {
+  for (auto model : {MacModel::macStudio, MacModel::macPro, MacModel::macMini, MacModel::iMac}) {
+    scenario([&](SandboxSettings& c) { c.macModel = model; });
+    EXPECT_FALSE(fetch().batteryInstalled) << toString(model);
+    EXPECT_EQ(settledPhase(), PowerPhase::noBattery);
+  }
+  for (auto model : {MacModel::macBookAir, MacModel::macBookNeo, MacModel::unknown}) {
+    scenario([&](SandboxSettings& c) { c.macModel = model; });
+    EXPECT_TRUE(fetch().batteryInstalled) << toString(model);
+  }
+}
+
+TEST_F(SandboxPowerProviderTest, ScenarioChangesShowOnTheNextRead) {
+  const auto first = fetch();
+  clock.advance(2s);
+  scenario([](SandboxSettings& c) { c.systemLoad = SandboxLoadPreset::idle; });
+  const auto second = fetch();
+  EXPECT_EQ(second.instantAmperage_mA, -202);  // -3 W
+  EXPECT_EQ(secondsBetween(first.timestamp, second.timestamp), 2.0);
+}
+
+TEST_F(SandboxPowerProviderTest, ComponentsThermalAndRailsFollowTheScenario) {
+  EXPECT_TRUE(provider.isSimulated());
+  EXPECT_EQ(provider.simulatedComponentPower(), (ComponentPower{3.0, 4.0, 6.0, 0.5, 4.5, true}));
+  EXPECT_EQ(provider.simulatedThermalState(), ThermalState::nominal);
+
+  auto rails = provider.simulatedSystemPowerRails();
+  ASSERT_TRUE(rails);
+  EXPECT_EQ(rails->systemTotalWatts, 18.0);
+  EXPECT_EQ(rails->batteryWatts, 18.0);
+  EXPECT_EQ(rails->dcInWatts, std::nullopt);
+  EXPECT_EQ(rails->thunderboltLeftWatts, 0.0);
+  EXPECT_EQ(rails->thunderboltRightWatts, 0.0);
+  EXPECT_EQ(rails->pdBrightnessWatts, 0.4);
+
+  scenario([](SandboxSettings& c) {
+    c.powerSource = SandboxPowerSource::acSupplementing;
+    c.adapterWatts = 30;
+    c.systemLoad = SandboxLoadPreset::extreme;
+    c.thermalState = SandboxThermalState::critical;
+  });
+  EXPECT_EQ(provider.simulatedComponentPower(), (ComponentPower{5.0, 18.0, 28.0, 3.0, 11.0, true}));
+  EXPECT_EQ(provider.simulatedThermalState(), ThermalState::critical);
+  rails = provider.simulatedSystemPowerRails();
+  EXPECT_EQ(rails->systemTotalWatts, 65.0);
+  EXPECT_EQ(rails->batteryWatts, 35.0);  // magnitude of -35 W
+  EXPECT_EQ(rails->dcInWatts, 30.0);
+  EXPECT_EQ(rails->thunderboltLeftWatts, 2.4);
+}
+
+TEST(SandboxLoadPresetTest, EveryRowPassesTheComponentValidator) {
+  // The simulated machine must never produce readings its own pipeline would reject.
+  for (auto preset : {SandboxLoadPreset::idle, SandboxLoadPreset::light, SandboxLoadPreset::medium,
+                      SandboxLoadPreset::heavy, SandboxLoadPreset::extreme}) {
+    const auto v =
+        ComponentPowerValidator::validate(componentPower(preset), systemLoadWatts(preset));
+    EXPECT_EQ(v.quality, HistoricalValueQuality::measured) << toString(preset);
+  }
+}
+
+}  // namespace
+}  // namespace quorel
