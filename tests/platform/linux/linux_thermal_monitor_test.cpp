@@ -1,0 +1,205 @@
+#include "platform/linux/linux_thermal_monitor.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "platform/linux/sysfs_tree.hpp"
+
+namespace quorel {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::fixturePath;
+using testing::LogCapture;
+using testing::SysfsTree;
+
+ThermalZoneReading zone(double celsius, std::vector<ThermalTripPoint> trips) {
+  return {"thermal_zone0", "test", static_cast<std::int64_t>(celsius * 1000), std::move(trips)};
+}
+
+ThermalTripPoint trip(const char* type, double celsius) {
+  return {type, static_cast<std::int64_t>(celsius * 1000)};
+}
+
+void writeZone(const SysfsTree& tree, int index, const std::string& type, std::int64_t temp_mC,
+               const std::vector<ThermalTripPoint>& trips) {
+  auto dir = std::filesystem::path("class/thermal") / ("thermal_zone" + std::to_string(index));
+  tree.write(dir / "type", type + "\n");
+  tree.write(dir / "temp", std::to_string(temp_mC) + "\n");
+  for (std::size_t i = 0; i < trips.size(); ++i) {
+    tree.write(dir / ("trip_point_" + std::to_string(i) + "_type"), trips[i].type + "\n");
+    tree.write(dir / ("trip_point_" + std::to_string(i) + "_temp"),
+               std::to_string(trips[i].temp_mC) + "\n");
+  }
+}
+
+TEST(ThermalZoneStateTest, NamedTripsSetTheirOwnRungs) {
+  std::vector<ThermalTripPoint> trips = {trip("active", 65), trip("active", 75),
+                                         trip("passive", 85), trip("critical", 110)};
+  EXPECT_EQ(thermalStateOfZone(zone(64.9, trips)), ThermalState::nominal);
+  EXPECT_EQ(thermalStateOfZone(zone(65, trips)), ThermalState::fair);
+  EXPECT_EQ(thermalStateOfZone(zone(84.9, trips)), ThermalState::fair);
+  EXPECT_EQ(thermalStateOfZone(zone(85, trips)), ThermalState::serious);
+  EXPECT_EQ(thermalStateOfZone(zone(104.9, trips)), ThermalState::serious);
+  EXPECT_EQ(thermalStateOfZone(zone(105, trips)), ThermalState::critical);
+
+  std::vector<ThermalTripPoint> battery = {trip("passive", 50), trip("hot", 60)};
+  EXPECT_EQ(thermalStateOfZone(zone(39.9, battery)), ThermalState::nominal);
+  EXPECT_EQ(thermalStateOfZone(zone(40, battery)), ThermalState::fair);
+  EXPECT_EQ(thermalStateOfZone(zone(50, battery)), ThermalState::serious);
+  EXPECT_EQ(thermalStateOfZone(zone(60, battery)), ThermalState::critical);
+}
+
+TEST(ThermalZoneStateTest, AZoneNamingOnlyItsCriticalTripIsJudgedBelowIt) {
+  std::vector<ThermalTripPoint> trips = {trip("critical", 100)};
+  EXPECT_EQ(thermalStateOfZone(zone(74.9, trips)), ThermalState::nominal);
+  EXPECT_EQ(thermalStateOfZone(zone(75, trips)), ThermalState::fair);
+  EXPECT_EQ(thermalStateOfZone(zone(85, trips)), ThermalState::serious);
+  EXPECT_EQ(thermalStateOfZone(zone(95, trips)), ThermalState::critical);
+}
+
+TEST(ThermalZoneStateTest, OddFirmwareStillGivesAnOrderedLadder) {
+  // A fan trip above the throttling trip: fans are no earlier warning than throttling.
+  std::vector<ThermalTripPoint> trips = {trip("active", 90), trip("passive", 80)};
+  EXPECT_EQ(thermalStateOfZone(zone(79, trips)), ThermalState::nominal);
+  EXPECT_EQ(thermalStateOfZone(zone(80, trips)), ThermalState::serious);
+  EXPECT_EQ(thermalStateOfZone(zone(200, trips)), ThermalState::serious);
+  // Only fan trips: the zone can say fair, never worse.
+  EXPECT_EQ(thermalStateOfZone(zone(120, {trip("active", 50)})), ThermalState::fair);
+  EXPECT_EQ(thermalStateOfZone(zone(60, {})), std::nullopt);
+  EXPECT_EQ(thermalStateOfZone(zone(60, {trip("unknown", 50)})), std::nullopt);
+}
+
+TEST(ThermalAssessmentTest, TheWorstZoneDecidesAndAmongEqualsTheHotter) {
+  auto cpu = zone(88, {trip("passive", 85), trip("critical", 110)});
+  cpu.name = "thermal_zone1";
+  auto skin = zone(45, {trip("passive", 42), trip("critical", 60)});
+  skin.name = "thermal_zone2";
+  auto hotButFine = zone(95, {trip("critical", 128)});
+  hotButFine.name = "thermal_zone3";
+
+  auto result = assessThermalZones({hotButFine, skin, cpu});
+  EXPECT_EQ(result.state, ThermalState::serious);
+  EXPECT_EQ(result.decidingZone, cpu);
+
+  auto quiet = assessThermalZones({zone(40, {})});
+  EXPECT_EQ(quiet.state, ThermalState::nominal);
+  EXPECT_FALSE(quiet.decidingZone);
+}
+
+TEST(ThermalZoneReaderTest, ReadsLinkedZonesSkippingDisabledOnesAndUnusedTrips) {
+  auto scan = readThermalZones(fixturePath("energy-pack") / "class/thermal");
+  ASSERT_FALSE(scan.error);
+  ASSERT_EQ(scan.zones.size(), 2u);
+  EXPECT_EQ(scan.zones[0],
+            (ThermalZoneReading{"thermal_zone0", "acpitz", 52000, {{"critical", 128000}}}));
+  // The package zone's two passive trips read 0: unused.
+  EXPECT_EQ(scan.zones[1], (ThermalZoneReading{"thermal_zone1", "x86_pkg_temp", 61000, {}}));
+  EXPECT_EQ(assessThermalZones(scan.zones).state, ThermalState::nominal);
+
+  auto hot = readThermalZones(fixturePath("fuel-gauge") / "class/thermal");
+  auto assessment = assessThermalZones(hot.zones);
+  EXPECT_EQ(assessment.state, ThermalState::serious);
+  EXPECT_EQ(assessment.decidingZone->type, "cpu0-thermal");
+}
+
+TEST(ThermalZoneReaderTest, UnreadableOrAbsurdZonesAreLeftOut) {
+  SysfsTree tree;
+  writeZone(tree, 0, "acpitz", 50000, {trip("critical", 100)});
+  writeZone(tree, 1, "sensor-error", -274000, {trip("critical", 100)});
+  writeZone(tree, 2, "unplugged", 0, {});
+  tree.write("class/thermal/thermal_zone2/temp", "No data available\n");
+  writeZone(tree, 3, "gap", 60000, {trip("passive", 70), trip("critical", 90)});
+  tree.remove("class/thermal/thermal_zone3/trip_point_0_temp");
+  auto scan = readThermalZones(tree.thermal());
+  ASSERT_EQ(scan.zones.size(), 2u);
+  EXPECT_EQ(scan.zones[0].type, "acpitz");
+  // A trip whose temperature cannot be read is skipped; the ones after it still count.
+  EXPECT_EQ(scan.zones[1].trips, (std::vector<ThermalTripPoint>{trip("critical", 90)}));
+}
+
+TEST(LinuxThermalMonitorTest, SamplesPublishTheStateAndLogItsChanges) {
+  LogCapture log;
+  SysfsTree tree;
+  writeZone(tree, 0, "x86_pkg_temp", 60000, {trip("passive", 90), trip("critical", 100)});
+  LinuxThermalMonitor monitor(tree.thermal());
+  EXPECT_EQ(monitor.currentThermalState(), ThermalState::nominal);
+
+  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
+  tree.write("class/thermal/thermal_zone0/temp", "91500\n");
+  EXPECT_EQ(monitor.sample(), ThermalState::serious);
+  EXPECT_EQ(monitor.sample(), ThermalState::serious);
+  EXPECT_EQ(monitor.currentThermalState(), ThermalState::serious);
+  tree.write("class/thermal/thermal_zone0/temp", "55000\n");
+  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
+
+  EXPECT_THAT(log.lines("Thermal"),
+              ElementsAre("thermal state changed from nominal to serious — zone x86_pkg_temp "
+                          "(thermal_zone0) at 91.5 °C",
+                          "thermal state changed from serious to nominal — zone x86_pkg_temp "
+                          "(thermal_zone0) at 55.0 °C"));
+}
+
+TEST(LinuxThermalMonitorTest, AFailedSampleKeepsTheLastStateAndIsCounted) {
+  LogCapture log;
+  SysfsTree tree;
+  writeZone(tree, 0, "acpitz", 96000, {trip("critical", 100)});
+  LinuxThermalMonitor monitor(tree.thermal());
+  ASSERT_EQ(monitor.sample(), ThermalState::critical);
+
+  tree.makeUnreadable("class/thermal/thermal_zone0/temp");
+  EXPECT_EQ(monitor.sample(), ThermalState::critical);
+  EXPECT_EQ(monitor.sample(), ThermalState::critical);
+  EXPECT_EQ(monitor.failedSampleCount(), 2u);
+
+  tree.remove("class/thermal/thermal_zone0/temp");
+  tree.write("class/thermal/thermal_zone0/temp", "40000\n");
+  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
+
+  EXPECT_THAT(log.lines("Thermal"),
+              ElementsAre("thermal state changed from nominal to critical — zone acpitz "
+                          "(thermal_zone0) at 96.0 °C",
+                          "no thermal zone can be read in " + tree.thermal().string() +
+                              " — thermal state stays critical",
+                          "thermal zones in " + tree.thermal().string() + " readable again",
+                          "thermal state changed from critical to nominal — zone acpitz "
+                          "(thermal_zone0) at 40.0 °C"));
+}
+
+TEST(LinuxThermalMonitorTest, StartSamplesOnTheGivenQueue) {
+  SysfsTree tree;
+  writeZone(tree, 0, "cpu", 88000, {trip("passive", 85)});
+  LinuxThermalMonitor monitor(tree.thermal());
+  SerialQueue queue("test.thermal");
+  monitor.start(queue, Seconds{3600});
+  EXPECT_EQ(monitor.currentThermalState(), ThermalState::nominal);
+  queue.runPending();
+  EXPECT_EQ(monitor.currentThermalState(), ThermalState::serious);
+  monitor.stop();
+}
+
+TEST(LinuxThermalMonitorTest, ThePollQueueReadsWhileTheSamplerWrites) {
+  SysfsTree tree;
+  writeZone(tree, 0, "cpu", 88000, {trip("passive", 85)});
+  LinuxThermalMonitor monitor(tree.thermal());
+  std::thread sampler([&] {
+    for (int i = 0; i < 200; ++i) monitor.sample();
+  });
+  // The tree stays hot, so once the reader has seen the published state it must never see
+  // the initial one again.
+  bool seenSerious = false;
+  int regressions = 0;
+  for (int i = 0; i < 2000; ++i) {
+    auto state = monitor.currentThermalState();
+    if (state == ThermalState::serious) seenSerious = true;
+    if (seenSerious && state != ThermalState::serious) ++regressions;
+  }
+  sampler.join();
+  EXPECT_EQ(regressions, 0);
+  EXPECT_EQ(monitor.currentThermalState(), ThermalState::serious);
+}
+
+}  // namespace
+}  // namespace quorel
