@@ -1,0 +1,98 @@
+#pragma once
+// The history database: one SQLite file, reached through one object. This part opens the file,
+// sets the connection up, creates the tables and carries an older file to the current schema.
+// Writes and reads run on the object's serial queue "com.quorel.database".
+//
+// Threading: the constructor does its work on the calling thread, before anyone else can reach
+// the object; afterwards the connection is touched only on queue(). Failures never throw: the
+// store becomes unavailable and every later operation does nothing.
+
+#include <sqlite3.h>
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "core/serial_queue.hpp"
+#include "store/sqlite_handle.hpp"
+
+namespace spdlog {
+class logger;
+}
+
+namespace quorel {
+
+class QuorelDatabase {
+ public:
+  static constexpr int kSchemaVersion = 8;
+  static constexpr const char* kFileName = "quorel.db";
+
+  struct Options {
+    // The data directory ($XDG_DATA_HOME/quorel, or the --data-dir flag); the database is
+    // "quorel.db" inside it. Absent when no data directory could be located: the store is then
+    // unavailable and corruption is signalled, since the user has lost history either way.
+    std::optional<std::filesystem::path> dataDirectory;
+    // Replaces the whole path (tests). No directory is made for it, and the permissions are
+    // still tightened on `dataDirectory`.
+    std::optional<std::filesystem::path> databasePathOverride;
+    // Called at most once per object when the file turns out unreadable or damaged; on the
+    // constructor's thread during start-up, later on queue(). Decide there what the user sees
+    // (the agent calls reportCorruptionHeadless); must not block.
+    std::function<void()> onCorruption;
+    // Starts the queue's thread once start-up is done. Tests leave it stopped and drive the
+    // queue with runPending().
+    bool startQueue = true;
+  };
+
+  explicit QuorelDatabase(Options options);
+  ~QuorelDatabase();
+  QuorelDatabase(const QuorelDatabase&) = delete;
+  QuorelDatabase& operator=(const QuorelDatabase&) = delete;
+
+  // The queue all SQLite work runs on.
+  SerialQueue& queue() { return queue_; }
+
+  // False once the file could not be located or opened; it stays so until the next start.
+  bool isAvailable() const { return !databaseUnavailable_; }
+  // The file in use (the override, or "quorel.db" in the data directory); absent when no data
+  // directory could be located.
+  const std::optional<std::filesystem::path>& databasePath() const { return databasePath_; }
+  // The folder to show someone who must remove a damaged file.
+  std::optional<std::filesystem::path> databaseFolder() const;
+
+  // The one classifier of SQLite failures: busy and locked are transient, corrupt and not-a-
+  // database signal corruption (once), everything else is logged as an error. Call on queue().
+  void logSqliteError(int rc, std::string_view context);
+
+ private:
+  void openDatabase();
+  void tightenFilePermissions();
+  void createTables();
+  void runMigrations();
+  bool runMigrationStep(int version);
+  // Runs `sql` and logs "SQL error: ..." on failure, without classifying it.
+  void execute(const char* sql);
+  // sqlite3_exec on the handle; returns the result code and leaves the message for logging.
+  int exec(const std::string& sql);
+  bool columnExists(std::string_view table, std::string_view column);
+  int applyV2SchemaCHECKs(std::string& message);
+  bool applyV7HistoricalQualitySchema();
+  void signalCorruption();
+  void close();
+
+  SqliteConnection db_;
+  SerialQueue queue_{"com.quorel.database"};
+  std::shared_ptr<spdlog::logger> log_;
+  bool corruptionSignaled_ = false;
+  bool databaseUnavailable_ = false;
+  std::optional<std::filesystem::path> dataDirectory_;
+  std::optional<std::filesystem::path> databasePathOverride_;
+  std::optional<std::filesystem::path> databasePath_;
+  std::function<void()> onCorruption_;
+  bool queueStarted_ = false;
+};
+
+}  // namespace quorel

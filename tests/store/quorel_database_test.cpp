@@ -1,0 +1,649 @@
+#include "store/quorel_database.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+
+#include "store/corruption_report.hpp"
+#include "store/fixtures/legacy_database.hpp"
+#include "store/sqlite_test_support.hpp"
+#include "support/log_capture.hpp"
+
+namespace quorel {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using testing::LogCapture;
+using testing::SqlFile;
+using ::testing::StartsWith;
+
+class TempDirectory {
+ public:
+  TempDirectory() {
+    std::string pattern = (fs::temp_directory_path() / "quorel-db-XXXXXX").string();
+    path_ = ::mkdtemp(pattern.data());
+  }
+  ~TempDirectory() {
+    std::error_code ec;
+    fs::permissions(path_, fs::perms::owner_all, ec);
+    fs::remove_all(path_, ec);
+  }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+unsigned modeOf(const fs::path& p) {
+  struct stat st {};
+  ::stat(p.c_str(), &st);
+  return st.st_mode & 0777;
+}
+
+std::string bytesOf(const fs::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+// Columns as "name type notnull default pk", in table order.
+std::vector<std::string> columnsOf(const SqlFile& db, const std::string& table) {
+  std::vector<std::string> out;
+  for (const auto& r : db.rows("PRAGMA table_xinfo(" + table + ")")) {
+    out.push_back(r[1] + " " + r[2] + " " + r[3] + " " + r[4] + " " + r[5]);
+  }
+  return out;
+}
+
+// Tables with their columns, and indexes with their columns: everything two files must agree on.
+std::map<std::string, std::vector<std::string>> schemaOf(const fs::path& file) {
+  SqlFile db(file);
+  std::map<std::string, std::vector<std::string>> schema;
+  for (const auto& r : db.rows("SELECT name, type, tbl_name FROM sqlite_master WHERE name NOT "
+                               "LIKE 'sqlite_%' ORDER BY name")) {
+    if (r[1] == "table") {
+      schema["table " + r[0]] = columnsOf(db, r[0]);
+    } else if (r[1] == "index") {
+      std::vector<std::string> columns{"on " + r[2]};
+      for (const auto& c : db.rows("PRAGMA index_info(" + r[0] + ")")) columns.push_back(c[2]);
+      schema["index " + r[0]] = columns;
+    }
+  }
+  return schema;
+}
+
+class QuorelDatabaseTest : public ::testing::Test {
+ protected:
+  TempDirectory temp;
+  fs::path dataDir = temp.path() / "share" / "quorel";
+  fs::path dbFile = dataDir / "quorel.db";
+  int corruptionSignals = 0;
+
+  QuorelDatabase::Options atDefaultLocation() {
+    return {.dataDirectory = dataDir,
+            .databasePathOverride = std::nullopt,
+            .onCorruption = [this] { ++corruptionSignals; },
+            .startQueue = false};
+  }
+  QuorelDatabase::Options atPath(const fs::path& file) {
+    return {.dataDirectory = file.parent_path(),
+            .databasePathOverride = file,
+            .onCorruption = [this] { ++corruptionSignals; },
+            .startQueue = false};
+  }
+  fs::path freshDatabase() {
+    QuorelDatabase db(atDefaultLocation());
+    return dbFile;
+  }
+};
+
+TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentSchemaPrivateModesAndWal) {
+  std::map<std::string, std::vector<std::string>> schema;
+  {
+    QuorelDatabase db(atDefaultLocation());
+    EXPECT_TRUE(db.isAvailable());
+    EXPECT_EQ(db.databasePath(), dbFile);
+    EXPECT_EQ(db.databaseFolder(), dataDir);
+    EXPECT_EQ(db.queue().label(), "com.quorel.database");
+    EXPECT_EQ(modeOf(dataDir), 0700u);
+    for (const char* name : {"quorel.db", "quorel.db-wal", "quorel.db-shm"}) {
+      ASSERT_TRUE(fs::exists(dataDir / name)) << name;
+      EXPECT_EQ(modeOf(dataDir / name), 0600u) << name;
+    }
+  }
+  EXPECT_EQ(corruptionSignals, 0);
+  SqlFile file(dbFile);
+  EXPECT_EQ(file.integer("PRAGMA user_version"), 8);
+  EXPECT_EQ(file.text("PRAGMA journal_mode"), "wal");
+  EXPECT_EQ(
+      file.rows("SELECT id, last_ts, last_total_w, accumulated_wh FROM lifetime_energy_state"),
+      (std::vector<std::vector<std::string>>{{"1", "0.0", "0.0", "0.0"}}));
+
+  EXPECT_THAT(
+      columnsOf(file, "power_samples"),
+      ElementsAre("id INTEGER 0 NULL 1", "timestamp REAL 1 NULL 0", "wattage REAL 0 NULL 0",
+                  "battery_pct REAL 0 NULL 0", "ecpu_w REAL 0 NULL 0", "pcpu_w REAL 0 NULL 0",
+                  "gpu_w REAL 0 NULL 0", "ane_w REAL 0 NULL 0", "dram_w REAL 0 NULL 0",
+                  "system_load_w REAL 0 NULL 0", "power_in_w REAL 0 NULL 0",
+                  "wall_power_w REAL 0 NULL 0", "thermal_state INTEGER 0 NULL 0",
+                  "is_charging INTEGER 0 NULL 0", "external_connected INTEGER 0 NULL 0",
+                  "temperature_c REAL 0 NULL 0", "observed_duration_s REAL 0 NULL 0",
+                  "component_quality TEXT 1 'unavailable' 0",
+                  "system_power_quality TEXT 1 'unavailable' 0",
+                  "wall_estimate_quality TEXT 1 'unavailable' 0",
+                  "component_rejection_reason TEXT 0 NULL 0", "system_total_w REAL 0 NULL 0",
+                  "battery_rail_w REAL 0 NULL 0", "dc_in_w REAL 0 NULL 0",
+                  "thunderbolt_left_w REAL 0 NULL 0", "thunderbolt_right_w REAL 0 NULL 0",
+                  "pd_brightness_w REAL 0 NULL 0"));
+  EXPECT_THAT(columnsOf(file, "capacity_log"),
+              ElementsAre("id INTEGER 0 NULL 1", "timestamp REAL 1 NULL 0",
+                          "nominal_capacity_mah INTEGER 0 NULL 0",
+                          "design_capacity_mah INTEGER 0 NULL 0", "cycle_count INTEGER 0 NULL 0",
+                          "health_pct REAL 0 NULL 0", "max_temperature_c REAL 0 NULL 0"));
+  EXPECT_THAT(columnsOf(file, "sessions"),
+              ElementsAre("id TEXT 0 NULL 1", "start_time REAL 0 NULL 0", "end_time REAL 0 NULL 0",
+                          "start_pct REAL 0 NULL 0", "end_pct REAL 0 NULL 0",
+                          "is_charging INTEGER 0 NULL 0", "avg_wattage REAL 0 NULL 0",
+                          "total_wh REAL 0 NULL 0", "mode TEXT 1 'legacy' 0",
+                          "collected_duration_s REAL 1 0 0", "missing_duration_s REAL 1 0 0",
+                          "quality TEXT 1 'legacy' 0", "confidence REAL 1 0 0"));
+  for (const auto& [table, name] :
+       {std::pair{"process_energy", "process_name"}, std::pair{"ai_agent_energy", "agent_id"}}) {
+    EXPECT_THAT(columnsOf(file, table),
+                ElementsAre("id INTEGER 0 NULL 1", "timestamp REAL 1 NULL 0",
+                            std::string(name) + " TEXT 1 NULL 0", "avg_cpu REAL 1 NULL 0",
+                            "avg_watts REAL 1 NULL 0", "peak_watts REAL 0 NULL 0",
+                            "sample_count INTEGER 0 1 0", "observed_duration_s REAL 1 0 0",
+                            "missing_duration_s REAL 1 0 0", "energy_wh REAL 1 0 0",
+                            "coverage_ratio REAL 0 NULL 0", "quality TEXT 1 'legacy' 0",
+                            "source TEXT 1 'legacy_sample_average' 0"))
+        << table;
+  }
+  EXPECT_THAT(columnsOf(file, "lifetime_energy_state"),
+              ElementsAre("id INTEGER 0 NULL 1", "last_ts REAL 1 0 0", "last_total_w REAL 1 0 0",
+                          "accumulated_wh REAL 1 0 0"));
+  EXPECT_THAT(
+      columnsOf(file, "battery_epoch"),
+      ElementsAre("id INTEGER 0 NULL 1", "first_seen REAL 1 NULL 0", "serial TEXT 0 NULL 0",
+                  "baseline_cycle_count INTEGER 0 NULL 0", "baseline_design_mah INTEGER 0 NULL 0",
+                  "baseline_nominal_mah INTEGER 0 NULL 0", "source TEXT 1 'initial' 0"));
+  EXPECT_THAT(columnsOf(file, "daily_battery_metrics"),
+              ElementsAre("day_key TEXT 0 NULL 1", "day_start REAL 1 NULL 0",
+                          "nominal_capacity_mah REAL 0 NULL 0", "design_capacity_mah REAL 0 NULL 0",
+                          "cycle_count INTEGER 0 NULL 0", "health_pct REAL 0 NULL 0",
+                          "capacity_sample_count INTEGER 1 0 0", "avg_temperature_c REAL 0 NULL 0",
+                          "max_temperature_c REAL 0 NULL 0", "temperature_observed_s REAL 1 0 0",
+                          "temperature_sample_count INTEGER 1 0 0", "quality TEXT 1 'measured' 0"));
+  EXPECT_THAT(
+      columnsOf(file, "collection_intervals"),
+      ElementsAre("id INTEGER 0 NULL 1", "start_time REAL 1 NULL 0", "end_time REAL 1 NULL 0",
+                  "status TEXT 1 NULL 0", "reason TEXT 0 NULL 0"));
+
+  const auto all = schemaOf(dbFile);
+  std::vector<std::string> indexes;
+  for (const auto& [key, columns] : all) {
+    if (key.rfind("index ", 0) != 0) continue;
+    std::string line = key.substr(6) + " " + columns[0];
+    for (std::size_t i = 1; i < columns.size(); ++i) line += " " + columns[i];
+    indexes.push_back(line);
+  }
+  EXPECT_THAT(indexes,
+              ElementsAre("idx_ai_agent_energy_agent_ts on ai_agent_energy agent_id timestamp",
+                          "idx_ai_agent_energy_ts on ai_agent_energy timestamp",
+                          "idx_battery_epoch_first_seen on battery_epoch first_seen",
+                          "idx_capacity_log_ts on capacity_log timestamp",
+                          "idx_collection_intervals_end on collection_intervals end_time",
+                          "idx_collection_intervals_start on collection_intervals start_time",
+                          "idx_daily_battery_metrics_start on daily_battery_metrics day_start",
+                          "idx_power_samples_ts on power_samples timestamp",
+                          "idx_process_energy_name_ts on process_energy process_name timestamp",
+                          "idx_process_energy_ts on process_energy timestamp",
+                          "idx_sessions_start_time on sessions start_time"));
+  EXPECT_EQ(all.size(), 11u + 9u);
+}
+
+TEST_F(QuorelDatabaseTest, FreshFileEnforcesEveryCheck) {
+  freshDatabase();
+  SqlFile db(dbFile);
+  struct Case {
+    const char* sql;
+    bool accepted;
+  };
+  const Case cases[] = {
+      {"INSERT INTO power_samples (timestamp, battery_pct) VALUES (0, NULL)", true},
+      {"INSERT INTO power_samples (timestamp, battery_pct) VALUES (4102444799, 100)", true},
+      {"INSERT INTO power_samples (timestamp) VALUES (4102444800)", false},
+      {"INSERT INTO power_samples (timestamp) VALUES (-0.5)", false},
+      {"INSERT INTO power_samples (timestamp) VALUES (NULL)", false},
+      {"INSERT INTO power_samples (timestamp, battery_pct) VALUES (1, 100.5)", false},
+      {"INSERT INTO power_samples (timestamp, battery_pct) VALUES (1, -1)", false},
+      {"INSERT INTO capacity_log (timestamp, nominal_capacity_mah, design_capacity_mah, "
+       "cycle_count) VALUES (1, 0, 1, 0)",
+       true},
+      {"INSERT INTO capacity_log (timestamp, design_capacity_mah) VALUES (1, 0)", false},
+      {"INSERT INTO capacity_log (timestamp, nominal_capacity_mah) VALUES (1, -1)", false},
+      {"INSERT INTO capacity_log (timestamp, cycle_count) VALUES (1, -1)", false},
+      {"INSERT INTO sessions (id, start_time, end_time) VALUES ('a', 10, 10)", true},
+      {"INSERT INTO sessions (id, start_time, end_time) VALUES ('b', 10, 9)", false},
+      {"INSERT INTO sessions (id, start_time, end_time) VALUES ('c', NULL, 9)", true},
+      {"INSERT INTO sessions (id, start_pct) VALUES ('d', 101)", false},
+      {"INSERT INTO sessions (id, end_time) VALUES ('e', 4102444800)", false},
+      {"INSERT INTO lifetime_energy_state (id) VALUES (2)", false},
+      {"INSERT INTO battery_epoch (first_seen, baseline_design_mah) VALUES (1, 0)", false},
+      {"INSERT INTO battery_epoch (first_seen, baseline_cycle_count) VALUES (1, -1)", false},
+      {"INSERT INTO battery_epoch (first_seen) VALUES (1)", true},
+      {"INSERT INTO collection_intervals (start_time, end_time, status) VALUES (5, 5, 'sleep')",
+       true},
+      {"INSERT INTO collection_intervals (start_time, end_time, status) VALUES (5, 4, 'sleep')",
+       false},
+      {"INSERT INTO collection_intervals (start_time, end_time, status) VALUES (5, 6, 'awake')",
+       false},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(db.tryExec(c.sql) == SQLITE_OK, c.accepted) << c.sql;
+  }
+  EXPECT_EQ(db.text("SELECT source FROM battery_epoch"), "initial");
+}
+
+TEST_F(QuorelDatabaseTest, ReopeningACurrentFileChangesNothing) {
+  freshDatabase();
+  {
+    SqlFile db(dbFile);
+    db.exec(
+        "INSERT INTO power_samples (timestamp, ecpu_w, pcpu_w, gpu_w, ane_w, dram_w) VALUES "
+        "(1, 1, 1, 1, 1, 1), (2, 1, 1, 1, 1, 1), (3, 1, 1, 1, 1, 1)");
+  }
+  LogCapture logs;
+  QuorelDatabase again(atDefaultLocation());
+  SqlFile db(dbFile);
+  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL"), 3);
+  for (const auto& line : logs.lines())
+    EXPECT_THAT(line.message, ::testing::Not(HasSubstr("migrating")));
+}
+
+TEST_F(QuorelDatabaseTest, VersionZeroFileWithOldTablesEndsLikeAFreshOne) {
+  const auto fresh = schemaOf(freshDatabase());
+  const fs::path old = temp.path() / "v0.db";
+  testing::buildLegacyDatabase(old, 1);
+  SqlFile(old).exec("PRAGMA user_version = 0");
+  { QuorelDatabase db(atPath(old)); }
+  EXPECT_EQ(schemaOf(old), fresh);
+  EXPECT_EQ(SqlFile(old).integer("PRAGMA user_version"), 8);
+}
+
+class MigrationTest : public QuorelDatabaseTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(MigrationTest, CarriesTheFileToTheCurrentSchemaAndFixesItsRows) {
+  const int version = GetParam();
+  const auto fresh = schemaOf(freshDatabase());
+  const fs::path file = temp.path() / ("v" + std::to_string(version) + ".db");
+  testing::buildLegacyDatabase(file, version);
+  LogCapture logs;
+  { QuorelDatabase db(atPath(file)); }
+  EXPECT_EQ(corruptionSignals, 0);
+  EXPECT_EQ(logs.count("migrating schema from v" + std::to_string(version) + " to v8"), 1u);
+  EXPECT_EQ(schemaOf(file), fresh);
+
+  SqlFile db(file);
+  constexpr double T0 = testing::kFixtureStart;
+  auto at = [&](double dt, const std::string& columns) {
+    return db
+        .rows("SELECT " + columns +
+              " FROM power_samples WHERE timestamp = " + std::to_string(T0 + dt))
+        .at(0);
+  };
+  using Row = std::vector<std::string>;
+  EXPECT_EQ(db.integer("PRAGMA user_version"), 8);
+
+  // v2: rows that broke a constraint are gone, the others kept their ids.
+  EXPECT_EQ(
+      db.integer("SELECT COUNT(*) FROM power_samples WHERE battery_pct > 100 OR timestamp < 0 "
+                 "OR timestamp >= 4102444800"),
+      0);
+  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM power_samples"),
+            5 + 6 + 7 + 10 + 9 + 10 + 9 + 11 + 10);
+  EXPECT_EQ(db.integer("SELECT MIN(id) FROM power_samples"), 1);
+  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM sessions"), 4);
+  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM capacity_log"), 3);  // 100 and 50 mAh went in v8
+  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM capacity_log WHERE design_capacity_mah <= 0 OR "
+                       "nominal_capacity_mah < 0 OR cycle_count < 0"),
+            0);
+
+  // v3: the temperature column exists; values only where the file had them.
+  EXPECT_EQ(at(0, "temperature_c"), Row{version >= 3 ? "30.0" : "NULL"});
+
+  // v4: the lifetime checkpoint restarts from zero, once.
+  const Row lifetime = version < 4 ? Row{"0.0", "0.0", "0.0"} : Row{"1699963300.0", "4.5", "6.75"};
+  EXPECT_EQ(db.rows("SELECT last_ts, last_total_w, accumulated_wh FROM lifetime_energy_state"),
+            std::vector<Row>{lifetime});
+
+  // v5: epochs survive.
+  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM battery_epoch"), version >= 5 ? 1 : 0);
+
+  // v6: three identical readings keep the first; two identical readings both stay.
+  const std::string components = "ecpu_w, pcpu_w, gpu_w, ane_w, dram_w";
+  EXPECT_EQ(at(3600, components), (Row{"1.0", "2.0", "3.0", "0.5", "0.25"}));
+  const Row stale = version < 6 ? Row{"NULL", "NULL", "NULL", "NULL", "NULL"}
+                                : Row{"1.0", "2.0", "3.0", "0.5", "0.25"};
+  EXPECT_EQ(at(3630, components), stale);
+  EXPECT_EQ(at(3660, components), stale);
+  EXPECT_EQ(at(3690, components), (Row{"1.0", "2.0", "3.0", "0.5", "0.3"}));
+  EXPECT_EQ(at(3720, components), (Row{"1.0", "2.0", "3.0", "0.5", "0.3"}));
+
+  // v7: labels, rejected components and wall estimates, energy buckets, daily rows, sessions.
+  const std::string labels =
+      "component_quality, component_rejection_reason, system_power_quality, "
+      "wall_estimate_quality";
+  if (version < 7) {
+    const std::string reason = "legacy component aggregate exceeded physical rail bounds";
+    EXPECT_EQ(at(7200, components + ", " + labels),
+              (Row{"NULL", "NULL", "NULL", "NULL", "NULL", "rejected", reason, "inferred",
+                   "unavailable"}));
+    EXPECT_EQ(at(7230, "component_quality, ecpu_w"), (Row{"rejected", "NULL"}));
+    // 151 W in all is beyond the package even though every rail is within its own bound; its
+    // wall estimate is measured against what survives, nothing, and the 5 W input.
+    EXPECT_EQ(at(7260, "component_quality, pcpu_w, wall_estimate_quality"),
+              (Row{"rejected", "NULL", "legacy"}));
+    EXPECT_EQ(at(7290, "component_quality, pcpu_w, gpu_w"), (Row{"legacy", "60.0", "90.0"}));
+    EXPECT_EQ(at(7320, labels), (Row{"unavailable", "NULL", "inferred", "rejected"}));
+    EXPECT_EQ(at(7350, labels), (Row{"legacy", "NULL", "unavailable", "rejected"}));
+    EXPECT_EQ(at(7380, labels), (Row{"legacy", "NULL", "inferred", "legacy"}));
+    EXPECT_EQ(at(0, labels), (Row{"unavailable", "NULL", "inferred", "unavailable"}));
+
+    for (const auto& table : {"process_energy", "ai_agent_energy"}) {
+      EXPECT_EQ(
+          db.rows(std::string("SELECT observed_duration_s, round(energy_wh, 6), "
+                              "missing_duration_s, coverage_ratio, quality, source FROM ") +
+                  table + " ORDER BY id"),
+          (std::vector<Row>{{"60.0", "0.1", "0.0", "NULL", "legacy", "legacy_60s_flush_estimate"},
+                            {"0.0", "0.0", "0.0", "NULL", "legacy", "legacy_60s_flush_estimate"},
+                            {"60.0", "0.0", "0.0", "NULL", "legacy", "legacy_60s_flush_estimate"},
+                            {"0.0", "0.0", "0.0", "NULL", "legacy", "legacy_60s_flush_estimate"}}))
+          << table;
+    }
+
+    const std::string sessionColumns =
+        "round(total_wh, 9), collected_duration_s, missing_duration_s, round(avg_wattage, 9), "
+        "mode, quality, round(confidence, 9)";
+    auto session = [&](char id) {
+      return db
+          .rows("SELECT " + sessionColumns +
+                " FROM sessions WHERE id = '6F1C1C8E-0000-4000-8000-00000000000" +
+                std::string(1, id) + "'")
+          .at(0);
+    };
+    // Intervals of 60 s after the start: 30 s cut at the start (10 W both ends), 60 s at 15 W,
+    // one 480 s gap that counts for nothing, 60 s at 15 W.
+    EXPECT_EQ(session('A'),
+              (Row{"0.583333333", "150.0", "480.0", "14.0", "battery", "inferred", "0.238095238"}));
+    EXPECT_EQ(session('B'), (Row{"0.0", "0.0", "0.0", "0.0", "charging", "unavailable", "0.0"}));
+    EXPECT_EQ(session('C'), (Row{"0.0", "0.0", "1000.0", "0.0", "battery", "unavailable", "0.0"}));
+    EXPECT_EQ(session('D'), (Row{"0.0", "0.0", "0.0", "0.0", "battery", "unavailable", "0.0"}));
+  } else {
+    // A file already at v7 keeps what that step would have rewritten.
+    EXPECT_EQ(at(7200, "component_quality, ecpu_w"), (Row{"legacy", "31.0"}));
+    EXPECT_EQ(db.integer("SELECT COUNT(*) FROM process_energy WHERE observed_duration_s = 0"), 4);
+    EXPECT_EQ(db.integer("SELECT COUNT(*) FROM sessions WHERE total_wh = 99"), 4);
+  }
+
+  const std::string day0 = testing::localDayKey(T0);
+  const std::string dailyColumns =
+      "day_start, nominal_capacity_mah, design_capacity_mah, cycle_count, health_pct, "
+      "capacity_sample_count, avg_temperature_c, max_temperature_c, temperature_observed_s, "
+      "temperature_sample_count, quality";
+  auto daily = [&](double dt) {
+    return db
+        .rows("SELECT " + dailyColumns + " FROM daily_battery_metrics WHERE day_key = '" +
+              testing::localDayKey(T0 + dt) + "'")
+        .at(0);
+  };
+  const std::string t0 = db.text("SELECT CAST(" + std::to_string(T0) + " AS REAL)").value();
+  const Row temperatures =
+      version >= 3 ? Row{"32.0", "34.0", "90.0", "3"} : Row{"NULL", "NULL", "0.0", "0"};
+  Row expectedDay0{t0, "3950.0", "5000.0", "101", "79.0", "2"};
+  expectedDay0.insert(expectedDay0.end(), temperatures.begin(), temperatures.end());
+  expectedDay0.push_back("legacy");
+  EXPECT_EQ(daily(0), expectedDay0);
+
+  // v8: undersized capacities leave the log and the daily table; 101 mAh stays.
+  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM capacity_log WHERE design_capacity_mah = 101"), 1);
+  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM capacity_log WHERE design_capacity_mah <= 100"), 0);
+  for (double day : {2.0, 4.0}) {
+    const Row healed = daily(day * 86400);
+    EXPECT_EQ(Row(healed.begin() + 1, healed.begin() + 6),
+              (Row{"NULL", "NULL", healed[3], "NULL", "0"}));
+    EXPECT_EQ(healed.back(), "unavailable");
+  }
+  EXPECT_EQ(daily(3 * 86400)[2], "101.0");
+
+  // v8: frozen CPU and DRAM counters, healed only in runs of ten or more over five minutes.
+  const bool healedRun[] = {true, false, false, false, true, false};
+  int index = 0;
+  for (const auto& run : testing::kFrozenRuns) {
+    const auto rows = db.rows(
+        "SELECT ecpu_w, pcpu_w, dram_w, gpu_w, component_quality, component_rejection_reason "
+        "FROM power_samples WHERE timestamp >= " +
+        std::to_string(run.start - 0.001) + " AND timestamp <= " +
+        std::to_string(run.start + (run.rows - 1) * run.step_s + 0.001) + " ORDER BY timestamp");
+    ASSERT_EQ(rows.size(), static_cast<std::size_t>(run.rows)) << "run " << index;
+    for (const auto& r : rows) {
+      if (healedRun[index]) {
+        EXPECT_EQ(Row(r.begin(), r.begin() + 3), (Row{"NULL", "NULL", "NULL"})) << "run " << index;
+        EXPECT_NE(r[3], "NULL") << "the GPU counter is not part of the stall";
+        EXPECT_EQ(r[4], "unavailable");
+        EXPECT_EQ(r[5], "CPU and DRAM energy counters stalled");
+      } else {
+        EXPECT_EQ(Row(r.begin(), r.begin() + 3), (Row{"0.0", "0.0", "0.0"})) << "run " << index;
+        EXPECT_EQ(r[4], "legacy") << "run " << index;
+      }
+    }
+    ++index;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryOlderVersion, MigrationTest,
+                         ::testing::Range(testing::kOldestFixtureVersion,
+                                          testing::kNewestFixtureVersion + 1),
+                         [](const ::testing::TestParamInfo<int>& p) {
+                           return "v" + std::to_string(p.param);
+                         });
+
+TEST_F(QuorelDatabaseTest, AFailingStepLeavesTheFileAtItsOldVersionWithAllItsData) {
+  const fs::path file = temp.path() / "v2.db";
+  testing::buildLegacyDatabase(file, 2);
+  // Step 6 is the first to update samples; refusing that update makes it fail after steps 3
+  // to 5 have already changed the file inside the transaction.
+  SqlFile(file).exec(
+      "CREATE TRIGGER refuse_heal BEFORE UPDATE ON power_samples BEGIN SELECT RAISE(ABORT, "
+      "'refused'); END");
+  const auto before = schemaOf(file);
+  const auto componentRows =
+      SqlFile(file).integer("SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL");
+  LogCapture logs;
+  { QuorelDatabase db(atPath(file)); }
+  {
+    SqlFile db(file);
+    EXPECT_EQ(db.integer("PRAGMA user_version"), 2);
+    EXPECT_EQ(db.rows("SELECT accumulated_wh FROM lifetime_energy_state"),
+              (std::vector<std::vector<std::string>>{{"6.75"}}));
+    EXPECT_EQ(db.integer("SELECT COUNT(*) FROM pragma_table_info('power_samples') WHERE name = "
+                         "'temperature_c'"),
+              0);
+    EXPECT_EQ(db.integer("SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL"),
+              componentRows);
+  }
+  EXPECT_EQ(schemaOf(file).at("table power_samples"), before.at("table power_samples"));
+  EXPECT_EQ(corruptionSignals, 0);
+  bool logged = false;
+  for (const auto& line : logs.lines()) {
+    if (line.message.rfind("v6 migration heal stale component power failed: rc=19 msg=", 0) == 0) {
+      logged = line.level == spdlog::level::err;
+    }
+  }
+  EXPECT_TRUE(logged);
+
+  // The next start tries again from the old version.
+  SqlFile(file).exec("DROP TRIGGER refuse_heal");
+  { QuorelDatabase db(atPath(file)); }
+  EXPECT_EQ(SqlFile(file).integer("PRAGMA user_version"), 8);
+}
+
+TEST_F(QuorelDatabaseTest, NewerFileIsLeftAsItIs) {
+  freshDatabase();
+  {
+    SqlFile db(dbFile);
+    db.exec("PRAGMA user_version = 9");
+    db.exec("ALTER TABLE power_samples ADD COLUMN from_the_future REAL");
+    db.exec(
+        "INSERT INTO power_samples (timestamp, ecpu_w, pcpu_w, gpu_w, ane_w, dram_w) VALUES "
+        "(1, 1, 1, 1, 1, 1), (2, 1, 1, 1, 1, 1), (3, 1, 1, 1, 1, 1)");
+  }
+  const auto before = schemaOf(dbFile);
+  LogCapture logs;
+  { QuorelDatabase db(atDefaultLocation()); }
+  SqlFile db(dbFile);
+  EXPECT_EQ(db.integer("PRAGMA user_version"), 9);
+  EXPECT_EQ(schemaOf(dbFile), before);
+  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL"), 3);
+  EXPECT_EQ(logs.count("on-disk schema v9 is newer than app v8 — downgrade detected; running with "
+                       "potential write skew"),
+            1u);
+  EXPECT_EQ(db.tryExec("INSERT INTO power_samples (timestamp) VALUES (4)"), SQLITE_OK);
+}
+
+TEST_F(QuorelDatabaseTest, RandomBytesSignalCorruptionOnceAndStayUntouched) {
+  fs::create_directories(dataDir);
+  std::mt19937 random(42);
+  std::string noise(64 * 1024, '\0');
+  for (auto& c : noise) c = static_cast<char>(random() & 0xff);
+  {
+    std::ofstream out(dbFile, std::ios::binary);
+    out << noise;
+  }
+  LogCapture logs;
+  {
+    QuorelDatabase db(atDefaultLocation());
+    EXPECT_EQ(corruptionSignals, 1);
+    // Later failures of any statement on the same file say nothing new.
+    db.logSqliteError(SQLITE_NOTADB, "insert sample");
+    db.logSqliteError(SQLITE_CORRUPT, "insert sample");
+  }
+  EXPECT_EQ(corruptionSignals, 1);
+  EXPECT_EQ(logs.count("database corruption detected — recommend Settings → Reset Data"), 1u);
+  EXPECT_EQ(bytesOf(dbFile), noise);
+  EXPECT_FALSE(fs::exists(dataDir / "quorel.db-wal") &&
+               fs::file_size(dataDir / "quorel.db-wal") > 0);
+}
+
+TEST_F(QuorelDatabaseTest, SqliteErrorsAreClassifiedByResultCode) {
+  QuorelDatabase db(atDefaultLocation());
+  LogCapture logs;
+  db.logSqliteError(SQLITE_BUSY, "insert sample");
+  db.logSqliteError(SQLITE_LOCKED, "insert sample");
+  db.logSqliteError(SQLITE_CONSTRAINT, "insert session");
+  EXPECT_EQ(corruptionSignals, 0);
+  db.logSqliteError(SQLITE_CORRUPT, "read history");
+  EXPECT_EQ(corruptionSignals, 1);
+  db.logSqliteError(SQLITE_NOTADB, "read history");
+  db.logSqliteError(SQLITE_CORRUPT_INDEX, "read history");
+  EXPECT_EQ(corruptionSignals, 1);
+
+  const auto lines = logs.lines();
+  ASSERT_GE(lines.size(), 7u);
+  EXPECT_THAT(lines[0].message, StartsWith("insert sample transient: rc=5 msg="));
+  EXPECT_EQ(lines[0].level, spdlog::level::warn);
+  EXPECT_THAT(lines[1].message, StartsWith("insert sample transient: rc=6 msg="));
+  EXPECT_THAT(lines[2].message, StartsWith("insert session failed: rc=19 msg="));
+  EXPECT_EQ(lines[2].level, spdlog::level::err);
+  EXPECT_THAT(lines[3].message, StartsWith("read history failed: rc=11 msg="));
+  EXPECT_EQ(lines[4].message, "database corruption detected — recommend Settings → Reset Data");
+  EXPECT_EQ(lines[4].level, spdlog::level::critical);
+  EXPECT_THAT(lines[5].message, StartsWith("read history failed: rc=26 msg="));
+}
+
+TEST_F(QuorelDatabaseTest, NoDataDirectoryMeansUnavailableAndOneSignal) {
+  LogCapture logs;
+  QuorelDatabase db({.dataDirectory = std::nullopt,
+                     .databasePathOverride = std::nullopt,
+                     .onCorruption = [this] { ++corruptionSignals; },
+                     .startQueue = false});
+  EXPECT_FALSE(db.isAvailable());
+  EXPECT_EQ(corruptionSignals, 1);
+  EXPECT_EQ(logs.count("cannot locate Application Support directory"), 1u);
+}
+
+TEST_F(QuorelDatabaseTest, UnopenableExplicitPathIsUnavailableWithoutSignal) {
+  LogCapture logs;
+  QuorelDatabase db(atPath(temp.path() / "missing" / "dir" / "x.db"));
+  EXPECT_FALSE(db.isAvailable());
+  EXPECT_EQ(corruptionSignals, 0);
+  EXPECT_EQ(logs.count("failed to open explicit database path"), 1u);
+}
+
+TEST_F(QuorelDatabaseTest, UnopenableDefaultLocationSignalsCorruption) {
+  // A plain file where the data directory should be: neither the directory nor the database
+  // can be made.
+  const fs::path blocker = temp.path() / "blocker";
+  std::ofstream(blocker) << "x";
+  LogCapture logs;
+  QuorelDatabase db({.dataDirectory = blocker / "quorel",
+                     .databasePathOverride = std::nullopt,
+                     .onCorruption = [this] { ++corruptionSignals; },
+                     .startQueue = false});
+  EXPECT_FALSE(db.isAvailable());
+  EXPECT_EQ(corruptionSignals, 1);
+  bool createLogged = false;
+  bool openLogged = false;
+  for (const auto& line : logs.lines()) {
+    if (line.message.rfind("createDirectory failed at " + (blocker / "quorel").string() + " — ",
+                           0) == 0) {
+      createLogged = line.level == spdlog::level::critical;
+    }
+    if (line.message.rfind("failed to open database at " +
+                               (blocker / "quorel" / "quorel.db").string() + " rc=14 msg=",
+                           0) == 0) {
+      openLogged = true;
+    }
+  }
+  EXPECT_TRUE(createLogged);
+  EXPECT_TRUE(openLogged);
+}
+
+TEST_F(QuorelDatabaseTest, RunningQueueOwnsTheConnectionUntilDestruction) {
+  auto options = atDefaultLocation();
+  options.startQueue = true;
+  QuorelDatabase db(std::move(options));
+  EXPECT_FALSE(db.queue().isCurrent());
+  EXPECT_TRUE(db.queue().sync([&] { return db.queue().isCurrent(); }));
+}
+
+TEST(CorruptionReportTest, HeadlessReportLogsAndPrintsTitleTextAndFolder) {
+  LogCapture logs;
+  std::ostringstream err;
+  reportCorruptionHeadless(fs::path("/home/u/.local/share/quorel"), err);
+  EXPECT_EQ(err.str(),
+            "Quorel's history database is unreadable\n"
+            "Quorel can keep running, but new samples and history won't be saved. Showing the "
+            "database folder lets you remove the damaged files and relaunch Quorel to start "
+            "fresh.\n"
+            "Database folder: /home/u/.local/share/quorel\n");
+  const auto lines = logs.lines();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].level, spdlog::level::err);
+  EXPECT_THAT(lines[0].message, StartsWith("Quorel's history database is unreadable — Quorel can "
+                                           "keep running"));
+  EXPECT_THAT(lines[0].message, HasSubstr("/home/u/.local/share/quorel"));
+}
+
+}  // namespace
+}  // namespace quorel

@@ -1,0 +1,128 @@
+#pragma once
+// A second, plain connection that tests use to build files and to look at what the store left
+// behind, independent of the code under test.
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace quorel::testing {
+
+using SqlValue = std::variant<std::nullptr_t, std::int64_t, double, std::string>;
+
+class SqlFile {
+ public:
+  explicit SqlFile(const std::filesystem::path& file) {
+    if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK) {
+      throw std::runtime_error("cannot open " + file.string());
+    }
+  }
+  ~SqlFile() { sqlite3_close_v2(db_); }
+  SqlFile(const SqlFile&) = delete;
+  SqlFile& operator=(const SqlFile&) = delete;
+
+  sqlite3* handle() const { return db_; }
+
+  // Runs statements that must succeed.
+  void exec(const std::string& sql) {
+    char* message = nullptr;
+    if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
+      std::string text = message ? message : "unknown";
+      sqlite3_free(message);
+      throw std::runtime_error(text + " in: " + sql);
+    }
+  }
+  // Runs a statement that may fail; returns the result code.
+  int tryExec(const std::string& sql) {
+    return sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr);
+  }
+
+  void insert(const std::string& table,
+              const std::vector<std::pair<std::string, SqlValue>>& values) {
+    std::string columns;
+    std::string marks;
+    for (const auto& [name, value] : values) {
+      columns += (columns.empty() ? "" : ", ") + name;
+      marks += marks.empty() ? "?" : ", ?";
+    }
+    const std::string sql = "INSERT INTO " + table + " (" + columns + ") VALUES (" + marks + ")";
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+      throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
+    }
+    int index = 1;
+    for (const auto& [name, value] : values) {
+      if (std::holds_alternative<std::int64_t>(value)) {
+        sqlite3_bind_int64(statement, index, std::get<std::int64_t>(value));
+      } else if (std::holds_alternative<double>(value)) {
+        sqlite3_bind_double(statement, index, std::get<double>(value));
+      } else if (std::holds_alternative<std::string>(value)) {
+        const auto& text = std::get<std::string>(value);
+        sqlite3_bind_text(statement, index, text.c_str(), static_cast<int>(text.size()),
+                          SQLITE_TRANSIENT);
+      } else {
+        sqlite3_bind_null(statement, index);
+      }
+      ++index;
+    }
+    const int rc = sqlite3_step(statement);
+    sqlite3_finalize(statement);
+    if (rc != SQLITE_DONE) {
+      throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
+    }
+  }
+
+  // Every row as text cells; NULL reads as "NULL", reals in shortest round-trip form.
+  std::vector<std::vector<std::string>> rows(const std::string& sql) const {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+      throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
+    }
+    std::vector<std::vector<std::string>> result;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+      std::vector<std::string> row;
+      for (int c = 0; c < sqlite3_column_count(statement); ++c) {
+        if (sqlite3_column_type(statement, c) == SQLITE_NULL) {
+          row.emplace_back("NULL");
+        } else {
+          row.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement, c)));
+        }
+      }
+      result.push_back(std::move(row));
+    }
+    sqlite3_finalize(statement);
+    return result;
+  }
+
+  std::optional<double> real(const std::string& sql) const {
+    auto r = single(sql);
+    if (!r) return std::nullopt;
+    return std::stod(*r);
+  }
+  std::int64_t integer(const std::string& sql) const {
+    auto r = single(sql);
+    if (!r) throw std::runtime_error("NULL from: " + sql);
+    return std::stoll(*r);
+  }
+  std::optional<std::string> text(const std::string& sql) const { return single(sql); }
+
+ private:
+  std::optional<std::string> single(const std::string& sql) const {
+    auto all = rows(sql);
+    if (all.size() != 1 || all.front().size() != 1) {
+      throw std::runtime_error("expected one value from: " + sql);
+    }
+    if (all.front().front() == "NULL") return std::nullopt;
+    return all.front().front();
+  }
+
+  sqlite3* db_ = nullptr;
+};
+
+}  // namespace quorel::testing
