@@ -1,0 +1,590 @@
+#include "mcp/mcp_http_transport.hpp"
+
+#include <algorithm>
+#include <array>
+#include <asio/buffer.hpp>
+#include <asio/ip/address_v4.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/write.hpp>
+#include <charconv>
+#include <map>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "core/logging.hpp"
+#include "mcp/text_util.hpp"
+
+namespace quorel {
+
+namespace {
+
+using asio::ip::tcp;
+
+constexpr std::string_view kEncodeFailedBody =
+    R"({"jsonrpc":"2.0","id":null,"error":{"code":-32603,"message":"encode failed"}})";
+
+MCPParseResult resultOf(MCPParseResult::Kind kind) {
+  return MCPParseResult{kind, std::nullopt};
+}
+
+// A base-ten integer as the platform reads one: an optional sign, then digits only.
+std::optional<std::int64_t> parseInteger(std::string_view s) {
+  if (!s.empty() && s.front() == '+') s.remove_prefix(1);
+  if (s.empty() || s.front() == '+') return std::nullopt;
+  std::int64_t value = 0;
+  auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), value);
+  if (ec != std::errc() || end != s.data() + s.size()) return std::nullopt;
+  return value;
+}
+
+std::vector<std::string_view> splitKeepingEmpty(std::string_view s, char separator,
+                                                std::size_t maxParts) {
+  std::vector<std::string_view> parts;
+  while (parts.size() + 1 < maxParts) {
+    auto at = s.find(separator);
+    if (at == std::string_view::npos) break;
+    parts.push_back(s.substr(0, at));
+    s.remove_prefix(at + 1);
+  }
+  parts.push_back(s);
+  return parts;
+}
+
+std::string statusHead(std::string_view status,
+                       const std::vector<std::pair<std::string_view, std::string>>& headers,
+                       std::size_t bodySize) {
+  std::string out = "HTTP/1.1 ";
+  out.append(status).append("\r\n");
+  for (const auto& [name, value] : headers)
+    out.append(name).append(": ").append(value).append("\r\n");
+  out.append("Content-Length: ").append(std::to_string(bodySize)).append("\r\n");
+  out.append("Connection: close\r\n\r\n");
+  return out;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Parsing
+
+MCPParseResult MCPHTTPTransport::parse(std::string_view data,
+                                       const std::optional<std::string>& requiredToken) {
+  using Kind = MCPParseResult::Kind;
+  const auto mark = data.find("\r\n\r\n");
+  if (mark == std::string_view::npos) return resultOf(Kind::incomplete);
+  const std::string_view head = data.substr(0, mark);
+  if (!isValidUTF8(head)) return resultOf(Kind::badRequest);
+
+  std::string normalized;
+  normalized.reserve(head.size());
+  for (std::size_t i = 0; i < head.size(); ++i) {
+    if (head[i] == '\r' && i + 1 < head.size() && head[i + 1] == '\n') continue;
+    normalized.push_back(head[i]);
+  }
+  const auto lines = splitKeepingEmpty(normalized, '\n', std::string_view::npos);
+  if (lines.empty()) return resultOf(Kind::badRequest);
+
+  const auto requestLine = splitKeepingEmpty(lines.front(), ' ', 3);
+  if (requestLine.size() < 2) return resultOf(Kind::badRequest);
+  MCPHTTPRequest request;
+  request.method = asciiUpper(requestLine[0]);
+  request.path = std::string(requestLine[1]);
+
+  std::optional<std::int64_t> declaredLength;
+  bool chunked = false;
+  std::optional<std::string> host, origin, authorization, headerToken;
+  for (std::size_t i = 1; i < lines.size(); ++i) {
+    const std::string_view line = lines[i];
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos) continue;
+    const std::string name = asciiLower(trimBlanks(line.substr(0, colon)));
+    const std::string value(trimBlanks(line.substr(colon + 1)));
+    if (name == "content-type") {
+      request.contentType = value;
+    } else if (name == "content-length") {
+      auto n = parseInteger(value);
+      if (!n || *n < 0 || *n > kMaxContentLength) return resultOf(Kind::badRequest);
+      declaredLength = *n;
+    } else if (name == "transfer-encoding") {
+      if (asciiLower(value).find("chunked") != std::string::npos) chunked = true;
+    } else if (name == "host") {
+      host = value;
+    } else if (name == "origin") {
+      origin = value;
+    } else if (name == "authorization") {
+      authorization = value;
+    } else if (name == "x-quorel-mcp-token") {
+      headerToken = value;
+    }
+  }
+
+  // No browser-origin request is ever answered, so no cross-origin headers exist either.
+  if (origin) return resultOf(Kind::forbidden);
+  // A foreign Host is how a DNS-rebinding page reaches a loopback port.
+  if (!isLoopbackHost(host)) return resultOf(Kind::forbidden);
+  if (requiredToken) {
+    auto presented = bearerToken(authorization);
+    if (!presented) presented = headerToken;
+    if (!presented || !constantTimeEquals(*presented, *requiredToken)) {
+      return resultOf(Kind::unauthorized);
+    }
+  }
+  if (chunked) return resultOf(Kind::badRequest);
+
+  const std::string_view rest = data.substr(mark + 4);
+  if (declaredLength) {
+    const auto length = static_cast<std::size_t>(*declaredLength);
+    if (rest.size() < length) return resultOf(Kind::incomplete);
+    request.body = std::string(rest.substr(0, length));
+  } else {
+    request.body = std::string(rest);
+  }
+  return MCPParseResult{Kind::request, std::move(request)};
+}
+
+bool MCPHTTPTransport::isLoopbackHost(std::optional<std::string_view> value) {
+  if (!value || value->empty()) return true;
+  std::string_view h = *value;
+  std::string_view hostPart;
+  if (h.front() == '[') {
+    const auto close = h.find(']');
+    hostPart = close == std::string_view::npos ? h.substr(1) : h.substr(1, close - 1);
+  } else if (std::count(h.begin(), h.end(), ':') <= 1) {
+    // The first non-empty piece between colons; a value of only colons stays whole.
+    hostPart = h;
+    for (auto piece : splitKeepingEmpty(h, ':', std::string_view::npos)) {
+      if (!piece.empty()) {
+        hostPart = piece;
+        break;
+      }
+    }
+  } else {
+    hostPart = h;  // a bare IPv6 address
+  }
+  const std::string lower = asciiLower(hostPart);
+  return lower == "127.0.0.1" || lower == "localhost" || lower == "::1";
+}
+
+std::optional<std::string> MCPHTTPTransport::bearerToken(
+    std::optional<std::string_view> authorization) {
+  if (!authorization) return std::nullopt;
+  const std::string_view trimmed = trimBlanks(*authorization);
+  constexpr std::string_view kPrefix = "bearer ";
+  if (trimmed.size() <= kPrefix.size()) return std::nullopt;
+  if (asciiLower(trimmed.substr(0, kPrefix.size())) != kPrefix) return std::nullopt;
+  return std::string(trimBlanks(trimmed.substr(kPrefix.size())));
+}
+
+bool MCPHTTPTransport::constantTimeEquals(std::string_view a, std::string_view b) {
+  const std::size_t n = std::max(a.size(), b.size());
+  unsigned difference = a.size() == b.size() ? 0u : 1u;
+  for (std::size_t i = 0; i < n; ++i) {
+    const auto x = i < a.size() ? static_cast<unsigned char>(a[i]) : 0u;
+    const auto y = i < b.size() ? static_cast<unsigned char>(b[i]) : 0u;
+    difference |= x ^ y;
+  }
+  return difference == 0;
+}
+
+bool MCPHTTPTransport::isAcceptableContentType(std::optional<std::string_view> value) {
+  if (!value || value->empty()) return true;
+  const std::string_view mediaType = value->substr(0, value->find(';'));
+  return asciiLower(trimWhitespace(mediaType)) == "application/json";
+}
+
+// ---------------------------------------------------------------------------------------------
+// The listener and its connections
+
+struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::Impl> {
+  struct Connection {
+    std::uint64_t id = 0;
+    tcp::socket socket;
+    std::string buffer;
+    explicit Connection(asio::io_context& io) : socket(io) {}
+  };
+
+  Impl(SerialQueue& q, Route r, MCPHTTPTransportOptions o)
+      : queue(q), route(std::move(r)), options(o), log(logging::get("mcp")) {}
+
+  SerialQueue& queue;
+  const Route route;
+  const MCPHTTPTransportOptions options;
+  std::shared_ptr<spdlog::logger> log;
+
+  std::unique_ptr<tcp::acceptor> listener;
+  bool listenerIsFallback = false;
+  std::uint64_t listenerGeneration = 0;
+  TimerHandle acceptRetry;
+  std::unordered_set<std::uint64_t> connections;
+  std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connectionByID;
+  std::unordered_map<std::uint64_t, TimerHandle> deadlineByID;
+  std::uint64_t nextConnectionID = 1;
+  std::function<void(std::error_code)> onStartError;
+  std::optional<std::error_code> lastStartError;
+  std::function<void(std::uint16_t)> onListening;
+  std::optional<std::uint16_t> boundPort;
+  std::optional<std::string> requiredToken;
+  // Reads complete one at a time on the queue, so one scratch buffer serves every connection.
+  std::array<char, kMaxReadBytes> scratch{};
+
+  std::optional<std::error_code> startListener(std::uint16_t port, bool isFallback);
+  void listenerFailed(std::error_code ec);
+  void listenerReady();
+  void accept();
+  void admit(tcp::socket socket);
+  void read(const std::shared_ptr<Connection>& conn);
+  void onReadable(const std::shared_ptr<Connection>& conn);
+  void dispatch(const std::shared_ptr<Connection>& conn, MCPHTTPRequest request);
+  void finishRoute(std::uint64_t id, const std::optional<JSONRPCResponse>& response);
+  void answer(std::uint64_t id, std::string_view status,
+              std::vector<std::pair<std::string_view, std::string>> headers = {},
+              std::string_view body = {});
+  void cancelConnection(std::uint64_t id);
+  void teardown();
+};
+
+std::optional<std::error_code> MCPHTTPTransport::Impl::startListener(std::uint16_t port,
+                                                                     bool isFallback) {
+  std::unique_ptr<tcp::acceptor> acceptor;
+  std::error_code ec;
+  try {
+    // The first socket on a queue also creates its reactor, which can fail (no descriptors).
+    acceptor = std::make_unique<tcp::acceptor>(queue.context());
+    acceptor->open(tcp::v4(), ec);
+    if (!ec) acceptor->set_option(tcp::acceptor::reuse_address(true), ec);
+  } catch (const std::system_error& e) {
+    ec = e.code();
+  }
+  if (ec) {
+    lastStartError = ec;
+    log->error("MCP listener could not be created: {}", ec.message());
+    if (onStartError) onStartError(ec);
+    return ec;
+  }
+  listener = std::move(acceptor);
+  listenerIsFallback = isFallback;
+  ++listenerGeneration;
+
+  const tcp::endpoint local(asio::ip::make_address_v4(kBindAddress), port);
+  listener->bind(local, ec);
+  if (!ec) listener->listen(asio::socket_base::max_listen_connections, ec);
+  if (ec) {
+    listenerFailed(ec);
+    return std::nullopt;
+  }
+  listenerReady();
+  return std::nullopt;
+}
+
+void MCPHTTPTransport::Impl::listenerFailed(std::error_code ec) {
+  if (!listenerIsFallback && ec == asio::error::address_in_use) {
+    teardown();
+    if (auto fallbackError = startListener(kFallbackPort, true)) {
+      lastStartError = *fallbackError;
+      log->error("MCP listener fallback bind failed: {}", fallbackError->message());
+      if (onStartError) onStartError(*fallbackError);
+    }
+    return;
+  }
+  lastStartError = ec;
+  log->error("MCP listener failed to bind: {}", ec.message());
+  if (onStartError) onStartError(ec);
+  teardown();
+}
+
+void MCPHTTPTransport::Impl::listenerReady() {
+  std::error_code ec;
+  const auto local = listener->local_endpoint(ec);
+  if (ec) return;
+  boundPort = local.port();
+  log->info("MCP listener ready on 127.0.0.1:{}{}", *boundPort,
+            listenerIsFallback ? " (fallback port)" : "");
+  if (onListening) onListening(*boundPort);
+  accept();
+}
+
+void MCPHTTPTransport::Impl::accept() {
+  if (!listener) return;
+  std::weak_ptr<Impl> weak = weak_from_this();
+  const auto generation = listenerGeneration;
+  listener->async_accept([weak, generation](std::error_code ec, tcp::socket socket) {
+    auto self = weak.lock();
+    if (!self || !self->listener || self->listenerGeneration != generation) return;
+    if (ec == asio::error::operation_aborted) return;
+    if (ec) {
+      // Out of descriptors or a peer that vanished mid-handshake: try again shortly rather
+      // than spin on an error that will repeat at once.
+      self->acceptRetry = self->queue.after(Seconds{0.05}, [weak, generation] {
+        auto again = weak.lock();
+        if (again && again->listener && again->listenerGeneration == generation) again->accept();
+      });
+      return;
+    }
+    self->admit(std::move(socket));
+    self->accept();
+  });
+}
+
+void MCPHTTPTransport::Impl::admit(tcp::socket socket) {
+  std::error_code ec;
+  const auto peer = socket.remote_endpoint(ec);
+  if (ec || !peer.address().is_loopback()) {
+    socket.close(ec);
+    return;
+  }
+  if (connections.size() >= kMaxConnections) {
+    log->error("MCP: connection cap ({}) reached — rejecting new peer", kMaxConnections);
+    socket.close(ec);
+    return;
+  }
+  socket.non_blocking(true, ec);
+  auto conn = std::make_shared<Connection>(queue.context());
+  conn->id = nextConnectionID++;
+  conn->socket = std::move(socket);
+  connections.insert(conn->id);
+  connectionByID.emplace(conn->id, conn);
+
+  std::weak_ptr<Impl> weak = weak_from_this();
+  const auto id = conn->id;
+  const double deadline_s = options.requestDeadline.count();
+  deadlineByID.emplace(id, queue.after(options.requestDeadline, [weak, id, deadline_s] {
+    auto self = weak.lock();
+    if (!self || !self->connectionByID.count(id)) return;
+    self->log->warn("MCP: connection idle past {}s without a complete request — cancelling",
+                    deadline_s);
+    self->cancelConnection(id);
+  }));
+  read(conn);
+}
+
+void MCPHTTPTransport::Impl::read(const std::shared_ptr<Connection>& conn) {
+  std::weak_ptr<Impl> weak = weak_from_this();
+  conn->socket.async_wait(tcp::socket::wait_read, [weak, conn](std::error_code ec) {
+    auto self = weak.lock();
+    if (!self || !self->connectionByID.count(conn->id)) return;
+    if (ec) {
+      self->cancelConnection(conn->id);
+      return;
+    }
+    self->onReadable(conn);
+  });
+}
+
+void MCPHTTPTransport::Impl::onReadable(const std::shared_ptr<Connection>& conn) {
+  std::error_code ec;
+  const std::size_t n = conn->socket.read_some(asio::buffer(scratch), ec);
+  if (ec == asio::error::would_block || ec == asio::error::try_again) {
+    read(conn);
+    return;
+  }
+  const bool ended = ec == asio::error::eof;
+  if (ec && !ended) {
+    cancelConnection(conn->id);
+    return;
+  }
+  conn->buffer.append(scratch.data(), n);
+  if (conn->buffer.size() > kMaxBufferedBytes) {
+    answer(conn->id, "413 Payload Too Large");
+    return;
+  }
+  auto result = MCPHTTPTransport::parse(conn->buffer, requiredToken);
+  switch (result.kind) {
+    case MCPParseResult::Kind::incomplete:
+      if (ended) {
+        cancelConnection(conn->id);
+      } else {
+        read(conn);
+      }
+      return;
+    case MCPParseResult::Kind::badRequest:
+      answer(conn->id, "400 Bad Request");
+      return;
+    case MCPParseResult::Kind::forbidden:
+      answer(conn->id, "403 Forbidden");
+      return;
+    case MCPParseResult::Kind::unauthorized:
+      answer(conn->id, "401 Unauthorized", {{"WWW-Authenticate", "Bearer"}});
+      return;
+    case MCPParseResult::Kind::request:
+      // Past this point nothing limits how long a tool may take.
+      deadlineByID.erase(conn->id);
+      conn->buffer.clear();
+      conn->buffer.shrink_to_fit();
+      dispatch(conn, std::move(*result.request));
+      return;
+  }
+}
+
+void MCPHTTPTransport::Impl::dispatch(const std::shared_ptr<Connection>& conn,
+                                      MCPHTTPRequest request) {
+  std::string_view path = request.path;
+  if (const auto q = path.find('?'); q != std::string_view::npos && q > 0) {
+    path = path.substr(0, q);
+  }
+  if (request.method == "OPTIONS") {
+    answer(conn->id, "204 No Content");
+    return;
+  }
+  if (request.method != "POST") {
+    answer(conn->id, "405 Method Not Allowed", {{"Allow", "POST, OPTIONS"}});
+    return;
+  }
+  if (path != "/mcp" && path != "/") {
+    answer(conn->id, "404 Not Found");
+    return;
+  }
+  if (!isAcceptableContentType(request.contentType)) {
+    answer(conn->id, "415 Unsupported Media Type");
+    return;
+  }
+  auto decoded = JSONRPCRequest::decode(request.body);
+  if (!decoded) {
+    finishRoute(conn->id, JSONRPCResponse::failure(std::nullopt, JSONRPCErrorObject::parseError));
+    return;
+  }
+  std::weak_ptr<Impl> weak = weak_from_this();
+  SerialQueue* home = &queue;
+  const auto id = conn->id;
+  route(std::move(*decoded), [weak, home, id](std::optional<JSONRPCResponse> response) {
+    home->async([weak, id, response = std::move(response)] {
+      if (auto self = weak.lock()) self->finishRoute(id, response);
+    });
+  });
+}
+
+void MCPHTTPTransport::Impl::finishRoute(std::uint64_t id,
+                                         const std::optional<JSONRPCResponse>& response) {
+  if (!connectionByID.count(id)) return;
+  if (!response) {
+    answer(id, "202 Accepted");
+    return;
+  }
+  auto body = response->encode();
+  answer(id, "200 OK", {{"Content-Type", "application/json"}},
+         body ? std::string_view(*body) : kEncodeFailedBody);
+}
+
+void MCPHTTPTransport::Impl::answer(std::uint64_t id, std::string_view status,
+                                    std::vector<std::pair<std::string_view, std::string>> headers,
+                                    std::string_view body) {
+  auto it = connectionByID.find(id);
+  if (it == connectionByID.end()) return;
+  auto conn = it->second;
+  auto message = std::make_shared<std::string>(statusHead(status, headers, body.size()));
+  message->append(body);
+  std::weak_ptr<Impl> weak = weak_from_this();
+  asio::async_write(conn->socket, asio::buffer(*message),
+                    [weak, conn, message](std::error_code, std::size_t) {
+                      if (auto self = weak.lock()) self->cancelConnection(conn->id);
+                    });
+}
+
+void MCPHTTPTransport::Impl::cancelConnection(std::uint64_t id) {
+  deadlineByID.erase(id);
+  connections.erase(id);
+  auto it = connectionByID.find(id);
+  if (it == connectionByID.end()) return;
+  auto conn = std::move(it->second);
+  connectionByID.erase(it);
+  std::error_code ec;
+  // Closing with unread bytes in the receive queue makes the kernel send a reset, which can
+  // destroy the answer before the peer reads it (a pipelined second request, say). Discard
+  // what has arrived first so that the close is an orderly one.
+  for (std::size_t drained = 0; drained <= kMaxBufferedBytes;) {
+    const std::size_t n = conn->socket.read_some(asio::buffer(scratch), ec);
+    if (ec || n == 0) break;
+    drained += n;
+  }
+  conn->socket.shutdown(tcp::socket::shutdown_both, ec);
+  conn->socket.close(ec);
+}
+
+void MCPHTTPTransport::Impl::teardown() {
+  std::error_code ec;
+  if (listener) listener->close(ec);
+  listener.reset();
+  ++listenerGeneration;
+  acceptRetry.cancel();
+  boundPort.reset();
+  deadlineByID.clear();
+  std::vector<std::uint64_t> ids;
+  ids.reserve(connectionByID.size());
+  for (const auto& [id, conn] : connectionByID) ids.push_back(id);
+  for (auto id : ids) cancelConnection(id);
+  connections.clear();
+}
+
+// ---------------------------------------------------------------------------------------------
+// The public face: every call enters the queue.
+
+template <class F>
+auto MCPHTTPTransport::onQueue(F&& work) const {
+  if (queue_.isCurrent()) return work();
+  return queue_.sync(std::forward<F>(work));
+}
+
+MCPHTTPTransport::MCPHTTPTransport(SerialQueue& queue, Route route, MCPHTTPTransportOptions options)
+    : queue_(queue), impl_(std::make_shared<Impl>(queue, std::move(route), options)) {}
+
+MCPHTTPTransport::~MCPHTTPTransport() {
+  auto impl = impl_;
+  onQueue([impl] { impl->teardown(); });
+}
+
+std::optional<std::error_code> MCPHTTPTransport::start(std::uint16_t port) {
+  auto impl = impl_;
+  return onQueue([impl, port]() -> std::optional<std::error_code> {
+    if (impl->listener) return std::nullopt;
+    impl->lastStartError.reset();
+    return impl->startListener(port, false);
+  });
+}
+
+void MCPHTTPTransport::stop() {
+  auto impl = impl_;
+  onQueue([impl] { impl->teardown(); });
+}
+
+bool MCPHTTPTransport::isListening() const {
+  auto impl = impl_;
+  return onQueue([impl] { return impl->listener != nullptr && impl->boundPort.has_value(); });
+}
+
+std::optional<std::uint16_t> MCPHTTPTransport::boundPort() const {
+  auto impl = impl_;
+  return onQueue([impl] { return impl->boundPort; });
+}
+
+std::optional<std::error_code> MCPHTTPTransport::lastStartError() const {
+  auto impl = impl_;
+  return onQueue([impl] { return impl->lastStartError; });
+}
+
+std::size_t MCPHTTPTransport::connectionCount() const {
+  auto impl = impl_;
+  return onQueue([impl] { return impl->connections.size(); });
+}
+
+void MCPHTTPTransport::setRequiredToken(std::optional<std::string> token) {
+  auto impl = impl_;
+  onQueue([impl, token = std::move(token)] { impl->requiredToken = token; });
+}
+
+std::optional<std::string> MCPHTTPTransport::requiredToken() const {
+  auto impl = impl_;
+  return onQueue([impl] { return impl->requiredToken; });
+}
+
+void MCPHTTPTransport::setOnListening(std::function<void(std::uint16_t)> callback) {
+  auto impl = impl_;
+  onQueue([impl, callback = std::move(callback)] { impl->onListening = callback; });
+}
+
+void MCPHTTPTransport::setOnStartError(std::function<void(std::error_code)> callback) {
+  auto impl = impl_;
+  onQueue([impl, callback = std::move(callback)] { impl->onStartError = callback; });
+}
+
+}  // namespace quorel

@@ -1,0 +1,109 @@
+#pragma once
+// A deliberately small HTTP/1.1 server for the MCP endpoint. It listens on 127.0.0.1 only, takes
+// exactly one request per connection, refuses anything a browser page could send (any Origin, a
+// foreign Host) and anything without the token, hands the decoded JSON-RPC request to the route
+// function, writes one response and closes. It knows nothing of tools or methods.
+//
+// Threading: every field lives on the transport's serial queue. The public operations enter the
+// queue synchronously (directly when already on it), so the queue must be running. The route
+// function is called on the queue and may reply from any thread; the reply hops back to the
+// queue before it touches a connection. Destroy the transport before shutting its queue down.
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "core/clock.hpp"
+#include "core/serial_queue.hpp"
+#include "mcp/json_rpc.hpp"
+
+namespace quorel {
+
+// A complete request that passed every check of the parser.
+struct MCPHTTPRequest {
+  std::string method;  // upper case
+  std::string path;    // as sent, query included
+  std::optional<std::string> contentType;
+  std::string body;
+  bool operator==(const MCPHTTPRequest&) const = default;
+};
+
+// What the parser makes of the bytes buffered so far.
+struct MCPParseResult {
+  enum class Kind { incomplete, badRequest, forbidden, unauthorized, request };
+  Kind kind = Kind::incomplete;
+  std::optional<MCPHTTPRequest> request;  // set for Kind::request only
+  bool operator==(const MCPParseResult&) const = default;
+};
+
+struct MCPHTTPTransportOptions {
+  // The limit on a whole request, from accept to the last byte; not re-armed by arriving bytes.
+  // Tests shorten it.
+  Seconds requestDeadline{15.0};
+};
+
+class MCPHTTPTransport {
+ public:
+  static constexpr std::size_t kMaxConnections = 32;
+  static constexpr std::size_t kMaxBufferedBytes = 1'048'576;
+  static constexpr std::int64_t kMaxContentLength = 1'048'576;
+  static constexpr std::size_t kMaxReadBytes = 65'536;
+  static constexpr const char* kBindAddress = "127.0.0.1";
+  static constexpr std::uint16_t kFallbackPort = 0;
+
+  using Reply = std::function<void(std::optional<JSONRPCResponse>)>;
+  // Answers one decoded request by calling Reply exactly once, from any thread; an absent
+  // response (a notification) is answered "202 Accepted".
+  using Route = std::function<void(JSONRPCRequest, Reply)>;
+
+  MCPHTTPTransport(SerialQueue& queue, Route route, MCPHTTPTransportOptions options = {});
+  ~MCPHTTPTransport();
+  MCPHTTPTransport(const MCPHTTPTransport&) = delete;
+  MCPHTTPTransport& operator=(const MCPHTTPTransport&) = delete;
+
+  // Binds 127.0.0.1:`port` (0: any port) unless already listening. When the port is taken it
+  // falls back to a port the system gives. Bind failures are reported through lastStartError,
+  // the log and onStartError; the returned error is only the failure to create a socket at all.
+  std::optional<std::error_code> start(std::uint16_t port);
+  // Closes the listener and every connection.
+  void stop();
+
+  bool isListening() const;
+  // The port actually bound; empty unless listening.
+  std::optional<std::uint16_t> boundPort() const;
+  std::optional<std::error_code> lastStartError() const;
+  // Connections counted against the cap right now.
+  std::size_t connectionCount() const;
+
+  // Set these before start().
+  void setRequiredToken(std::optional<std::string> token);
+  std::optional<std::string> requiredToken() const;
+  // Called on the transport's queue.
+  void setOnListening(std::function<void(std::uint16_t)> callback);
+  void setOnStartError(std::function<void(std::error_code)> callback);
+
+  // The request parser, pure, exercised without a network.
+  static MCPParseResult parse(std::string_view data,
+                              const std::optional<std::string>& requiredToken);
+  static bool isLoopbackHost(std::optional<std::string_view> host);
+  static std::optional<std::string> bearerToken(std::optional<std::string_view> authorization);
+  // Compares without an early exit, so timing does not reveal how much of a guess was right.
+  static bool constantTimeEquals(std::string_view a, std::string_view b);
+  static bool isAcceptableContentType(std::optional<std::string_view> value);
+
+  struct Impl;
+
+ private:
+  template <class F>
+  auto onQueue(F&& work) const;
+
+  SerialQueue& queue_;
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace quorel

@@ -1,0 +1,100 @@
+// The `quorel mcp` subcommands against a real server and against nothing at all.
+
+#include "mcp/mcp_commands.hpp"
+
+#include <gtest/gtest.h>
+
+#include <asio/ip/tcp.hpp>
+#include <fstream>
+
+#include "mcp/mcp_server.hpp"
+#include "mcp_test_support.hpp"
+
+namespace quorel {
+namespace {
+
+using testing::MapPreferenceStore;
+using testing::ScratchDirectory;
+
+bool startsWith(const std::string& text, const std::string& prefix) {
+  return text.rfind(prefix, 0) == 0;
+}
+
+std::uint16_t portWithNothingOnIt() {
+  asio::io_context io;
+  asio::ip::tcp::acceptor a(io, asio::ip::tcp::endpoint(asio::ip::make_address_v4("127.0.0.1"), 0));
+  return a.local_endpoint().port();
+}
+
+class MCPCommandsTest : public ::testing::Test {
+ protected:
+  ScratchDirectory dir_;
+  MapPreferenceStore prefs_;
+  std::filesystem::path data() const { return dir_.path() / "data"; }
+};
+
+TEST_F(MCPCommandsTest, EnableAndDisableFlipTheSettingAndSayWhereToConnect) {
+  auto on = runMCPEnableCommand(prefs_, data());
+  EXPECT_EQ(on.exitStatus, 0);
+  EXPECT_TRUE(prefs_.boolValue(kMCPServerEnabledKey));
+  EXPECT_EQ(on.text,
+            "MCP server enabled — a running agent starts it within moments.\n"
+            "HTTP: http://127.0.0.1:8473/mcp\n"
+            "Token file: " +
+                (data() / "mcp-token").string() +
+                " (not created yet — the agent writes it when the server starts)\n");
+
+  auto off = runMCPDisableCommand(prefs_, data());
+  EXPECT_EQ(off.exitStatus, 0);
+  EXPECT_FALSE(prefs_.boolValue(kMCPServerEnabledKey));
+  EXPECT_TRUE(prefs_.hasValue(kMCPServerEnabledKey));
+  EXPECT_EQ(off.text, "MCP server disabled — a running agent stops it within moments.\n");
+}
+
+TEST_F(MCPCommandsTest, StatusWhenDisabledIsStoppedWithoutProbing) {
+  prefs_.setValue(kMCPServerPortKey, 9001);
+  auto s = runMCPStatusCommand(prefs_, data());
+  EXPECT_EQ(s.exitStatus, 0);
+  EXPECT_TRUE(startsWith(s.text, "Stopped\nHTTP: http://127.0.0.1:9001/mcp\nToken file: "))
+      << s.text;
+}
+
+TEST_F(MCPCommandsTest, StatusWhenEnabledButNothingAnswers) {
+  prefs_.setValue(kMCPServerEnabledKey, true);
+  prefs_.setValue(kMCPServerPortKey, portWithNothingOnIt());
+  auto s = runMCPStatusCommand(prefs_, data());
+  EXPECT_EQ(s.exitStatus, 1);
+  EXPECT_TRUE(startsWith(s.text, "Not running — nothing answers on 127.0.0.1:")) << s.text;
+}
+
+TEST_F(MCPCommandsTest, StatusOfARunningServerNeverPrintsTheToken) {
+  SerialQueue main("main"), http(kMCPTransportQueueLabel);
+  main.start();
+  http.start();
+  {
+    MCPServer server(main, http, prefs_, data());
+    server.start(0);
+    ASSERT_TRUE(server.isListening());
+    prefs_.setValue(kMCPServerEnabledKey, true);
+    const std::string token = server.loadOrCreateToken();
+    const std::string port = std::to_string(server.currentPort());
+
+    auto s = runMCPStatusCommand(prefs_, data());
+    EXPECT_EQ(s.exitStatus, 0);
+    EXPECT_EQ(s.text, "Running on 127.0.0.1:" + port + "\nHTTP: http://127.0.0.1:" + port +
+                          "/mcp\nToken file: " + (data() / "mcp-token").string() + "\n");
+    EXPECT_EQ(s.text.find(token), std::string::npos);
+
+    // A token file changed after the start is refused by the running server.
+    std::ofstream(data() / "mcp-token") << "changed\n";
+    auto refused = runMCPStatusCommand(prefs_, data());
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_TRUE(startsWith(refused.text, "Running on 127.0.0.1:" + port + ", but it refuses"))
+        << refused.text;
+  }
+  http.shutdown();
+  main.shutdown();
+}
+
+}  // namespace
+}  // namespace quorel

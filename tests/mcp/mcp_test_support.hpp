@@ -1,0 +1,265 @@
+#pragma once
+// What the MCP tests share: an in-memory preference domain, a raw loopback client that speaks
+// bytes rather than HTTP, a log capture and a scratch directory.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <spdlog/sinks/base_sink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/logging.hpp"
+#include "core/preference_store.hpp"
+
+namespace quorel::testing {
+
+// A thread-safe map; observers run synchronously inside setValue, on the writer's thread, the
+// way a store notified by another process would call them from its watcher thread.
+class MapPreferenceStore final : public PreferenceStore {
+ public:
+  std::optional<nlohmann::json> value(const std::string& key) const override {
+    std::lock_guard lock(mutex_);
+    auto it = values_.find(key);
+    if (it == values_.end()) return std::nullopt;
+    return it->second;
+  }
+  void setValue(const std::string& key, const nlohmann::json& v) override {
+    {
+      std::lock_guard lock(mutex_);
+      values_[key] = v;
+    }
+    notify();
+  }
+  void removeValue(const std::string& key) override {
+    {
+      std::lock_guard lock(mutex_);
+      values_.erase(key);
+    }
+    notify();
+  }
+  std::uint64_t addObserver(Observer observer) override {
+    std::lock_guard lock(mutex_);
+    observers_.emplace(next_, std::move(observer));
+    return next_++;
+  }
+  void removeObserver(std::uint64_t id) override {
+    std::lock_guard lock(mutex_);
+    observers_.erase(id);
+  }
+  std::size_t observerCount() const {
+    std::lock_guard lock(mutex_);
+    return observers_.size();
+  }
+
+ private:
+  void notify() {
+    std::vector<Observer> toCall;
+    {
+      std::lock_guard lock(mutex_);
+      for (const auto& [id, o] : observers_) toCall.push_back(o);
+    }
+    for (const auto& o : toCall) o();
+  }
+  mutable std::mutex mutex_;
+  std::map<std::string, nlohmann::json> values_;
+  std::map<std::uint64_t, Observer> observers_;
+  std::uint64_t next_ = 1;
+};
+
+// Captures every line logged by any category while alive.
+class LogCapture {
+ public:
+  LogCapture() : sink_(std::make_shared<Sink>()) { logging::addSink(sink_); }
+  ~LogCapture() { logging::removeSink(sink_); }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+
+  std::vector<std::string> lines() const { return sink_->snapshot(); }
+  bool contains(const std::string& line) const {
+    for (const auto& l : lines()) {
+      if (l == line) return true;
+    }
+    return false;
+  }
+  std::size_t count(const std::string& line) const {
+    std::size_t n = 0;
+    for (const auto& l : lines()) n += l == line ? 1 : 0;
+    return n;
+  }
+  // Waits, bounded, for a line that another thread logs.
+  bool waitFor(const std::string& line,
+               std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
+    const auto until = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < until) {
+      if (contains(line)) return true;
+      std::this_thread::yield();
+    }
+    return contains(line);
+  }
+
+ private:
+  class Sink final : public spdlog::sinks::base_sink<std::mutex> {
+   public:
+    std::vector<std::string> snapshot() {
+      std::lock_guard lock(this->mutex_);
+      return lines_;
+    }
+
+   protected:
+    void sink_it_(const spdlog::details::log_msg& msg) override {
+      lines_.emplace_back(msg.payload.begin(), msg.payload.end());
+    }
+    void flush_() override {}
+
+   private:
+    std::vector<std::string> lines_;
+  };
+  std::shared_ptr<Sink> sink_;
+};
+
+class ScratchDirectory {
+ public:
+  ScratchDirectory() {
+    std::random_device rd;
+    path_ = std::filesystem::temp_directory_path() /
+            ("quorel-mcp-test-" + std::to_string(::getpid()) + "-" + std::to_string(rd()));
+    std::filesystem::create_directories(path_);
+  }
+  ~ScratchDirectory() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
+  }
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+struct RawAnswer {
+  std::string bytes;
+  bool closed = false;  // the server ended the stream (orderly or by reset)
+
+  // "HTTP/1.1 200 OK" -> "200 OK"
+  std::string status() const {
+    const auto end = bytes.find("\r\n");
+    if (bytes.rfind("HTTP/1.1 ", 0) != 0 || end == std::string::npos) return {};
+    return bytes.substr(9, end - 9);
+  }
+  std::optional<std::string> header(const std::string& name) const {
+    const auto headEnd = bytes.find("\r\n\r\n");
+    std::size_t at = bytes.find("\r\n");
+    while (at != std::string::npos && at < headEnd) {
+      const auto next = bytes.find("\r\n", at + 2);
+      const std::string line = bytes.substr(at + 2, next - at - 2);
+      if (line.rfind(name + ": ", 0) == 0) return line.substr(name.size() + 2);
+      at = next;
+    }
+    return std::nullopt;
+  }
+  std::string body() const {
+    const auto headEnd = bytes.find("\r\n\r\n");
+    return headEnd == std::string::npos ? std::string() : bytes.substr(headEnd + 4);
+  }
+  // How many responses arrived on the one connection.
+  std::size_t responseCount() const {
+    std::size_t n = 0;
+    for (auto at = bytes.find("HTTP/1.1 "); at != std::string::npos;
+         at = bytes.find("HTTP/1.1 ", at + 1)) {
+      ++n;
+    }
+    return n;
+  }
+};
+
+// A client that sends exactly the bytes it is given.
+class RawClient {
+ public:
+  explicit RawClient(std::uint16_t port) {
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = ::connect(fd_, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
+  }
+  ~RawClient() { close(); }
+  RawClient(const RawClient&) = delete;
+  RawClient& operator=(const RawClient&) = delete;
+
+  bool connected() const { return connected_; }
+  void close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+  bool send(const std::string& bytes) {
+    for (std::size_t sent = 0; sent < bytes.size();) {
+      const ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (n <= 0) return false;
+      sent += static_cast<std::size_t>(n);
+    }
+    return true;
+  }
+  void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
+  // Reads until the server ends the stream or `limit` passes (a safety net, not a timer that
+  // the test depends on).
+  RawAnswer readAll(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    RawAnswer answer;
+    const auto until = std::chrono::steady_clock::now() + limit;
+    char buf[65536];
+    for (;;) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          until - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return answer;
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) return answer;
+      const ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
+      if (n <= 0) {
+        answer.closed = true;
+        return answer;
+      }
+      answer.bytes.append(buf, static_cast<std::size_t>(n));
+    }
+  }
+
+ private:
+  int fd_ = -1;
+  bool connected_ = false;
+};
+
+inline RawAnswer roundTrip(std::uint16_t port, const std::string& bytes) {
+  RawClient client(port);
+  if (!client.connected() || !client.send(bytes)) return {};
+  return client.readAll();
+}
+
+inline std::string post(const std::string& body, const std::string& extraHeaders = {},
+                        const std::string& path = "/mcp") {
+  return "POST " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n" +
+         extraHeaders + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+// Waits, bounded, for a condition that another thread brings about.
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+  const auto until = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < until) {
+    if (condition()) return true;
+    std::this_thread::yield();
+  }
+  return condition();
+}
+
+}  // namespace quorel::testing
