@@ -22,7 +22,7 @@ void ManualClock::set(TimePoint t) {
 
 void ManualClock::advance(Seconds by) {
   std::lock_guard lock(mutex_);
-  now_ += std::chrono::duration_cast<TimePoint::duration>(by);
+  now_ += std::chrono::round<TimePoint::duration>(by);
 }
 
 double secondsBetween(TimePoint from, TimePoint to) {
@@ -34,7 +34,8 @@ double toUnixSeconds(TimePoint t) {
 }
 
 TimePoint fromUnixSeconds(double seconds) {
-  return TimePoint{std::chrono::duration_cast<TimePoint::duration>(Seconds{seconds})};
+  // Rounded, not truncated: a stored 0.25 is a few ulps under it as a double.
+  return TimePoint{std::chrono::round<TimePoint::duration>(Seconds{seconds})};
 }
 
 TimePoint distantPast() {
