@@ -32,6 +32,8 @@ void PowerHistory::fillSamples(std::vector<double>& values,
                                std::vector<TimePoint>& timestamps) const {
   values.clear();
   timestamps.clear();
+  values.reserve(count_);
+  timestamps.reserve(count_);
   auto copy = [&](std::size_t from, std::size_t to) {
     for (std::size_t i = from; i < to; ++i) {
       values.push_back(buffer_[i].value);
