@@ -5,7 +5,7 @@
 namespace quorel {
 
 SettingsManager::SettingsManager(PreferenceStore& store, SerialQueue& mainQueue, const Clock& clock)
-    : store_(store), mainQueue_(mainQueue), clock_(clock) {
+    : store_(store), clock_(clock) {
   lastKnownDocument_ = store_.dataValue(key);
   if (lastKnownDocument_) {
     // A document that does not decode costs the user's settings, silently: the defaults apply

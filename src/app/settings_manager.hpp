@@ -71,7 +71,6 @@ class SettingsManager {
   void storeDocument();
 
   PreferenceStore& store_;
-  SerialQueue& mainQueue_;
   const Clock& clock_;
   QuorelSettings settings_;
   // The document as this manager last saw it in the store: a change notice for any other key,

@@ -170,18 +170,18 @@ struct FilePreferenceStore::Impl {
     if (inotifyFd >= 0) ::close(inotifyFd);
   }
 
-  // Reads the file for an update, with the lock held. A file that holds no JSON object is moved
-  // aside so that the write that follows cannot destroy what the user had in it.
-  nlohmann::json readLocked() {
+  // Reads the file with the lock held. A file that holds no JSON object is moved aside so that
+  // the write that follows cannot destroy what the user had in it. Absent when the file exists
+  // but cannot be read: it must then be neither replaced nor taken for an empty domain.
+  std::optional<nlohmann::json> readLocked() {
     auto read = readDocument(file);
     switch (read.outcome) {
       case ReadOutcome::document:
       case ReadOutcome::missing:
         return std::move(read.document);
       case ReadOutcome::unreadable:
-        log->error("cannot read preferences at {} — {}; continuing with an empty domain",
-                   file.string(), errnoText(read.error));
-        return nlohmann::json::object();
+        log->error("cannot read preferences at {} — {}", file.string(), errnoText(read.error));
+        return std::nullopt;
       case ReadOutcome::invalid:
         break;
     }
@@ -221,7 +221,7 @@ struct FilePreferenceStore::Impl {
     bool changed = false;
     {
       FileLock lock(lockFile);
-      changed = adopt(readLocked());
+      if (auto document = readLocked()) changed = adopt(std::move(*document));
     }
     if (changed) notify();
     return changed;
@@ -236,10 +236,22 @@ struct FilePreferenceStore::Impl {
         log->error("cannot lock preferences at {} — {}; writing without the lock",
                    lockFile.string(), errnoText(lock.error()));
       }
-      nlohmann::json document = readLocked();
+      auto read = readLocked();
+      const bool readable = read.has_value();
+      if (!readable) {
+        std::lock_guard guard(mutex);
+        read = cache;
+      }
+      nlohmann::json document = std::move(*read);
       const nlohmann::json before = document;
       edit(document);
-      if (document != before) {
+      if (!readable) {
+        // Writing now would replace a file nobody could read.
+        log->error(
+            "not writing preferences to {} — the file cannot be read; the change is kept "
+            "in memory only",
+            file.string());
+      } else if (document != before) {
         if (const int error = writeAtomically(file, document.dump(2) + "\n"); error != 0) {
           log->error("cannot write preferences to {} — {}; the change is kept in memory only",
                      file.string(), errnoText(error));
@@ -286,7 +298,7 @@ struct FilePreferenceStore::Watch {
     watch->descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
                                  [watch](const std::error_code& ec) {
                                    if (ec || watch->stopped.load()) return;
-                                   if (auto impl = watch->impl.lock()) impl->poll();
+                                   if (auto store = watch->impl.lock()) store->poll();
                                    if (!watch->stopped.load()) arm(watch);
                                  });
   }
@@ -316,7 +328,7 @@ FilePreferenceStore::FilePreferenceStore(fs::path file) : impl_(std::make_shared
     impl_->inotifyFd = -1;
   }
   FileLock lock(impl_->lockFile);
-  impl_->adopt(impl_->readLocked());
+  if (auto document = impl_->readLocked()) impl_->adopt(std::move(*document));
 }
 
 FilePreferenceStore::~FilePreferenceStore() {

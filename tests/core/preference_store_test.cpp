@@ -282,5 +282,19 @@ TEST_F(FilePreferenceStoreTest, UnwritableDirectoryKeepsTheChangeInMemoryAndSays
   EXPECT_TRUE(logged);
 }
 
+TEST_F(FilePreferenceStoreTest, UnreadableFileIsNeitherReplacedNorTakenForEmpty) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root reads through file permissions";
+  fs::create_directories(dir);
+  writeFile(file, "{\"kept\": true}");
+  fs::permissions(file, fs::perms::none);
+  {
+    FilePreferenceStore store(file);
+    store.setValue("a", 1);
+    EXPECT_EQ(store.integerValue("a"), 1);
+  }
+  fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
+  EXPECT_EQ(nlohmann::json::parse(readFile(file)), (nlohmann::json{{"kept", true}}));
+}
+
 }  // namespace
 }  // namespace quorel
