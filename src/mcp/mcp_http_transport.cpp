@@ -1,11 +1,14 @@
 #include "mcp/mcp_http_transport.hpp"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <array>
 #include <asio/buffer.hpp>
 #include <asio/ip/address_v4.hpp>
 #include <asio/ip/tcp.hpp>
-#include <asio/write.hpp>
+#include <asio/steady_timer.hpp>
+#include <cerrno>
 #include <charconv>
 #include <map>
 #include <unordered_map>
@@ -201,8 +204,13 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   struct Connection {
     std::uint64_t id = 0;
     tcp::socket socket;
+    // The one-shot limit on the whole request; cancelled once a request has parsed.
+    asio::steady_timer deadline;
     std::string buffer;
-    explicit Connection(asio::io_context& io) : socket(io) {}
+    // The answer and how much of it has gone out.
+    std::string outgoing;
+    std::size_t sent = 0;
+    explicit Connection(tcp::socket s, asio::io_context& io) : socket(std::move(s)), deadline(io) {}
   };
 
   Impl(SerialQueue& q, Route r, MCPHTTPTransportOptions o)
@@ -217,9 +225,12 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   bool listenerIsFallback = false;
   std::uint64_t listenerGeneration = 0;
   TimerHandle acceptRetry;
+  // Filled in by the one accept in flight.
+  tcp::endpoint acceptPeer;
   std::unordered_set<std::uint64_t> connections;
   std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connectionByID;
-  std::unordered_map<std::uint64_t, TimerHandle> deadlineByID;
+  // Connections whose deadline is still armed (no complete request yet).
+  std::unordered_set<std::uint64_t> deadlineByID;
   std::uint64_t nextConnectionID = 1;
   std::function<void(std::error_code)> onStartError;
   std::optional<std::error_code> lastStartError;
@@ -233,7 +244,7 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   void listenerFailed(std::error_code ec);
   void listenerReady();
   void accept();
-  void admit(tcp::socket socket);
+  void admit(tcp::socket socket, const tcp::endpoint& peer);
   void read(const std::shared_ptr<Connection>& conn);
   void onReadable(const std::shared_ptr<Connection>& conn);
   void dispatch(const std::shared_ptr<Connection>& conn, MCPHTTPRequest request);
@@ -241,6 +252,8 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   void answer(std::uint64_t id, std::string_view status,
               std::vector<std::pair<std::string_view, std::string>> headers = {},
               std::string_view body = {});
+  void writeRest(const std::shared_ptr<Connection>& conn);
+  void disarmDeadline(Connection& conn);
   void cancelConnection(std::uint64_t id);
   void teardown();
 };
@@ -309,7 +322,7 @@ void MCPHTTPTransport::Impl::accept() {
   if (!listener) return;
   std::weak_ptr<Impl> weak = weak_from_this();
   const auto generation = listenerGeneration;
-  listener->async_accept([weak, generation](std::error_code ec, tcp::socket socket) {
+  listener->async_accept(acceptPeer, [weak, generation](std::error_code ec, tcp::socket socket) {
     auto self = weak.lock();
     if (!self || !self->listener || self->listenerGeneration != generation) return;
     if (ec == asio::error::operation_aborted) return;
@@ -322,15 +335,14 @@ void MCPHTTPTransport::Impl::accept() {
       });
       return;
     }
-    self->admit(std::move(socket));
+    self->admit(std::move(socket), self->acceptPeer);
     self->accept();
   });
 }
 
-void MCPHTTPTransport::Impl::admit(tcp::socket socket) {
+void MCPHTTPTransport::Impl::admit(tcp::socket socket, const tcp::endpoint& peer) {
   std::error_code ec;
-  const auto peer = socket.remote_endpoint(ec);
-  if (ec || !peer.address().is_loopback()) {
+  if (!peer.address().is_loopback()) {
     socket.close(ec);
     return;
   }
@@ -339,24 +351,28 @@ void MCPHTTPTransport::Impl::admit(tcp::socket socket) {
     socket.close(ec);
     return;
   }
-  socket.non_blocking(true, ec);
-  auto conn = std::make_shared<Connection>(queue.context());
+  auto conn = std::make_shared<Connection>(std::move(socket), queue.context());
   conn->id = nextConnectionID++;
-  conn->socket = std::move(socket);
   connections.insert(conn->id);
   connectionByID.emplace(conn->id, conn);
 
   std::weak_ptr<Impl> weak = weak_from_this();
-  const auto id = conn->id;
-  const double deadline_s = options.requestDeadline.count();
-  deadlineByID.emplace(id, queue.after(options.requestDeadline, [weak, id, deadline_s] {
+  deadlineByID.insert(conn->id);
+  conn->deadline.expires_after(
+      std::chrono::duration_cast<std::chrono::steady_clock::duration>(options.requestDeadline));
+  conn->deadline.async_wait([weak, id = conn->id](std::error_code waitError) {
     auto self = weak.lock();
-    if (!self || !self->connectionByID.count(id)) return;
+    if (waitError || !self || !self->deadlineByID.count(id)) return;
     self->log->warn("MCP: connection idle past {}s without a complete request — cancelling",
-                    deadline_s);
+                    self->options.requestDeadline.count());
     self->cancelConnection(id);
-  }));
-  read(conn);
+  });
+  // Clients send at once, so the request is often there already: try before waiting.
+  onReadable(conn);
+}
+
+void MCPHTTPTransport::Impl::disarmDeadline(Connection& conn) {
+  if (deadlineByID.erase(conn.id) != 0) conn.deadline.cancel();
 }
 
 void MCPHTTPTransport::Impl::read(const std::shared_ptr<Connection>& conn) {
@@ -373,18 +389,21 @@ void MCPHTTPTransport::Impl::read(const std::shared_ptr<Connection>& conn) {
 }
 
 void MCPHTTPTransport::Impl::onReadable(const std::shared_ptr<Connection>& conn) {
-  std::error_code ec;
-  const std::size_t n = conn->socket.read_some(asio::buffer(scratch), ec);
-  if (ec == asio::error::would_block || ec == asio::error::try_again) {
+  // Non-blocking per call, so the socket itself never needs switching to non-blocking mode.
+  ssize_t n;
+  do {
+    n = ::recv(conn->socket.native_handle(), scratch.data(), scratch.size(), MSG_DONTWAIT);
+  } while (n < 0 && errno == EINTR);
+  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
     read(conn);
     return;
   }
-  const bool ended = ec == asio::error::eof;
-  if (ec && !ended) {
+  if (n < 0) {
     cancelConnection(conn->id);
     return;
   }
-  conn->buffer.append(scratch.data(), n);
+  const bool ended = n == 0;
+  conn->buffer.append(scratch.data(), static_cast<std::size_t>(n));
   if (conn->buffer.size() > kMaxBufferedBytes) {
     answer(conn->id, "413 Payload Too Large");
     return;
@@ -409,9 +428,8 @@ void MCPHTTPTransport::Impl::onReadable(const std::shared_ptr<Connection>& conn)
       return;
     case MCPParseResult::Kind::request:
       // Past this point nothing limits how long a tool may take.
-      deadlineByID.erase(conn->id);
-      conn->buffer.clear();
-      conn->buffer.shrink_to_fit();
+      disarmDeadline(*conn);
+      std::string().swap(conn->buffer);
       dispatch(conn, std::move(*result.request));
       return;
   }
@@ -471,33 +489,59 @@ void MCPHTTPTransport::Impl::answer(std::uint64_t id, std::string_view status,
                                     std::string_view body) {
   auto it = connectionByID.find(id);
   if (it == connectionByID.end()) return;
-  auto conn = it->second;
-  auto message = std::make_shared<std::string>(statusHead(status, headers, body.size()));
-  message->append(body);
-  std::weak_ptr<Impl> weak = weak_from_this();
-  asio::async_write(conn->socket, asio::buffer(*message),
-                    [weak, conn, message](std::error_code, std::size_t) {
-                      if (auto self = weak.lock()) self->cancelConnection(conn->id);
-                    });
+  const auto& conn = it->second;
+  conn->outgoing = statusHead(status, headers, body.size());
+  conn->outgoing.append(body);
+  conn->sent = 0;
+  writeRest(conn);
+}
+
+void MCPHTTPTransport::Impl::writeRest(const std::shared_ptr<Connection>& conn) {
+  // An answer is small next to the socket's send buffer, so it nearly always goes out in one
+  // call; a slow reader gets the rest when its socket can take it.
+  while (conn->sent < conn->outgoing.size()) {
+    const ssize_t n = ::send(conn->socket.native_handle(), conn->outgoing.data() + conn->sent,
+                             conn->outgoing.size() - conn->sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (n > 0) {
+      conn->sent += static_cast<std::size_t>(n);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      std::weak_ptr<Impl> weak = weak_from_this();
+      conn->socket.async_wait(tcp::socket::wait_write, [weak, conn](std::error_code ec) {
+        auto self = weak.lock();
+        if (!self || !self->connectionByID.count(conn->id)) return;
+        if (ec) {
+          self->cancelConnection(conn->id);
+        } else {
+          self->writeRest(conn);
+        }
+      });
+      return;
+    } else {
+      break;  // the peer is gone; nothing more to say
+    }
+  }
+  cancelConnection(conn->id);
 }
 
 void MCPHTTPTransport::Impl::cancelConnection(std::uint64_t id) {
-  deadlineByID.erase(id);
   connections.erase(id);
   auto it = connectionByID.find(id);
   if (it == connectionByID.end()) return;
   auto conn = std::move(it->second);
   connectionByID.erase(it);
-  std::error_code ec;
+  disarmDeadline(*conn);
   // Closing with unread bytes in the receive queue makes the kernel send a reset, which can
   // destroy the answer before the peer reads it (a pipelined second request, say). Discard
   // what has arrived first so that the close is an orderly one.
   for (std::size_t drained = 0; drained <= kMaxBufferedBytes;) {
-    const std::size_t n = conn->socket.read_some(asio::buffer(scratch), ec);
-    if (ec || n == 0) break;
-    drained += n;
+    const ssize_t n =
+        ::recv(conn->socket.native_handle(), scratch.data(), scratch.size(), MSG_DONTWAIT);
+    if (n <= 0) break;
+    drained += static_cast<std::size_t>(n);
   }
-  conn->socket.shutdown(tcp::socket::shutdown_both, ec);
+  std::error_code ec;
   conn->socket.close(ec);
 }
 
@@ -508,7 +552,6 @@ void MCPHTTPTransport::Impl::teardown() {
   ++listenerGeneration;
   acceptRetry.cancel();
   boundPort.reset();
-  deadlineByID.clear();
   std::vector<std::uint64_t> ids;
   ids.reserve(connectionByID.size());
   for (const auto& [id, conn] : connectionByID) ids.push_back(id);
