@@ -76,7 +76,8 @@ struct SandboxSettings {
 // The shared, observable holder of the scenario. Thread-safe. Observers are called on the
 // thread that made the change, after the change is visible to readers, one change at a time
 // and in order; they should hold their owner weakly, since a callback that is being removed on
-// another thread may still receive the change in flight.
+// another thread may still receive the change in flight. An observer must not wait for another
+// thread that changes the config itself: changes are serialised across their deliveries.
 class SandboxConfig {
  public:
   struct Change {
