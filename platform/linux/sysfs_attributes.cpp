@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -66,6 +67,15 @@ std::optional<std::string> readFile(const std::filesystem::path& path, int* erro
     return std::nullopt;
   }
   FileDescriptor guard(fd);
+  // A file nobody may read is unreadable even to root, who could open it anyway: a captured
+  // tree then behaves the same whoever replays it, and a file the kernel only accepts writes
+  // to is never mistaken for a value.
+  struct stat status {};
+  if (::fstat(guard.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+      (status.st_mode & (S_IRUSR | S_IRGRP | S_IROTH)) == 0) {
+    if (error != nullptr) *error = EACCES;
+    return std::nullopt;
+  }
   std::string text;
   char buffer[4096];
   for (;;) {

@@ -64,6 +64,18 @@ TEST_F(LinuxPowerSourceFallbackProviderTest, SurvivesWhereThePrimaryCannotRead) 
   EXPECT_EQ(s->currentCapacity_mAh, 0);
 }
 
+TEST_F(LinuxPowerSourceFallbackProviderTest, ABatteryThatCannotBeReadAtAllLeavesTheAdapter) {
+  SysfsTree tree("charge-pack");
+  for (const auto& entry : std::filesystem::directory_iterator(tree.powerSupply() / "BAT0")) {
+    std::filesystem::permissions(entry.path(), std::filesystem::perms::none);
+  }
+  auto s = fetch(tree.powerSupply());
+  ASSERT_TRUE(s);
+  EXPECT_FALSE(s->batteryInstalled);
+  EXPECT_TRUE(s->externalConnected);
+  EXPECT_FALSE(s->iopsPercent);
+}
+
 TEST_F(LinuxPowerSourceFallbackProviderTest, PercentageComesFromChargeOrEnergyWithoutCapacity) {
   SysfsTree tree;
   tree.writeSupply(

@@ -331,6 +331,13 @@ TEST_F(LinuxPowerSupplyProviderTest, ReadsThatCannotBeTrustedGiveNothing) {
          t.makeUnreadable("class/power_supply/BAT0/type");
        },
        "power supply BAT0 cannot be read"},
+      {"every file of the battery made unreadable",
+       [](const SysfsTree& t) {
+         for (const auto& entry : std::filesystem::directory_iterator(t.powerSupply() / "BAT0")) {
+           std::filesystem::permissions(entry.path(), std::filesystem::perms::none);
+         }
+       },
+       "power supply BAT0 cannot be read"},
       {"device directory gone behind its link",
        [](const SysfsTree& t) {
          t.remove("devices/LNXSYSTM:00/LNXSYBUS:00/PNP0C0A:00/power_supply/BAT0");

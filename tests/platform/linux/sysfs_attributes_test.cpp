@@ -54,8 +54,15 @@ TEST(SysfsFileTest, ReadsReportWhyTheyFailed) {
   EXPECT_FALSE(readFile(tree.root() / "a/dir", &error));
   EXPECT_EQ(error, EISDIR);
 
+  // Without a read bit the file is unreadable, also when the tests run as root.
+  tree.write("a/private", "7\n");
+  std::filesystem::permissions(tree.root() / "a/private", std::filesystem::perms::owner_write);
+  EXPECT_FALSE(readFile(tree.root() / "a/private", &error));
+  EXPECT_EQ(error, EACCES);
+
   tree.write("a/b", "");
-  EXPECT_EQ(listDirectory(tree.root() / "a"), (std::vector<std::string>{"b", "dir", "value"}));
+  EXPECT_EQ(listDirectory(tree.root() / "a"),
+            (std::vector<std::string>{"b", "dir", "private", "value"}));
   EXPECT_FALSE(listDirectory(tree.root() / "a/value", &error));
   EXPECT_EQ(error, ENOTDIR);
 }
