@@ -470,7 +470,8 @@ QuorelDatabase::QuorelDatabase(Options options)
     : log_(logging::get("db")),
       dataDirectory_(std::move(options.dataDirectory)),
       databasePathOverride_(std::move(options.databasePathOverride)),
-      onCorruption_(std::move(options.onCorruption)) {
+      onCorruption_(std::move(options.onCorruption)),
+      clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()) {
   openDatabase();
   if (db_) {
     execute("PRAGMA journal_mode = WAL");
@@ -484,6 +485,7 @@ QuorelDatabase::QuorelDatabase(Options options)
   if (db_) {
     createTables();
     runMigrations();
+    prepareCachedStatements();
   }
   if (options.startQueue) {
     queue_.start();
@@ -505,6 +507,7 @@ QuorelDatabase::~QuorelDatabase() {
 }
 
 void QuorelDatabase::close() {
+  statements_ = {};
   db_.reset();
 }
 

@@ -9,14 +9,19 @@
 
 #include <sqlite3.h>
 
+#include <array>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "core/clock.hpp"
 #include "core/serial_queue.hpp"
+#include "store/history_records.hpp"
 #include "store/sqlite_handle.hpp"
 
 namespace spdlog {
@@ -45,6 +50,9 @@ class QuorelDatabase {
     // Starts the queue's thread once start-up is done. Tests leave it stopped and drive the
     // queue with runPending().
     bool startQueue = true;
+    // The wall clock behind retention horizons (tests pass a ManualClock); null means the
+    // system clock.
+    std::shared_ptr<const Clock> clock = std::make_shared<SystemClock>();
   };
 
   explicit QuorelDatabase(Options options);
@@ -67,6 +75,30 @@ class QuorelDatabase {
   // database signal corruption (once), everything else is logged as an error. Call on queue().
   void logSqliteError(int rc, std::string_view context);
 
+  // The write path. Each call copies its record onto queue() and returns at once; writes run in
+  // call order. A failed write is logged through logSqliteError and dropped, never retried, and
+  // an unavailable store (or a statement that could not be prepared) drops it silently.
+  //
+  // Stores the sample after qualityChecked, then folds its temperature into its local day.
+  void insertPowerSample(const PowerSample& sample);
+  // Stores the reading, then folds its capacities into its local day.
+  void insertCapacityLog(const CapacityLogEntry& entry);
+  void insertSession(const SessionRecord& record);
+  void insertCollectionInterval(TimePoint from, TimePoint to, CollectionIntervalStatus status,
+                                std::optional<std::string> reason);
+  // One transaction per batch: all records land or none does. A committed batch, even an empty
+  // one, raises energyRevision of its kind.
+  void insertProcessEnergy(std::vector<TrackedEnergyRecord> records);
+  void insertAIAgentEnergy(std::vector<TrackedEnergyRecord> records);
+  // Deletes what is older than the horizons (days; 0 or less keeps everything but capacity
+  // readings without a design capacity, which go after a day), then truncates the WAL.
+  void pruneOldData(int retentionDays, int capacityRetentionDays);
+
+  // Raised after every committed energy batch of that kind. Read on queue().
+  std::uint64_t energyRevision(EnergyHistoryKind kind) const {
+    return energyRevision_[static_cast<std::size_t>(kind)];
+  }
+
  private:
   void openDatabase();
   void tightenFilePermissions();
@@ -82,6 +114,12 @@ class QuorelDatabase {
   bool applyV7HistoricalQualitySchema();
   void signalCorruption();
   void close();
+  void prepareCachedStatements();
+  void upsertDailyTemperature(const PowerSample& sample);
+  void upsertDailyCapacity(const CapacityLogEntry& entry);
+  void insertEnergyBatch(EnergyHistoryKind kind, const std::vector<TrackedEnergyRecord>& records);
+  // Runs BEGIN, COMMIT or ROLLBACK; the result code of sqlite3_exec.
+  int transaction(const char* sql);
 
   SqliteConnection db_;
   SerialQueue queue_{"com.quorel.database"};
@@ -93,6 +131,21 @@ class QuorelDatabase {
   std::optional<std::filesystem::path> databasePath_;
   std::function<void()> onCorruption_;
   bool queueStarted_ = false;
+  std::shared_ptr<const Clock> clock_;
+  std::array<std::uint64_t, 2> energyRevision_{};
+
+  // Compiled once at start-up and reused on queue() for the life of the connection; null when
+  // preparing failed, and then the write that needs it is skipped.
+  struct CachedStatements {
+    SqliteStatement insertPowerSample;
+    SqliteStatement insertCapacityLog;
+    SqliteStatement insertSession;
+    SqliteStatement insertProcessEnergy;
+    SqliteStatement insertAIAgentEnergy;
+    SqliteStatement upsertDailyCapacity;
+    SqliteStatement upsertDailyTemperature;
+  };
+  CachedStatements statements_;
 };
 
 }  // namespace quorel

@@ -1,0 +1,456 @@
+// The write path against real files: what each write leaves in its table, the daily upserts,
+// the energy batches, retention, call order, and failures that are logged and dropped.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <thread>
+
+#include "store/quorel_database.hpp"
+#include "store/sqlite_test_support.hpp"
+#include "support/log_capture.hpp"
+
+namespace quorel {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using testing::LogCapture;
+using testing::SqlFile;
+using ::testing::StartsWith;
+
+using Rows = std::vector<std::vector<std::string>>;
+
+constexpr double kNow = 1'800'000'000;  // 2027-01-15T08:00:00Z
+constexpr double kDay = 86400;
+
+class ScratchDirectory {
+ public:
+  ScratchDirectory() {
+    std::string pattern = (fs::temp_directory_path() / "quorel-writes-XXXXXX").string();
+    path_ = ::mkdtemp(pattern.data());
+  }
+  ~ScratchDirectory() {
+    std::error_code ec;
+    fs::remove_all(path_, ec);
+  }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+class WritesTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // Days are keyed in the local zone; pin it so the expected keys hold on any machine.
+    if (const char* old = std::getenv("TZ")) oldZone_ = old;
+    ::setenv("TZ", "UTC0", 1);
+  }
+  void TearDown() override {
+    if (oldZone_) {
+      ::setenv("TZ", oldZone_->c_str(), 1);
+    } else {
+      ::unsetenv("TZ");
+    }
+  }
+
+  QuorelDatabase::Options options(bool startQueue = false) {
+    return {.dataDirectory = scratch.path(),
+            .databasePathOverride = file,
+            .onCorruption = [this] { ++corruptionSignals; },
+            .startQueue = startQueue,
+            .clock = clock};
+  }
+  // Runs every write posted so far.
+  void drain() { db->queue().runPending(); }
+  SqlFile& look() {
+    if (!observer) observer = std::make_unique<SqlFile>(file);
+    return *observer;
+  }
+
+  ScratchDirectory scratch;
+  fs::path file = scratch.path() / "quorel.db";
+  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(fromUnixSeconds(kNow));
+  int corruptionSignals = 0;
+  std::unique_ptr<QuorelDatabase> db = std::make_unique<QuorelDatabase>(options());
+  std::unique_ptr<SqlFile> observer;
+
+ private:
+  std::optional<std::string> oldZone_;
+};
+
+PowerSample sampleAt(double t) {
+  PowerSample s;
+  s.timestamp = fromUnixSeconds(t);
+  s.wattage = -7.25;
+  s.batteryPct = 64.5;
+  return s;
+}
+
+// ---------------------------------------------------------------------------------------------
+// power_samples and the daily temperature
+
+TEST_F(WritesTest, PowerSampleLandsColumnForColumnWithNullsForAbsentValues) {
+  PowerSample s = sampleAt(kNow);
+  s.ecpuW = 0.5;
+  s.pcpuW = 3.25;
+  s.gpuW = 1.0;
+  s.aneW = 0.0;
+  s.dramW = 0.75;
+  s.systemLoadW = 9.5;
+  s.powerInW = 30;
+  s.wallPowerW = 33.5;
+  s.thermalState = 2;
+  s.isCharging = true;
+  s.externalConnected = true;
+  s.temperatureC = 31.5;
+  s.observedDurationS = 30;
+  s.componentQuality = HistoricalValueQuality::measured;
+  s.systemPowerQuality = HistoricalValueQuality::inferred;
+  s.wallEstimateQuality = HistoricalValueQuality::estimated;
+  s.systemTotalW = 8.5;
+  s.batteryRailW = -1.5;
+  s.dcInW = 29.5;
+  s.precededByGap = true;  // never stored
+  db->insertPowerSample(s);
+
+  PowerSample bare = sampleAt(kNow + 30);
+  bare.batteryPct = 0;
+  db->insertPowerSample(bare);
+  drain();
+
+  const Rows rows = look().rows(
+      "SELECT timestamp, wattage, battery_pct, ecpu_w, pcpu_w, gpu_w, ane_w, dram_w, "
+      "system_load_w, power_in_w, wall_power_w, thermal_state, is_charging, external_connected, "
+      "temperature_c, observed_duration_s, component_quality, system_power_quality, "
+      "wall_estimate_quality, component_rejection_reason, system_total_w, battery_rail_w, "
+      "dc_in_w, thunderbolt_left_w, thunderbolt_right_w, pd_brightness_w FROM power_samples "
+      "ORDER BY id");
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_THAT(rows[0], ElementsAre("1800000000.0", "-7.25", "64.5", "0.5", "3.25", "1.0", "0.0",
+                                   "0.75", "9.5", "30.0", "33.5", "2", "1", "1", "31.5", "30.0",
+                                   "measured", "inferred", "estimated", "NULL", "8.5", "-1.5",
+                                   "29.5", "NULL", "NULL", "NULL"));
+  EXPECT_THAT(rows[1], ElementsAre("1800000030.0", "-7.25", "0.0", "NULL", "NULL", "NULL", "NULL",
+                                   "NULL", "NULL", "NULL", "NULL", "0", "0", "0", "NULL", "NULL",
+                                   "unavailable", "unavailable", "unavailable", "NULL", "NULL",
+                                   "NULL", "NULL", "NULL", "NULL", "NULL"));
+}
+
+TEST_F(WritesTest, ImplausibleSampleIsStoredWithoutComponentsAndLabelledRejected) {
+  PowerSample s = sampleAt(kNow);
+  s.ecpuW = 1;
+  s.gpuW = 91;
+  s.componentQuality = HistoricalValueQuality::measured;
+  s.powerInW = 30;
+  s.wallPowerW = 20;
+  s.wallEstimateQuality = HistoricalValueQuality::estimated;
+  db->insertPowerSample(s);
+  drain();
+  EXPECT_THAT(look().rows("SELECT ecpu_w, pcpu_w, gpu_w, ane_w, dram_w, component_quality, "
+                          "component_rejection_reason, wall_power_w, wall_estimate_quality "
+                          "FROM power_samples"),
+              ElementsAre(ElementsAre("NULL", "NULL", "NULL", "NULL", "NULL", "rejected",
+                                      "component aggregate failed storage validation", "20.0",
+                                      "rejected")));
+}
+
+TEST_F(WritesTest, DailyTemperatureIsADurationWeightedMeanWithMaximumAndTotals) {
+  PowerSample a = sampleAt(kNow);  // 08:00Z
+  a.temperatureC = 30;
+  a.observedDurationS = 60;
+  PowerSample b = sampleAt(kNow - 7 * 3600);  // 01:00Z, same day, earlier
+  b.temperatureC = 40;
+  b.observedDurationS = 20;
+  PowerSample nextDay = sampleAt(kNow + kDay);
+  nextDay.temperatureC = 25;
+  nextDay.observedDurationS = 30;
+  db->insertPowerSample(a);
+  db->insertPowerSample(b);
+  db->insertPowerSample(nextDay);
+  drain();
+
+  EXPECT_THAT(look().rows("SELECT day_key, day_start, avg_temperature_c, max_temperature_c, "
+                          "temperature_observed_s, temperature_sample_count, quality, "
+                          "capacity_sample_count, health_pct FROM daily_battery_metrics "
+                          "ORDER BY day_key"),
+              ElementsAre(ElementsAre("2027-01-15", "1799971200.0", "32.5", "40.0", "80.0", "2",
+                                      "measured", "0", "NULL"),
+                          ElementsAre("2027-01-16", "1800057600.0", "25.0", "25.0", "30.0", "1",
+                                      "measured", "0", "NULL")));
+}
+
+TEST_F(WritesTest, SamplesWithoutAUsableTemperatureOrDurationLeaveTheDayAlone) {
+  PowerSample first = sampleAt(kNow);
+  first.temperatureC = 30;
+  first.observedDurationS = 30;
+  db->insertPowerSample(first);
+  drain();
+  const Rows before = look().rows("SELECT * FROM daily_battery_metrics");
+
+  const auto with = [&](std::optional<double> temperature, std::optional<double> duration) {
+    PowerSample s = sampleAt(kNow + 60);
+    s.temperatureC = temperature;
+    s.observedDurationS = duration;
+    return s;
+  };
+  db->insertPowerSample(with(45, std::nullopt));
+  db->insertPowerSample(with(45, 0));
+  db->insertPowerSample(with(45, -30));
+  db->insertPowerSample(with(0, 30));
+  db->insertPowerSample(with(-5, 30));
+  db->insertPowerSample(with(std::numeric_limits<double>::quiet_NaN(), 30));
+  db->insertPowerSample(with(std::nullopt, 30));
+  drain();
+
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 8);
+  EXPECT_EQ(look().rows("SELECT * FROM daily_battery_metrics"), before);
+}
+
+TEST_F(WritesTest, RefusedSampleIsLoggedAndDroppedWithoutDailyUpdateAndWritingGoesOn) {
+  LogCapture logs;
+  PowerSample bad = sampleAt(kNow);
+  bad.batteryPct = 120;
+  bad.temperatureC = 30;
+  bad.observedDurationS = 30;
+  db->insertPowerSample(bad);
+  db->insertPowerSample(sampleAt(kNow + 30));
+  drain();
+
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 1);
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM daily_battery_metrics"), 0);
+  std::size_t failures = 0;
+  for (const auto& line : logs.lines()) {
+    if (line.message.rfind("insertPowerSample step failed: rc=19 msg=CHECK constraint failed", 0) ==
+        0) {
+      ++failures;
+      EXPECT_EQ(line.level, spdlog::level::err);
+    }
+  }
+  EXPECT_EQ(failures, 1u);
+  EXPECT_EQ(corruptionSignals, 0);
+}
+
+// ---------------------------------------------------------------------------------------------
+// capacity_log and the daily capacity
+
+CapacityLogEntry capacityAt(double t, int nominal, int design, int cycles, double health) {
+  return {.timestamp = fromUnixSeconds(t),
+          .nominalCapacity_mAh = nominal,
+          .designCapacity_mAh = design,
+          .cycleCount = cycles,
+          .healthPct = health,
+          .maxTemperature_C = 33.5};
+}
+
+TEST_F(WritesTest, CapacityReadingsLandAndAverageIntoTheirDay) {
+  db->insertCapacityLog(capacityAt(kNow, 4000, 5000, 120, 80));
+  db->insertCapacityLog(capacityAt(kNow + 3600, 4500, 5000, 118, 90));
+  drain();
+
+  EXPECT_THAT(look().rows("SELECT timestamp, nominal_capacity_mah, design_capacity_mah, "
+                          "cycle_count, health_pct, max_temperature_c FROM capacity_log "
+                          "ORDER BY id"),
+              ElementsAre(ElementsAre("1800000000.0", "4000", "5000", "120", "80.0", "33.5"),
+                          ElementsAre("1800003600.0", "4500", "5000", "118", "90.0", "33.5")));
+  EXPECT_THAT(look().rows("SELECT day_key, nominal_capacity_mah, design_capacity_mah, "
+                          "cycle_count, health_pct, capacity_sample_count, quality, "
+                          "temperature_sample_count FROM daily_battery_metrics"),
+              ElementsAre(ElementsAre("2027-01-15", "4250.0", "5000.0", "120", "85.0", "2",
+                                      "measured", "0")));
+}
+
+TEST_F(WritesTest, CapacityReadingFillsADayFirstMadeByTemperatureAndLiftsItToMeasured) {
+  look().insert("daily_battery_metrics", {{"day_key", std::string("2027-01-15")},
+                                          {"day_start", 1'799'971'200.0},
+                                          {"avg_temperature_c", 28.0},
+                                          {"max_temperature_c", 31.0},
+                                          {"temperature_observed_s", 300.0},
+                                          {"temperature_sample_count", std::int64_t{10}},
+                                          {"quality", std::string("legacy")}});
+  db->insertCapacityLog(capacityAt(kNow, 4000, 5000, 120, 80));
+  db->insertCapacityLog(capacityAt(kNow + 60, 4100, 5000, 121, 82));
+  drain();
+  EXPECT_THAT(
+      look().rows("SELECT nominal_capacity_mah, design_capacity_mah, cycle_count, "
+                  "health_pct, capacity_sample_count, quality, avg_temperature_c, "
+                  "temperature_sample_count FROM daily_battery_metrics"),
+      ElementsAre(ElementsAre("4050.0", "5000.0", "121", "81.0", "2", "measured", "28.0", "10")));
+}
+
+TEST_F(WritesTest, RefusedCapacityReadingTouchesNoDay) {
+  LogCapture logs;
+  db->insertCapacityLog(capacityAt(kNow, 4000, 0, 120, 80));  // design must be above 0
+  drain();
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM capacity_log"), 0);
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM daily_battery_metrics"), 0);
+  ASSERT_FALSE(logs.lines().empty());
+  EXPECT_THAT(logs.lines().back().message, StartsWith("insertCapacityLog step failed: rc=19 "));
+}
+
+// ---------------------------------------------------------------------------------------------
+// sessions and collection intervals
+
+SessionRecord sessionFrom(double start, double end) {
+  return {.id = "0E6C1A4B-9F1D-4C53-A7D0-2B5F0C9E7A11",
+          .startTime = fromUnixSeconds(start),
+          .endTime = fromUnixSeconds(end),
+          .startPct = 80,
+          .endPct = 62.5,
+          .isCharging = false,
+          .avgWattage = -9.5,
+          .totalWh = 4.75,
+          .mode = PowerSessionMode::forceDischarge,
+          .collectedDuration_s = 1700,
+          .missingDuration_s = 100,
+          .quality = HistoricalValueQuality::measured,
+          .confidence = 0.9};
+}
+
+TEST_F(WritesTest, SessionLandsWithItsTextsAndClampedFigures) {
+  db->insertSession(sessionFrom(kNow - 1800, kNow));
+  SessionRecord odd = sessionFrom(kNow, kNow + 60);
+  odd.id = "5D1E8F3A-0000-4000-8000-00000000000B";
+  odd.isCharging = true;
+  odd.mode = PowerSessionMode::charging;
+  odd.collectedDuration_s = -5;
+  odd.missingDuration_s = -1;
+  odd.confidence = 1.7;
+  odd.quality = HistoricalValueQuality::inferred;
+  db->insertSession(odd);
+  odd.id = "5D1E8F3A-0000-4000-8000-00000000000C";
+  odd.confidence = -0.2;
+  db->insertSession(odd);
+  drain();
+
+  EXPECT_THAT(look().rows("SELECT * FROM sessions ORDER BY rowid"),
+              ElementsAre(ElementsAre("0E6C1A4B-9F1D-4C53-A7D0-2B5F0C9E7A11", "1799998200.0",
+                                      "1800000000.0", "80.0", "62.5", "0", "-9.5", "4.75",
+                                      "force_discharge", "1700.0", "100.0", "measured", "0.9"),
+                          ElementsAre("5D1E8F3A-0000-4000-8000-00000000000B", "1800000000.0",
+                                      "1800000060.0", "80.0", "62.5", "1", "-9.5", "4.75",
+                                      "charging", "0.0", "0.0", "inferred", "1.0"),
+                          ElementsAre("5D1E8F3A-0000-4000-8000-00000000000C", "1800000000.0",
+                                      "1800000060.0", "80.0", "62.5", "1", "-9.5", "4.75",
+                                      "charging", "0.0", "0.0", "inferred", "0.0")));
+}
+
+TEST_F(WritesTest, RefusedSessionsAreLoggedAndDropped) {
+  LogCapture logs;
+  db->insertSession(sessionFrom(kNow - 1800, kNow));
+  db->insertSession(sessionFrom(kNow - 600, kNow));  // same id again
+  SessionRecord reversed = sessionFrom(kNow, kNow - 60);
+  reversed.id = "11111111-2222-4333-8444-555555555555";
+  db->insertSession(reversed);
+  drain();
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM sessions"), 1);
+  EXPECT_EQ(look().real("SELECT start_time FROM sessions"), kNow - 1800);
+  std::size_t failures = 0;
+  for (const auto& line : logs.lines()) {
+    if (line.message.rfind("insertSession step failed: rc=19 ", 0) == 0) ++failures;
+  }
+  EXPECT_EQ(failures, 2u);
+}
+
+TEST_F(WritesTest, CollectionIntervalsLandWithStatusAndOptionalReason) {
+  LogCapture logs;
+  db->insertCollectionInterval(fromUnixSeconds(kNow - 600), fromUnixSeconds(kNow),
+                               CollectionIntervalStatus::sleep, "system sleep");
+  db->insertCollectionInterval(fromUnixSeconds(kNow), fromUnixSeconds(kNow + 30),
+                               CollectionIntervalStatus::collected, std::nullopt);
+  db->insertCollectionInterval(fromUnixSeconds(kNow), fromUnixSeconds(kNow - 1),
+                               CollectionIntervalStatus::missing, std::nullopt);
+  drain();
+  EXPECT_THAT(look().rows("SELECT start_time, end_time, status, reason FROM "
+                          "collection_intervals ORDER BY id"),
+              ElementsAre(ElementsAre("1799999400.0", "1800000000.0", "sleep", "system sleep"),
+                          ElementsAre("1800000000.0", "1800000030.0", "collected", "NULL")));
+  ASSERT_FALSE(logs.lines().empty());
+  EXPECT_THAT(logs.lines().back().message,
+              StartsWith("insertCollectionInterval step failed: rc=19 "));
+}
+
+// ---------------------------------------------------------------------------------------------
+// energy batches
+
+TrackedEnergyRecord energy(int i) {
+  return {.timestamp = fromUnixSeconds(kNow + 60 * i),
+          .identifier = "proc-" + std::to_string(i),
+          .averageCPU = 12.5,
+          .averageWatts = 1.5,
+          .peakWatts = 3.0,
+          .sampleCount = 6,
+          .observedDuration_s = 60,
+          .missingDuration_s = 0,
+          .energyWh = 0.025,
+          .coverageRatio = 1,
+          .quality = HistoricalValueQuality::measured,
+          .source = "cpu_time_share"};
+}
+
+TEST_F(WritesTest, ProcessBatchLandsWithClampsAndRaisesItsRevisionOnlyAfterCommit) {
+  std::vector<TrackedEnergyRecord> batch;
+  for (int i = 0; i < 10; ++i) batch.push_back(energy(i));
+  batch[1].averageWatts = -2;
+  batch[1].observedDuration_s = -1;
+  batch[1].missingDuration_s = -3;
+  batch[1].energyWh = -0.5;
+  batch[1].peakWatts = -1;       // unchanged
+  batch[1].averageCPU = -4;      // unchanged
+  batch[1].coverageRatio = 0;    // NULL
+  batch[2].coverageRatio = 1.4;  // capped
+  batch[2].quality = HistoricalValueQuality::estimated;
+  db->insertProcessEnergy(batch);
+  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::processes), 0u);
+  drain();
+
+  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::processes), 1u);
+  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::agents), 0u);
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM process_energy"), 10);
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM ai_agent_energy"), 0);
+  EXPECT_THAT(look().rows("SELECT timestamp, process_name, avg_cpu, avg_watts, peak_watts, "
+                          "sample_count, observed_duration_s, missing_duration_s, energy_wh, "
+                          "coverage_ratio, quality, source FROM process_energy "
+                          "WHERE id <= 3 ORDER BY id"),
+              ElementsAre(ElementsAre("1800000000.0", "proc-0", "12.5", "1.5", "3.0", "6", "60.0",
+                                      "0.0", "0.025", "1.0", "measured", "cpu_time_share"),
+                          ElementsAre("1800000060.0", "proc-1", "-4.0", "0.0", "-1.0", "6", "0.0",
+                                      "0.0", "0.0", "NULL", "measured", "cpu_time_share"),
+                          ElementsAre("1800000120.0", "proc-2", "12.5", "1.5", "3.0", "6", "60.0",
+                                      "0.0", "0.025", "1.0", "estimated", "cpu_time_share")));
+
+  // An empty flush commits too, and tells the caches.
+  db->insertProcessEnergy({});
+  drain();
+  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::processes), 2u);
+}
+
+TEST_F(WritesTest, OneBadRecordCostsTheWholeBatchAndLeavesTheRevision) {
+  LogCapture logs;
+  std::vector<TrackedEnergyRecord> batch;
+  for (int i = 0; i < 10; ++i) batch.push_back(energy(i));
+  batch[5].averageCPU = std::numeric_limits<double>::quiet_NaN();  // NOT NULL refuses it
+  db->insertAIAgentEnergy(batch);
+  drain();
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM ai_agent_energy"), 0);
+  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::agents), 0u);
+  ASSERT_FALSE(logs.lines().empty());
+  EXPECT_THAT(logs.lines().back().message, StartsWith("insertAIAgentEnergy step failed: rc=19 "));
+
+  // The transaction is closed: the next batch and other writes go through.
+  batch[5].averageCPU = 1;
+  db->insertAIAgentEnergy(batch);
+  db->insertPowerSample(sampleAt(kNow));
+  drain();
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM ai_agent_energy"), 10);
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 1);
+  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::agents), 1u);
+  EXPECT_EQ(look().text("SELECT agent_id FROM ai_agent_energy ORDER BY id LIMIT 1"), "proc-0");
+}
+
+}  // namespace
+}  // namespace quorel
