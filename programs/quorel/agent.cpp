@@ -7,10 +7,20 @@
 #include <cstdio>
 #include <iostream>
 
+#include "app/settings_manager.hpp"
+#include "core/file_preference_store.hpp"
 #include "core/logging.hpp"
+#include "core/paths.hpp"
 #include "core/serial_queue.hpp"
+#include "platform/linux/linux_power_source_fallback_provider.hpp"
+#include "platform/linux/linux_power_supply_provider.hpp"
+#include "platform/linux/linux_thermal_monitor.hpp"
+#include "platform/linux/power_supply_scan.hpp"
+#include "platform/linux/sysfs_attributes.hpp"
 #include "platform/sandbox/sandbox_config_file.hpp"
 #include "platform/sandbox/sandbox_power_provider.hpp"
+#include "store/corruption_report.hpp"
+#include "store/quorel_database.hpp"
 #include "telemetry/power_monitor.hpp"
 #include "telemetry/power_state_json.hpp"
 #include "telemetry/provider_switch.hpp"
@@ -18,9 +28,6 @@
 namespace quorel {
 
 namespace {
-
-constexpr Seconds kWatchedPollingInterval{2};
-constexpr Seconds kIdlePollingInterval{30};
 
 double cpuSeconds() {
   rusage usage{};
@@ -31,7 +38,7 @@ double cpuSeconds() {
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
-// Reads the scenario file into `settings`; on failure says why on standard error.
+// Reads the scenario file over `settings`; on failure says why on standard error.
 bool applyScenarioFile(const std::filesystem::path& file, SandboxSettings& settings) {
   auto loaded = readSandboxConfigFile(file, settings);
   if (!loaded.ok()) {
@@ -44,8 +51,9 @@ bool applyScenarioFile(const std::filesystem::path& file, SandboxSettings& setti
 
 class Agent {
  public:
-  explicit Agent(const AgentOptions& options)
+  Agent(const AgentOptions& options, QuorelPaths paths)
       : options_(options),
+        paths_(std::move(paths)),
         log_(logging::get("AppDelegate")),
         signals_(mainQueue_.context(), SIGINT, SIGTERM, SIGHUP) {}
 
@@ -53,35 +61,67 @@ class Agent {
     const auto startedAt = std::chrono::steady_clock::now();
     const double cpuAtStart = cpuSeconds();
 
-    // This computer has no battery source Quorel can read yet, so the simulated machine stands
-    // in for it; it writes nothing to the history store.
-    scenario.enabled = true;
-    sandbox_ = std::make_shared<SandboxConfig>(scenario);
-    auto provider = std::make_shared<SandboxPowerProvider>(*sandbox_, clock_);
-    log_->info("running on the simulated machine — no battery source is readable here");
+    // The preference domain is shared with the command line; watching it lets a setting
+    // written by `quorel` in another terminal take effect here without a restart.
+    preferences_ = std::make_unique<FilePreferenceStore>(paths_.preferencesFile());
+    preferences_->watchOn(mainQueue_);
+    settings_ = std::make_unique<SettingsManager>(*preferences_, mainQueue_, clock_);
+
+    QuorelDatabase::Options storeOptions;
+    storeOptions.dataDirectory = paths_.dataDirectory;
+    storeOptions.onCorruption = [dir = paths_.dataDirectory] {
+      reportCorruptionHeadless(dir, std::cerr);
+    };
+    database_ = std::make_unique<QuorelDatabase>(std::move(storeOptions));
+
+    const auto powerSupplyRoot = sysfs::powerSupplyClassPath(options_.sysfsRoot);
+    const PowerSourceChoice choice = choosePowerSource(powerSupplyRoot, options_.sandbox);
+    log_->info("{}", choice.description);
 
     PowerMonitor::Dependencies deps;
-    deps.provider = provider;
     deps.clock = &clock_;
     deps.pollQueue = &pollQueue_;
     deps.mainQueue = &mainQueue_;
+    if (choice.useLinuxProvider) {
+      deps.provider = std::make_shared<LinuxPowerSupplyProvider>(powerSupplyRoot, clock_);
+      deps.fallbackProvider =
+          std::make_shared<LinuxPowerSourceFallbackProvider>(powerSupplyRoot, clock_);
+      thermal_ = std::make_shared<LinuxThermalMonitor>(sysfs::thermalClassPath(options_.sysfsRoot));
+      deps.thermalSource = thermal_;
+    } else {
+      scenario.enabled = true;
+      sandbox_ = std::make_unique<SandboxConfig>(scenario);
+      deps.provider = std::make_shared<SandboxPowerProvider>(*sandbox_, clock_);
+    }
     monitor_ = PowerMonitor::create(std::move(deps));
-    monitor_->setSkipDatabaseRecording(true);
-    monitor_->setPollingInterval(
-        options_.interval.value_or(options_.json ? kWatchedPollingInterval : kIdlePollingInterval));
+    // The simulated machine must leave nothing behind in the history store.
+    monitor_->setSkipDatabaseRecording(!choice.useLinuxProvider);
+    monitor_->setPollingInterval(currentInterval());
     monitor_->setOnStateUpdate(
         [this](const PowerState& state, const PowerMonitor::HistorySnapshot&) { publish(state); });
-    sandboxObserver_ = sandbox_->addObserver([this](const SandboxConfig::Change& change) {
-      if (change.parametersChanged()) simulationParametersChanged(*monitor_);
+    if (sandbox_) {
+      sandboxObserver_ = sandbox_->addObserver([this](const SandboxConfig::Change& change) {
+        if (change.parametersChanged()) simulationParametersChanged(*monitor_);
+      });
+    }
+    settingsSubscription_ = settings_->subscribe([this](const QuorelSettings&) {
+      const Seconds interval = currentInterval();
+      if (interval != monitor_->pollingInterval()) {
+        monitor_->setPollingInterval(interval);
+        monitor_->restartTimer();
+      }
     });
 
     waitForSignal();
+    if (thermal_) thermal_->start(mainQueue_);
     pollQueue_.start();
     monitor_->start();
     mainQueue_.run();
 
-    // The queue is stopped: finish the tick in flight and end the poll thread.
-    sandbox_->removeObserver(sandboxObserver_);
+    // The main queue has stopped: finish the tick in flight and end the other threads.
+    settings_->unsubscribe(settingsSubscription_);
+    if (sandbox_) sandbox_->removeObserver(sandboxObserver_);
+    if (thermal_) thermal_->stop();
     monitor_->stop();
     pollQueue_.shutdown();
     const double elapsed =
@@ -89,10 +129,17 @@ class Agent {
     const double cpu = cpuSeconds() - cpuAtStart;
     log_->info("stopped after {:.1f} s — used {:.1f} ms of CPU ({:.3f} % of one core)", elapsed,
                cpu * 1000, elapsed > 0 ? cpu / elapsed * 100 : 0.0);
-    return exitStatus_;
+    return 0;
   }
 
  private:
+  // A client reading --json is watching, so it gets the focused interval; a headless agent
+  // nobody looks at ticks at the idle one.
+  Seconds currentInterval() const {
+    const auto intervals = pollingIntervals(settings_->settings(), options_.interval);
+    return options_.json ? intervals.focused : intervals.idle;
+  }
+
   void publish(const PowerState& state) {
     if (options_.json) {
       const std::string line = toJson(state).dump() + "\n";
@@ -123,10 +170,10 @@ class Agent {
     });
   }
 
-  // SIGHUP re-reads the scenario file, so a running agent can be moved to another scenario.
+  // SIGHUP re-reads the scenario file, so a running simulated machine can change scenario.
   void reloadScenario() {
-    if (!options_.sandboxConfigFile) {
-      log_->info("SIGHUP ignored — the agent was started without --sandbox-config");
+    if (!sandbox_ || !options_.sandboxConfigFile) {
+      log_->info("SIGHUP ignored — no scenario file to reload");
       return;
     }
     SandboxSettings next{};
@@ -146,23 +193,36 @@ class Agent {
   }
 
   AgentOptions options_;
+  QuorelPaths paths_;
   std::shared_ptr<spdlog::logger> log_;
   SystemClock clock_;
   SerialQueue mainQueue_{"com.quorel.main"};
   SerialQueue pollQueue_{"com.quorel.poll"};
   asio::signal_set signals_;
-  std::shared_ptr<SandboxConfig> sandbox_;
+  std::unique_ptr<FilePreferenceStore> preferences_;
+  std::unique_ptr<SettingsManager> settings_;
+  std::unique_ptr<QuorelDatabase> database_;
+  std::unique_ptr<SandboxConfig> sandbox_;
+  std::shared_ptr<LinuxThermalMonitor> thermal_;
   std::shared_ptr<PowerMonitor> monitor_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;
+  std::uint64_t settingsSubscription_ = 0;
   std::optional<PowerPhase> lastPhase_;
-  int exitStatus_ = 0;
 };
 
 }  // namespace
 
 int runAgent(const AgentOptions& options) {
+  std::optional<QuorelPaths> paths;
+  try {
+    paths = QuorelPaths::resolve(ProcessEnvironment, options.dataDirectory);
+  } catch (const std::exception& e) {
+    std::cerr << "quorel: " << e.what() << "\n";
+    return 2;
+  }
   logging::Options logOptions;
   logOptions.level = options.verbose ? spdlog::level::debug : spdlog::level::info;
+  logOptions.file = paths->logFile();
   logging::configure(logOptions);
   // A reader closing our standard output is handled where the write fails, not by a signal.
   std::signal(SIGPIPE, SIG_IGN);
@@ -171,7 +231,7 @@ int runAgent(const AgentOptions& options) {
   if (options.sandboxConfigFile && !applyScenarioFile(*options.sandboxConfigFile, scenario)) {
     return 2;
   }
-  Agent agent(options);
+  Agent agent(options, std::move(*paths));
   return agent.run(scenario);
 }
 

@@ -14,6 +14,12 @@ struct AgentOptions {
   // Overrides the polling interval for this run.
   std::optional<Seconds> interval;
   std::optional<std::filesystem::path> sandboxConfigFile;
+  // Run on the simulated machine even when a battery is readable.
+  bool sandbox = false;
+  // Stands in for /sys for every reader (DIR/class/power_supply, DIR/class/thermal).
+  std::filesystem::path sysfsRoot = "/sys";
+  // Replaces $XDG_DATA_HOME/quorel: the database and the server's token and endpoint files.
+  std::optional<std::filesystem::path> dataDirectory;
   bool verbose = false;
 };
 

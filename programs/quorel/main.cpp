@@ -24,6 +24,17 @@ int main(int argc, char** argv) {
          "--sandbox-config", sandboxConfig,
          "JSON file of simulated-machine settings, e.g. {\"powerSource\": \"AC (Charging)\"}")
       ->check(CLI::ExistingFile);
+  app.add_flag("--sandbox", options.sandbox,
+               "Run on the simulated machine even when this computer's battery is readable");
+  std::string sysfsRoot = "/sys";
+  app.add_option("--sysfs-root", sysfsRoot,
+                 "Directory standing in for /sys (readers use DIR/class/power_supply and "
+                 "DIR/class/thermal), e.g. a captured tree")
+      ->check(CLI::ExistingDirectory);
+  std::string dataDir;
+  app.add_option("--data-dir", dataDir,
+                 "Directory for the history database and the server's token and endpoint files "
+                 "(default $XDG_DATA_HOME/quorel)");
   app.add_flag("-v,--verbose", options.verbose, "Log debug detail");
 
   try {
@@ -37,5 +48,7 @@ int main(int argc, char** argv) {
   }
   if (interval->count() > 0) options.interval = quorel::Seconds{intervalSeconds};
   if (!sandboxConfig.empty()) options.sandboxConfigFile = sandboxConfig;
+  options.sysfsRoot = sysfsRoot;
+  if (!dataDir.empty()) options.dataDirectory = dataDir;
   return quorel::runAgent(options);
 }
