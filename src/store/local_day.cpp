@@ -33,7 +33,7 @@ DayIdentity dayIdentity(TimePoint t) {
     start.tm_isdst = -1;
     midnight = std::mktime(&start);
   }
-  // A zone whose clocks skip midnight has no such instant; the earliest time seen stands in.
+  // mktime fails only outside the representable range; the time itself then opens the day.
   const double startSeconds = midnight == -1 ? seconds : static_cast<double>(midnight);
   return {
       fmt::format("{:04d}-{:02d}-{:02d}", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday),

@@ -452,5 +452,218 @@ TEST_F(WritesTest, OneBadRecordCostsTheWholeBatchAndLeavesTheRevision) {
   EXPECT_EQ(look().text("SELECT agent_id FROM ai_agent_energy ORDER BY id LIMIT 1"), "proc-0");
 }
 
+// ---------------------------------------------------------------------------------------------
+// retention
+
+class PruneTest : public WritesTest {
+ protected:
+  // One row in every pruned table at `ago` seconds before now.
+  void rowsAt(double ago, const std::string& tag) {
+    const double t = kNow - ago;
+    look().insert("power_samples", {{"timestamp", t}, {"component_quality", tag}});
+    look().insert("sessions", {{"id", tag}, {"start_time", t}, {"end_time", t + 60}});
+    for (const char* table : {"process_energy", "ai_agent_energy"}) {
+      const std::string name = std::string(table) == "process_energy" ? "process_name" : "agent_id";
+      look().insert(table, {{"timestamp", t}, {name, tag}, {"avg_cpu", 1.0}, {"avg_watts", 1.0}});
+    }
+    look().insert("daily_battery_metrics", {{"day_key", tag}, {"day_start", t}});
+    look().insert("collection_intervals",
+                  {{"start_time", t - 60}, {"end_time", t}, {"status", std::string("collected")}});
+    look().insert("capacity_log", {{"timestamp", t}, {"design_capacity_mah", std::int64_t{5000}}});
+  }
+  void capacityWithoutDesign(double ago, std::optional<std::int64_t> design) {
+    look().insert("capacity_log", {{"timestamp", kNow - ago},
+                                   {"design_capacity_mah", design ? testing::SqlValue(*design)
+                                                                  : testing::SqlValue(nullptr)}});
+  }
+  std::vector<std::string> survivors(const std::string& table, const std::string& column) {
+    std::vector<std::string> out;
+    for (const auto& r :
+         look().rows("SELECT CAST(round((" + std::to_string(kNow) + " - " + column +
+                     ") / 86400.0, 1) AS TEXT) FROM " + table + " ORDER BY " + column)) {
+      out.push_back(r[0]);
+    }
+    return out;
+  }
+};
+
+TEST_F(PruneTest, SamplesFollowTheRetentionHorizonAndTheDailyTableTheCapacityOne) {
+  rowsAt(366 * kDay, "a");
+  rowsAt(300 * kDay, "b");
+  rowsAt(31 * kDay, "c");
+  rowsAt(29 * kDay, "d");
+  capacityWithoutDesign(2 * kDay, std::nullopt);
+  capacityWithoutDesign(0.5 * kDay, std::nullopt);
+  db->pruneOldData(30, 365);
+  drain();
+
+  // Days before now of what is left, newest last.
+  const std::vector<std::string> recent{"29.0"};
+  EXPECT_EQ(survivors("power_samples", "timestamp"), recent);
+  EXPECT_EQ(survivors("sessions", "start_time"), recent);
+  EXPECT_EQ(survivors("process_energy", "timestamp"), recent);
+  EXPECT_EQ(survivors("ai_agent_energy", "timestamp"), recent);
+  EXPECT_EQ(survivors("collection_intervals", "end_time"), recent);
+  EXPECT_EQ(survivors("daily_battery_metrics", "day_start"),
+            (std::vector<std::string>{"300.0", "31.0", "29.0"}));
+  EXPECT_EQ(survivors("capacity_log", "timestamp"),
+            (std::vector<std::string>{"300.0", "31.0", "29.0", "0.5"}));
+  // The lifetime checkpoint is never pruned.
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM lifetime_energy_state"), 1);
+  // The log was checkpointed and truncated after the commit.
+  EXPECT_EQ(fs::file_size(scratch.path() / "quorel.db-wal"), 0u);
+}
+
+TEST_F(PruneTest, KeepingForeverDeletesOnlyStaleCapacityReadingsWithoutADesignCapacity) {
+  rowsAt(3000 * kDay, "a");
+  rowsAt(2 * kDay, "b");
+  capacityWithoutDesign(2 * kDay, std::nullopt);
+  capacityWithoutDesign(0.5 * kDay, std::nullopt);
+  for (int days : {0, -5}) {
+    db->pruneOldData(days, 365);
+    drain();
+    EXPECT_EQ(survivors("power_samples", "timestamp"), (std::vector<std::string>{"3000.0", "2.0"}));
+    EXPECT_EQ(survivors("daily_battery_metrics", "day_start"),
+              (std::vector<std::string>{"3000.0", "2.0"}));
+    EXPECT_EQ(survivors("capacity_log", "timestamp"),
+              (std::vector<std::string>{"3000.0", "2.0", "0.5"}));
+  }
+}
+
+TEST_F(PruneTest, HorizonsMoveWithTheClock) {
+  rowsAt(20 * kDay, "a");
+  db->pruneOldData(30, 365);
+  drain();
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 1);
+  clock->advance(Seconds(10 * kDay + 1));
+  db->pruneOldData(30, 365);
+  drain();
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 0);
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM capacity_log"), 1);
+}
+
+TEST_F(PruneTest, AFailingDeleteRollsTheWholePruneBack) {
+  rowsAt(100 * kDay, "a");
+  look().exec("DROP TABLE collection_intervals");
+  LogCapture logs;
+  db->pruneOldData(30, 365);
+  drain();
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 1);
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM sessions"), 1);
+  bool logged = false;
+  for (const auto& line : logs.lines()) {
+    logged = logged || line.message.rfind("prune prepare failed: rc=1 msg=no such table", 0) == 0;
+  }
+  EXPECT_TRUE(logged);
+  // No transaction was left open behind.
+  db->insertPowerSample(sampleAt(kNow));
+  drain();
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 2);
+}
+
+// ---------------------------------------------------------------------------------------------
+// order, failures, and a store that is not there
+
+TEST_F(WritesTest, WritesFromAnotherThreadLandInCallOrder) {
+  db.reset();
+  db = std::make_unique<QuorelDatabase>(options(/*startQueue=*/true));
+  constexpr int kSamples = 400;
+  std::thread writer([&] {
+    for (int i = 0; i < kSamples; ++i) {
+      db->insertPowerSample(sampleAt(kNow + i));
+      if (i % 50 == 0) {
+        db->insertCollectionInterval(fromUnixSeconds(kNow + i), fromUnixSeconds(kNow + i + 1),
+                                     CollectionIntervalStatus::collected, std::to_string(i));
+      }
+    }
+  });
+  writer.join();
+  db->queue().sync([] {});
+  const Rows rows = look().rows("SELECT timestamp FROM power_samples ORDER BY id");
+  ASSERT_EQ(rows.size(), static_cast<std::size_t>(kSamples));
+  for (int i = 0; i < kSamples; ++i) {
+    ASSERT_EQ(std::stod(rows[i][0]), kNow + i) << i;
+  }
+  const Rows reasons = look().rows("SELECT reason FROM collection_intervals ORDER BY id");
+  ASSERT_EQ(reasons.size(), 8u);
+  for (std::size_t i = 0; i < reasons.size(); ++i) {
+    EXPECT_EQ(reasons[i][0], std::to_string(i * 50));
+  }
+}
+
+TEST_F(WritesTest, ATableThatVanishedUnderTheStoreCostsOnlyItsOwnWrites) {
+  look().exec("DROP TABLE capacity_log");
+  LogCapture logs;
+  db->insertCapacityLog(capacityAt(kNow, 4000, 5000, 120, 80));
+  db->insertSession(sessionFrom(kNow - 60, kNow));
+  drain();
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM sessions"), 1);
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM daily_battery_metrics"), 0);
+  bool logged = false;
+  for (const auto& line : logs.lines()) {
+    logged = logged || line.message.rfind("insertCapacityLog step failed: rc=1 ", 0) == 0;
+  }
+  EXPECT_TRUE(logged);
+  EXPECT_EQ(corruptionSignals, 0);
+}
+
+TEST_F(WritesTest, ACorruptedTableIsSignalledOnceAndItsWritesAreDropped) {
+  for (int i = 0; i < 200; ++i) db->insertPowerSample(sampleAt(kNow + i));
+  drain();
+  const std::int64_t pageSize = look().integer("PRAGMA page_size");
+  const std::int64_t root =
+      look().integer("SELECT rootpage FROM sqlite_schema WHERE name = 'power_samples'");
+  // Closing both connections folds the log into the main file, so the damage below is what the
+  // next connection reads.
+  db.reset();
+  observer.reset();
+  {
+    std::FILE* f = std::fopen(file.c_str(), "r+b");
+    ASSERT_NE(f, nullptr);
+    std::fseek(f, static_cast<long>((root - 1) * pageSize), SEEK_SET);
+    const std::string junk(static_cast<std::size_t>(pageSize), '\x5a');
+    std::fwrite(junk.data(), 1, junk.size(), f);
+    std::fclose(f);
+  }
+  db = std::make_unique<QuorelDatabase>(options());
+  ASSERT_EQ(corruptionSignals, 0);
+
+  LogCapture logs;
+  for (int i = 0; i < 3; ++i) db->insertPowerSample(sampleAt(kNow + 1000 + i));
+  db->insertSession(sessionFrom(kNow - 60, kNow));
+  drain();
+  EXPECT_EQ(corruptionSignals, 1);
+  EXPECT_EQ(logs.count("database corruption detected — recommend Settings → Reset Data"), 1u);
+  std::size_t failures = 0;
+  for (const auto& line : logs.lines()) {
+    if (line.message.rfind("insertPowerSample step failed: rc=11 ", 0) == 0) ++failures;
+  }
+  EXPECT_EQ(failures, 3u);
+  // Tables that are whole still take their rows.
+  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM sessions"), 1);
+}
+
+TEST(UnavailableStoreTest, WritesToAStoreThatCouldNotOpenDoNothing) {
+  ScratchDirectory scratch;
+  QuorelDatabase db({.dataDirectory = scratch.path(),
+                     .databasePathOverride = scratch.path() / "no" / "such" / "quorel.db",
+                     .onCorruption = [] {},
+                     .startQueue = false});
+  ASSERT_FALSE(db.isAvailable());
+  LogCapture logs;
+  db.insertPowerSample(sampleAt(kNow));
+  db.insertCapacityLog(capacityAt(kNow, 4000, 5000, 120, 80));
+  db.insertSession(sessionFrom(kNow - 60, kNow));
+  db.insertCollectionInterval(fromUnixSeconds(kNow), fromUnixSeconds(kNow + 1),
+                              CollectionIntervalStatus::missing, std::nullopt);
+  db.insertProcessEnergy({energy(0)});
+  db.insertAIAgentEnergy({energy(0)});
+  db.pruneOldData(30, 365);
+  EXPECT_EQ(db.queue().runPending(), 7u);
+  EXPECT_TRUE(logs.lines().empty());
+  EXPECT_EQ(db.energyRevision(EnergyHistoryKind::processes), 0u);
+  EXPECT_FALSE(fs::exists(scratch.path() / "no"));
+}
+
 }  // namespace
 }  // namespace quorel
