@@ -21,6 +21,7 @@
 
 #include "core/clock.hpp"
 #include "core/serial_queue.hpp"
+#include "store/battery_epoch.hpp"
 #include "store/history_records.hpp"
 #include "store/sqlite_handle.hpp"
 
@@ -94,6 +95,24 @@ class QuorelDatabase {
   // readings without a design capacity, which go after a day), then truncates the WAL.
   void pruneOldData(int retentionDays, int capacityRetentionDays);
 
+  // Battery epochs. Each blocks its caller on queue() (or runs inline when called there), so
+  // the result is known at once. Epochs are never pruned.
+  //
+  // The latest epoch by first-seen time, then id.
+  std::optional<BatteryEpoch> currentBatteryEpoch();
+  // Opens an 'initial' epoch when there is none, an 'auto' one when the latest has a different
+  // serial; returns an epoch only for the latter, since a first battery is no replacement.
+  std::optional<BatteryEpoch> reconcileBatteryEpoch(const std::string& serial,
+                                                    std::int64_t cycleCount,
+                                                    std::int64_t designCapacity,
+                                                    std::int64_t nominalCapacity, TimePoint at);
+  // The user's statement that the battery is new: a 'manual' epoch, whatever came before.
+  std::optional<BatteryEpoch> forceNewBatteryEpoch(std::optional<std::string> serial,
+                                                   std::optional<std::int64_t> cycleCount,
+                                                   std::optional<std::int64_t> designCapacity,
+                                                   std::optional<std::int64_t> nominalCapacity,
+                                                   TimePoint at);
+
   // Raised after every committed energy batch of that kind. Read on queue().
   std::uint64_t energyRevision(EnergyHistoryKind kind) const {
     return energyRevision_[static_cast<std::size_t>(kind)];
@@ -118,6 +137,13 @@ class QuorelDatabase {
   void upsertDailyTemperature(const PowerSample& sample);
   void upsertDailyCapacity(const CapacityLogEntry& entry);
   void insertEnergyBatch(EnergyHistoryKind kind, const std::vector<TrackedEnergyRecord>& records);
+  std::optional<BatteryEpoch> latestBatteryEpochOnQueue();
+  std::optional<BatteryEpoch> insertBatteryEpochOnQueue(const BatteryEpoch& epoch);
+  template <class F>
+  auto onQueue(F&& work) -> decltype(work()) {
+    if (queue_.isCurrent()) return work();
+    return queue_.sync(std::forward<F>(work));
+  }
   // Runs BEGIN, COMMIT or ROLLBACK; the result code of sqlite3_exec.
   int transaction(const char* sql);
 
