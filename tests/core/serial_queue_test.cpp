@@ -173,17 +173,21 @@ TEST(SerialQueueTest, RunPendingDrivesAnUnstartedQueueOnTheCallingThread) {
 
 TEST(SerialQueueTest, ShutdownFailsWaitingSyncInsteadOfHanging) {
   auto q = std::make_unique<SerialQueue>("test.shutdown");
+  SerialQueue* queue = q.get();  // the caller never touches the owning pointer
   // Never started: the sync below can only end through shutdown dropping its job.
+  std::atomic<bool> calling{false};
   std::atomic<bool> threw{false};
   std::thread caller([&] {
+    calling = true;
     try {
-      q->sync([] { return 1; });
+      queue->sync([] { return 1; });
     } catch (const std::future_error&) {
       threw = true;
     }
   });
-  // Give the caller a chance to post; destruction drops the job either way.
-  std::this_thread::sleep_for(10ms);
+  ASSERT_TRUE(eventually([&] { return calling.load(); }));
+  // The post follows the flag within a few instructions; this margin only has to cover those.
+  std::this_thread::sleep_for(20ms);
   q.reset();
   caller.join();
   EXPECT_TRUE(threw.load());
