@@ -82,6 +82,9 @@ struct SessionRecord {
 
   // Whole minutes from start to end, truncated: "42m" below an hour, else "3h 7m".
   std::string durationText() const;
+  // Both ends as "<day> HH:MM" in local time, the day reading "Today" or "Yesterday" when the
+  // local calendar at `now` calls it so and a short date ("Mar 4") otherwise.
+  std::string timeRangeText(TimePoint now) const;
 
   bool operator==(const SessionRecord&) const = default;
 };

@@ -471,7 +471,16 @@ QuorelDatabase::QuorelDatabase(Options options)
       dataDirectory_(std::move(options.dataDirectory)),
       databasePathOverride_(std::move(options.databasePathOverride)),
       onCorruption_(std::move(options.onCorruption)),
-      clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()) {
+      clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()),
+      readOnly_(options.readOnly) {
+  if (readOnly_) {
+    openReadOnly();
+    if (options.startQueue) {
+      queue_.start();
+      queueStarted_ = true;
+    }
+    return;
+  }
   openDatabase();
   if (db_) {
     execute("PRAGMA journal_mode = WAL");
@@ -564,6 +573,28 @@ void QuorelDatabase::openDatabase() {
     return;
   }
   db_ = std::move(handle);
+}
+
+void QuorelDatabase::openReadOnly() {
+  databasePath_ = databasePathOverride_
+                      ? databasePathOverride_
+                      : dataDirectory_ ? std::optional(*dataDirectory_ / kFileName) : std::nullopt;
+  if (!databasePath_) {
+    databaseUnavailable_ = true;
+    return;
+  }
+  sqlite3* raw = nullptr;
+  const int rc = sqlite3_open_v2(databasePath_->c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+  SqliteConnection handle(raw);
+  if (rc != SQLITE_OK) {
+    log_->error("failed to open database read-only at {} rc={} msg={}", databasePath_->string(),
+                rc, handle ? sqlite3_errmsg(handle.get()) : "<no handle>");
+    databaseUnavailable_ = true;
+    return;
+  }
+  db_ = std::move(handle);
+  // The agent may be writing at the same moment; wait for it as a writer would.
+  execute("PRAGMA busy_timeout = 3000");
 }
 
 void QuorelDatabase::tightenFilePermissions() {

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,8 +22,9 @@
 
 #include "core/clock.hpp"
 #include "core/serial_queue.hpp"
-#include "store/battery_epoch.hpp"
+#include "store/history_read_records.hpp"
 #include "store/history_records.hpp"
+#include "store/battery_epoch.hpp"
 #include "store/sqlite_handle.hpp"
 
 namespace spdlog {
@@ -54,6 +56,10 @@ class QuorelDatabase {
     // The wall clock behind retention horizons (tests pass a ManualClock); null means the
     // system clock.
     std::shared_ptr<const Clock> clock = std::make_shared<SystemClock>();
+    // Opens an existing file for reading only (the history command beside a running agent):
+    // nothing is created, migrated, tightened or prepared for writing, a missing file leaves the
+    // store unavailable, and no corruption is signalled for it.
+    bool readOnly = false;
   };
 
   explicit QuorelDatabase(Options options);
@@ -113,6 +119,47 @@ class QuorelDatabase {
                                                    std::optional<std::int64_t> nominalCapacity,
                                                    TimePoint at);
 
+  // The read path. Each read runs on queue(): from another thread it waits for the queue, from
+  // work already on the queue (or while the queue has never been started) it runs in place. An
+  // unavailable store, or a statement that cannot be prepared, gives the empty answer.
+  //
+  // Samples of [from, to], time ascending, thinned to max(maxPoints, 2) with gaps marked.
+  std::vector<PowerSample> queryPowerSamples(TimePoint from, TimePoint to, int maxPoints);
+  // Every interval that touches [from, to], unclipped, by start time.
+  std::vector<CollectionIntervalRecord> queryCollectionIntervals(TimePoint from, TimePoint to);
+  // Collected, sleeping and missing seconds of the period (in either order), with counts of
+  // rejected and estimated rows. A row speaks for at most 300 seconds.
+  HistoricalCoverageSummary historicalCoverage(TimePoint from, TimePoint to);
+  // Newest first.
+  std::vector<SessionRecord> queryRecentSessions(int limit);
+  // Days with a health reading and a design capacity, oldest first.
+  std::vector<DailyBatteryMetric> queryDailyBatteryMetrics();
+  // Derived from the daily metrics, one entry per day; the raw log is not read.
+  std::vector<CapacityLogEntry> queryCapacityLog();
+  // The topN identifiers by energy in [from, to], each with a series of at most about
+  // maxPoints buckets: duration-weighted centre time and mean watts.
+  EnergySeries queryProcessEnergy(TimePoint from, TimePoint to, int maxPoints, int topN);
+  EnergySeries queryAIAgentEnergy(TimePoint from, TimePoint to, int maxPoints, int topN);
+  // Ranked by energy. `table` and `identifierColumn` must be "process_energy" and
+  // "process_name" or "ai_agent_energy" and "agent_id"; any other pair gives nothing.
+  std::vector<TrackedEnergySummary> queryTrackedEnergySummaries(std::string_view table,
+                                                                std::string_view identifierColumn,
+                                                                TimePoint from, TimePoint to,
+                                                                int limit);
+  // The charts' view of process or agent energy, reused while neither this connection nor
+  // another one changed the rows and the window still holds the same records.
+  EnergyHistorySnapshot cachedEnergyHistory(EnergyHistoryKind kind, EnergyHistoryWindow window,
+                                            TimePoint from, TimePoint to);
+  // Everything the machine drew, integrated incrementally: only rows after the stored
+  // checkpoint are read. A read-only store computes the same sum without moving the checkpoint.
+  double totalComponentEnergy_Wh();
+  std::optional<PowerSampleDateRange> powerSampleDateRange();
+  std::optional<TimePoint> oldestPowerSampleDate();
+  DatabaseInfo databaseInfo();
+  // Diagnostics, read on queue(): thinned sample reads and energy history builds so far.
+  std::uint64_t powerHistoryReads() const { return powerHistoryReads_; }
+  std::uint64_t energyHistoryBuilds() const { return energyHistoryBuilds_; }
+
   // Raised after every committed energy batch of that kind. Read on queue().
   std::uint64_t energyRevision(EnergyHistoryKind kind) const {
     return energyRevision_[static_cast<std::size_t>(kind)];
@@ -120,6 +167,7 @@ class QuorelDatabase {
 
  private:
   void openDatabase();
+  void openReadOnly();
   void tightenFilePermissions();
   void createTables();
   void runMigrations();
@@ -144,6 +192,20 @@ class QuorelDatabase {
     if (queue_.isCurrent()) return work();
     return queue_.sync(std::forward<F>(work));
   }
+  template <class F>
+  auto readOnQueue(F&& work) -> decltype(work()) {
+    if (!queueStarted_ || queue_.isCurrent()) return work();
+    return queue_.sync(std::forward<F>(work));
+  }
+  std::vector<CollectionIntervalRecord> collectionIntervalsOnQueue(double from, double to);
+  EnergySeries energySeriesOnQueue(EnergyHistoryKind kind, double from, double to,
+                                   int maxPoints, int topN);
+  std::vector<TrackedEnergySummary> trackedEnergySummariesOnQueue(EnergyHistoryKind kind,
+                                                                  double from, double to,
+                                                                  int limit);
+  EnergyHistoryEntry buildEnergyHistory(EnergyHistoryKind kind, TimePoint from, TimePoint to);
+  std::optional<double> timestampOnQueue(const std::string& sql, double bound,
+                                         std::optional<double> secondBound);
   // Runs BEGIN, COMMIT or ROLLBACK; the result code of sqlite3_exec.
   int transaction(const char* sql);
 
@@ -159,6 +221,10 @@ class QuorelDatabase {
   bool queueStarted_ = false;
   std::shared_ptr<const Clock> clock_;
   std::array<std::uint64_t, 2> energyRevision_{};
+  bool readOnly_ = false;
+  std::map<EnergyHistoryKey, EnergyHistoryEntry> energyHistoryCache_;
+  std::uint64_t energyHistoryBuilds_ = 0;
+  std::uint64_t powerHistoryReads_ = 0;
 
   // Compiled once at start-up and reused on queue() for the life of the connection; null when
   // preparing failed, and then the write that needs it is skipped.

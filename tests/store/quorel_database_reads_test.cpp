@@ -1,0 +1,566 @@
+// The read path against real files built with plain SQL: what each read gives back, coverage
+// with sleep and gaps, rankings and buckets, the energy history cache, the incremental lifetime
+// total, read-only opening and the empty answers.
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "store/quorel_database.hpp"
+#include "store/sqlite_test_support.hpp"
+
+namespace quorel {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::SqlFile;
+using testing::SqlValue;
+
+constexpr double kT0 = 1'800'000'000;  // 2027-01-15T08:00:00Z
+
+TimePoint at(double offset) {
+  return fromUnixSeconds(kT0 + offset);
+}
+
+class ScratchDirectory {
+ public:
+  ScratchDirectory() {
+    std::string pattern = (fs::temp_directory_path() / "quorel-reads-XXXXXX").string();
+    path_ = ::mkdtemp(pattern.data());
+  }
+  ~ScratchDirectory() {
+    std::error_code ec;
+    fs::remove_all(path_, ec);
+  }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+class ReadsTest : public ::testing::Test {
+ protected:
+  QuorelDatabase::Options options(bool readOnly = false, bool startQueue = false) {
+    return {.dataDirectory = scratch.path(),
+            .databasePathOverride = file,
+            .onCorruption = {},
+            .startQueue = startQueue,
+            .clock = std::make_shared<ManualClock>(at(0)),
+            .readOnly = readOnly};
+  }
+  // A store on some other file, with no data directory to tighten.
+  static QuorelDatabase::Options elsewhere(const fs::path& path, bool readOnly) {
+    QuorelDatabase::Options o;
+    o.dataDirectory = std::nullopt;
+    o.databasePathOverride = path;
+    o.startQueue = false;
+    o.readOnly = readOnly;
+    return o;
+  }
+  SqlFile& sql() {
+    if (!raw) raw = std::make_unique<SqlFile>(file);
+    return *raw;
+  }
+  void sample(double offset, std::vector<std::pair<std::string, SqlValue>> values = {}) {
+    values.insert(values.begin(), {"timestamp", kT0 + offset});
+    sql().insert("power_samples", values);
+  }
+  void energy(const char* table, double offset, const std::string& name,
+              std::vector<std::pair<std::string, SqlValue>> values) {
+    const bool agents = std::string(table) == "ai_agent_energy";
+    values.insert(values.begin(), {agents ? "agent_id" : "process_name", name});
+    values.insert(values.begin(), {"timestamp", kT0 + offset});
+    values.emplace_back("avg_cpu", 1.0);
+    sql().insert(table, values);
+  }
+
+  ScratchDirectory scratch;
+  fs::path file = scratch.path() / "quorel.db";
+  std::unique_ptr<QuorelDatabase> db = std::make_unique<QuorelDatabase>(options());
+  std::unique_ptr<SqlFile> raw;
+};
+
+TEST_F(ReadsTest, EmptyAndUnavailableStoresGiveEmptyAnswers) {
+  QuorelDatabase unavailable(
+      elsewhere(scratch.path() / "no" / "such" / "dir" / "quorel.db", false));
+  ASSERT_FALSE(unavailable.isAvailable());
+  for (QuorelDatabase* store : {db.get(), &unavailable}) {
+    EXPECT_TRUE(store->queryPowerSamples(at(-1e6), at(1e6), 100).empty());
+    EXPECT_TRUE(store->queryCollectionIntervals(at(-1e6), at(1e6)).empty());
+    const auto coverage = store->historicalCoverage(at(0), at(3600));
+    EXPECT_EQ(coverage.sleepingSeconds, 0);
+    EXPECT_EQ(coverage.collectedSeconds, 0);
+    EXPECT_EQ(coverage.coverageRatio(), 0);
+    EXPECT_TRUE(store->queryRecentSessions(10).empty());
+    EXPECT_TRUE(store->queryDailyBatteryMetrics().empty());
+    EXPECT_TRUE(store->queryCapacityLog().empty());
+    EXPECT_TRUE(store->queryProcessEnergy(at(0), at(3600), 200, 6).empty());
+    EXPECT_TRUE(store->queryAIAgentEnergy(at(0), at(3600), 200, 6).empty());
+    EXPECT_TRUE(
+        store->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(3600), 10)
+            .empty());
+    EXPECT_EQ(
+        store->cachedEnergyHistory(EnergyHistoryKind::agents,
+                                   EnergyHistoryWindow::rolling(Seconds(3600)), at(0), at(3600)),
+        EnergyHistorySnapshot{});
+    EXPECT_EQ(store->totalComponentEnergy_Wh(), 0);
+    EXPECT_FALSE(store->powerSampleDateRange());
+    EXPECT_FALSE(store->oldestPowerSampleDate());
+    EXPECT_EQ(store->databaseInfo().sampleCount, 0);
+  }
+  EXPECT_GT(db->databaseInfo().bytes, 0u);
+  EXPECT_EQ(unavailable.databaseInfo().bytes, 0u);
+}
+
+TEST_F(ReadsTest, SamplesReadEveryColumnByPositionWithinInclusiveBounds) {
+  sample(-1, {{"wattage", -5.0}});
+  sample(0, {{"wattage", -7.5},
+             {"battery_pct", 81.25},
+             {"ecpu_w", 0.5},
+             {"gpu_w", 2.0},
+             {"system_load_w", 9.0},
+             {"power_in_w", 20.0},
+             {"wall_power_w", 23.0},
+             {"thermal_state", std::int64_t{2}},
+             {"is_charging", std::int64_t{1}},
+             {"external_connected", std::int64_t{1}},
+             {"temperature_c", 31.5},
+             {"observed_duration_s", 30.0},
+             {"component_quality", std::string("measured")},
+             {"system_power_quality", std::string("inferred")},
+             {"wall_estimate_quality", std::string("someday")},
+             {"component_rejection_reason", std::string("why not")},
+             {"system_total_w", 11.0},
+             {"battery_rail_w", 1.0},
+             {"dc_in_w", 19.0},
+             {"thunderbolt_left_w", 0.25},
+             {"thunderbolt_right_w", 0.0},
+             {"pd_brightness_w", 3.0}});
+  sample(400, {{"wattage", -6.0}});
+  sample(401, {{"wattage", -6.0}});
+
+  const auto samples = db->queryPowerSamples(at(0), at(400), 100);
+  ASSERT_EQ(samples.size(), 2u);
+  PowerSample expected;
+  expected.timestamp = at(0);
+  expected.wattage = -7.5;
+  expected.batteryPct = 81.25;
+  expected.ecpuW = 0.5;
+  expected.gpuW = 2.0;
+  expected.systemLoadW = 9.0;
+  expected.powerInW = 20.0;
+  expected.wallPowerW = 23.0;
+  expected.thermalState = 2;
+  expected.isCharging = true;
+  expected.externalConnected = true;
+  expected.temperatureC = 31.5;
+  expected.observedDurationS = 30.0;
+  expected.componentQuality = HistoricalValueQuality::measured;
+  expected.systemPowerQuality = HistoricalValueQuality::inferred;
+  expected.wallEstimateQuality = HistoricalValueQuality::unavailable;
+  expected.componentRejectionReason = "why not";
+  expected.systemTotalW = 11.0;
+  expected.batteryRailW = 1.0;
+  expected.dcInW = 19.0;
+  expected.thunderboltLeftW = 0.25;
+  expected.thunderboltRightW = 0.0;
+  expected.pdBrightnessW = 3.0;
+  EXPECT_EQ(samples[0], expected);
+  EXPECT_TRUE(samples[1].precededByGap) << "400 s after the first sample of the range";
+  EXPECT_FALSE(samples[1].ecpuW);
+  EXPECT_EQ(db->powerHistoryReads(), 1u);
+
+  EXPECT_EQ(db->queryPowerSamples(at(-10), at(1000), 1).size(), 2u);
+  const auto range = db->powerSampleDateRange();
+  ASSERT_TRUE(range);
+  EXPECT_EQ(range->first, at(-1));
+  EXPECT_EQ(range->last, at(401));
+  EXPECT_EQ(db->oldestPowerSampleDate(), at(-1));
+  EXPECT_EQ(db->databaseInfo().sampleCount, 4);
+}
+
+TEST_F(ReadsTest, CoverageCountsSleepApartAndNeverMoreThanTheGapLimitPerRow) {
+  // One hour: 30 minutes asleep, 15 minutes of samples each standing for 30 s.
+  for (int i = 0; i < 30; ++i) sample(60 + 30.0 * i, {{"observed_duration_s", 30.0}});
+  sql().insert(
+      "collection_intervals",
+      {{"start_time", kT0 + 1800}, {"end_time", kT0 + 5400}, {"status", std::string("sleep")}});
+  // A missing interval is no sleep, and one outside the period does not count.
+  sql().insert(
+      "collection_intervals",
+      {{"start_time", kT0 + 1000}, {"end_time", kT0 + 1100}, {"status", std::string("missing")}});
+  const auto c = db->historicalCoverage(at(0), at(3600));
+  EXPECT_DOUBLE_EQ(c.collectedSeconds, 900);
+  EXPECT_DOUBLE_EQ(c.sleepingSeconds, 1800);
+  EXPECT_DOUBLE_EQ(c.missingSeconds, 900);
+  EXPECT_DOUBLE_EQ(c.coverageRatio(), 0.5);
+  EXPECT_EQ(db->historicalCoverage(at(3600), at(0)), c);
+  EXPECT_EQ(db->historicalCoverage(at(60), at(60)), HistoricalCoverageSummary{});
+
+  const auto intervals = db->queryCollectionIntervals(at(1050), at(1060));
+  ASSERT_EQ(intervals.size(), 1u);
+  EXPECT_EQ(intervals[0].status, CollectionIntervalStatus::missing);
+  EXPECT_EQ(intervals[0].startTime, at(1000)) << "intervals come back unclipped";
+}
+
+TEST_F(ReadsTest, CoverageOfRowsWithoutObservedDurationUsesTheirPredecessorUpToTheGapLimit) {
+  sample(10000, {{"component_quality", std::string("legacy")}});
+  sample(10100, {{"observed_duration_s", 900.0},  // a row speaks for at most 300 s
+                 {"component_quality", std::string("rejected")}});
+  sample(10160, {{"wall_estimate_quality", std::string("rejected")},
+                 {"system_power_quality", std::string("estimated")}});
+  sample(10461);  // 301 s after its predecessor: a gap, no time
+  sample(10500, {{"component_quality", std::string("measured")}});
+  const auto c = db->historicalCoverage(at(9000), at(12000));
+  EXPECT_DOUBLE_EQ(c.collectedSeconds, 300 + 60 + 39);
+  EXPECT_EQ(c.rejectedCount, 2);
+  EXPECT_EQ(c.estimatedCount, 2);
+  EXPECT_DOUBLE_EQ(c.missingSeconds, 3000 - 399);
+}
+
+TEST_F(ReadsTest, SessionsNewestFirstWithUnknownLabelsDecodedToTheirDefaults) {
+  auto session = [&](const std::string& id, double start, double end, SqlValue mode,
+                     SqlValue quality) {
+    sql().insert("sessions", {{"id", id},
+                              {"start_time", kT0 + start},
+                              {"end_time", kT0 + end},
+                              {"start_pct", 90.0},
+                              {"end_pct", 70.0},
+                              {"is_charging", std::int64_t{0}},
+                              {"avg_wattage", 8.5},
+                              {"total_wh", 12.0},
+                              {"collected_duration_s", 3000.0},
+                              {"missing_duration_s", 600.0},
+                              {"confidence", 0.8}});
+    sql().exec("UPDATE sessions SET mode = " +
+               (std::holds_alternative<std::string>(mode) ? "'" + std::get<std::string>(mode) + "'"
+                                                          : std::string("mode")) +
+               ", quality = " +
+               (std::holds_alternative<std::string>(quality)
+                    ? "'" + std::get<std::string>(quality) + "'"
+                    : std::string("quality")) +
+               " WHERE id = '" + id + "'");
+  };
+  session("0B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", 0, 3725, std::string("force_discharge"),
+          std::string("measured"));
+  session("not-a-uuid", 5000, 6000, std::string("battery"), std::string("measured"));
+  session("1B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", 7000, 7059, std::string("Battery"),
+          std::string("great"));
+  session("2B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", -9000, -8000, nullptr, nullptr);
+
+  const auto sessions = db->queryRecentSessions(10);
+  ASSERT_EQ(sessions.size(), 3u);
+  EXPECT_EQ(sessions[0].id, "1B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F");
+  EXPECT_EQ(sessions[0].mode, PowerSessionMode::legacy) << "text is compared exactly";
+  EXPECT_EQ(sessions[0].quality, HistoricalValueQuality::unavailable);
+  EXPECT_EQ(sessions[0].durationText(), "0m");
+  EXPECT_EQ(sessions[1].mode, PowerSessionMode::forceDischarge);
+  EXPECT_EQ(sessions[1].quality, HistoricalValueQuality::measured);
+  EXPECT_EQ(sessions[1].durationText(), "1h 2m");
+  EXPECT_EQ(sessions[1].startTime, at(0));
+  EXPECT_DOUBLE_EQ(sessions[1].totalWh, 12.0);
+  EXPECT_DOUBLE_EQ(sessions[1].missingDuration_s, 600.0);
+  EXPECT_DOUBLE_EQ(sessions[1].confidence, 0.8);
+  EXPECT_EQ(sessions[2].mode, PowerSessionMode::legacy) << "the column default";
+
+  // The limit counts rows before the bad id is skipped.
+  EXPECT_EQ(db->queryRecentSessions(2).size(), 1u);
+}
+
+TEST_F(ReadsTest, DailyMetricsKeepDaysWithHealthAndDesignAndRoundCapacities) {
+  auto day = [&](const std::string& key, double start,
+                 std::vector<std::pair<std::string, SqlValue>> values) {
+    values.insert(values.begin(), {{"day_key", key}, {"day_start", kT0 + start}});
+    sql().insert("daily_battery_metrics", values);
+  };
+  day("2027-01-16", 86400,
+      {{"nominal_capacity_mah", 4500.5},
+       {"design_capacity_mah", 5000.4},
+       {"cycle_count", std::int64_t{101}},
+       {"health_pct", 90.0},
+       {"avg_temperature_c", 30.0},
+       {"capacity_sample_count", std::int64_t{3}},
+       {"quality", std::string("odd")}});
+  day("2027-01-15", 0,
+      {{"nominal_capacity_mah", 4600.0},
+       {"design_capacity_mah", 5000.0},
+       {"cycle_count", std::int64_t{100}},
+       {"health_pct", 92.0},
+       {"avg_temperature_c", 29.0},
+       {"max_temperature_c", 35.0},
+       {"temperature_observed_s", 600.0},
+       {"temperature_sample_count", std::int64_t{20}}});
+  day("2027-01-17", 2 * 86400, {{"design_capacity_mah", 5000.0}});  // no health
+  day("2027-01-18", 3 * 86400, {{"health_pct", 90.0}, {"design_capacity_mah", 0.0}});
+  day("2027-01-19", 4 * 86400, {{"health_pct", 90.0}});
+
+  const auto metrics = db->queryDailyBatteryMetrics();
+  ASSERT_EQ(metrics.size(), 2u);
+  EXPECT_EQ(metrics[0].dayStart, at(0));
+  EXPECT_EQ(metrics[0].maxObservedTemperature_C, 35.0);
+  EXPECT_EQ(metrics[0].quality, HistoricalValueQuality::measured);
+  EXPECT_DOUBLE_EQ(metrics[0].temperatureObservedDuration_s, 600);
+  EXPECT_EQ(metrics[0].temperatureSampleCount, 20);
+  EXPECT_EQ(metrics[1].nominalCapacity_mAh, 4501);
+  EXPECT_EQ(metrics[1].designCapacity_mAh, 5000);
+  EXPECT_EQ(metrics[1].cycleCount, 101);
+  EXPECT_EQ(metrics[1].capacitySampleCount, 3);
+  EXPECT_FALSE(metrics[1].maxObservedTemperature_C);
+  EXPECT_EQ(metrics[1].quality, HistoricalValueQuality::unavailable);
+
+  // The capacity log is the daily table seen as readings; the raw log is not read.
+  sql().insert("capacity_log", {{"timestamp", kT0 + 50}, {"design_capacity_mah", 1}});
+  const auto log = db->queryCapacityLog();
+  ASSERT_EQ(log.size(), 2u);
+  EXPECT_EQ(log[0], (CapacityLogEntry{at(0), 4600, 5000, 100, 92.0, 35.0}));
+  EXPECT_DOUBLE_EQ(log[1].maxTemperature_C, 30.0) << "the average stands in for a missing max";
+}
+
+TEST_F(ReadsTest, RankingsAndBucketedSeriesWeighByObservedTime) {
+  const char* table = "process_energy";
+  // "build" uses the most energy; "idle" the least and falls out of a top two.
+  energy(table, 0, "build",
+         {{"avg_watts", 10.0}, {"observed_duration_s", 30.0}, {"energy_wh", 2.0}});
+  energy(table, 60, "build",
+         {{"avg_watts", 20.0}, {"observed_duration_s", 90.0}, {"energy_wh", 3.0}});
+  energy(table, 2000, "build",
+         {{"avg_watts", 5.0}, {"observed_duration_s", 60.0}, {"energy_wh", 0.1}});
+  energy(table, 100, "editor", {{"avg_watts", 4.0}, {"energy_wh", 1.0}});  // no observed time
+  energy(table, 200, "editor", {{"avg_watts", 6.0}, {"energy_wh", 1.0}});
+  energy(table, 300, "idle", {{"avg_watts", 0.1}, {"energy_wh", 0.01}});
+  energy(table, 99999, "later", {{"avg_watts", 50.0}, {"energy_wh", 99.0}});
+
+  // A one-hour window in 3 buckets of 1200 s.
+  const auto series = db->queryProcessEnergy(at(0), at(3600), 3, 2);
+  ASSERT_EQ(series.size(), 2u);
+  ASSERT_EQ(series.at("build").size(), 2u);
+  EXPECT_DOUBLE_EQ(toUnixSeconds(series.at("build")[0].time), kT0 + (0 * 30 + 60 * 90) / 120.0);
+  EXPECT_DOUBLE_EQ(series.at("build")[0].watts, (10.0 * 30 + 20.0 * 90) / 120.0);
+  EXPECT_EQ(series.at("build")[1], (EnergyPoint{at(2000), 5.0}));
+  ASSERT_EQ(series.at("editor").size(), 1u);
+  EXPECT_EQ(series.at("editor")[0], (EnergyPoint{at(150), 5.0})) << "plain averages";
+
+  EXPECT_TRUE(db->queryAIAgentEnergy(at(0), at(3600), 3, 2).empty());
+  energy("ai_agent_energy", 10, "claude-code", {{"avg_watts", 3.0}, {"energy_wh", 1.0}});
+  EXPECT_EQ(db->queryAIAgentEnergy(at(0), at(3600), 3, 2).size(), 1u);
+}
+
+TEST_F(ReadsTest, SummariesTakeTheWorstQualityAndFallBackToDurationsForCoverage) {
+  const char* table = "process_energy";
+  for (int i = 0; i < 9; ++i) {
+    energy(table, 10.0 * i, "mostly-measured",
+           {{"avg_watts", 2.0},
+            {"peak_watts", 3.0 + i},
+            {"observed_duration_s", 10.0},
+            {"energy_wh", 1.0},
+            {"coverage_ratio", 0.5},
+            {"quality", std::string("measured")}});
+  }
+  energy(table, 95, "mostly-measured",
+         {{"avg_watts", 2.0},
+          {"observed_duration_s", 30.0},
+          {"energy_wh", 1.0},
+          {"coverage_ratio", 1.0},
+          {"quality", std::string("legacy")}});
+  energy(table, 0, "bad",
+         {{"avg_watts", 2.0},
+          {"observed_duration_s", 60.0},
+          {"missing_duration_s", 20.0},
+          {"energy_wh", 0.5},
+          {"quality", std::string("legacy")}});
+  energy(table, 5, "bad",
+         {{"avg_watts", 2.0}, {"energy_wh", 0.5}, {"quality", std::string("rejected")}});
+  energy(table, 5, "odd",
+         {{"avg_watts", 2.0},
+          {"energy_wh", 0.1},
+          {"coverage_ratio", 1.5},
+          {"observed_duration_s", 1.0},
+          {"quality", std::string("whatever")}});
+
+  const auto s =
+      db->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(100), 10);
+  ASSERT_EQ(s.size(), 3u);
+  EXPECT_EQ(s[0].identifier, "mostly-measured");
+  EXPECT_DOUBLE_EQ(s[0].energyWh, 10.0);
+  EXPECT_DOUBLE_EQ(s[0].observedDuration_s, 120.0);
+  EXPECT_DOUBLE_EQ(s[0].averageWatts, 10.0 * 3600 / 120.0);
+  EXPECT_DOUBLE_EQ(s[0].peakWatts, 11.0);
+  EXPECT_DOUBLE_EQ(s[0].coverageRatio, (0.5 * 90 + 1.0 * 30) / 120.0);
+  EXPECT_EQ(s[0].quality, HistoricalValueQuality::legacy);
+  EXPECT_EQ(s[1].identifier, "bad");
+  EXPECT_EQ(s[1].quality, HistoricalValueQuality::rejected);
+  EXPECT_DOUBLE_EQ(s[1].coverageRatio, 60.0 / 80.0);
+  EXPECT_EQ(s[2].quality, HistoricalValueQuality::unavailable);
+  EXPECT_DOUBLE_EQ(s[2].coverageRatio, 1.0);
+
+  EXPECT_EQ(
+      db->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(100), 1).size(),
+      1u);
+  EXPECT_TRUE(db->queryTrackedEnergySummaries("sessions", "id", at(0), at(100), 10).empty());
+  EXPECT_TRUE(
+      db->queryTrackedEnergySummaries("process_energy", "agent_id", at(0), at(100), 10).empty());
+}
+
+TEST_F(ReadsTest, EnergyHistoryCacheIsReusedUntilRowsChangeOrTheWindowReachesNewOnes) {
+  energy("process_energy", 100, "build", {{"avg_watts", 10.0}, {"energy_wh", 1.0}});
+  energy("process_energy", 5000, "build", {{"avg_watts", 12.0}, {"energy_wh", 1.0}});
+  const auto window = EnergyHistoryWindow::rolling(Seconds(3600));
+  const auto kind = EnergyHistoryKind::processes;
+
+  const auto first = db->cachedEnergyHistory(kind, window, at(0), at(3600));
+  EXPECT_EQ(db->energyHistoryBuilds(), 1u);
+  ASSERT_EQ(first.summaries.size(), 1u);
+  EXPECT_DOUBLE_EQ(first.summaries.at("build").energyWh, 1.0);
+
+  // Slid forward without dropping the first row or reaching the next one: the same answer.
+  EXPECT_EQ(db->cachedEnergyHistory(kind, window, at(50), at(3650)), first);
+  EXPECT_EQ(db->energyHistoryBuilds(), 1u);
+  // Reaching the next row, or dropping the first one, builds anew.
+  db->cachedEnergyHistory(kind, window, at(1500), at(5100));
+  EXPECT_EQ(db->energyHistoryBuilds(), 2u);
+  db->cachedEnergyHistory(kind, window, at(1500), at(5100));
+  EXPECT_EQ(db->energyHistoryBuilds(), 2u);
+  db->cachedEnergyHistory(kind, window, at(4000), at(7600));
+  EXPECT_EQ(db->energyHistoryBuilds(), 2u) << "still holds the row at 5000 s and nothing else";
+  db->cachedEnergyHistory(kind, window, at(5050), at(8650));
+  EXPECT_EQ(db->energyHistoryBuilds(), 3u) << "the row at 5000 s left the window";
+
+  // Another connection's write changes data_version.
+  energy("process_energy", 7000, "build", {{"avg_watts", 12.0}, {"energy_wh", 1.5}});
+  const auto after = db->cachedEnergyHistory(kind, window, at(5050), at(8650));
+  EXPECT_EQ(db->energyHistoryBuilds(), 4u);
+  EXPECT_DOUBLE_EQ(after.summaries.at("build").energyWh, 1.5);
+
+  // This connection's own flush raises the revision, although the window has not moved.
+  db->insertProcessEnergy({});
+  db->queue().runPending();
+  db->cachedEnergyHistory(kind, window, at(5050), at(8650));
+  EXPECT_EQ(db->energyHistoryBuilds(), 5u);
+  // The agents' cache is a different entry, and the processes' revision does not touch it.
+  db->cachedEnergyHistory(EnergyHistoryKind::agents, window, at(4000), at(7600));
+  EXPECT_EQ(db->energyHistoryBuilds(), 6u);
+  db->cachedEnergyHistory(EnergyHistoryKind::agents, window, at(4000), at(7600));
+  EXPECT_EQ(db->energyHistoryBuilds(), 6u);
+
+  // Pruning empties the cache even when it deletes nothing.
+  db->pruneOldData(0, 365);
+  db->queue().runPending();
+  db->cachedEnergyHistory(EnergyHistoryKind::agents, window, at(4000), at(7600));
+  EXPECT_EQ(db->energyHistoryBuilds(), 7u);
+}
+
+TEST_F(ReadsTest, SeventeenthWindowEvictsTheEntryWithTheEarliestEnd) {
+  energy("process_energy", 100, "build", {{"avg_watts", 10.0}, {"energy_wh", 1.0}});
+  const auto kind = EnergyHistoryKind::processes;
+  // Sixteen day windows; the one ending first is day 5, not the first one asked for.
+  for (int d = 0; d < 16; ++d) {
+    const double end = d == 5 ? 10 : 1000 + d;
+    db->cachedEnergyHistory(kind, EnergyHistoryWindow::day(at(-86400.0 * d)), at(0), at(end));
+  }
+  ASSERT_EQ(db->energyHistoryBuilds(), 16u);
+  db->cachedEnergyHistory(kind, EnergyHistoryWindow::day(at(-86400.0 * 5)), at(0), at(10));
+  EXPECT_EQ(db->energyHistoryBuilds(), 16u) << "sixteen fit";
+
+  db->cachedEnergyHistory(kind, EnergyHistoryWindow::rolling(Seconds(60)), at(0), at(2000));
+  EXPECT_EQ(db->energyHistoryBuilds(), 17u);
+  db->cachedEnergyHistory(kind, EnergyHistoryWindow::day(at(0)), at(0), at(1000));
+  EXPECT_EQ(db->energyHistoryBuilds(), 17u) << "the first window asked for is still cached";
+  db->cachedEnergyHistory(kind, EnergyHistoryWindow::day(at(-86400.0 * 5)), at(0), at(10));
+  EXPECT_EQ(db->energyHistoryBuilds(), 18u) << "day 5 ended first and was evicted";
+}
+
+TEST_F(ReadsTest, LifetimeTotalReadsOnlyNewRowsAndSkipsGapsAndUnknownAdapterState) {
+  // On battery: total is -wattage. 10 W for 360 s = 1 Wh.
+  sample(0, {{"wattage", -10.0}});
+  sample(360, {{"wattage", -10.0}});  // 360 s: a gap, nothing
+  sample(660, {{"wattage", -10.0}});  // 300 s: counted
+  const double first = db->totalComponentEnergy_Wh();
+  EXPECT_NEAR(first, 300 * 10 / 3600.0, 1e-12);
+  EXPECT_EQ(sql().real("SELECT last_ts FROM lifetime_energy_state"), kT0 + 660);
+
+  // Old rows are never read again: deleting them changes nothing.
+  sql().exec("DELETE FROM power_samples");
+  EXPECT_DOUBLE_EQ(db->totalComponentEnergy_Wh(), first);
+
+  // A new row pairs with the checkpoint. On AC the total is power in minus battery flow.
+  sample(690, {{"wattage", 5.0}, {"power_in_w", 25.0}, {"external_connected", std::int64_t{1}}});
+  const double second = db->totalComponentEnergy_Wh();
+  EXPECT_NEAR(second - first, 30 * (10 + 20) * 0.5 / 3600.0, 1e-12);
+
+  // Connected without a power-in reading is unknown: neither neighbouring stretch counts.
+  sample(720, {{"wattage", 5.0}, {"external_connected", std::int64_t{1}}});
+  sample(750, {{"wattage", -4.0}});
+  EXPECT_DOUBLE_EQ(db->totalComponentEnergy_Wh(), second);
+  sample(780, {{"wattage", -4.0}});
+  EXPECT_NEAR(db->totalComponentEnergy_Wh() - second, 30 * 4 / 3600.0, 1e-12);
+}
+
+TEST_F(ReadsTest, ReadOnlyStoreReadsWithoutWritingAndRefusesAMissingFile) {
+  sample(0, {{"wattage", -36.0}});
+  sample(10, {{"wattage", -36.0}});
+  {
+    QuorelDatabase reader(options(/*readOnly=*/true));
+    ASSERT_TRUE(reader.isAvailable());
+    EXPECT_EQ(reader.queryPowerSamples(at(0), at(10), 10).size(), 2u);
+    EXPECT_NEAR(reader.totalComponentEnergy_Wh(), 0.1, 1e-12);
+    EXPECT_NEAR(reader.totalComponentEnergy_Wh(), 0.1, 1e-12) << "a read-only sum never moves";
+  }
+  EXPECT_EQ(sql().real("SELECT last_ts FROM lifetime_energy_state"), 0.0);
+
+  const fs::path missing = scratch.path() / "elsewhere" / "quorel.db";
+  QuorelDatabase absent(elsewhere(missing, true));
+  EXPECT_FALSE(absent.isAvailable());
+  EXPECT_FALSE(fs::exists(missing.parent_path()));
+
+  // An old file is left at its version: no schema work happens on a read-only connection.
+  const fs::path old = scratch.path() / "old.db";
+  { SqlFile(old).exec("CREATE TABLE power_samples (id INTEGER PRIMARY KEY, timestamp REAL)"); }
+  {
+    QuorelDatabase reader(elsewhere(old, true));
+    EXPECT_TRUE(reader.isAvailable());
+  }
+  EXPECT_EQ(SqlFile(old).integer("PRAGMA user_version"), 0);
+  EXPECT_EQ(SqlFile(old).integer("SELECT COUNT(*) FROM sqlite_master WHERE name='sessions'"), 0);
+}
+
+TEST_F(ReadsTest, ReadsWaitForARunningQueueAndRunInPlaceOnIt) {
+  db.reset();
+  db = std::make_unique<QuorelDatabase>(options(false, /*startQueue=*/true));
+  sample(0, {{"wattage", -1.0}});
+  db->insertCollectionInterval(at(0), at(100), CollectionIntervalStatus::sleep, std::nullopt);
+  // Posted before the read: the read, waiting its turn on the queue, sees the write.
+  EXPECT_EQ(db->queryCollectionIntervals(at(0), at(100)).size(), 1u);
+  const auto fromQueue = db->queue().sync([&] { return db->databaseInfo().sampleCount; });
+  EXPECT_EQ(fromQueue, 1);
+  std::thread other([&] { EXPECT_EQ(db->queryPowerSamples(at(0), at(1), 5).size(), 1u); });
+  other.join();
+}
+
+TEST(SessionRecordText, DayWordsFollowTheLocalZone) {
+  const char* old = std::getenv("TZ");
+  const std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
+  SessionRecord session;
+  session.startTime = fromUnixSeconds(kT0 - 86400 - 1800);  // 2027-01-14T07:30:00Z
+  session.endTime = fromUnixSeconds(kT0 + 300);             // 2027-01-15T08:05:00Z
+  const TimePoint now = fromUnixSeconds(kT0 + 3600);        // 2027-01-15T09:00:00Z
+
+  ::setenv("TZ", "UTC0", 1);
+  EXPECT_EQ(session.timeRangeText(now), "Yesterday 07:30 – Today 08:05");
+  // Nine hours west it has just turned the 15th: the end was yesterday, the start before that.
+  ::setenv("TZ", "<-09>9", 1);
+  EXPECT_EQ(session.timeRangeText(fromUnixSeconds(kT0 + 3600)), "Jan 13 22:30 – Yesterday 23:05");
+  ::setenv("TZ", "UTC0", 1);
+  EXPECT_EQ(session.timeRangeText(fromUnixSeconds(kT0 + 40 * 86400)),
+            "Jan 14 07:30 – Jan 15 08:05");
+
+  if (saved) {
+    ::setenv("TZ", saved->c_str(), 1);
+  } else {
+    ::unsetenv("TZ");
+  }
+}
+
+}  // namespace
+}  // namespace quorel
