@@ -156,6 +156,8 @@ class QuorelDatabase {
   std::optional<PowerSampleDateRange> powerSampleDateRange();
   std::optional<TimePoint> oldestPowerSampleDate();
   DatabaseInfo databaseInfo();
+  // The file's user_version; absent when the store is unavailable or the file is not a database.
+  std::optional<int> schemaVersion();
   // Diagnostics, read on queue(): thinned sample reads and energy history builds so far.
   std::uint64_t powerHistoryReads() const { return powerHistoryReads_; }
   std::uint64_t energyHistoryBuilds() const { return energyHistoryBuilds_; }

@@ -686,4 +686,21 @@ DatabaseInfo QuorelDatabase::databaseInfo() {
   return info;
 }
 
+std::optional<int> QuorelDatabase::schemaVersion() {
+  return readOnQueue([&]() -> std::optional<int> {
+    if (!db_) return std::nullopt;
+    int rc = SQLITE_OK;
+    auto statement = prepareStatement(db_.get(), "PRAGMA user_version", rc);
+    if (!statement) {
+      logSqliteError(rc, "schemaVersion prepare");
+      return std::nullopt;
+    }
+    if (rc = sqlite3_step(statement.get()); rc != SQLITE_ROW) {
+      logSqliteError(rc, "schemaVersion step");
+      return std::nullopt;
+    }
+    return sqlite3_column_int(statement.get(), 0);
+  });
+}
+
 }  // namespace quorel
