@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cmath>
+#include <cstdint>
 #include <ctime>
 #include <string>
 
@@ -34,8 +35,12 @@ double toUnixSeconds(TimePoint t) {
 }
 
 TimePoint fromUnixSeconds(double seconds) {
-  // Rounded, not truncated: a stored 0.25 is a few ulps under it as a double.
-  return TimePoint{std::chrono::round<TimePoint::duration>(Seconds{seconds})};
+  // Whole and fractional seconds are converted apart: scaling the whole value to nanoseconds
+  // first would lose the fraction to the double's 256 ns spacing near the present day.
+  const double whole = std::floor(seconds);
+  const auto nanos = static_cast<std::int64_t>(std::llround((seconds - whole) * 1e9));
+  return TimePoint{std::chrono::duration_cast<TimePoint::duration>(
+      std::chrono::seconds(static_cast<std::int64_t>(whole)) + std::chrono::nanoseconds(nanos))};
 }
 
 TimePoint distantPast() {

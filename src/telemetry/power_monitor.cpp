@@ -55,9 +55,52 @@ void PowerMonitor::setOnStateUpdate(StateCallback callback) {
 }
 
 void PowerMonitor::start() {
-  // History seeding from the store joins here once recording exists; until then the first
-  // tick starts the rings empty.
+  std::weak_ptr<PowerMonitor> weak = weak_from_this();
+  pollQueue_.async([weak] {
+    auto self = weak.lock();
+    if (!self || self->historySeeded_) return;
+    self->historySeeded_ = true;
+    self->seedHistoryFromDatabase();
+    self->seedComponentPowerBaseline();
+  });
   restartTimer();
+}
+
+void PowerMonitor::reseedHistoryFromDatabase() {
+  std::weak_ptr<PowerMonitor> weak = weak_from_this();
+  pollQueue_.async([weak] {
+    if (auto self = weak.lock()) self->seedHistoryFromDatabase();
+  });
+}
+
+void PowerMonitor::seedHistoryFromDatabase() {
+  if (!recorder_) return;
+  for (const HistorySeedSample& s : recorder_->seedSamples(clock_.now())) {
+    history_.append(s.wattage, s.timestamp);
+    const std::pair<const std::optional<double>*, PowerHistory*> rings[] = {
+        {&s.powerInW, &systemPowerInHistory_},
+        {&s.systemLoadW, &systemLoadHistory_},
+        {&s.ecpuW, &ecpuHistory_},
+        {&s.pcpuW, &pcpuHistory_},
+        {&s.gpuW, &gpuHistory_},
+        {&s.aneW, &aneHistory_},
+        {&s.dramW, &dramHistory_},
+    };
+    for (const auto& [value, ring] : rings) {
+      if (*value) ring->append(**value, s.timestamp);
+    }
+  }
+}
+
+// Energy counters report a difference; one early sample gives them a baseline so that the first
+// real tick already has a figure.
+void PowerMonitor::seedComponentPowerBaseline() {
+  auto current = provider();
+  if ((current && current->isSimulated()) || !componentSampler_ ||
+      !componentSampler_->isAvailable() || lastComponentPower_) {
+    return;
+  }
+  if (auto sampled = componentSampler_->sample(Seconds{0.05})) lastComponentPower_ = sampled;
 }
 
 void PowerMonitor::stop() {

@@ -41,6 +41,13 @@ struct RecordingTick {
   TimePoint now;
 };
 
+// One stored sample, as far as the live histories need it at start.
+struct HistorySeedSample {
+  TimePoint timestamp;
+  double wattage = 0;
+  std::optional<double> powerInW, systemLoadW, ecpuW, pcpuW, gpuW, aneW, dramW;
+};
+
 // The recording stage of the tick: sessions, persisted samples, battery epochs and the capacity
 // log. Called on the poll queue only.
 class PowerRecordingStage {
@@ -49,6 +56,8 @@ class PowerRecordingStage {
   virtual void record(const RecordingTick& tick, bool forceDischargeActive) = 0;
   // The in-memory state was cleared (the sandbox was entered or left): forget the open session.
   virtual void discardSession() = 0;
+  // What the store holds of the last ten minutes, oldest first, to seed the live histories.
+  virtual std::vector<HistorySeedSample> seedSamples(TimePoint now) = 0;
 };
 
 class PowerMonitor : public std::enable_shared_from_this<PowerMonitor> {
@@ -103,6 +112,8 @@ class PowerMonitor : public std::enable_shared_from_this<PowerMonitor> {
   void resumeAfterWake();
   void resetSmoothing();
   void clearInMemoryHistories();
+  // Refills the live histories from the store (after leaving the simulated machine).
+  void reseedHistoryFromDatabase();
   // A power source was plugged or unplugged: tick now, out of timer order.
   void powerSourceChanged();
   // Cancels and recreates the timer at the current interval; the new timer ticks at once.
@@ -143,6 +154,8 @@ class PowerMonitor : public std::enable_shared_from_this<PowerMonitor> {
  private:
   explicit PowerMonitor(Dependencies deps);
 
+  void seedHistoryFromDatabase();
+  void seedComponentPowerBaseline();
   void scheduleWakeReanchorRetry();
   void resetSmoothingOnPollQueue(TimePoint at);
   void failedTick();
@@ -188,6 +201,7 @@ class PowerMonitor : public std::enable_shared_from_this<PowerMonitor> {
   std::optional<SystemPowerRails> lastSystemPowerRails_;
   std::optional<TimePoint> lastRailSampleTime_;
   std::optional<TimePoint> lastHistoryTime_;
+  bool historySeeded_ = false;
 
   static constexpr double kHistoryTimeInterval = 30;
   static constexpr double kHiddenComponentSampleInterval = 20;

@@ -91,7 +91,13 @@ class RecordingSpy : public PowerRecordingStage {
         {tick.state, tick.componentValidation, tick.componentFresh, forceDischargeActive});
   }
   void discardSession() override { ++discards; }
+  std::vector<HistorySeedSample> seedSamples(TimePoint) override {
+    ++seedRequests;
+    return seed;
+  }
   std::vector<Entry> entries;
+  std::vector<HistorySeedSample> seed;
+  int seedRequests = 0;
   int discards = 0;
 };
 
@@ -348,6 +354,36 @@ TEST_F(PowerMonitorTest, StalledCpuCountersKeepCpuAndDramOutOfHistory) {
   EXPECT_EQ(h.componentData.count("DRAM"), 0u);
   EXPECT_EQ(h.componentData.count("GPU"), 1u);
   EXPECT_EQ(h.componentData.count("ANE"), 1u);
+}
+
+TEST_F(PowerMonitorTest, StartSeedsHistoriesOnceFromTheStore) {
+  HistorySeedSample old;
+  old.timestamp = clock.now() - std::chrono::minutes(5);
+  old.wattage = -7.0;
+  old.gpuW = 2.5;
+  recorder->seed = {old};
+  monitor->setPollingInterval(3600s);
+  monitor->start();
+  monitor->start();  // a second start (after wake) must not seed again
+  pollQueue.runPending();
+  monitor->stop();
+  EXPECT_EQ(recorder->seedRequests, 1);
+  monitor->setPopoverOpen(true);
+  primary->last = batterySnapshot(-15, clock.now());
+  tick(1s);
+  const auto& h = histories.back();
+  ASSERT_EQ(h.wattageValues.size(), 2u);
+  EXPECT_EQ(h.wattageValues[0], -7.0);
+  EXPECT_EQ(h.componentData.at("GPU"), std::vector<double>{2.5});
+  EXPECT_EQ(h.componentData.count("ECPU"), 0u);
+
+  monitor->clearInMemoryHistories();
+  pollQueue.runPending();
+  EXPECT_EQ(recorder->discards, 1);
+  monitor->reseedHistoryFromDatabase();
+  pollQueue.runPending();
+  EXPECT_EQ(recorder->seedRequests, 2);
+  EXPECT_EQ(monitor->diagnosticsOnPollQueue().historyCount, 1u);
 }
 
 TEST_F(PowerMonitorTest, HistoryCopiesOnlyWhileWatched) {
