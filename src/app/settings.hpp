@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "core/clock.hpp"
+#include "core/history_time_scale.hpp"
 #include "core/uuid.hpp"
 
 namespace quorel {
@@ -29,7 +30,6 @@ enum class ColorBlindMode { off, deuteranopia, tritanopia };
 enum class TemperatureUnit { celsius, fahrenheit };
 enum class TextScale { xxs, xs, s, m, l, xl, xxl };
 enum class MenuBarMode { automatic, wattage, minimal, gaugeBattery, gaugePowerIn, percentage };
-enum class HistoryTimeScale { tenMinutes, oneHour, twelveHours, today, sevenDays, thirtyDays };
 enum class CarbonRegion {
   usAverage,
   euAverage,

@@ -12,16 +12,11 @@
 
 #include "core/clock.hpp"
 #include "core/component_power.hpp"
+#include "core/history_time_scale.hpp"
 #include "store/historical_energy_math.hpp"
 #include "store/history_records.hpp"
 
 namespace quorel {
-
-// The periods of the history views.
-enum class HistoryTimeScale { tenMinutes, oneHour, twelveHours, today, sevenDays, thirtyDays };
-
-std::string_view toString(HistoryTimeScale scale);  // "10m", "1h", "12h", "Today", "7d", "30d"
-std::optional<HistoryTimeScale> historyTimeScaleFromString(std::string_view text);
 
 // How much of a period was seen. Sleep counts neither for nor against coverage.
 struct HistoricalCoverageSummary {

@@ -1,0 +1,134 @@
+#include "app/app_delegate.hpp"
+
+#include <spdlog/logger.h>
+
+#include "core/logging.hpp"
+#include "mcp/mcp_server.hpp"
+#include "mcp/mcp_server_switch.hpp"
+#include "store/quorel_database.hpp"
+
+namespace quorel {
+
+AppDelegate::AppDelegate(Dependencies deps, Options options)
+    : deps_(std::move(deps)),
+      options_(options),
+      log_(logging::get("AppDelegate")),
+      self_(std::make_shared<AppDelegate*>(this)) {}
+
+AppDelegate::~AppDelegate() {
+  if (settingsSubscription_ != 0) deps_.settings->unsubscribe(settingsSubscription_);
+  maintenanceTimer_.cancel();
+  pendingWakeWork_.cancel();
+  if (deps_.sleepWake) deps_.sleepWake->stop();
+}
+
+void AppDelegate::launch() {
+  const TimePoint now = deps_.clock->now();
+  prune(now);
+
+  std::weak_ptr<AppDelegate*> weak = self_;
+  maintenanceTimer_ =
+      deps_.mainQueue->every(options_.maintenancePeriod, options_.maintenancePeriod, [weak] {
+        if (auto self = weak.lock()) {
+          (*self)->runDailyDatabaseMaintenanceIfNeeded((*self)->deps_.clock->now());
+        }
+      });
+
+  if (deps_.sleepWake) {
+    deps_.sleepWake->start({[weak] {
+                              if (auto self = weak.lock()) (*self)->handleSleep();
+                            },
+                            [weak] {
+                              if (auto self = weak.lock()) (*self)->handleWake();
+                            }});
+  }
+  if (deps_.mcpSwitch) deps_.mcpSwitch->activate();
+
+  // A settings change (another process saving, say) may move the polling intervals.
+  settingsSubscription_ = deps_.settings->subscribe([weak](const QuorelSettings&) {
+    if (auto self = weak.lock()) (*self)->updatePollingState();
+  });
+
+  const auto intervals = pollingIntervals(deps_.settings->settings(), options_.intervalOverride);
+  deps_.monitor->setPollingInterval(watched_ ? intervals.focused : intervals.idle);
+  deps_.monitor->start();
+  updatePollingState();
+}
+
+void AppDelegate::terminate() {
+  maintenanceTimer_.cancel();
+  if (deps_.mcpServer) deps_.mcpServer->stop();
+}
+
+void AppDelegate::setWatched(bool watched) {
+  if (watched_ == watched) return;
+  watched_ = watched;
+  updatePollingState();
+}
+
+void AppDelegate::updatePollingState() {
+  // Headless, nothing is on screen but what a watching client shows; that client is focused.
+  const bool uiVisible = watched_;
+  const bool risingEdge = uiVisible && !lastUIVisible_;
+  lastUIVisible_ = uiVisible;
+  const bool focused = uiVisible;
+
+  auto& monitor = *deps_.monitor;
+  monitor.setPopoverOpen(focused);
+  monitor.setComponentCardVisible(uiVisible);
+  const auto intervals = pollingIntervals(deps_.settings->settings(), options_.intervalOverride);
+  const Seconds interval = focused ? intervals.focused : intervals.idle;
+  if (interval != monitor.pollingInterval()) {
+    monitor.setPollingInterval(interval);
+    monitor.restartTimer();
+  }
+  // What somebody has just started to look at should be current, not up to 30 s old.
+  if (risingEdge || (focused && lastAppliedFocused_ != true)) monitor.powerSourceChanged();
+  lastAppliedFocused_ = focused;
+}
+
+void AppDelegate::prune(TimePoint now) {
+  lastPruneDate_ = now;
+  if (deps_.database) {
+    deps_.database->pruneOldData(deps_.settings->settings().dataRetentionDays,
+                                 kCapacityRetentionDays);
+  }
+}
+
+void AppDelegate::runDailyDatabaseMaintenanceIfNeeded(TimePoint now) {
+  if (lastPruneDate_ && secondsBetween(*lastPruneDate_, now) < kMaintenanceAgeSeconds) return;
+  prune(now);
+}
+
+void AppDelegate::handleSleep() {
+  pendingWakeWork_.cancel();
+  sleepBeganAt_ = deps_.clock->now();
+  deps_.monitor->stop();
+  if (deps_.mcpServer) deps_.mcpServer->stop();
+}
+
+void AppDelegate::handleWake() {
+  pendingWakeWork_.cancel();
+  const TimePoint now = deps_.clock->now();
+  // A clock set back past the sleep's start writes nothing rather than a negative interval.
+  if (sleepBeganAt_ && now >= *sleepBeganAt_) {
+    if (deps_.database) {
+      deps_.database->insertCollectionInterval(
+          *sleepBeganAt_, now, CollectionIntervalStatus::sleep,
+          deps_.sleepWake ? std::optional(deps_.sleepWake->sourceName()) : std::nullopt);
+    }
+    sleepBeganAt_.reset();
+  }
+  std::weak_ptr<AppDelegate*> weak = self_;
+  pendingWakeWork_ = deps_.mainQueue->after(options_.wakeSettleDelay, [weak] {
+    auto self = weak.lock();
+    if (!self) return;
+    AppDelegate& d = **self;
+    ++d.wakeResumeCount_;
+    d.deps_.monitor->resumeAfterWake();
+    if (d.deps_.mcpSwitch) d.deps_.mcpSwitch->apply();
+    d.runDailyDatabaseMaintenanceIfNeeded(d.deps_.clock->now());
+  });
+}
+
+}  // namespace quorel

@@ -1,0 +1,222 @@
+#include "app/app_delegate.hpp"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "app/single_instance_lock.hpp"
+#include "core/memory_preference_store.hpp"
+#include "store/quorel_database.hpp"
+#include "store/sqlite_test_support.hpp"
+
+namespace quorel {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+class SteadyProvider : public PowerDataProvider {
+ public:
+  explicit SteadyProvider(const Clock& clock) : clock_(clock) {}
+  std::optional<PowerSnapshot> fetchSnapshot() override {
+    ++calls;
+    PowerSnapshot s;
+    s.voltage_mV = 12000;
+    s.instantAmperage_mA = -1000;
+    s.batteryInstalled = true;
+    s.timestamp = clock_.now();
+    return s;
+  }
+  int calls = 0;
+
+ private:
+  const Clock& clock_;
+};
+
+class FakeSleepWake : public SleepWakeSource {
+ public:
+  bool start(Handlers h) override {
+    handlers = std::move(h);
+    return true;
+  }
+  void stop() override { stopped = true; }
+  std::string sourceName() const override { return "test sleep source"; }
+  Handlers handlers;
+  bool stopped = false;
+};
+
+class AppDelegateTest : public ::testing::Test {
+ protected:
+  AppDelegateTest() {
+    std::string pattern = (fs::temp_directory_path() / "quorel-delegate-XXXXXX").string();
+    dir_ = ::mkdtemp(pattern.data());
+    QuorelDatabase::Options options;
+    options.dataDirectory = dir_;
+    options.databasePathOverride = dir_ / "quorel.db";
+    database = std::make_unique<QuorelDatabase>(std::move(options));
+    settings = std::make_unique<SettingsManager>(preferences, mainQueue, clock);
+    provider = std::make_shared<SteadyProvider>(clock);
+    PowerMonitor::Dependencies md;
+    md.provider = provider;
+    md.clock = &clock;
+    md.pollQueue = &pollQueue;
+    md.mainQueue = &mainQueue;
+    monitor = PowerMonitor::create(std::move(md));
+    pollQueue.start();
+  }
+  ~AppDelegateTest() override {
+    delegate.reset();
+    monitor->stop();
+    pollQueue.shutdown();
+    database.reset();
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+  }
+
+  void makeDelegate(AppDelegate::Options options = {}) {
+    options.wakeSettleDelay = Seconds{0.01};
+    AppDelegate::Dependencies d;
+    d.mainQueue = &mainQueue;
+    d.clock = &clock;
+    d.settings = settings.get();
+    d.monitor = monitor;
+    d.database = database.get();
+    d.sleepWake = &sleepWake;
+    delegate = std::make_unique<AppDelegate>(std::move(d), options);
+  }
+
+  // Runs the main queue on this thread until `pred` holds (bounded, never a fixed sleep).
+  template <class Pred>
+  bool runMainUntil(Pred pred) {
+    const auto end = std::chrono::steady_clock::now() + 5s;
+    while (!pred()) {
+      if (std::chrono::steady_clock::now() > end) return false;
+      mainQueue.runPending();
+      std::this_thread::yield();
+    }
+    return true;
+  }
+
+  std::vector<std::vector<std::string>> rows(const std::string& sql) {
+    database->queue().sync([] {});  // writes are posted; let them land
+    testing::SqlFile look(dir_ / "quorel.db");
+    return look.rows(sql);
+  }
+
+  fs::path dir_;
+  ManualClock clock{fromUnixSeconds(1'800'000'000)};
+  SerialQueue mainQueue{"test.main"};
+  SerialQueue pollQueue{"test.poll"};
+  MemoryPreferenceStore preferences;
+  std::unique_ptr<QuorelDatabase> database;
+  std::unique_ptr<SettingsManager> settings;
+  std::shared_ptr<SteadyProvider> provider;
+  std::shared_ptr<PowerMonitor> monitor;
+  FakeSleepWake sleepWake;
+  std::unique_ptr<AppDelegate> delegate;
+};
+
+TEST_F(AppDelegateTest, LaunchPrunesStartsTheLoopAtTheIdleIntervalAndWatchingSpeedsItUp) {
+  makeDelegate();
+  delegate->launch();
+  EXPECT_EQ(delegate->lastPruneDate(), clock.now());
+  EXPECT_TRUE(delegate->maintenanceScheduled());
+  EXPECT_TRUE(sleepWake.handlers.willSleep) << "sleep and wake are observed from launch";
+  EXPECT_EQ(monitor->pollingInterval(), Seconds{30});
+  EXPECT_FALSE(monitor->popoverOpen());
+  delegate->setWatched(true);
+  EXPECT_EQ(monitor->pollingInterval(), Seconds{2});
+  EXPECT_TRUE(monitor->popoverOpen());
+  EXPECT_TRUE(monitor->componentCardVisible());
+  delegate->setWatched(false);
+  EXPECT_EQ(monitor->pollingInterval(), Seconds{30});
+}
+
+TEST_F(AppDelegateTest, IntervalOverrideAndSettingsChangesApply) {
+  AppDelegate::Options options;
+  options.intervalOverride = Seconds{5};
+  makeDelegate(options);
+  delegate->launch();
+  EXPECT_EQ(monitor->pollingInterval(), Seconds{5});
+  delegate.reset();
+
+  makeDelegate();
+  delegate->launch();
+  settings->update([](QuorelSettings& s) { s.idlePollingInterval = 45; });
+  runMainUntil([&] { return monitor->pollingInterval() == Seconds{45}; });
+  EXPECT_EQ(monitor->pollingInterval(), Seconds{45});
+}
+
+TEST_F(AppDelegateTest, DailyMaintenancePrunesOnlyOnceADay) {
+  makeDelegate();
+  delegate->launch();
+  const auto first = *delegate->lastPruneDate();
+  clock.advance(23h);
+  delegate->runDailyDatabaseMaintenanceIfNeeded(clock.now());
+  EXPECT_EQ(delegate->lastPruneDate(), first);
+  clock.advance(1h);
+  delegate->runDailyDatabaseMaintenanceIfNeeded(clock.now());
+  EXPECT_EQ(delegate->lastPruneDate(), clock.now());
+}
+
+TEST_F(AppDelegateTest, SleepIsRecordedAsAnIntervalAndASecondWakeReplacesTheFirst) {
+  makeDelegate();
+  delegate->launch();
+  const TimePoint slept = clock.now();
+  sleepWake.handlers.willSleep();
+  clock.advance(1h);
+  sleepWake.handlers.didWake();
+  EXPECT_TRUE(delegate->wakeWorkPending());
+  sleepWake.handlers.didWake();  // within the settle delay
+  ASSERT_TRUE(runMainUntil([&] { return delegate->wakeResumeCount() > 0; }));
+  // Give a duplicate every chance to run: another posted job lands after any due timer.
+  std::atomic<bool> later{false};
+  mainQueue.asyncAfter(Seconds{0.05}, [&] { later = true; });
+  runMainUntil([&] { return later.load(); });
+  EXPECT_EQ(delegate->wakeResumeCount(), 1);
+  EXPECT_EQ(rows("SELECT start_time = " + std::to_string(toUnixSeconds(slept)) +
+                 ", end_time - start_time, status, reason FROM collection_intervals"),
+            (std::vector<std::vector<std::string>>{{"1", "3600.0", "sleep", "test sleep source"}}));
+}
+
+TEST_F(AppDelegateTest, NoIntervalForAWakeWithoutSleepOrWithTheClockSetBack) {
+  makeDelegate();
+  delegate->launch();
+  sleepWake.handlers.didWake();
+  sleepWake.handlers.willSleep();
+  clock.advance(-1h);
+  sleepWake.handlers.didWake();
+  EXPECT_EQ(rows("SELECT count(*) FROM collection_intervals"),
+            (std::vector<std::vector<std::string>>{{"0"}}));
+}
+
+TEST_F(AppDelegateTest, TerminateStopsMaintenance) {
+  makeDelegate();
+  delegate->launch();
+  delegate->terminate();
+  EXPECT_FALSE(delegate->maintenanceScheduled());
+}
+
+TEST(SingleInstanceLockTest, SecondInstanceNamesTheFirstAndTheLockFreesOnExit) {
+  const fs::path dir = fs::temp_directory_path() / ("quorel-lock-" + std::to_string(::getpid()));
+  const fs::path file = dir / "quorel.lock";
+  {
+    SingleInstanceLock first(file);
+    ASSERT_TRUE(first.acquired()) << first.error();
+    SingleInstanceLock second(file);
+    EXPECT_FALSE(second.acquired());
+    EXPECT_EQ(second.holder(), ::getpid());
+    EXPECT_EQ(SingleInstanceLock::alreadyRunningMessage(second.holder()),
+              "Quorel is already running (pid " + std::to_string(::getpid()) + ")");
+    EXPECT_EQ((fs::status(file).permissions() & fs::perms::all),
+              fs::perms::owner_read | fs::perms::owner_write);
+  }
+  SingleInstanceLock third(file);
+  EXPECT_TRUE(third.acquired());
+  std::error_code ec;
+  fs::remove_all(dir, ec);
+}
+
+}  // namespace
+}  // namespace quorel
