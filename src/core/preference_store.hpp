@@ -3,10 +3,9 @@
 // settings document). One implementation keeps it in a JSON file shared by the agent and the
 // command line; tests use an in-memory one. Thread-safe.
 
-#include <nlohmann/json.hpp>
-
 #include <cstdint>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
