@@ -576,9 +576,9 @@ void QuorelDatabase::openDatabase() {
 }
 
 void QuorelDatabase::openReadOnly() {
-  databasePath_ = databasePathOverride_
-                      ? databasePathOverride_
-                      : dataDirectory_ ? std::optional(*dataDirectory_ / kFileName) : std::nullopt;
+  databasePath_ = databasePathOverride_ ? databasePathOverride_
+                  : dataDirectory_      ? std::optional(*dataDirectory_ / kFileName)
+                                        : std::nullopt;
   if (!databasePath_) {
     databaseUnavailable_ = true;
     return;
@@ -587,8 +587,8 @@ void QuorelDatabase::openReadOnly() {
   const int rc = sqlite3_open_v2(databasePath_->c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
   SqliteConnection handle(raw);
   if (rc != SQLITE_OK) {
-    log_->error("failed to open database read-only at {} rc={} msg={}", databasePath_->string(),
-                rc, handle ? sqlite3_errmsg(handle.get()) : "<no handle>");
+    log_->error("failed to open database read-only at {} rc={} msg={}", databasePath_->string(), rc,
+                handle ? sqlite3_errmsg(handle.get()) : "<no handle>");
     databaseUnavailable_ = true;
     return;
   }

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
@@ -22,9 +23,9 @@
 
 #include "core/clock.hpp"
 #include "core/serial_queue.hpp"
+#include "store/battery_epoch.hpp"
 #include "store/history_read_records.hpp"
 #include "store/history_records.hpp"
-#include "store/battery_epoch.hpp"
 #include "store/sqlite_handle.hpp"
 
 namespace spdlog {
@@ -189,25 +190,25 @@ class QuorelDatabase {
   void insertEnergyBatch(EnergyHistoryKind kind, const std::vector<TrackedEnergyRecord>& records);
   std::optional<BatteryEpoch> latestBatteryEpochOnQueue();
   std::optional<BatteryEpoch> insertBatteryEpochOnQueue(const BatteryEpoch& epoch);
+  // Runs `work` on queue() and waits for it. From work already on the queue it runs in place,
+  // and so it does while the queue has never been started (tests drive it by hand), since a
+  // sync onto a queue nobody runs would never return.
   template <class F>
   auto onQueue(F&& work) -> decltype(work()) {
-    if (queue_.isCurrent()) return work();
-    return queue_.sync(std::forward<F>(work));
-  }
-  template <class F>
-  auto readOnQueue(F&& work) -> decltype(work()) {
     if (!queueStarted_ || queue_.isCurrent()) return work();
     return queue_.sync(std::forward<F>(work));
   }
+  // Prepares `sql`, binds `bounds` in order and steps to its one row; null, with "<context>
+  // prepare" or "<context> step" logged, when there is no row to read.
+  SqliteStatement rowOnQueue(const std::string& sql, std::string_view context,
+                             std::initializer_list<std::optional<double>> bounds = {});
   std::vector<CollectionIntervalRecord> collectionIntervalsOnQueue(double from, double to);
-  EnergySeries energySeriesOnQueue(EnergyHistoryKind kind, double from, double to,
-                                   int maxPoints, int topN);
+  EnergySeries energySeriesOnQueue(EnergyHistoryKind kind, double from, double to, int maxPoints,
+                                   int topN);
   std::vector<TrackedEnergySummary> trackedEnergySummariesOnQueue(EnergyHistoryKind kind,
                                                                   double from, double to,
                                                                   int limit);
   EnergyHistoryEntry buildEnergyHistory(EnergyHistoryKind kind, TimePoint from, TimePoint to);
-  std::optional<double> timestampOnQueue(const std::string& sql, double bound,
-                                         std::optional<double> secondBound);
   // Runs BEGIN, COMMIT or ROLLBACK; the result code of sqlite3_exec.
   int transaction(const char* sql);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "store/quorel_database.hpp"
+#include "store/sqlite_binder.hpp"
 
 namespace quorel {
 
@@ -13,19 +14,6 @@ constexpr const char* kLatestEpoch =
 constexpr const char* kInsertEpoch =
     "INSERT INTO battery_epoch (first_seen, serial, baseline_cycle_count, baseline_design_mah, "
     "baseline_nominal_mah, source) VALUES (?, ?, ?, ?, ?, ?)";
-
-std::optional<std::int64_t> optionalInteger(sqlite3_stmt* statement, int column) {
-  if (sqlite3_column_type(statement, column) == SQLITE_NULL) return std::nullopt;
-  return sqlite3_column_int64(statement, column);
-}
-
-void bindOptional(sqlite3_stmt* statement, int index, const std::optional<std::int64_t>& v) {
-  if (v) {
-    sqlite3_bind_int64(statement, index, *v);
-  } else {
-    sqlite3_bind_null(statement, index);
-  }
-}
 
 std::optional<std::string> nonEmpty(std::optional<std::string> serial) {
   if (serial && serial->empty()) return std::nullopt;
@@ -60,20 +48,15 @@ std::optional<BatteryEpoch> QuorelDatabase::latestBatteryEpochOnQueue() {
     return std::nullopt;
   }
   if (sqlite3_step(statement.get()) != SQLITE_ROW) return std::nullopt;
-  sqlite3_stmt* s = statement.get();
+  ColumnReader c(statement.get());
   BatteryEpoch epoch;
-  epoch.id = sqlite3_column_int64(s, 0);
-  epoch.firstSeen = fromUnixSeconds(sqlite3_column_double(s, 1));
-  if (sqlite3_column_type(s, 2) != SQLITE_NULL) {
-    epoch.serial = reinterpret_cast<const char*>(sqlite3_column_text(s, 2));
-  }
-  epoch.baselineCycleCount = optionalInteger(s, 3);
-  epoch.baselineDesign_mAh = optionalInteger(s, 4);
-  epoch.baselineNominal_mAh = optionalInteger(s, 5);
-  if (sqlite3_column_type(s, 6) != SQLITE_NULL) {
-    epoch.source =
-        batteryEpochSourceFromString(reinterpret_cast<const char*>(sqlite3_column_text(s, 6)));
-  }
+  epoch.id = c.integer();
+  epoch.firstSeen = c.time();
+  epoch.serial = c.optionalText();
+  epoch.baselineCycleCount = c.optionalInteger();
+  epoch.baselineDesign_mAh = c.optionalInteger();
+  epoch.baselineNominal_mAh = c.optionalInteger();
+  if (auto source = c.optionalText()) epoch.source = batteryEpochSourceFromString(*source);
   return epoch;
 }
 
@@ -87,17 +70,13 @@ std::optional<BatteryEpoch> QuorelDatabase::insertBatteryEpochOnQueue(const Batt
     return std::nullopt;
   }
   sqlite3_stmt* s = statement.get();
-  sqlite3_bind_double(s, 1, toUnixSeconds(epoch.firstSeen));
-  if (epoch.serial) {
-    sqlite3_bind_text(s, 2, epoch.serial->c_str(), -1, SQLITE_TRANSIENT);
-  } else {
-    sqlite3_bind_null(s, 2);
-  }
-  bindOptional(s, 3, epoch.baselineCycleCount);
-  bindOptional(s, 4, epoch.baselineDesign_mAh);
-  bindOptional(s, 5, epoch.baselineNominal_mAh);
-  const std::string source(toString(epoch.source));
-  sqlite3_bind_text(s, 6, source.c_str(), -1, SQLITE_TRANSIENT);
+  Binder(s)
+      .time(epoch.firstSeen)
+      .optionalText(epoch.serial)
+      .integer(epoch.baselineCycleCount)
+      .integer(epoch.baselineDesign_mAh)
+      .integer(epoch.baselineNominal_mAh)
+      .text(toString(epoch.source));
   rc = sqlite3_step(s);
   if (rc != SQLITE_DONE) {
     logSqliteError(rc, "insertBatteryEpoch step");

@@ -145,7 +145,7 @@ PowerSample readSample(sqlite3_stmt* statement) {
 
 std::vector<PowerSample> QuorelDatabase::queryPowerSamples(TimePoint from, TimePoint to,
                                                            int maxPoints) {
-  return readOnQueue([&]() -> std::vector<PowerSample> {
+  return onQueue([&]() -> std::vector<PowerSample> {
     if (!db_) return {};
     int rc = SQLITE_OK;
     auto statement = prepareStatement(db_.get(), kSelectPowerSamples, rc);
@@ -166,7 +166,7 @@ std::vector<PowerSample> QuorelDatabase::queryPowerSamples(TimePoint from, TimeP
 
 std::vector<CollectionIntervalRecord> QuorelDatabase::queryCollectionIntervals(TimePoint from,
                                                                                TimePoint to) {
-  return readOnQueue(
+  return onQueue(
       [&] { return collectionIntervalsOnQueue(toUnixSeconds(from), toUnixSeconds(to)); });
 }
 
@@ -198,7 +198,7 @@ std::vector<CollectionIntervalRecord> QuorelDatabase::collectionIntervalsOnQueue
 }
 
 HistoricalCoverageSummary QuorelDatabase::historicalCoverage(TimePoint from, TimePoint to) {
-  return readOnQueue([&]() -> HistoricalCoverageSummary {
+  return onQueue([&]() -> HistoricalCoverageSummary {
     const double start = std::min(toUnixSeconds(from), toUnixSeconds(to));
     const double end = std::max(toUnixSeconds(from), toUnixSeconds(to));
     const double span = end - start;
@@ -239,7 +239,7 @@ HistoricalCoverageSummary QuorelDatabase::historicalCoverage(TimePoint from, Tim
 }
 
 std::vector<SessionRecord> QuorelDatabase::queryRecentSessions(int limit) {
-  return readOnQueue([&]() -> std::vector<SessionRecord> {
+  return onQueue([&]() -> std::vector<SessionRecord> {
     if (!db_) return {};
     int rc = SQLITE_OK;
     auto statement = prepareStatement(db_.get(), kSelectRecentSessions, rc);
@@ -276,7 +276,7 @@ std::vector<SessionRecord> QuorelDatabase::queryRecentSessions(int limit) {
 }
 
 std::vector<DailyBatteryMetric> QuorelDatabase::queryDailyBatteryMetrics() {
-  return readOnQueue([&]() -> std::vector<DailyBatteryMetric> {
+  return onQueue([&]() -> std::vector<DailyBatteryMetric> {
     if (!db_) return {};
     int rc = SQLITE_OK;
     auto statement = prepareStatement(db_.get(), kSelectDailyMetrics, rc);
@@ -322,7 +322,7 @@ std::vector<CapacityLogEntry> QuorelDatabase::queryCapacityLog() {
 
 EnergySeries QuorelDatabase::queryProcessEnergy(TimePoint from, TimePoint to, int maxPoints,
                                                 int topN) {
-  return readOnQueue([&] {
+  return onQueue([&] {
     return energySeriesOnQueue(EnergyHistoryKind::processes, toUnixSeconds(from), toUnixSeconds(to),
                                maxPoints, topN);
   });
@@ -330,7 +330,7 @@ EnergySeries QuorelDatabase::queryProcessEnergy(TimePoint from, TimePoint to, in
 
 EnergySeries QuorelDatabase::queryAIAgentEnergy(TimePoint from, TimePoint to, int maxPoints,
                                                 int topN) {
-  return readOnQueue([&] {
+  return onQueue([&] {
     return energySeriesOnQueue(EnergyHistoryKind::agents, toUnixSeconds(from), toUnixSeconds(to),
                                maxPoints, topN);
   });
@@ -409,7 +409,7 @@ std::vector<TrackedEnergySummary> QuorelDatabase::queryTrackedEnergySummaries(
                 identifierColumn);
     return {};
   }
-  return readOnQueue([&] {
+  return onQueue([&] {
     return trackedEnergySummariesOnQueue(*kind, toUnixSeconds(from), toUnixSeconds(to), limit);
   });
 }
@@ -471,20 +471,22 @@ std::vector<TrackedEnergySummary> QuorelDatabase::trackedEnergySummariesOnQueue(
   return summaries;
 }
 
-std::optional<double> QuorelDatabase::timestampOnQueue(const std::string& sql, double bound,
-                                                       std::optional<double> secondBound) {
+SqliteStatement QuorelDatabase::rowOnQueue(const std::string& sql, std::string_view context,
+                                           std::initializer_list<std::optional<double>> bounds) {
+  if (!db_) return {};
   int rc = SQLITE_OK;
   auto statement = prepareStatement(db_.get(), sql.c_str(), rc);
   if (!statement) {
-    logSqliteError(rc, "cachedEnergyHistory prepare");
-    return std::nullopt;
+    logSqliteError(rc, fmt::format("{} prepare", context));
+    return {};
   }
-  Binder(statement.get()).real(bound).real(secondBound);
+  Binder binder(statement.get());
+  for (const auto& bound : bounds) binder.real(bound);
   if (rc = sqlite3_step(statement.get()); rc != SQLITE_ROW) {
-    logSqliteError(rc, "cachedEnergyHistory step");
-    return std::nullopt;
+    logSqliteError(rc, fmt::format("{} step", context));
+    return {};
   }
-  return ColumnReader(statement.get()).optionalReal();
+  return statement;
 }
 
 EnergyHistoryEntry QuorelDatabase::buildEnergyHistory(EnergyHistoryKind kind, TimePoint from,
@@ -506,10 +508,11 @@ EnergyHistoryEntry QuorelDatabase::buildEnergyHistory(EnergyHistoryKind kind, Ti
       fmt::format("SELECT MIN(timestamp) FROM {} WHERE timestamp BETWEEN ? AND ?", table.table);
   const std::string next =
       fmt::format("SELECT MIN(timestamp) FROM {} WHERE timestamp > ?", table.table);
-  if (auto seconds = timestampOnQueue(first, f, t))
-    entry.firstTimestamp = fromUnixSeconds(*seconds);
-  if (auto seconds = timestampOnQueue(next, t, std::nullopt)) {
-    entry.nextTimestamp = fromUnixSeconds(*seconds);
+  if (auto row = rowOnQueue(first, "cachedEnergyHistory", {f, t})) {
+    entry.firstTimestamp = ColumnReader(row.get()).optionalTime();
+  }
+  if (auto row = rowOnQueue(next, "cachedEnergyHistory", {t})) {
+    entry.nextTimestamp = ColumnReader(row.get()).optionalTime();
   }
   if (inTransaction) transaction("COMMIT");
   ++energyHistoryBuilds_;
@@ -519,7 +522,7 @@ EnergyHistoryEntry QuorelDatabase::buildEnergyHistory(EnergyHistoryKind kind, Ti
 EnergyHistorySnapshot QuorelDatabase::cachedEnergyHistory(EnergyHistoryKind kind,
                                                           EnergyHistoryWindow window,
                                                           TimePoint from, TimePoint to) {
-  return readOnQueue([&]() -> EnergyHistorySnapshot {
+  return onQueue([&]() -> EnergyHistorySnapshot {
     if (!db_) return {};
     const std::uint64_t revision = energyRevision_[static_cast<std::size_t>(kind)];
     std::int32_t dataVersion = -1;
@@ -555,7 +558,7 @@ EnergyHistorySnapshot QuorelDatabase::cachedEnergyHistory(EnergyHistoryKind kind
 }
 
 double QuorelDatabase::totalComponentEnergy_Wh() {
-  return readOnQueue([&]() -> double {
+  return onQueue([&]() -> double {
     if (!db_) return 0;
     double lastTs = 0;
     double lastTotal = 0;
@@ -624,20 +627,11 @@ double QuorelDatabase::totalComponentEnergy_Wh() {
 }
 
 std::optional<PowerSampleDateRange> QuorelDatabase::powerSampleDateRange() {
-  return readOnQueue([&]() -> std::optional<PowerSampleDateRange> {
-    if (!db_) return std::nullopt;
-    int rc = SQLITE_OK;
-    auto statement =
-        prepareStatement(db_.get(), "SELECT MIN(timestamp), MAX(timestamp) FROM power_samples", rc);
-    if (!statement) {
-      logSqliteError(rc, "powerSampleDateRange prepare");
-      return std::nullopt;
-    }
-    if (rc = sqlite3_step(statement.get()); rc != SQLITE_ROW) {
-      logSqliteError(rc, "powerSampleDateRange step");
-      return std::nullopt;
-    }
-    ColumnReader c(statement.get());
+  return onQueue([&]() -> std::optional<PowerSampleDateRange> {
+    auto row = rowOnQueue("SELECT MIN(timestamp), MAX(timestamp) FROM power_samples",
+                          "powerSampleDateRange");
+    if (!row) return std::nullopt;
+    ColumnReader c(row.get());
     const auto first = c.optionalTime();
     const auto last = c.optionalTime();
     if (!first || !last) return std::nullopt;
@@ -646,37 +640,19 @@ std::optional<PowerSampleDateRange> QuorelDatabase::powerSampleDateRange() {
 }
 
 std::optional<TimePoint> QuorelDatabase::oldestPowerSampleDate() {
-  return readOnQueue([&]() -> std::optional<TimePoint> {
-    if (!db_) return std::nullopt;
-    int rc = SQLITE_OK;
-    auto statement = prepareStatement(db_.get(), "SELECT MIN(timestamp) FROM power_samples", rc);
-    if (!statement) {
-      logSqliteError(rc, "oldestPowerSampleDate prepare");
-      return std::nullopt;
-    }
-    if (rc = sqlite3_step(statement.get()); rc != SQLITE_ROW) {
-      logSqliteError(rc, "oldestPowerSampleDate step");
-      return std::nullopt;
-    }
-    return ColumnReader(statement.get()).optionalTime();
+  return onQueue([&]() -> std::optional<TimePoint> {
+    auto row = rowOnQueue("SELECT MIN(timestamp) FROM power_samples", "oldestPowerSampleDate");
+    if (!row) return std::nullopt;
+    return ColumnReader(row.get()).optionalTime();
   });
 }
 
 DatabaseInfo QuorelDatabase::databaseInfo() {
   DatabaseInfo info;
-  info.sampleCount = readOnQueue([&]() -> std::int64_t {
-    if (!db_) return 0;
-    int rc = SQLITE_OK;
-    auto statement = prepareStatement(db_.get(), "SELECT COUNT(*) FROM power_samples", rc);
-    if (!statement) {
-      logSqliteError(rc, "databaseInfo count prepare");
-      return 0;
-    }
-    if (rc = sqlite3_step(statement.get()); rc != SQLITE_ROW) {
-      logSqliteError(rc, "databaseInfo count step");
-      return 0;
-    }
-    return sqlite3_column_int64(statement.get(), 0);
+  info.sampleCount = onQueue([&]() -> std::int64_t {
+    auto row = rowOnQueue("SELECT COUNT(*) FROM power_samples", "databaseInfo count");
+    if (!row) return 0;
+    return ColumnReader(row.get()).integer();
   });
   if (databasePath_) {
     std::error_code ec;
@@ -687,19 +663,10 @@ DatabaseInfo QuorelDatabase::databaseInfo() {
 }
 
 std::optional<int> QuorelDatabase::schemaVersion() {
-  return readOnQueue([&]() -> std::optional<int> {
-    if (!db_) return std::nullopt;
-    int rc = SQLITE_OK;
-    auto statement = prepareStatement(db_.get(), "PRAGMA user_version", rc);
-    if (!statement) {
-      logSqliteError(rc, "schemaVersion prepare");
-      return std::nullopt;
-    }
-    if (rc = sqlite3_step(statement.get()); rc != SQLITE_ROW) {
-      logSqliteError(rc, "schemaVersion step");
-      return std::nullopt;
-    }
-    return sqlite3_column_int(statement.get(), 0);
+  return onQueue([&]() -> std::optional<int> {
+    auto row = rowOnQueue("PRAGMA user_version", "schemaVersion");
+    if (!row) return std::nullopt;
+    return static_cast<int>(ColumnReader(row.get()).integer());
   });
 }
 

@@ -11,6 +11,7 @@
 #include "store/local_day.hpp"
 #include "store/quorel_database.hpp"
 #include "store/sample_quality_gate.hpp"
+#include "store/sqlite_binder.hpp"
 
 namespace quorel {
 
@@ -87,44 +88,6 @@ constexpr const char* kInsertCollectionInterval =
     "INSERT INTO collection_intervals (start_time,end_time,status,reason) VALUES (?,?,?,?)";
 
 constexpr double kSecondsPerDay = 24.0 * 3600.0;
-
-// Binds in column order, counting the parameter index itself.
-class Binder {
- public:
-  explicit Binder(sqlite3_stmt* statement) : statement_(statement) {
-    sqlite3_reset(statement_);
-    sqlite3_clear_bindings(statement_);
-  }
-  Binder& real(double value) {
-    sqlite3_bind_double(statement_, index_++, value);
-    return *this;
-  }
-  Binder& real(const std::optional<double>& value) {
-    if (value) return real(*value);
-    sqlite3_bind_null(statement_, index_++);
-    return *this;
-  }
-  Binder& time(TimePoint t) { return real(toUnixSeconds(t)); }
-  Binder& integer(std::int64_t value) {
-    sqlite3_bind_int64(statement_, index_++, value);
-    return *this;
-  }
-  Binder& boolean(bool value) { return integer(value ? 1 : 0); }
-  Binder& text(std::string_view value) {
-    sqlite3_bind_text(statement_, index_++, value.data(), static_cast<int>(value.size()),
-                      SQLITE_TRANSIENT);
-    return *this;
-  }
-  Binder& optionalText(const std::optional<std::string>& value) {
-    if (value) return text(std::string_view(*value));
-    sqlite3_bind_null(statement_, index_++);
-    return *this;
-  }
-
- private:
-  sqlite3_stmt* statement_;
-  int index_ = 1;
-};
 
 // Also turns NaN into 0: these columns are NOT NULL, and one bad figure must not cost a batch.
 double atLeastZero(double value) {

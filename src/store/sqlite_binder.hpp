@@ -35,6 +35,11 @@ class Binder {
     sqlite3_bind_int64(statement_, index_++, value);
     return *this;
   }
+  Binder& integer(const std::optional<std::int64_t>& value) {
+    if (value) return integer(*value);
+    sqlite3_bind_null(statement_, index_++);
+    return *this;
+  }
   Binder& boolean(bool value) { return integer(value ? 1 : 0); }
   Binder& text(std::string_view value) {
     sqlite3_bind_text(statement_, index_++, value.data(), static_cast<int>(value.size()),

@@ -17,17 +17,10 @@ using testing::SqlFile;
 class BatteryEpochTest : public ::testing::Test {
  protected:
   BatteryEpochTest() {
-    std::string pattern = (fs::temp_directory_path() / "quorel-epochs-XXXXXX").string();
-    dir_ = ::mkdtemp(pattern.data());
     QuorelDatabase::Options options;
     options.dataDirectory = dir_;
     options.databasePathOverride = dir_ / "quorel.db";
     db = std::make_unique<QuorelDatabase>(std::move(options));
-  }
-  ~BatteryEpochTest() override {
-    db.reset();
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
   }
   std::vector<std::vector<std::string>> rows(const std::string& sql) {
     SqlFile look(dir_ / "quorel.db");
@@ -36,7 +29,8 @@ class BatteryEpochTest : public ::testing::Test {
 
   static TimePoint at(double seconds) { return fromUnixSeconds(1'800'000'000 + seconds); }
 
-  fs::path dir_;
+  testing::ScratchDirectory scratch_{"quorel-epochs"};
+  const fs::path& dir_ = scratch_.path();
   std::unique_ptr<QuorelDatabase> db;
 };
 

@@ -21,19 +21,13 @@ constexpr double kT0 = 1'800'000'000;  // 2027-01-15T08:00:00Z
 class HistoryCommandTest : public ::testing::Test {
  protected:
   HistoryCommandTest() {
-    std::string pattern = (fs::temp_directory_path() / "quorel-history-XXXXXX").string();
-    dir = ::mkdtemp(pattern.data());
     QuorelDatabase::Options o;
     o.dataDirectory = std::nullopt;
     o.databasePathOverride = file();
     o.startQueue = false;
     QuorelDatabase made(std::move(o));  // a current schema, then closed
   }
-  ~HistoryCommandTest() override {
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
-  fs::path file() const { return dir / "quorel.db"; }
+  fs::path file() const { return scratch.path() / "quorel.db"; }
   HistoryCommandResult run(HistoryCommandArguments a) {
     return runHistoryCommand(a, file(), clock);
   }
@@ -44,7 +38,7 @@ class HistoryCommandTest : public ::testing::Test {
     return value.value_or(JSONValue());
   }
 
-  fs::path dir;
+  testing::ScratchDirectory scratch{"quorel-history"};
   ManualClock clock{fromUnixSeconds(kT0 + 3600)};
 };
 

@@ -15,6 +15,7 @@ namespace quorel {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::ScratchDirectory;
 using testing::SqlFile;
 using testing::SqlValue;
 
@@ -23,22 +24,6 @@ constexpr double kT0 = 1'800'000'000;  // 2027-01-15T08:00:00Z
 TimePoint at(double offset) {
   return fromUnixSeconds(kT0 + offset);
 }
-
-class ScratchDirectory {
- public:
-  ScratchDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "quorel-reads-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
-  }
-  ~ScratchDirectory() {
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-  }
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
 
 class ReadsTest : public ::testing::Test {
  protected:
@@ -76,7 +61,7 @@ class ReadsTest : public ::testing::Test {
     sql().insert(table, values);
   }
 
-  ScratchDirectory scratch;
+  ScratchDirectory scratch{"quorel-reads"};
   fs::path file = scratch.path() / "quorel.db";
   std::unique_ptr<QuorelDatabase> db = std::make_unique<QuorelDatabase>(options());
   std::unique_ptr<SqlFile> raw;

@@ -23,25 +23,9 @@ namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using testing::LogCapture;
+using testing::ScratchDirectory;
 using testing::SqlFile;
 using ::testing::StartsWith;
-
-class TempDirectory {
- public:
-  TempDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "quorel-db-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
-  }
-  ~TempDirectory() {
-    std::error_code ec;
-    fs::permissions(path_, fs::perms::owner_all, ec);
-    fs::remove_all(path_, ec);
-  }
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
 
 unsigned modeOf(const fs::path& p) {
   struct stat st {};
@@ -84,7 +68,7 @@ std::map<std::string, std::vector<std::string>> schemaOf(const fs::path& file) {
 
 class QuorelDatabaseTest : public ::testing::Test {
  protected:
-  TempDirectory temp;
+  ScratchDirectory temp{"quorel-db"};
   fs::path dataDir = temp.path() / "share" / "quorel";
   fs::path dbFile = dataDir / "quorel.db";
   int corruptionSignals = 0;

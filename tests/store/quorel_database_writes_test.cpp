@@ -19,6 +19,7 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using testing::LogCapture;
+using testing::ScratchDirectory;
 using testing::SqlFile;
 using ::testing::StartsWith;
 
@@ -26,22 +27,6 @@ using Rows = std::vector<std::vector<std::string>>;
 
 constexpr double kNow = 1'800'000'000;  // 2027-01-15T08:00:00Z
 constexpr double kDay = 86400;
-
-class ScratchDirectory {
- public:
-  ScratchDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "quorel-writes-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
-  }
-  ~ScratchDirectory() {
-    std::error_code ec;
-    fs::remove_all(path_, ec);
-  }
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
 
 class WritesTest : public ::testing::Test {
  protected:
@@ -72,7 +57,7 @@ class WritesTest : public ::testing::Test {
     return *observer;
   }
 
-  ScratchDirectory scratch;
+  ScratchDirectory scratch{"quorel-writes"};
   fs::path file = scratch.path() / "quorel.db";
   std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(fromUnixSeconds(kNow));
   int corruptionSignals = 0;
@@ -644,7 +629,7 @@ TEST_F(WritesTest, ACorruptedTableIsSignalledOnceAndItsWritesAreDropped) {
 }
 
 TEST(UnavailableStoreTest, WritesToAStoreThatCouldNotOpenDoNothing) {
-  ScratchDirectory scratch;
+  ScratchDirectory scratch{"quorel-writes"};
   QuorelDatabase db({.dataDirectory = scratch.path(),
                      .databasePathOverride = scratch.path() / "no" / "such" / "quorel.db",
                      .onCorruption = [] {},
