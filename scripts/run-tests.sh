@@ -34,6 +34,6 @@ else
   if [ "$sanitize" = "thread" ]; then
     ctest --test-dir "$build" --output-on-failure -j "$jobs" -L threaded
   else
-    ctest --test-dir "$build" --output-on-failure -j "$jobs"
+    ctest --test-dir "$build" --output-on-failure -j "$jobs" -LE e2e
   fi
 fi
