@@ -2,6 +2,7 @@
 // with sleep and gaps, rankings and buckets, the energy history cache, the incremental lifetime
 // total, read-only opening and the empty answers.
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -203,6 +204,52 @@ TEST_F(ReadsTest, CoverageOfRowsWithoutObservedDurationUsesTheirPredecessorUpToT
   EXPECT_EQ(c.rejectedCount, 2);
   EXPECT_EQ(c.estimatedCount, 2);
   EXPECT_DOUBLE_EQ(c.missingSeconds, 3000 - 399);
+}
+
+TEST_F(ReadsTest, CoverageWalkSumsExactlyWhatTheWindowStatementSums) {
+  // Fractional times, ties, gaps, rows with and without observed durations, and every label, so
+  // that any difference in order or rounding from a LAG() window over the same rows shows.
+  const char* labels[] = {"measured", "estimated", "inferred", "legacy", "rejected", "unavailable"};
+  double t = 0;
+  for (int i = 0; i < 400; ++i) {
+    t += i % 37 == 0 ? 301.5 : (i % 11 == 0 ? 0 : 29.7 + 0.013 * (i % 7));
+    std::vector<std::pair<std::string, SqlValue>> values = {
+        {"component_quality", std::string(labels[i % 6])},
+        {"system_power_quality", std::string(labels[(i / 6) % 6])},
+        {"wall_estimate_quality", std::string(labels[(i / 3) % 6])}};
+    if (i % 4 != 0) values.emplace_back("observed_duration_s", i % 9 == 0 ? 420.0 : 30.1);
+    sample(t, values);
+  }
+  const double from = kT0 + 500;
+  const double to = kT0 + t + 100000;  // long enough that nothing caps the sum
+  // Read as a double straight from SQLite: a printed form would round away the last bits.
+  const std::string reference = fmt::format(
+      "WITH ordered AS (SELECT timestamp, observed_duration_s, component_quality,"
+      " system_power_quality, wall_estimate_quality,"
+      " LAG(timestamp) OVER (ORDER BY timestamp) AS previous_timestamp"
+      " FROM power_samples WHERE timestamp BETWEEN {0:.17g} AND {1:.17g})"
+      " SELECT COALESCE(SUM(CASE WHEN observed_duration_s > 0"
+      " THEN min(observed_duration_s,300) WHEN previous_timestamp IS NOT NULL"
+      " AND timestamp-previous_timestamp BETWEEN 0 AND 300"
+      " THEN timestamp-previous_timestamp ELSE 0 END),0),"
+      " COALESCE(SUM(component_quality='rejected' OR wall_estimate_quality='rejected'),0),"
+      " COALESCE(SUM(component_quality IN ('estimated','inferred','legacy')"
+      " OR system_power_quality IN ('estimated','inferred','legacy')),0) FROM ordered",
+      from, to);
+  sqlite3_stmt* statement = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(sql().handle(), reference.c_str(), -1, &statement, nullptr),
+            SQLITE_OK);
+  ASSERT_EQ(sqlite3_step(statement), SQLITE_ROW);
+  const double windowSum = sqlite3_column_double(statement, 0);
+  const std::int64_t rejected = sqlite3_column_int64(statement, 1);
+  const std::int64_t estimated = sqlite3_column_int64(statement, 2);
+  sqlite3_finalize(statement);
+  const auto c = db->historicalCoverage(fromUnixSeconds(from), fromUnixSeconds(to));
+  EXPECT_EQ(c.collectedSeconds, windowSum);
+  EXPECT_EQ(c.rejectedCount, rejected);
+  EXPECT_EQ(c.estimatedCount, estimated);
+  EXPECT_GT(c.rejectedCount, 0);
+  EXPECT_GT(c.estimatedCount, 0);
 }
 
 TEST_F(ReadsTest, SessionsNewestFirstWithUnknownLabelsDecodedToTheirDefaults) {
