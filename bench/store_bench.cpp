@@ -55,6 +55,8 @@ class RawConnection {
   explicit RawConnection(const fs::path& file) {
     if (sqlite3_open(file.c_str(), &db_) != SQLITE_OK) throw std::runtime_error("open");
     exec("PRAGMA busy_timeout = 3000");
+    // The store's own durability setting, so that a baseline commit costs what ours does.
+    exec("PRAGMA synchronous = NORMAL");
   }
   ~RawConnection() { sqlite3_close_v2(db_); }
   RawConnection(const RawConnection&) = delete;
