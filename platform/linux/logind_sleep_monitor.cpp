@@ -1,0 +1,270 @@
+#include "platform/linux/logind_sleep_monitor.hpp"
+
+#include <poll.h>
+#include <spdlog/logger.h>
+#include <systemd/sd-bus.h>
+
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/logging.hpp"
+
+namespace quorel {
+
+namespace {
+
+constexpr const char* kLogindName = "org.freedesktop.login1";
+constexpr const char* kLogindPath = "/org/freedesktop/login1";
+constexpr const char* kLogindInterface = "org.freedesktop.login1.Manager";
+constexpr const char* kSignalName = "PrepareForSleep";
+// Bounds start() on a bus that accepts the connection and then never answers; the agent must
+// not hang at launch for sd-bus's default of 25 seconds.
+constexpr std::uint64_t kCallTimeout_us = 2'000'000;
+
+struct BusCloser {
+  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+};
+struct SlotReleaser {
+  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+using BusPtr = std::unique_ptr<sd_bus, BusCloser>;
+using SlotPtr = std::unique_ptr<sd_bus_slot, SlotReleaser>;
+
+std::string errorText(int negativeErrno) {
+  return std::strerror(-negativeErrno);
+}
+
+}  // namespace
+
+// What the posted handler jobs share with the monitor. Handlers never change after start, so
+// only the flag is read across threads.
+struct LogindSleepMonitor::Delivery {
+  explicit Delivery(Handlers h) : handlers(std::move(h)) {}
+  const Handlers handlers;
+  std::atomic<bool> open{true};
+};
+
+// One bus connection and its waits, touched only on the bus queue once that queue has started.
+// Asio waits for the bus's socket to be ready; sd-bus does the reading, writing and matching.
+struct LogindSleepMonitor::Connection : std::enable_shared_from_this<Connection> {
+  Connection(asio::io_context& io, BusPtr openBus, std::shared_ptr<Delivery> toDeliver,
+             SerialQueue& queue, std::shared_ptr<spdlog::logger> logger,
+             std::atomic<std::uint64_t>& received)
+      : bus(std::move(openBus)),
+        descriptor(io),
+        timer(io),
+        delivery(std::move(toDeliver)),
+        deliveryQueue(queue),
+        log(std::move(logger)),
+        signalsReceived(received) {}
+
+  ~Connection() { close(); }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // Declared in this order so that the slot is released before the bus that holds it.
+  BusPtr bus;
+  SlotPtr slot;
+  asio::posix::stream_descriptor descriptor;
+  asio::steady_timer timer;
+  std::shared_ptr<Delivery> delivery;
+  SerialQueue& deliveryQueue;
+  std::shared_ptr<spdlog::logger> log;
+  std::atomic<std::uint64_t>& signalsReceived;
+  bool readWaiting = false;
+  bool writeWaiting = false;
+  bool closed = false;
+
+  static int onPrepareForSleep(sd_bus_message* message, void* userdata, sd_bus_error*) {
+    static_cast<Connection*>(userdata)->received(message);
+    return 0;
+  }
+
+  void received(sd_bus_message* message) {
+    int sleeping = 0;
+    if (sd_bus_message_has_signature(message, "b") <= 0 ||
+        sd_bus_message_read(message, "b", &sleeping) <= 0) {
+      log->warn("PrepareForSleep without a boolean argument — ignored");
+      return;
+    }
+    signalsReceived.fetch_add(1);
+    deliveryQueue.async([d = delivery, sleeping = sleeping != 0] {
+      if (!d->open.load()) return;
+      const auto& handler = sleeping ? d->handlers.willSleep : d->handlers.didWake;
+      if (handler) handler();
+    });
+  }
+
+  // Handles everything the bus has ready, then waits for what it needs next.
+  void pump() {
+    if (closed) return;
+    for (;;) {
+      const int r = sd_bus_process(bus.get(), nullptr);
+      if (r < 0) return lost(r);
+      if (r == 0) break;
+    }
+    const int events = sd_bus_get_events(bus.get());
+    if (events < 0) return lost(events);
+    std::weak_ptr<Connection> weak = shared_from_this();
+    if (!readWaiting) {
+      readWaiting = true;
+      descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
+                            [weak](const std::error_code& ec) {
+                              auto self = weak.lock();
+                              if (!self) return;
+                              self->readWaiting = false;
+                              if (!ec) self->pump();
+                            });
+    }
+    if ((events & POLLOUT) != 0 && !writeWaiting) {
+      writeWaiting = true;
+      descriptor.async_wait(asio::posix::stream_descriptor::wait_write,
+                            [weak](const std::error_code& ec) {
+                              auto self = weak.lock();
+                              if (!self) return;
+                              self->writeWaiting = false;
+                              if (!ec) self->pump();
+                            });
+    }
+    std::uint64_t deadline_us = 0;
+    if (sd_bus_get_timeout(bus.get(), &deadline_us) > 0 && deadline_us != UINT64_MAX) {
+      // sd-bus deadlines are CLOCK_MONOTONIC, which is what steady_clock reads on Linux.
+      timer.expires_at(std::chrono::steady_clock::time_point(
+          std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+              std::chrono::microseconds(deadline_us))));
+      timer.async_wait([weak](const std::error_code& ec) {
+        auto self = weak.lock();
+        if (self && !ec) self->pump();
+      });
+    } else {
+      timer.cancel();
+    }
+  }
+
+  void lost(int error) {
+    log->warn("system bus connection lost — sleep and wake will no longer be seen");
+    log->debug("sd-bus reported: {}", errorText(error));
+    close();
+  }
+
+  void close() {
+    if (closed) return;
+    closed = true;
+    // The socket belongs to sd-bus: stop waiting on it without closing it.
+    if (descriptor.is_open()) descriptor.release();
+    timer.cancel();
+    slot.reset();
+    sd_bus_close(bus.get());
+  }
+};
+
+LogindSleepMonitor::LogindSleepMonitor(SerialQueue& deliveryQueue,
+                                       std::optional<std::string> busAddress)
+    : deliveryQueue_(deliveryQueue),
+      busAddress_(std::move(busAddress)),
+      log_(logging::get("AppDelegate")) {}
+
+LogindSleepMonitor::~LogindSleepMonitor() {
+  stop();
+}
+
+bool LogindSleepMonitor::start(Handlers handlers) {
+  stop();
+
+  auto fail = [this](std::string_view warning, const std::string& detail) {
+    if (!reportedFailure_) {
+      reportedFailure_ = true;
+      log_->warn(warning);
+    }
+    log_->debug(detail);
+    return false;
+  };
+
+  // Built by hand rather than with sd_bus_open_system so that the call timeout covers the
+  // connection's greeting too; the address rules are the system bus's own.
+  std::string address;
+  if (busAddress_) {
+    address = *busAddress_;
+  } else if (const char* fromEnv = std::getenv("DBUS_SYSTEM_BUS_ADDRESS"); fromEnv && *fromEnv) {
+    address = fromEnv;
+  } else {
+    address = kDefaultSystemBusAddress;
+  }
+
+  sd_bus* raw = nullptr;
+  int r = sd_bus_new(&raw);
+  if (r < 0) {
+    return fail("system bus unavailable — sleep and wake will not be seen",
+                fmt::format("could not create a bus connection: {}", errorText(r)));
+  }
+  BusPtr bus(raw);
+  sd_bus_set_description(bus.get(), "quorel-sleep-wake");
+  sd_bus_set_method_call_timeout(bus.get(), kCallTimeout_us);
+  r = sd_bus_set_address(bus.get(), address.c_str());
+  if (r >= 0) r = sd_bus_set_bus_client(bus.get(), 1);
+  if (r >= 0) r = sd_bus_start(bus.get());
+  if (r < 0) {
+    return fail("system bus unavailable — sleep and wake will not be seen",
+                fmt::format("could not connect to {}: {}", address, errorText(r)));
+  }
+
+  auto delivery = std::make_shared<Delivery>(std::move(handlers));
+  auto queue = std::make_unique<SerialQueue>("quorel.logind");
+  auto connection = std::make_shared<Connection>(queue->context(), std::move(bus), delivery,
+                                                 deliveryQueue_, log_, signalsReceived_);
+
+  // Subscribing waits for the bus's answer, which also proves the connection is alive.
+  sd_bus_slot* slot = nullptr;
+  r = sd_bus_match_signal(connection->bus.get(), &slot, kLogindName, kLogindPath, kLogindInterface,
+                          kSignalName, &Connection::onPrepareForSleep, connection.get());
+  if (r < 0) {
+    return fail(
+        "system bus refused the PrepareForSleep subscription — sleep and wake will not be seen",
+        fmt::format("subscribing on {} failed: {}", address, errorText(r)));
+  }
+  connection->slot.reset(slot);
+
+  const int fd = sd_bus_get_fd(connection->bus.get());
+  if (fd < 0) {
+    return fail("system bus unavailable — sleep and wake will not be seen",
+                fmt::format("no pollable socket for {}: {}", address, errorText(fd)));
+  }
+  std::error_code ec;
+  connection->descriptor.assign(fd, ec);
+  if (ec) {
+    return fail("system bus unavailable — sleep and wake will not be seen",
+                fmt::format("could not watch the socket of {}: {}", address, ec.message()));
+  }
+
+  // Signals that arrived while subscribing already sit in sd-bus's buffer, not on the socket,
+  // so the first pump must not wait for the socket.
+  std::weak_ptr<Connection> weak = connection;
+  queue->start();
+  queue->async([weak] {
+    if (auto self = weak.lock()) self->pump();
+  });
+
+  log_->debug("watching {} on {}", kSignalName, address);
+  delivery_ = std::move(delivery);
+  busQueue_ = std::move(queue);
+  connection_ = std::move(connection);
+  return true;
+}
+
+void LogindSleepMonitor::stop() {
+  if (delivery_) {
+    delivery_->open.store(false);
+    delivery_.reset();
+  }
+  if (!busQueue_) return;
+  // Asio objects and the sd-bus handle are destroyed on the thread that uses them.
+  busQueue_->sync([connection = std::move(connection_)]() mutable { connection.reset(); });
+  busQueue_->shutdown();
+  busQueue_.reset();
+}
+
+}  // namespace quorel

@@ -1,0 +1,69 @@
+#pragma once
+// Sleep and wake on Linux, from systemd-logind's PrepareForSleep(boolean) signal on the system
+// bus: true just before the machine sleeps, false once it has woken. The bus connection lives on
+// a queue of its own ("quorel.logind"), so a slow or silent bus never holds up the delivery
+// queue; each signal is posted to the delivery queue as willSleep or didWake, in the order sent.
+// Only signals from the owner of org.freedesktop.login1 count. No sleep inhibitor is taken: the
+// agent has nothing it must finish before the machine sleeps.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "app/sleep_wake_source.hpp"
+#include "core/serial_queue.hpp"
+
+namespace spdlog {
+class logger;
+}
+
+namespace quorel {
+
+class LogindSleepMonitor final : public SleepWakeSource {
+ public:
+  static constexpr std::string_view kSourceName = "logind PrepareForSleep";
+  // What the system bus is when neither a bus address nor DBUS_SYSTEM_BUS_ADDRESS says otherwise.
+  static constexpr std::string_view kDefaultSystemBusAddress =
+      "unix:path=/run/dbus/system_bus_socket";
+
+  // `deliveryQueue` (the main queue) runs the handlers and must outlive this monitor.
+  // `busAddress` is a D-Bus address such as "unix:path=/tmp/bus"; absent means the system bus.
+  explicit LogindSleepMonitor(SerialQueue& deliveryQueue,
+                              std::optional<std::string> busAddress = std::nullopt);
+  // Stops.
+  ~LogindSleepMonitor() override;
+  LogindSleepMonitor(const LogindSleepMonitor&) = delete;
+  LogindSleepMonitor& operator=(const LogindSleepMonitor&) = delete;
+
+  // Connects and subscribes before returning, so every signal sent after a true return is seen.
+  // Waits at most a couple of seconds for an unresponsive bus. With no bus, or a bus that
+  // refuses the subscription, logs a warning (category "AppDelegate", the first failure only)
+  // and returns false. A running monitor is stopped first. Call start and stop from one thread,
+  // normally the delivery queue.
+  bool start(Handlers handlers) override;
+  // Closes the connection and joins its queue; returns as soon as that queue finishes the
+  // message in hand.
+  void stop() override;
+  std::string sourceName() const override { return std::string(kSourceName); }
+
+  // Well-formed PrepareForSleep signals received since construction. Thread-safe.
+  std::uint64_t signalsReceived() const { return signalsReceived_.load(); }
+
+ private:
+  struct Connection;
+  struct Delivery;
+
+  SerialQueue& deliveryQueue_;
+  std::optional<std::string> busAddress_;
+  std::shared_ptr<spdlog::logger> log_;
+  std::atomic<std::uint64_t> signalsReceived_{0};
+  bool reportedFailure_ = false;
+  std::shared_ptr<Delivery> delivery_;
+  std::unique_ptr<SerialQueue> busQueue_;
+  std::shared_ptr<Connection> connection_;
+};
+
+}  // namespace quorel

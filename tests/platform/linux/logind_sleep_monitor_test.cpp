@@ -1,0 +1,362 @@
+// The monitor against a private message bus: a throw-away dbus-daemon stands in for the system
+// bus, and a second connection that owns org.freedesktop.login1 plays logind.
+
+#include "platform/linux/logind_sleep_monitor.hpp"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <systemd/sd-bus.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+// This binary's log capture (the one in support/ has the same name and may not be mixed in).
+#include "platform/linux/sysfs_tree.hpp"
+
+extern char** environ;
+
+namespace quorel {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kUnavailable = "system bus unavailable — sleep and wake will not be seen";
+constexpr const char* kLost = "system bus connection lost — sleep and wake will no longer be seen";
+constexpr const char* kMalformed = "PrepareForSleep without a boolean argument — ignored";
+constexpr auto kCrossProcessBound = 10s;
+
+std::optional<std::filesystem::path> findInPath(const std::string& program) {
+  const char* path = std::getenv("PATH");
+  if (!path) return std::nullopt;
+  std::string dirs = path;
+  std::size_t begin = 0;
+  while (begin <= dirs.size()) {
+    const auto end = std::min(dirs.find(':', begin), dirs.size());
+    std::filesystem::path candidate =
+        std::filesystem::path(dirs.substr(begin, end - begin)) / program;
+    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
+    begin = end + 1;
+  }
+  return std::nullopt;
+}
+
+// A dbus-daemon of the test's own, stopped when this goes out of scope.
+class PrivateBus {
+ public:
+  // Absent when there is no dbus-daemon to start, with the reason in `why`.
+  static std::unique_ptr<PrivateBus> launch(std::string& why) {
+    auto daemon = findInPath("dbus-daemon");
+    if (!daemon) {
+      why = "dbus-daemon is not installed (Debian package dbus)";
+      return nullptr;
+    }
+    int out[2];
+    if (::pipe(out) != 0) {
+      why = "pipe() failed";
+      return nullptr;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, out[0]);
+    std::string program = daemon->string();
+    std::vector<std::string> args = {program, "--session", "--print-address", "--nofork",
+                                     "--nopidfile"};
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    if (rc != 0) {
+      ::close(out[0]);
+      why = "could not start dbus-daemon";
+      return nullptr;
+    }
+    auto bus = std::unique_ptr<PrivateBus>(new PrivateBus(pid));
+    std::string line;
+    const auto deadline = std::chrono::steady_clock::now() + kCrossProcessBound;
+    while (line.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+      pollfd p{out[0], POLLIN, 0};
+      if (::poll(&p, 1, 100) <= 0) continue;
+      char buffer[256];
+      const ssize_t n = ::read(out[0], buffer, sizeof buffer);
+      if (n <= 0) break;
+      line.append(buffer, static_cast<std::size_t>(n));
+    }
+    ::close(out[0]);
+    if (line.find('\n') == std::string::npos) {
+      why = "dbus-daemon printed no address";
+      return nullptr;
+    }
+    bus->address_ = line.substr(0, line.find('\n'));
+    return bus;
+  }
+
+  ~PrivateBus() { kill(); }
+  PrivateBus(const PrivateBus&) = delete;
+  PrivateBus& operator=(const PrivateBus&) = delete;
+
+  const std::string& address() const { return address_; }
+
+  void kill() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    int status = 0;
+    ::waitpid(pid_, &status, 0);
+    pid_ = -1;
+  }
+
+ private:
+  explicit PrivateBus(pid_t pid) : pid_(pid) {}
+  pid_t pid_;
+  std::string address_;
+};
+
+// A client of the private bus that sends PrepareForSleep, under the logind name or not.
+class Peer {
+ public:
+  Peer(const std::string& address, const char* wellKnownName) {
+    sd_bus* raw = nullptr;
+    EXPECT_GE(sd_bus_new(&raw), 0);
+    bus_ = raw;
+    EXPECT_GE(sd_bus_set_address(bus_, address.c_str()), 0);
+    EXPECT_GE(sd_bus_set_bus_client(bus_, 1), 0);
+    EXPECT_GE(sd_bus_start(bus_), 0);
+    if (wellKnownName) {
+      EXPECT_GE(sd_bus_request_name(bus_, wellKnownName, 0), 0);
+    }
+  }
+  ~Peer() { sd_bus_flush_close_unref(bus_); }
+  Peer(const Peer&) = delete;
+  Peer& operator=(const Peer&) = delete;
+
+  void prepareForSleep(bool sleeping) {
+    ASSERT_GE(sd_bus_emit_signal(bus_, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                                 "PrepareForSleep", "b", static_cast<int>(sleeping)),
+              0);
+    ASSERT_GE(sd_bus_flush(bus_), 0);
+  }
+  void prepareForSleepWithText(const char* text) {
+    ASSERT_GE(sd_bus_emit_signal(bus_, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
+                                 "PrepareForSleep", "s", text),
+              0);
+    ASSERT_GE(sd_bus_flush(bus_), 0);
+  }
+  // Returns once the daemon has answered a call sent after everything before it, so all this
+  // peer sent earlier has been routed.
+  void roundTrip() {
+    sd_bus_error error{};  // SD_BUS_ERROR_NULL is a C compound literal
+    sd_bus_message* reply = nullptr;
+    EXPECT_GE(sd_bus_call_method(bus_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                 "org.freedesktop.DBus", "GetId", &error, &reply, ""),
+              0);
+    sd_bus_message_unref(reply);
+    sd_bus_error_free(&error);
+  }
+
+ private:
+  sd_bus* bus_ = nullptr;
+};
+
+// What the handlers saw, in order, and whether each ran on the delivery queue.
+struct Recorder {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::string> events;
+  std::vector<bool> onQueue;
+
+  SleepWakeSource::Handlers handlers(SerialQueue& queue) {
+    return {[this, &queue] { record("sleep", queue.isCurrent()); },
+            [this, &queue] { record("wake", queue.isCurrent()); }};
+  }
+  void record(std::string event, bool current) {
+    std::lock_guard lock(mutex);
+    events.push_back(std::move(event));
+    onQueue.push_back(current);
+    changed.notify_all();
+  }
+  std::vector<std::string> snapshot() {
+    std::lock_guard lock(mutex);
+    return events;
+  }
+  // For a delivery queue running on its own thread.
+  bool waitForCount(std::size_t n) {
+    std::unique_lock lock(mutex);
+    return changed.wait_for(lock, kCrossProcessBound, [&] { return events.size() >= n; });
+  }
+};
+
+std::size_t countLines(const testing::LogCapture& logs, const std::string& message) {
+  const auto lines = logs.lines("AppDelegate");
+  return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), message));
+}
+
+// For deliveries that cross processes into a queue the test drives by hand: step, look, and
+// give the other side a moment, within a bound.
+bool eventually(const std::function<bool()>& condition, const std::function<void()>& step = {}) {
+  const auto deadline = std::chrono::steady_clock::now() + kCrossProcessBound;
+  while (std::chrono::steady_clock::now() < deadline) {
+    if (step) step();
+    if (condition()) return true;
+    std::this_thread::sleep_for(2ms);
+  }
+  return false;
+}
+
+class LogindSleepMonitorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string why;
+    bus_ = PrivateBus::launch(why);
+    if (!bus_) GTEST_SKIP() << "no private message bus: " << why;
+  }
+  std::unique_ptr<PrivateBus> bus_;
+};
+
+TEST_F(LogindSleepMonitorTest, DeliversSleepAndWakeInOrderOnTheDeliveryQueue) {
+  SerialQueue main("test.main");
+  main.start();
+  Recorder recorder;
+  LogindSleepMonitor monitor(main, bus_->address());
+  EXPECT_EQ(monitor.sourceName(), "logind PrepareForSleep");
+  ASSERT_TRUE(monitor.start(recorder.handlers(main)));
+
+  Peer logind(bus_->address(), "org.freedesktop.login1");
+  logind.prepareForSleep(true);
+  logind.prepareForSleep(false);
+  logind.prepareForSleep(true);
+  logind.prepareForSleep(false);
+
+  ASSERT_TRUE(recorder.waitForCount(4));
+  monitor.stop();
+  main.shutdown();
+  EXPECT_EQ(recorder.events, (std::vector<std::string>{"sleep", "wake", "sleep", "wake"}));
+  EXPECT_EQ(recorder.onQueue, (std::vector<bool>{true, true, true, true}));
+  EXPECT_EQ(monitor.signalsReceived(), 4u);
+}
+
+TEST_F(LogindSleepMonitorTest, HeedsOnlyWellFormedSignalsFromLogind) {
+  testing::LogCapture logs;
+  SerialQueue main("test.main");
+  Recorder recorder;
+  LogindSleepMonitor monitor(main, bus_->address());
+  ASSERT_TRUE(monitor.start(recorder.handlers(main)));
+
+  // Anyone may send a signal with logind's path and interface; only logind's name counts.
+  Peer impostor(bus_->address(), nullptr);
+  impostor.prepareForSleep(true);
+  impostor.roundTrip();
+  Peer logind(bus_->address(), "org.freedesktop.login1");
+  logind.prepareForSleepWithText("yes");
+  logind.prepareForSleep(false);
+
+  // The good signal comes last from its sender and the impostor's was routed before it, so
+  // once it has arrived everything else has had its chance.
+  ASSERT_TRUE(eventually([&] { return !recorder.snapshot().empty(); }, [&] { main.runPending(); }));
+  main.runPending();
+  EXPECT_EQ(recorder.snapshot(), std::vector<std::string>{"wake"});
+  EXPECT_EQ(monitor.signalsReceived(), 1u);
+  EXPECT_EQ(countLines(logs, kMalformed), 1u);
+}
+
+TEST_F(LogindSleepMonitorTest, NoHandlerRunsAfterStopEvenIfAlreadyPosted) {
+  SerialQueue main("test.main");
+  Recorder recorder;
+  auto monitor = std::make_unique<LogindSleepMonitor>(main, bus_->address());
+  ASSERT_TRUE(monitor->start(recorder.handlers(main)));
+
+  Peer logind(bus_->address(), "org.freedesktop.login1");
+  logind.prepareForSleep(true);
+  // Received and posted, but the delivery queue has not run yet.
+  ASSERT_TRUE(eventually([&] { return monitor->signalsReceived() == 1; }));
+  monitor->stop();
+  main.runPending();
+  monitor->stop();
+  monitor.reset();
+  main.runPending();
+  EXPECT_TRUE(recorder.snapshot().empty());
+}
+
+TEST_F(LogindSleepMonitorTest, StartsAgainAfterStopWithTheNewHandlers) {
+  SerialQueue main("test.main");
+  Recorder first;
+  Recorder second;
+  LogindSleepMonitor monitor(main, bus_->address());
+  ASSERT_TRUE(monitor.start(first.handlers(main)));
+  monitor.stop();
+  ASSERT_TRUE(monitor.start(second.handlers(main)));
+  // A start on a running monitor replaces the connection rather than adding a second one.
+  ASSERT_TRUE(monitor.start(second.handlers(main)));
+
+  Peer logind(bus_->address(), "org.freedesktop.login1");
+  logind.prepareForSleep(true);
+  logind.prepareForSleep(false);
+  ASSERT_TRUE(
+      eventually([&] { return second.snapshot().size() >= 2; }, [&] { main.runPending(); }));
+  main.runPending();
+  EXPECT_EQ(second.snapshot(), (std::vector<std::string>{"sleep", "wake"}));
+  EXPECT_TRUE(first.snapshot().empty());
+}
+
+TEST_F(LogindSleepMonitorTest, ABusThatGoesAwayIsReportedOnceAndStopStillWorks) {
+  testing::LogCapture logs;
+  SerialQueue main("test.main");
+  Recorder recorder;
+  LogindSleepMonitor monitor(main, bus_->address());
+  ASSERT_TRUE(monitor.start(recorder.handlers(main)));
+
+  bus_->kill();
+  ASSERT_TRUE(eventually([&] { return countLines(logs, kLost) >= 1; }));
+  monitor.stop();
+  EXPECT_EQ(countLines(logs, kLost), 1u);
+  main.runPending();
+  EXPECT_TRUE(recorder.snapshot().empty());
+}
+
+TEST(LogindSleepMonitorWithoutBus, StartFailsWithOneWarningAndTheAgentGoesOn) {
+  testing::LogCapture logs;
+  SerialQueue main("test.main");
+  Recorder recorder;
+  LogindSleepMonitor monitor(main, "unix:path=/nonexistent/quorel-test/bus_socket");
+  EXPECT_FALSE(monitor.start(recorder.handlers(main)));
+  EXPECT_FALSE(monitor.start(recorder.handlers(main)));
+  monitor.stop();
+
+  // One warning; whatever else was said is detail for a debug log.
+  EXPECT_EQ(countLines(logs, kUnavailable), 1u);
+  for (const auto& line : logs.lines("AppDelegate")) {
+    if (line == kUnavailable) continue;
+    EXPECT_EQ(line.rfind("could not connect to unix:path=/nonexistent/quorel-test/bus_socket: ", 0),
+              0u)
+        << line;
+  }
+  EXPECT_EQ(main.runPending(), 0u);
+  EXPECT_TRUE(recorder.snapshot().empty());
+}
+
+TEST(LogindSleepMonitorWithoutBus, AnAddressThatIsNotOneFailsTheSameWay) {
+  testing::LogCapture logs;
+  SerialQueue main("test.main");
+  Recorder recorder;
+  LogindSleepMonitor monitor(main, "not a bus address");
+  EXPECT_FALSE(monitor.start(recorder.handlers(main)));
+  EXPECT_EQ(countLines(logs, kUnavailable), 1u);
+}
+
+}  // namespace
+}  // namespace quorel
