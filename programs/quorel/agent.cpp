@@ -7,14 +7,19 @@
 #include <cstdio>
 #include <iostream>
 
+#include "app/app_delegate.hpp"
 #include "app/settings_manager.hpp"
+#include "app/single_instance_lock.hpp"
 #include "core/file_preference_store.hpp"
 #include "core/logging.hpp"
 #include "core/paths.hpp"
 #include "core/serial_queue.hpp"
+#include "mcp/mcp_server.hpp"
+#include "mcp/mcp_server_switch.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
 #include "platform/linux/linux_power_supply_provider.hpp"
 #include "platform/linux/linux_thermal_monitor.hpp"
+#include "platform/linux/logind_sleep_monitor.hpp"
 #include "platform/linux/power_supply_scan.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
 #include "platform/sandbox/sandbox_config_file.hpp"
@@ -22,6 +27,7 @@
 #include "store/corruption_report.hpp"
 #include "store/quorel_database.hpp"
 #include "telemetry/power_monitor.hpp"
+#include "telemetry/power_recorder.hpp"
 #include "telemetry/power_state_json.hpp"
 #include "telemetry/provider_switch.hpp"
 
@@ -88,6 +94,8 @@ class Agent {
           std::make_shared<LinuxPowerSourceFallbackProvider>(powerSupplyRoot, clock_);
       thermal_ = std::make_shared<LinuxThermalMonitor>(sysfs::thermalClassPath(options_.sysfsRoot));
       deps.thermalSource = thermal_;
+      recordingStore_ = std::make_unique<QuorelDatabaseRecordingStore>(*database_);
+      deps.recorder = std::make_shared<PowerRecorder>(*recordingStore_, clock_);
     } else {
       scenario.enabled = true;
       sandbox_ = std::make_unique<SandboxConfig>(scenario);
@@ -96,7 +104,6 @@ class Agent {
     monitor_ = PowerMonitor::create(std::move(deps));
     // The simulated machine must leave nothing behind in the history store.
     monitor_->setSkipDatabaseRecording(!choice.useLinuxProvider);
-    monitor_->setPollingInterval(currentInterval());
     monitor_->setOnStateUpdate(
         [this](const PowerState& state, const PowerMonitor::HistorySnapshot&) { publish(state); });
     if (sandbox_) {
@@ -104,22 +111,42 @@ class Agent {
         if (change.parametersChanged()) simulationParametersChanged(*monitor_);
       });
     }
-    settingsSubscription_ = settings_->subscribe([this](const QuorelSettings&) {
-      const Seconds interval = currentInterval();
-      if (interval != monitor_->pollingInterval()) {
-        monitor_->setPollingInterval(interval);
-        monitor_->restartTimer();
-      }
-    });
+
+    httpQueue_.start();
+    mcpServer_ =
+        std::make_unique<MCPServer>(mainQueue_, httpQueue_, *preferences_, paths_.dataDirectory,
+                                    MCPServerOptions{.version = "0.1.0", .transport = {}});
+    mcpSwitch_ = std::make_unique<MCPServerSwitch>(*mcpServer_, *preferences_, mainQueue_);
+    sleepWake_ = std::make_unique<LogindSleepMonitor>(mainQueue_);
+
+    AppDelegate::Dependencies core;
+    core.mainQueue = &mainQueue_;
+    core.clock = &clock_;
+    core.settings = settings_.get();
+    core.monitor = monitor_;
+    core.database = database_.get();
+    core.sleepWake = sleepWake_.get();
+    core.mcpServer = mcpServer_.get();
+    core.mcpSwitch = mcpSwitch_.get();
+    AppDelegate::Options coreOptions;
+    coreOptions.intervalOverride = options_.interval;
+    delegate_ = std::make_unique<AppDelegate>(std::move(core), coreOptions);
+    // A client reading --json is watching, so it gets the focused interval.
+    delegate_->setWatched(options_.json);
 
     waitForSignal();
     if (thermal_) thermal_->start(mainQueue_);
     pollQueue_.start();
-    monitor_->start();
+    mainQueue_.async([this] { delegate_->launch(); });
     mainQueue_.run();
 
-    // The main queue has stopped: finish the tick in flight and end the other threads.
-    settings_->unsubscribe(settingsSubscription_);
+    // The main queue has stopped: finish the tick in flight and end the other threads. The
+    // server goes while its queue still runs, since it stops its listener there.
+    delegate_.reset();
+    sleepWake_.reset();
+    mcpSwitch_.reset();
+    mcpServer_.reset();
+    httpQueue_.shutdown();
     if (sandbox_) sandbox_->removeObserver(sandboxObserver_);
     if (thermal_) thermal_->stop();
     monitor_->stop();
@@ -133,13 +160,6 @@ class Agent {
   }
 
  private:
-  // A client reading --json is watching, so it gets the focused interval; a headless agent
-  // nobody looks at ticks at the idle one.
-  Seconds currentInterval() const {
-    const auto intervals = pollingIntervals(settings_->settings(), options_.interval);
-    return options_.json ? intervals.focused : intervals.idle;
-  }
-
   void publish(const PowerState& state) {
     if (options_.json) {
       const std::string line = toJson(state).dump() + "\n";
@@ -188,6 +208,7 @@ class Agent {
   }
 
   void quit() {
+    if (delegate_) delegate_->terminate();
     signals_.cancel();
     mainQueue_.shutdown();
   }
@@ -198,15 +219,20 @@ class Agent {
   SystemClock clock_;
   SerialQueue mainQueue_{"com.quorel.main"};
   SerialQueue pollQueue_{"com.quorel.poll"};
+  SerialQueue httpQueue_{kMCPTransportQueueLabel};
   asio::signal_set signals_;
   std::unique_ptr<FilePreferenceStore> preferences_;
   std::unique_ptr<SettingsManager> settings_;
   std::unique_ptr<QuorelDatabase> database_;
+  std::unique_ptr<QuorelDatabaseRecordingStore> recordingStore_;
   std::unique_ptr<SandboxConfig> sandbox_;
   std::shared_ptr<LinuxThermalMonitor> thermal_;
   std::shared_ptr<PowerMonitor> monitor_;
+  std::unique_ptr<MCPServer> mcpServer_;
+  std::unique_ptr<MCPServerSwitch> mcpSwitch_;
+  std::unique_ptr<LogindSleepMonitor> sleepWake_;
+  std::unique_ptr<AppDelegate> delegate_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;
-  std::uint64_t settingsSubscription_ = 0;
   std::optional<PowerPhase> lastPhase_;
 };
 
@@ -220,6 +246,19 @@ int runAgent(const AgentOptions& options) {
     std::cerr << "quorel: " << e.what() << "\n";
     return 2;
   }
+  // One agent per user. The lock lives with the session's runtime files when there are any.
+  const auto lockFile = paths->runtimeDirectory ? *paths->runtimeDirectory / "quorel.lock"
+                                                : paths->dataDirectory / "quorel.lock";
+  SingleInstanceLock instance(lockFile);
+  if (!instance.acquired()) {
+    if (!instance.error().empty()) {
+      std::cerr << "quorel: " << instance.error() << "\n";
+      return 2;
+    }
+    std::cerr << SingleInstanceLock::alreadyRunningMessage(instance.holder()) << "\n";
+    return 1;
+  }
+
   logging::Options logOptions;
   logOptions.level = options.verbose ? spdlog::level::debug : spdlog::level::info;
   logOptions.file = paths->logFile();

@@ -1,5 +1,5 @@
 #pragma once
-// The headless agent: wires the providers, the monitor and the output together and runs the
+// The headless agent: builds every service, hands them to the application core, and runs the
 // main queue until SIGINT or SIGTERM.
 
 #include <filesystem>

@@ -2,18 +2,22 @@
 // foreground; subcommands serve people and scripts.
 
 #include <CLI/CLI.hpp>
-#include <cmath>
 #include <iostream>
 
 #include "agent.hpp"
+#include "commands.hpp"
 
 int main(int argc, char** argv) {
   CLI::App app{"Quorel: where your laptop's power goes, and what charging does to its battery."};
   app.set_version_flag("--version", "quorel 0.1.0");
+  app.require_subcommand(0, 1);
+  app.fallthrough();
 
   quorel::AgentOptions options;
   double intervalSeconds = 0;
   std::string sandboxConfig;
+  std::string sysfsRoot = "/sys";
+  std::string dataDir;
   app.add_flag("--json", options.json,
                "Write every published power state to standard output, one JSON object per line");
   auto* interval = app.add_option("--interval", intervalSeconds,
@@ -26,16 +30,40 @@ int main(int argc, char** argv) {
       ->check(CLI::ExistingFile);
   app.add_flag("--sandbox", options.sandbox,
                "Run on the simulated machine even when this computer's battery is readable");
-  std::string sysfsRoot = "/sys";
   app.add_option("--sysfs-root", sysfsRoot,
                  "Directory standing in for /sys (readers use DIR/class/power_supply and "
                  "DIR/class/thermal), e.g. a captured tree")
       ->check(CLI::ExistingDirectory);
-  std::string dataDir;
   app.add_option("--data-dir", dataDir,
                  "Directory for the history database and the server's token and endpoint files "
                  "(default $XDG_DATA_HOME/quorel)");
   app.add_flag("-v,--verbose", options.verbose, "Log debug detail");
+
+  auto* mcp = app.add_subcommand("mcp", "Turn the assistants' server on or off, or see its state");
+  std::string mcpAction;
+  mcp->add_option("action", mcpAction, "enable, disable or status")
+      ->required()
+      ->check(CLI::IsMember({"enable", "disable", "status"}));
+
+  auto* history = app.add_subcommand("history", "Look back through the history store");
+  quorel::HistoryCommandArguments historyArgs;
+  history
+      ->add_option("question", historyArgs.subcommand,
+                   "samples, coverage, sessions, daily, apps, agents or lifetime")
+      ->required();
+  std::string from, to, points, limit;
+  history->add_option("--from", from, "Start, ISO-8601 (e.g. 2026-11-21T08:00:00Z)");
+  history->add_option("--to", to, "End, ISO-8601 (default now)");
+  history->add_option("--points", points, "Most samples to return");
+  history->add_option("--limit", limit, "Most rows to return");
+  history->add_flag("--json", historyArgs.json, "Print the JSON the assistants' tools give");
+
+  auto* battery = app.add_subcommand("battery", "Battery identity");
+  auto* replaced = battery->add_subcommand(
+      "replaced", "Mark a new battery: health and cycle trends re-baseline from today");
+  battery->require_subcommand(1);
+  bool assumeYes = false;
+  replaced->add_flag("--yes", assumeYes, "Do not ask for confirmation (for scripts)");
 
   try {
     app.parse(argc, argv);
@@ -43,12 +71,26 @@ int main(int argc, char** argv) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     app.exit(e);
-    std::cerr << "Run 'quorel --help' for the flags it takes.\n";
+    std::cerr << "Run 'quorel --help' for the commands and flags it takes.\n";
     return 2;
   }
+
+  quorel::CommandContext context;
+  if (!dataDir.empty()) context.dataDirectory = dataDir;
+  context.sysfsRoot = sysfsRoot;
+  if (*mcp) return quorel::runMcpCommand(mcpAction, context);
+  if (*history) {
+    if (history->count("--from") > 0) historyArgs.from = from;
+    if (history->count("--to") > 0) historyArgs.to = to;
+    if (history->count("--points") > 0) historyArgs.points = points;
+    if (history->count("--limit") > 0) historyArgs.limit = limit;
+    return quorel::runHistory(historyArgs, context);
+  }
+  if (*replaced) return quorel::runBatteryReplaced(assumeYes, context);
+
   if (interval->count() > 0) options.interval = quorel::Seconds{intervalSeconds};
   if (!sandboxConfig.empty()) options.sandboxConfigFile = sandboxConfig;
   options.sysfsRoot = sysfsRoot;
-  if (!dataDir.empty()) options.dataDirectory = dataDir;
+  options.dataDirectory = context.dataDirectory;
   return quorel::runAgent(options);
 }

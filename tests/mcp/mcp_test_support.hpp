@@ -23,6 +23,7 @@
 
 #include "core/logging.hpp"
 #include "core/preference_store.hpp"
+#include "support/log_capture.hpp"
 
 namespace quorel::testing {
 
@@ -77,57 +78,6 @@ class MapPreferenceStore final : public PreferenceStore {
   std::map<std::string, nlohmann::json> values_;
   std::map<std::uint64_t, Observer> observers_;
   std::uint64_t next_ = 1;
-};
-
-// Captures every line logged by any category while alive.
-class LogCapture {
- public:
-  LogCapture() : sink_(std::make_shared<Sink>()) { logging::addSink(sink_); }
-  ~LogCapture() { logging::removeSink(sink_); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  std::vector<std::string> lines() const { return sink_->snapshot(); }
-  bool contains(const std::string& line) const {
-    for (const auto& l : lines()) {
-      if (l == line) return true;
-    }
-    return false;
-  }
-  std::size_t count(const std::string& line) const {
-    std::size_t n = 0;
-    for (const auto& l : lines()) n += l == line ? 1 : 0;
-    return n;
-  }
-  // Waits, bounded, for a line that another thread logs.
-  bool waitFor(const std::string& line,
-               std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < until) {
-      if (contains(line)) return true;
-      std::this_thread::yield();
-    }
-    return contains(line);
-  }
-
- private:
-  class Sink final : public spdlog::sinks::base_sink<std::mutex> {
-   public:
-    std::vector<std::string> snapshot() {
-      std::lock_guard lock(this->mutex_);
-      return lines_;
-    }
-
-   protected:
-    void sink_it_(const spdlog::details::log_msg& msg) override {
-      lines_.emplace_back(msg.payload.begin(), msg.payload.end());
-    }
-    void flush_() override {}
-
-   private:
-    std::vector<std::string> lines_;
-  };
-  std::shared_ptr<Sink> sink_;
 };
 
 class ScratchDirectory {

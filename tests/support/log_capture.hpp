@@ -1,12 +1,16 @@
 #pragma once
-// Captures what the loggers write during a test, so log lines can be checked word for word.
+// Captures what the loggers write while alive, so tests can check log lines word for word.
+// The one capture every test binary uses: two classes of this name in one binary would break
+// the one-definition rule.
 
 #include <spdlog/sinks/base_sink.h>
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/logging.hpp"
@@ -27,23 +31,47 @@ class LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<Line> lines() const {
-    std::lock_guard lock(sink_->linesMutex);
+    std::lock_guard lock(sink_->entriesMutex);
     return sink_->captured;
   }
+  // Every message, in order.
+  std::vector<std::string> messages() const {
+    std::vector<std::string> out;
+    for (auto& e : lines()) out.push_back(std::move(e.message));
+    return out;
+  }
+  // The messages of one category ("PowerMonitor", "AppDelegate", ...).
+  std::vector<std::string> messages(const std::string& category) const {
+    std::vector<std::string> out;
+    for (auto& e : lines()) {
+      if (e.logger == category) out.push_back(std::move(e.message));
+    }
+    return out;
+  }
   std::size_t count(const std::string& message) const {
-    auto all = lines();
-    return static_cast<std::size_t>(
-        std::count_if(all.begin(), all.end(), [&](const Line& l) { return l.message == message; }));
+    const auto all = messages();
+    return static_cast<std::size_t>(std::count(all.begin(), all.end(), message));
+  }
+  bool contains(const std::string& message) const { return count(message) > 0; }
+  // Waits, bounded, for a message that another thread logs.
+  bool waitFor(const std::string& message,
+               std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
+    const auto until = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < until) {
+      if (contains(message)) return true;
+      std::this_thread::yield();
+    }
+    return contains(message);
   }
 
  private:
   struct Sink : spdlog::sinks::base_sink<std::mutex> {
-    mutable std::mutex linesMutex;
+    mutable std::mutex entriesMutex;
     std::vector<Line> captured;
 
    protected:
     void sink_it_(const spdlog::details::log_msg& msg) override {
-      std::lock_guard lock(linesMutex);
+      std::lock_guard lock(entriesMutex);
       captured.push_back({std::string(msg.logger_name.begin(), msg.logger_name.end()), msg.level,
                           std::string(msg.payload.begin(), msg.payload.end())});
     }

@@ -392,7 +392,7 @@ TEST_F(LinuxPowerSupplyProviderTest, FailuresAreCountedEachTickAndLoggedOncePerC
   EXPECT_EQ(provider.failedReadCount(), 4u);
 
   EXPECT_THAT(
-      log.lines("PowerSupply"),
+      log.messages("PowerSupply"),
       ElementsAre("BAT0 reports energy, not charge — converted through voltage_min_design",
                   "BAT0 reports no current_now — current derived from power_now",
                   "BAT0 reports its current with a sign that contradicts status \"Discharging\" "
@@ -410,7 +410,7 @@ TEST_F(LinuxPowerSupplyProviderTest, ANewAssumptionIsLoggedWhenItAppears) {
   ASSERT_TRUE(provider.fetchSnapshot());
   tree.setProperty("BAT0", "STATUS", "Discharging");
   ASSERT_TRUE(provider.fetchSnapshot());
-  EXPECT_THAT(log.lines("PowerSupply"),
+  EXPECT_THAT(log.messages("PowerSupply"),
               ElementsAre("BAT0 reports no cycle count — cycles unknown, kept as 0",
                           "BAT0 reports its current with a sign that contradicts status "
                           "\"Discharging\" — sign taken from the status"));

@@ -135,7 +135,7 @@ TEST(LinuxThermalMonitorTest, SamplesPublishTheStateAndLogItsChanges) {
   tree.write("class/thermal/thermal_zone0/temp", "55000\n");
   EXPECT_EQ(monitor.sample(), ThermalState::nominal);
 
-  EXPECT_THAT(log.lines("Thermal"),
+  EXPECT_THAT(log.messages("Thermal"),
               ElementsAre("thermal state changed from nominal to serious — zone x86_pkg_temp "
                           "(thermal_zone0) at 91.5 °C",
                           "thermal state changed from serious to nominal — zone x86_pkg_temp "
@@ -158,7 +158,7 @@ TEST(LinuxThermalMonitorTest, AFailedSampleKeepsTheLastStateAndIsCounted) {
   tree.write("class/thermal/thermal_zone0/temp", "40000\n");
   EXPECT_EQ(monitor.sample(), ThermalState::nominal);
 
-  EXPECT_THAT(log.lines("Thermal"),
+  EXPECT_THAT(log.messages("Thermal"),
               ElementsAre("thermal state changed from nominal to critical — zone acpitz "
                           "(thermal_zone0) at 96.0 °C",
                           "no thermal zone can be read in " + tree.thermal().string() +

@@ -202,7 +202,7 @@ struct Recorder {
 };
 
 std::size_t countLines(const testing::LogCapture& logs, const std::string& message) {
-  const auto lines = logs.lines("AppDelegate");
+  const auto lines = logs.messages("AppDelegate");
   return static_cast<std::size_t>(std::count(lines.begin(), lines.end(), message));
 }
 
@@ -339,7 +339,7 @@ TEST(LogindSleepMonitorWithoutBus, StartFailsWithOneWarningAndTheAgentGoesOn) {
 
   // One warning; whatever else was said is detail for a debug log.
   EXPECT_EQ(countLines(logs, kUnavailable), 1u);
-  for (const auto& line : logs.lines("AppDelegate")) {
+  for (const auto& line : logs.messages("AppDelegate")) {
     if (line == kUnavailable) continue;
     EXPECT_EQ(line.rfind("could not connect to unix:path=/nonexistent/quorel-test/bus_socket: ", 0),
               0u)

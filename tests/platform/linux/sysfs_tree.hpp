@@ -1,8 +1,6 @@
 #pragma once
 // A scratch sysfs tree in a temporary directory, for tests that change files between reads.
 
-#include <spdlog/sinks/ringbuffer_sink.h>
-
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -11,6 +9,7 @@
 #include <vector>
 
 #include "core/logging.hpp"
+#include "support/log_capture.hpp"
 
 namespace quorel::testing {
 
@@ -105,31 +104,5 @@ class SysfsTree {
 };
 
 // Collects what one log category writes, as "[Category] message" lines.
-class LogCapture {
- public:
-  LogCapture() : sink_(std::make_shared<spdlog::sinks::ringbuffer_sink_mt>(256)) {
-    sink_->set_pattern("[%n] %v");
-    logging::addSink(sink_);
-  }
-  ~LogCapture() { logging::removeSink(sink_); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  std::vector<std::string> lines(const std::string& category) const {
-    std::vector<std::string> out;
-    const std::string prefix = "[" + category + "] ";
-    for (auto& line : sink_->last_formatted()) {
-      std::string trimmed = line;
-      while (!trimmed.empty() && (trimmed.back() == '\n' || trimmed.back() == '\r')) {
-        trimmed.pop_back();
-      }
-      if (trimmed.rfind(prefix, 0) == 0) out.push_back(trimmed.substr(prefix.size()));
-    }
-    return out;
-  }
-
- private:
-  std::shared_ptr<spdlog::sinks::ringbuffer_sink_mt> sink_;
-};
 
 }  // namespace quorel::testing

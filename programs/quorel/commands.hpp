@@ -1,0 +1,23 @@
+#pragma once
+// The subcommands that serve people and scripts beside the agent.
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+#include "store/history_command.hpp"
+
+namespace quorel {
+
+struct CommandContext {
+  std::optional<std::filesystem::path> dataDirectory;  // --data-dir
+  std::filesystem::path sysfsRoot = "/sys";            // --sysfs-root
+};
+
+// "enable", "disable" or "status".
+int runMcpCommand(const std::string& action, const CommandContext& context);
+int runHistory(HistoryCommandArguments arguments, const CommandContext& context);
+// Declares a new battery: a manual epoch, after confirmation unless `assumeYes`.
+int runBatteryReplaced(bool assumeYes, const CommandContext& context);
+
+}  // namespace quorel
