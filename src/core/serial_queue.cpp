@@ -193,59 +193,38 @@ void SerialQueue::async(std::function<void()> work) {
   asio::post(impl_->io, std::move(work));
 }
 
-namespace {
-std::shared_ptr<detail::TimerState> makeTimer(SerialQueue& queue, asio::io_context& io,
-                                              std::function<void()> work,
-                                              std::optional<Seconds> period) {
-  auto state = std::make_shared<detail::TimerState>(io, std::move(work), period);
-  state->post = [&queue](std::function<void()> fn) { queue.async(std::move(fn)); };
-  return state;
-}
-}  // namespace
-
-TimerHandle SerialQueue::after(Seconds delay, std::function<void()> work) {
-  auto state = makeTimer(*this, impl_->io, std::move(work), std::nullopt);
+std::shared_ptr<detail::TimerState> SerialQueue::schedule(Seconds firstDelay,
+                                                          std::optional<Seconds> period,
+                                                          std::function<void()> work) {
+  auto state = std::make_shared<detail::TimerState>(impl_->io, std::move(work), period);
+  state->post = [this](std::function<void()> fn) { async(std::move(fn)); };
   Impl* impl = impl_.get();
   state->unregister = [impl](detail::TimerState* s) { impl->forget(s); };
   {
     std::lock_guard lock(impl_->timersMutex);
     impl_->timers.insert(state);
   }
-  const auto deadline = std::chrono::steady_clock::now() + toSteady(delay);
+  // The delay counts from now, not from when the queue gets round to arming the timer.
+  const auto deadline = std::chrono::steady_clock::now() + toSteady(firstDelay);
   async([impl, state, deadline] {
     if (!state->cancelled.load()) impl->arm(state, deadline);
   });
-  return TimerHandle(state);
+  return state;
+}
+
+TimerHandle SerialQueue::after(Seconds delay, std::function<void()> work) {
+  return TimerHandle(schedule(delay, std::nullopt, std::move(work)));
 }
 
 void SerialQueue::asyncAfter(Seconds delay, std::function<void()> work) {
-  auto state = makeTimer(*this, impl_->io, std::move(work), std::nullopt);
-  Impl* impl = impl_.get();
-  state->unregister = [impl](detail::TimerState* s) { impl->forget(s); };
-  {
-    std::lock_guard lock(impl_->timersMutex);
-    impl_->timers.insert(state);
-  }
-  const auto deadline = std::chrono::steady_clock::now() + toSteady(delay);
-  async([impl, state, deadline] { impl->arm(state, deadline); });
+  schedule(delay, std::nullopt, std::move(work));
 }
 
 TimerHandle SerialQueue::every(Seconds firstDelay, Seconds period, std::function<void()> tick) {
   if (period.count() <= 0) {
     throw std::invalid_argument("repeating timer on '" + label_ + "' needs a positive period");
   }
-  auto state = makeTimer(*this, impl_->io, std::move(tick), period);
-  Impl* impl = impl_.get();
-  state->unregister = [impl](detail::TimerState* s) { impl->forget(s); };
-  {
-    std::lock_guard lock(impl_->timersMutex);
-    impl_->timers.insert(state);
-  }
-  const auto deadline = std::chrono::steady_clock::now() + toSteady(firstDelay);
-  async([impl, state, deadline] {
-    if (!state->cancelled.load()) impl->arm(state, deadline);
-  });
-  return TimerHandle(state);
+  return TimerHandle(schedule(firstDelay, period, std::move(tick)));
 }
 
 std::size_t SerialQueue::runPending() {

@@ -7,6 +7,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
@@ -97,6 +98,10 @@ class SerialQueue {
   asio::io_context& context();
 
  private:
+  // Registers and arms a one-shot (no period) or repeating job.
+  std::shared_ptr<detail::TimerState> schedule(Seconds firstDelay, std::optional<Seconds> period,
+                                               std::function<void()> work);
+
   struct Impl;
   std::string label_;
   std::unique_ptr<Impl> impl_;

@@ -11,6 +11,7 @@
 #include "store/history_records.hpp"
 #include "store/local_day.hpp"
 #include "store/sample_quality_gate.hpp"
+#include "support/zone_guard.hpp"
 
 namespace quorel {
 namespace {
@@ -161,25 +162,7 @@ TEST(CollectionIntervalStatusTest, TextsRoundTripAndUnknownTextDecodesToNothing)
   EXPECT_EQ(collectionIntervalStatusFromString("Sleep"), std::nullopt);
 }
 
-// Sets TZ for one test and puts the old value back.
-class ZoneGuard {
- public:
-  explicit ZoneGuard(const char* zone) {
-    if (const char* old = std::getenv("TZ")) old_ = old;
-    set(zone);
-  }
-  ~ZoneGuard() {
-    if (old_) {
-      set(old_->c_str());
-    } else {
-      ::unsetenv("TZ");
-    }
-  }
-  void set(const char* zone) { ::setenv("TZ", zone, 1); }
-
- private:
-  std::optional<std::string> old_;
-};
+using testing::ZoneGuard;
 
 TEST(DayIdentityTest, DaysAreLocalAndFollowAChangeOfZone) {
   // 2026-03-01T20:00:00Z

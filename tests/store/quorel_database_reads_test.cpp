@@ -11,6 +11,7 @@
 
 #include "store/quorel_database.hpp"
 #include "store/sqlite_test_support.hpp"
+#include "support/zone_guard.hpp"
 
 namespace quorel {
 namespace {
@@ -571,27 +572,19 @@ TEST_F(ReadsTest, ReadsWaitForARunningQueueAndRunInPlaceOnIt) {
 }
 
 TEST(SessionRecordText, DayWordsFollowTheLocalZone) {
-  const char* old = std::getenv("TZ");
-  const std::optional<std::string> saved = old ? std::optional<std::string>(old) : std::nullopt;
+  testing::ZoneGuard zone{"UTC0"};
   SessionRecord session;
   session.startTime = fromUnixSeconds(kT0 - 86400 - 1800);  // 2027-01-14T07:30:00Z
   session.endTime = fromUnixSeconds(kT0 + 300);             // 2027-01-15T08:05:00Z
   const TimePoint now = fromUnixSeconds(kT0 + 3600);        // 2027-01-15T09:00:00Z
 
-  ::setenv("TZ", "UTC0", 1);
   EXPECT_EQ(session.timeRangeText(now), "Yesterday 07:30 – Today 08:05");
   // Nine hours west it has just turned the 15th: the end was yesterday, the start before that.
-  ::setenv("TZ", "<-09>9", 1);
+  zone.set("<-09>9");
   EXPECT_EQ(session.timeRangeText(fromUnixSeconds(kT0 + 3600)), "Jan 13 22:30 – Yesterday 23:05");
-  ::setenv("TZ", "UTC0", 1);
+  zone.set("UTC0");
   EXPECT_EQ(session.timeRangeText(fromUnixSeconds(kT0 + 40 * 86400)),
             "Jan 14 07:30 – Jan 15 08:05");
-
-  if (saved) {
-    ::setenv("TZ", saved->c_str(), 1);
-  } else {
-    ::unsetenv("TZ");
-  }
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "store/quorel_database.hpp"
 #include "store/sqlite_test_support.hpp"
 #include "support/log_capture.hpp"
+#include "support/zone_guard.hpp"
 
 namespace quorel {
 namespace {
@@ -30,18 +31,8 @@ constexpr double kDay = 86400;
 
 class WritesTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    // Days are keyed in the local zone; pin it so the expected keys hold on any machine.
-    if (const char* old = std::getenv("TZ")) oldZone_ = old;
-    ::setenv("TZ", "UTC0", 1);
-  }
-  void TearDown() override {
-    if (oldZone_) {
-      ::setenv("TZ", oldZone_->c_str(), 1);
-    } else {
-      ::unsetenv("TZ");
-    }
-  }
+  // Days are keyed in the local zone; pin it so the expected keys hold on any machine.
+  testing::ZoneGuard zone{"UTC0"};
 
   QuorelDatabase::Options options(bool startQueue = false) {
     return {.dataDirectory = scratch.path(),
@@ -63,9 +54,6 @@ class WritesTest : public ::testing::Test {
   int corruptionSignals = 0;
   std::unique_ptr<QuorelDatabase> db = std::make_unique<QuorelDatabase>(options());
   std::unique_ptr<SqlFile> observer;
-
- private:
-  std::optional<std::string> oldZone_;
 };
 
 PowerSample sampleAt(double t) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "support/log_capture.hpp"
+#include "support/zone_guard.hpp"
 
 namespace quorel {
 namespace {
@@ -48,18 +49,8 @@ class FakeRecordingStore : public RecordingStore {
 
 class PowerRecorderTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    if (const char* old = std::getenv("TZ")) oldZone_ = old;
-    ::setenv("TZ", "UTC0", 1);
-  }
-  void TearDown() override {
-    if (oldZone_) {
-      ::setenv("TZ", oldZone_->c_str(), 1);
-    } else {
-      ::unsetenv("TZ");
-    }
-  }
-
+  // Capacity days are local; pin the zone so a day is the same on any machine.
+  testing::ZoneGuard zone{"UTC0"};
   // One recording tick `advance` after the previous one, with the given phase and watts.
   void tick(Seconds advance, PowerPhase phase, double watts, bool force = false,
             std::optional<std::string> serial = std::nullopt) {
@@ -96,9 +87,6 @@ class PowerRecorderTest : public ::testing::Test {
       ComponentPowerValidator::validate(ComponentPower{3, 4, 6, 0.5, 4.5, true}, 18.0);
   bool fresh = true;
   testing::LogCapture logs;
-
- private:
-  std::optional<std::string> oldZone_;
 };
 
 TEST_F(PowerRecorderTest, SessionOfExactlySixtySecondsIsDroppedSixtyOneKept) {
