@@ -36,8 +36,7 @@ TEST(SoCResidencyMatrixTest, ReadsExactly28LittleEndianCells) {
 
 TEST(SoCResidencyMatrixTest, RefusesABlockOfAnyOtherLength) {
   auto bytes = littleEndianBlock(std::vector<std::uint32_t>(28, 1));
-  auto shorter = bytes;
-  shorter.pop_back();
+  const std::vector<std::uint8_t> shorter(bytes.begin(), bytes.end() - 1);
   auto longer = bytes;
   longer.push_back(0);
   EXPECT_FALSE(SoCResidencyMatrix::fromData(shorter));
