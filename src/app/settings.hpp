@@ -180,7 +180,6 @@ std::optional<QuorelSettings> decodeSettings(std::string_view document, const Cl
 // The document for `settings`; absent when it cannot be encoded (text that is not UTF-8).
 std::optional<std::string> encodeSettings(const QuorelSettings& settings);
 
-
 // How often the agent polls: both periods come from the settings unless the command line's
 // --interval replaces them for this run. A stored period that is not a positive finite number
 // falls back to its default rather than spinning or stopping the loop.

@@ -89,7 +89,9 @@ TEST(SerialQueueTest, DestroyingHandleCancels) {
   SerialQueue q("test.raii");
   q.start();
   std::atomic<int> ran{0};
-  { auto handle = q.after(Seconds{0.02}, [&] { ++ran; }); }
+  {
+    auto handle = q.after(Seconds{0.02}, [&] { ++ran; });
+  }
   std::atomic<bool> later{false};
   q.asyncAfter(Seconds{0.08}, [&] { later = true; });
   ASSERT_TRUE(eventually([&] { return later.load(); }));
@@ -195,9 +197,7 @@ TEST(SerialQueueTest, ShutdownFailsWaitingSyncInsteadOfHanging) {
 
 TEST(SerialQueueTest, MainQueueRunsOnCallerUntilShutdown) {
   SerialQueue mainQueue("test.main");
-  std::thread poster([&] {
-    mainQueue.async([&] { mainQueue.shutdown(); });
-  });
+  std::thread poster([&] { mainQueue.async([&] { mainQueue.shutdown(); }); });
   mainQueue.run();  // returns once the posted job shuts it down
   poster.join();
   SUCCEED();

@@ -16,11 +16,11 @@ namespace quorel {
 namespace {
 
 using testing::eventually;
-using testing::roundTrip;
 using testing::LogCapture;
 using testing::post;
 using testing::RawAnswer;
 using testing::RawClient;
+using testing::roundTrip;
 
 const std::string kToken = "tok-123";
 const std::string kAuth = "Authorization: Bearer " + kToken + "\r\n";
@@ -96,13 +96,13 @@ TEST_F(MCPHTTPTransportTest, AnswersARequestAsJSONAndCloses) {
   EXPECT_EQ(roundTrip(port, post(kPing, kAuth, "/")).status(), "200 OK");
   // No content type at all is accepted, and so is a charset parameter.
   EXPECT_EQ(roundTrip(port, "POST /mcp HTTP/1.1\r\n" + kAuth + "Content-Length: " +
-                               std::to_string(kPing.size()) + "\r\n\r\n" + kPing)
+                                std::to_string(kPing.size()) + "\r\n\r\n" + kPing)
                 .status(),
             "200 OK");
   EXPECT_EQ(roundTrip(port, "POST /mcp HTTP/1.1\r\n" + kAuth +
-                               "Content-Type: application/json; charset=utf-8\r\n"
-                               "Content-Length: " +
-                               std::to_string(kPing.size()) + "\r\n\r\n" + kPing)
+                                "Content-Type: application/json; charset=utf-8\r\n"
+                                "Content-Length: " +
+                                std::to_string(kPing.size()) + "\r\n\r\n" + kPing)
                 .status(),
             "200 OK");
 }

@@ -18,10 +18,10 @@ namespace quorel {
 namespace {
 
 using testing::eventually;
-using testing::roundTrip;
 using testing::LogCapture;
 using testing::MapPreferenceStore;
 using testing::post;
+using testing::roundTrip;
 using testing::ScratchDirectory;
 
 std::string readFile(const std::filesystem::path& p) {
@@ -185,7 +185,7 @@ TEST_F(MCPServerTest, StartPublishesTheLivePortAndAnswersWithTheTokenFromTheFile
   const std::string auth = "x-quorel-mcp-token: " + token + "\r\n";
   auto init = roundTrip(port, post(R"({"jsonrpc":"2.0","id":1,"method":"initialize",
                                        "params":{"protocolVersion":"1999-01-01"}})",
-                                  auth));
+                                   auth));
   EXPECT_EQ(
       JSONValue::parse(init.body()),
       JSONValue::object(
