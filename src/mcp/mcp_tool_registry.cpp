@@ -2,17 +2,17 @@
 
 namespace quorel {
 
-const std::vector<ToolSpec>& MCPToolRegistry::catalogue() const {
-  static const std::vector<ToolSpec> kNone;
+const std::vector<ToolDescriptor>& MCPToolRegistry::catalogue() const {
+  static const std::vector<ToolDescriptor> kNone;
   return kNone;
 }
 
 JSONValue MCPToolRegistry::toolsListJSON() const {
   JSONValue::Array tools;
-  for (const ToolSpec& spec : catalogue()) {
-    tools.push_back(JSONValue::object({{"name", spec.name},
-                                       {"description", spec.description},
-                                       {"inputSchema", spec.inputSchema}}));
+  for (const ToolDescriptor& tool : catalogue()) {
+    tools.push_back(JSONValue::object({{"name", tool.name},
+                                       {"description", tool.description},
+                                       {"inputSchema", tool.inputSchema}}));
   }
   return JSONValue::object({{"tools", JSONValue(std::move(tools))}});
 }

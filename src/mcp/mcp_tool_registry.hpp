@@ -15,11 +15,11 @@
 
 namespace quorel {
 
-struct ToolSpec {
+struct ToolDescriptor {
   std::string name;
   std::string description;
   JSONValue inputSchema;
-  bool operator==(const ToolSpec&) const = default;
+  bool operator==(const ToolDescriptor&) const = default;
 };
 
 class MCPToolRegistry {
@@ -27,7 +27,7 @@ class MCPToolRegistry {
   virtual ~MCPToolRegistry() = default;
 
   // The tools in the order "tools/list" gives them.
-  virtual const std::vector<ToolSpec>& catalogue() const;
+  virtual const std::vector<ToolDescriptor>& catalogue() const;
 
   // {"tools":[{"name","description","inputSchema"}, ...]}; depends on no state.
   JSONValue toolsListJSON() const;
