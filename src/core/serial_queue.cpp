@@ -14,13 +14,13 @@
 namespace quorel {
 
 namespace {
-thread_local const SerialQueue* tCurrentQueue = nullptr;
+thread_local SerialQueue* tCurrentQueue = nullptr;
 
 // Marks the calling thread as running `queue` for the scope, restoring any outer marker so
 // that runPending() nested inside another queue's work keeps both straight.
 class CurrentQueueScope {
  public:
-  explicit CurrentQueueScope(const SerialQueue* queue) : previous_(tCurrentQueue) {
+  explicit CurrentQueueScope(SerialQueue* queue) : previous_(tCurrentQueue) {
     tCurrentQueue = queue;
   }
   ~CurrentQueueScope() { tCurrentQueue = previous_; }
@@ -28,7 +28,7 @@ class CurrentQueueScope {
   CurrentQueueScope& operator=(const CurrentQueueScope&) = delete;
 
  private:
-  const SerialQueue* previous_;
+  SerialQueue* previous_;
 };
 
 std::chrono::steady_clock::duration toSteady(Seconds s) {
@@ -187,6 +187,10 @@ void SerialQueue::shutdown() {
 
 bool SerialQueue::isCurrent() const {
   return tCurrentQueue == this;
+}
+
+SerialQueue* SerialQueue::current() {
+  return tCurrentQueue;
 }
 
 void SerialQueue::async(std::function<void()> work) {

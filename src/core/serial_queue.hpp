@@ -65,6 +65,8 @@ class SerialQueue {
 
   // True when called from work running on this queue.
   bool isCurrent() const;
+  // The queue whose work is running on the calling thread, if any.
+  static SerialQueue* current();
 
   void async(std::function<void()> work);
 

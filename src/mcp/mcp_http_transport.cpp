@@ -1,6 +1,7 @@
 #include "mcp/mcp_http_transport.hpp"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -10,12 +11,12 @@
 #include <asio/steady_timer.hpp>
 #include <cerrno>
 #include <charconv>
-#include <map>
+#include <chrono>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "core/batched_poster.hpp"
 #include "core/logging.hpp"
 #include "mcp/text_util.hpp"
 
@@ -198,40 +199,56 @@ bool MCPHTTPTransport::isAcceptableContentType(std::optional<std::string_view> v
 }
 
 // ---------------------------------------------------------------------------------------------
+// ---------------------------------------------------------------------------------------------
 // The listener and its connections
+//
+// A client sends its request as soon as it connects, so nearly every connection is accepted,
+// read, parsed and handed to the route without waiting once. Such a connection never enters the
+// reactor and never touches a timer: it costs an accept, a read, a write and a close. Only a
+// connection that has to wait (a request in pieces, a slow reader of the answer) is registered
+// with the reactor, and one timer sweeps the deadlines of those still waiting for their request.
 
 struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::Impl> {
+  using SteadyTime = std::chrono::steady_clock::time_point;
+
   struct Connection {
     std::uint64_t id = 0;
-    tcp::socket socket;
-    // The one-shot limit on the whole request; cancelled once a request has parsed.
-    asio::steady_timer deadline;
+    int fd = -1;  // owned by `waiter` once that exists
+    // The descriptor as the reactor knows it; made the first time the connection must wait.
+    std::optional<tcp::socket> waiter;
+    // The limit on the whole request, from accept; it stops applying once answering begins.
+    SteadyTime deadline;
+    bool awaitingRequest = true;
     std::string buffer;
     // The answer and how much of it has gone out.
     std::string outgoing;
     std::size_t sent = 0;
-    explicit Connection(tcp::socket s, asio::io_context& io) : socket(std::move(s)), deadline(io) {}
   };
 
   Impl(SerialQueue& q, Route r, MCPHTTPTransportOptions o)
-      : queue(q), route(std::move(r)), options(o), log(logging::get("mcp")) {}
+      : queue(q),
+        route(std::move(r)),
+        options(o),
+        log(logging::get("mcp")),
+        replies(q),
+        sweep(q.context()) {}
 
   SerialQueue& queue;
   const Route route;
   const MCPHTTPTransportOptions options;
   std::shared_ptr<spdlog::logger> log;
+  // Replies come back from the route's thread; under load many share one wakeup of this queue.
+  BatchedPoster replies;
 
   std::unique_ptr<tcp::acceptor> listener;
   bool listenerIsFallback = false;
   std::uint64_t listenerGeneration = 0;
   TimerHandle acceptRetry;
-  // Filled in by the one accept in flight.
-  tcp::endpoint acceptPeer;
-  std::unordered_set<std::uint64_t> connections;
   std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connectionByID;
-  // Connections whose deadline is still armed (no complete request yet).
-  std::unordered_set<std::uint64_t> deadlineByID;
   std::uint64_t nextConnectionID = 1;
+  // One timer for every deadline; armed for the earliest among connections waiting for bytes.
+  asio::steady_timer sweep;
+  std::optional<SteadyTime> sweepAt;
   std::function<void(std::error_code)> onStartError;
   std::optional<std::error_code> lastStartError;
   std::function<void(std::uint16_t)> onListening;
@@ -243,9 +260,11 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   std::optional<std::error_code> startListener(std::uint16_t port, bool isFallback);
   void listenerFailed(std::error_code ec);
   void listenerReady();
-  void accept();
-  void admit(tcp::socket socket, const tcp::endpoint& peer);
-  void read(const std::shared_ptr<Connection>& conn);
+  void waitForPeers();
+  void acceptPending();
+  void admit(int fd);
+  Connection& registered(Connection& conn);
+  void waitUntil(const std::shared_ptr<Connection>& conn, tcp::socket::wait_type what);
   void onReadable(const std::shared_ptr<Connection>& conn);
   void dispatch(const std::shared_ptr<Connection>& conn, MCPHTTPRequest request);
   void finishRoute(std::uint64_t id, const std::optional<JSONRPCResponse>& response);
@@ -253,7 +272,8 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
               std::vector<std::pair<std::string_view, std::string>> headers = {},
               std::string_view body = {});
   void writeRest(const std::shared_ptr<Connection>& conn);
-  void disarmDeadline(Connection& conn);
+  void armSweep(SteadyTime at);
+  void sweepDeadlines();
   void cancelConnection(std::uint64_t id);
   void teardown();
 };
@@ -267,6 +287,8 @@ std::optional<std::error_code> MCPHTTPTransport::Impl::startListener(std::uint16
     acceptor = std::make_unique<tcp::acceptor>(queue.context());
     acceptor->open(tcp::v4(), ec);
     if (!ec) acceptor->set_option(tcp::acceptor::reuse_address(true), ec);
+    // Accepting runs until the backlog is empty, so it must never block.
+    if (!ec) acceptor->non_blocking(true, ec);
   } catch (const std::system_error& e) {
     ec = e.code();
   }
@@ -315,87 +337,108 @@ void MCPHTTPTransport::Impl::listenerReady() {
   log->info("MCP listener ready on 127.0.0.1:{}{}", *boundPort,
             listenerIsFallback ? " (fallback port)" : "");
   if (onListening) onListening(*boundPort);
-  accept();
+  acceptPending();
 }
 
-void MCPHTTPTransport::Impl::accept() {
-  if (!listener) return;
+void MCPHTTPTransport::Impl::waitForPeers() {
   std::weak_ptr<Impl> weak = weak_from_this();
   const auto generation = listenerGeneration;
-  listener->async_accept(acceptPeer, [weak, generation](std::error_code ec, tcp::socket socket) {
+  listener->async_wait(tcp::acceptor::wait_read, [weak, generation](std::error_code ec) {
     auto self = weak.lock();
     if (!self || !self->listener || self->listenerGeneration != generation) return;
     if (ec == asio::error::operation_aborted) return;
-    if (ec) {
-      // Out of descriptors or a peer that vanished mid-handshake: try again shortly rather
-      // than spin on an error that will repeat at once.
-      self->acceptRetry = self->queue.after(Seconds{0.05}, [weak, generation] {
-        auto again = weak.lock();
-        if (again && again->listener && again->listenerGeneration == generation) again->accept();
-      });
-      return;
-    }
-    self->admit(std::move(socket), self->acceptPeer);
-    self->accept();
+    self->acceptPending();
   });
 }
 
-void MCPHTTPTransport::Impl::admit(tcp::socket socket, const tcp::endpoint& peer) {
-  std::error_code ec;
-  if (!peer.address().is_loopback()) {
-    socket.close(ec);
+void MCPHTTPTransport::Impl::acceptPending() {
+  // The reactor reports readiness on edges only, so the backlog is emptied before waiting again.
+  while (listener) {
+    const int fd =
+        ::accept4(listener->native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (fd >= 0) {
+      admit(fd);
+      continue;
+    }
+    const int error = errno;
+    if (error == EINTR || error == ECONNABORTED) continue;
+    if (error == EAGAIN || error == EWOULDBLOCK) {
+      waitForPeers();
+      return;
+    }
+    // Out of descriptors or memory: the peer stays in the backlog. Try again shortly rather
+    // than spin on an error that will repeat at once.
+    std::weak_ptr<Impl> weak = weak_from_this();
+    const auto generation = listenerGeneration;
+    acceptRetry = queue.after(Seconds{0.05}, [weak, generation] {
+      auto again = weak.lock();
+      if (again && again->listener && again->listenerGeneration == generation) {
+        again->acceptPending();
+      }
+    });
     return;
   }
-  if (connections.size() >= kMaxConnections) {
-    log->error("MCP: connection cap ({}) reached — rejecting new peer", kMaxConnections);
-    socket.close(ec);
-    return;
-  }
-  auto conn = std::make_shared<Connection>(std::move(socket), queue.context());
-  conn->id = nextConnectionID++;
-  connections.insert(conn->id);
-  connectionByID.emplace(conn->id, conn);
+}
 
-  std::weak_ptr<Impl> weak = weak_from_this();
-  deadlineByID.insert(conn->id);
-  conn->deadline.expires_after(
-      std::chrono::duration_cast<std::chrono::steady_clock::duration>(options.requestDeadline));
-  conn->deadline.async_wait([weak, id = conn->id](std::error_code waitError) {
-    auto self = weak.lock();
-    if (waitError || !self || !self->deadlineByID.count(id)) return;
-    self->log->warn("MCP: connection idle past {}s without a complete request — cancelling",
-                    self->options.requestDeadline.count());
-    self->cancelConnection(id);
-  });
-  // Clients send at once, so the request is often there already: try before waiting.
+void MCPHTTPTransport::Impl::admit(int fd) {
+  // The listener is bound to 127.0.0.1, so every peer is local.
+  if (connectionByID.size() >= kMaxConnections) {
+    log->error("MCP: connection cap ({}) reached — rejecting new peer", kMaxConnections);
+    ::close(fd);
+    return;
+  }
+  auto conn = std::make_shared<Connection>();
+  conn->id = nextConnectionID++;
+  conn->fd = fd;
+  conn->deadline =
+      std::chrono::steady_clock::now() +
+      std::chrono::duration_cast<std::chrono::steady_clock::duration>(options.requestDeadline);
+  connectionByID.emplace(conn->id, conn);
   onReadable(conn);
 }
 
-void MCPHTTPTransport::Impl::disarmDeadline(Connection& conn) {
-  if (deadlineByID.erase(conn.id) != 0) conn.deadline.cancel();
+MCPHTTPTransport::Impl::Connection& MCPHTTPTransport::Impl::registered(Connection& conn) {
+  if (!conn.waiter) {
+    tcp::socket socket(queue.context());
+    std::error_code ec;
+    socket.assign(tcp::v4(), conn.fd, ec);
+    if (ec) {
+      // The reactor cannot take it; a socket without a waiter is closed by cancelConnection.
+      return conn;
+    }
+    conn.waiter.emplace(std::move(socket));
+  }
+  return conn;
 }
 
-void MCPHTTPTransport::Impl::read(const std::shared_ptr<Connection>& conn) {
+void MCPHTTPTransport::Impl::waitUntil(const std::shared_ptr<Connection>& conn,
+                                       tcp::socket::wait_type what) {
+  if (!registered(*conn).waiter) {
+    cancelConnection(conn->id);
+    return;
+  }
+  if (what == tcp::socket::wait_read && conn->awaitingRequest) armSweep(conn->deadline);
   std::weak_ptr<Impl> weak = weak_from_this();
-  conn->socket.async_wait(tcp::socket::wait_read, [weak, conn](std::error_code ec) {
+  conn->waiter->async_wait(what, [weak, conn, what](std::error_code ec) {
     auto self = weak.lock();
     if (!self || !self->connectionByID.count(conn->id)) return;
     if (ec) {
       self->cancelConnection(conn->id);
-      return;
+    } else if (what == tcp::socket::wait_read) {
+      self->onReadable(conn);
+    } else {
+      self->writeRest(conn);
     }
-    self->onReadable(conn);
   });
 }
 
 void MCPHTTPTransport::Impl::onReadable(const std::shared_ptr<Connection>& conn) {
-  // Non-blocking per call, so the socket itself never needs switching to non-blocking mode.
   ssize_t n;
   do {
-    n = ::recv(conn->socket.native_handle(), scratch.data(), scratch.size(), MSG_DONTWAIT);
+    n = ::recv(conn->fd, scratch.data(), scratch.size(), 0);
   } while (n < 0 && errno == EINTR);
   if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-    read(conn);
+    waitUntil(conn, tcp::socket::wait_read);
     return;
   }
   if (n < 0) {
@@ -414,7 +457,7 @@ void MCPHTTPTransport::Impl::onReadable(const std::shared_ptr<Connection>& conn)
       if (ended) {
         cancelConnection(conn->id);
       } else {
-        read(conn);
+        waitUntil(conn, tcp::socket::wait_read);
       }
       return;
     case MCPParseResult::Kind::badRequest:
@@ -428,7 +471,7 @@ void MCPHTTPTransport::Impl::onReadable(const std::shared_ptr<Connection>& conn)
       return;
     case MCPParseResult::Kind::request:
       // Past this point nothing limits how long a tool may take.
-      disarmDeadline(*conn);
+      conn->awaitingRequest = false;
       std::string().swap(conn->buffer);
       dispatch(conn, std::move(*result.request));
       return;
@@ -463,11 +506,12 @@ void MCPHTTPTransport::Impl::dispatch(const std::shared_ptr<Connection>& conn,
     return;
   }
   std::weak_ptr<Impl> weak = weak_from_this();
-  SerialQueue* home = &queue;
   const auto id = conn->id;
-  route(std::move(*decoded), [weak, home, id](std::optional<JSONRPCResponse> response) {
-    home->async([weak, id, response = std::move(response)] {
-      if (auto self = weak.lock()) self->finishRoute(id, response);
+  route(std::move(*decoded), [weak, id](std::optional<JSONRPCResponse> response) {
+    auto self = weak.lock();
+    if (!self) return;
+    self->replies.post([weak, id, response = std::move(response)] {
+      if (auto impl = weak.lock()) impl->finishRoute(id, response);
     });
   });
 }
@@ -490,6 +534,7 @@ void MCPHTTPTransport::Impl::answer(std::uint64_t id, std::string_view status,
   auto it = connectionByID.find(id);
   if (it == connectionByID.end()) return;
   const auto& conn = it->second;
+  conn->awaitingRequest = false;
   conn->outgoing = statusHead(status, headers, body.size());
   conn->outgoing.append(body);
   conn->sent = 0;
@@ -500,23 +545,14 @@ void MCPHTTPTransport::Impl::writeRest(const std::shared_ptr<Connection>& conn) 
   // An answer is small next to the socket's send buffer, so it nearly always goes out in one
   // call; a slow reader gets the rest when its socket can take it.
   while (conn->sent < conn->outgoing.size()) {
-    const ssize_t n = ::send(conn->socket.native_handle(), conn->outgoing.data() + conn->sent,
-                             conn->outgoing.size() - conn->sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    const ssize_t n = ::send(conn->fd, conn->outgoing.data() + conn->sent,
+                             conn->outgoing.size() - conn->sent, MSG_NOSIGNAL);
     if (n > 0) {
       conn->sent += static_cast<std::size_t>(n);
     } else if (n < 0 && errno == EINTR) {
       continue;
     } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      std::weak_ptr<Impl> weak = weak_from_this();
-      conn->socket.async_wait(tcp::socket::wait_write, [weak, conn](std::error_code ec) {
-        auto self = weak.lock();
-        if (!self || !self->connectionByID.count(conn->id)) return;
-        if (ec) {
-          self->cancelConnection(conn->id);
-        } else {
-          self->writeRest(conn);
-        }
-      });
+      waitUntil(conn, tcp::socket::wait_write);
       return;
     } else {
       break;  // the peer is gone; nothing more to say
@@ -525,24 +561,59 @@ void MCPHTTPTransport::Impl::writeRest(const std::shared_ptr<Connection>& conn) 
   cancelConnection(conn->id);
 }
 
+void MCPHTTPTransport::Impl::armSweep(SteadyTime at) {
+  if (sweepAt && *sweepAt <= at) return;
+  sweepAt = at;
+  sweep.expires_at(at);
+  std::weak_ptr<Impl> weak = weak_from_this();
+  sweep.async_wait([weak](std::error_code ec) {
+    auto self = weak.lock();
+    if (ec || !self) return;
+    self->sweepAt.reset();
+    self->sweepDeadlines();
+  });
+}
+
+void MCPHTTPTransport::Impl::sweepDeadlines() {
+  const auto now = std::chrono::steady_clock::now();
+  std::vector<std::uint64_t> expired;
+  std::optional<SteadyTime> next;
+  for (const auto& [id, conn] : connectionByID) {
+    if (!conn->awaitingRequest || !conn->waiter) continue;
+    if (conn->deadline <= now) {
+      expired.push_back(id);
+    } else if (!next || conn->deadline < *next) {
+      next = conn->deadline;
+    }
+  }
+  for (auto id : expired) {
+    log->warn("MCP: connection idle past {}s without a complete request — cancelling",
+              options.requestDeadline.count());
+    cancelConnection(id);
+  }
+  if (next) armSweep(*next);
+}
+
 void MCPHTTPTransport::Impl::cancelConnection(std::uint64_t id) {
-  connections.erase(id);
   auto it = connectionByID.find(id);
   if (it == connectionByID.end()) return;
   auto conn = std::move(it->second);
   connectionByID.erase(it);
-  disarmDeadline(*conn);
   // Closing with unread bytes in the receive queue makes the kernel send a reset, which can
   // destroy the answer before the peer reads it (a pipelined second request, say). Discard
   // what has arrived first so that the close is an orderly one.
   for (std::size_t drained = 0; drained <= kMaxBufferedBytes;) {
-    const ssize_t n =
-        ::recv(conn->socket.native_handle(), scratch.data(), scratch.size(), MSG_DONTWAIT);
+    const ssize_t n = ::recv(conn->fd, scratch.data(), scratch.size(), MSG_DONTWAIT);
     if (n <= 0) break;
     drained += static_cast<std::size_t>(n);
   }
-  std::error_code ec;
-  conn->socket.close(ec);
+  if (conn->waiter) {
+    std::error_code ec;
+    conn->waiter->close(ec);  // also cancels a wait in flight
+  } else {
+    ::close(conn->fd);
+  }
+  conn->fd = -1;
 }
 
 void MCPHTTPTransport::Impl::teardown() {
@@ -556,7 +627,8 @@ void MCPHTTPTransport::Impl::teardown() {
   ids.reserve(connectionByID.size());
   for (const auto& [id, conn] : connectionByID) ids.push_back(id);
   for (auto id : ids) cancelConnection(id);
-  connections.clear();
+  sweep.cancel();
+  sweepAt.reset();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -607,7 +679,7 @@ std::optional<std::error_code> MCPHTTPTransport::lastStartError() const {
 
 std::size_t MCPHTTPTransport::connectionCount() const {
   auto impl = impl_;
-  return onQueue([impl] { return impl->connections.size(); });
+  return onQueue([impl] { return impl->connectionByID.size(); });
 }
 
 void MCPHTTPTransport::setRequiredToken(std::optional<std::string> token) {

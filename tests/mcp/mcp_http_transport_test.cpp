@@ -280,6 +280,34 @@ TEST_F(MCPHTTPTransportTest, TheDeadlineCoversTheWholeRequestButNotTheAnswer) {
   EXPECT_NE(late.body().find("late"), std::string::npos);
 }
 
+TEST_F(MCPHTTPTransportTest, OneTimerServesTheDeadlinesOfEveryWaitingConnection) {
+  LogCapture log;
+  const std::string idleLine =
+      "MCP: connection idle past 0.3s without a complete request — cancelling";
+  const auto port = startTransport(kToken, MCPHTTPTransportOptions{Seconds{0.3}});
+
+  RawClient first(port);
+  ASSERT_TRUE(first.send("POST /mcp HTTP/1.1\r\n"));
+  // Waits for its second piece like `first`, but completes in time and is answered.
+  RawClient prompt(port);
+  const auto whole = post(kPing, kAuth);
+  ASSERT_TRUE(prompt.send(whole.substr(0, 10)));
+  ASSERT_TRUE(eventually([&] { return transport_->connectionCount() == 2; }));
+  ASSERT_TRUE(prompt.send(whole.substr(10)));
+  EXPECT_EQ(prompt.readAll().status(), "200 OK");
+
+  EXPECT_TRUE(first.readAll().closed);
+  EXPECT_EQ(log.count(idleLine), 1u);
+  // Nothing was waiting once `first` went; a connection arriving now must arm the timer anew.
+  RawClient later(port);
+  ASSERT_TRUE(later.send("POST /mcp HTTP/1.1\r\n"));
+  auto cut = later.readAll(std::chrono::seconds(5));
+  EXPECT_TRUE(cut.closed);
+  EXPECT_EQ(cut.bytes, "");
+  EXPECT_EQ(log.count(idleLine), 2u);
+  EXPECT_EQ(transport_->connectionCount(), 0u);
+}
+
 TEST_F(MCPHTTPTransportTest, ATakenPortFallsBackToOneTheSystemGives) {
   LogCapture log;
   asio::io_context io;
