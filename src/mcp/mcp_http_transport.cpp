@@ -1,5 +1,7 @@
 #include "mcp/mcp_http_transport.hpp"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -66,6 +68,18 @@ std::string statusHead(std::string_view status,
   out.append("Content-Length: ").append(std::to_string(bodySize)).append("\r\n");
   out.append("Connection: close\r\n\r\n");
   return out;
+}
+
+bool isLoopbackPeer(const sockaddr_storage& peer) {
+  if (peer.ss_family == AF_INET) {
+    const auto& v4 = reinterpret_cast<const sockaddr_in&>(peer);
+    return (ntohl(v4.sin_addr.s_addr) >> 24) == 127;
+  }
+  if (peer.ss_family == AF_INET6) {
+    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(peer);
+    return IN6_IS_ADDR_LOOPBACK(&v6.sin6_addr) != 0;
+  }
+  return false;
 }
 
 }  // namespace
@@ -262,7 +276,7 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   void listenerReady();
   void waitForPeers();
   void acceptPending();
-  void admit(int fd);
+  void admit(int fd, const sockaddr_storage& peer);
   Connection& registered(Connection& conn);
   void waitUntil(const std::shared_ptr<Connection>& conn, tcp::socket::wait_type what);
   void onReadable(const std::shared_ptr<Connection>& conn);
@@ -354,10 +368,12 @@ void MCPHTTPTransport::Impl::waitForPeers() {
 void MCPHTTPTransport::Impl::acceptPending() {
   // The reactor reports readiness on edges only, so the backlog is emptied before waiting again.
   while (listener) {
-    const int fd =
-        ::accept4(listener->native_handle(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    sockaddr_storage peer{};
+    socklen_t peerLength = sizeof peer;
+    const int fd = ::accept4(listener->native_handle(), reinterpret_cast<sockaddr*>(&peer),
+                             &peerLength, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd >= 0) {
-      admit(fd);
+      admit(fd, peer);
       continue;
     }
     const int error = errno;
@@ -380,8 +396,13 @@ void MCPHTTPTransport::Impl::acceptPending() {
   }
 }
 
-void MCPHTTPTransport::Impl::admit(int fd) {
-  // The listener is bound to 127.0.0.1, so every peer is local.
+void MCPHTTPTransport::Impl::admit(int fd, const sockaddr_storage& peer) {
+  // Bound to 127.0.0.1, the listener should see nothing else; a local process could still
+  // connect from another of the machine's addresses, and that is refused without a word.
+  if (!isLoopbackPeer(peer)) {
+    ::close(fd);
+    return;
+  }
   if (connectionByID.size() >= kMaxConnections) {
     log->error("MCP: connection cap ({}) reached — rejecting new peer", kMaxConnections);
     ::close(fd);

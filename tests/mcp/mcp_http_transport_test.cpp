@@ -3,6 +3,7 @@
 #include "mcp/mcp_http_transport.hpp"
 
 #include <gtest/gtest.h>
+#include <ifaddrs.h>
 
 #include <asio/ip/tcp.hpp>
 #include <cmath>
@@ -214,6 +215,33 @@ TEST_F(MCPHTTPTransportTest, AStreamEndedBeforeTheRequestIsClosedWithoutAnAnswer
   EXPECT_TRUE(a.closed);
   EXPECT_EQ(a.bytes, "");
   EXPECT_EQ(routedCount(), 0);
+}
+
+TEST_F(MCPHTTPTransportTest, APeerFromANonLoopbackAddressIsClosedSilently) {
+  // A local process can reach 127.0.0.1 from the machine's other addresses.
+  std::optional<in_addr> external;
+  ifaddrs* list = nullptr;
+  if (::getifaddrs(&list) == 0) {
+    for (auto* i = list; i != nullptr && !external; i = i->ifa_next) {
+      if (i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_INET) continue;
+      const auto address = reinterpret_cast<const sockaddr_in*>(i->ifa_addr)->sin_addr;
+      if ((ntohl(address.s_addr) >> 24) != 127) external = address;
+    }
+    ::freeifaddrs(list);
+  }
+  if (!external) GTEST_SKIP() << "this machine has no IPv4 address besides loopback";
+
+  LogCapture log;
+  const auto port = startTransport();
+  RawClient stranger(port, external);
+  ASSERT_TRUE(stranger.connected());
+  stranger.send(post(kPing, kAuth));
+  auto a = stranger.readAll();
+  EXPECT_TRUE(a.closed);
+  EXPECT_EQ(a.bytes, "");
+  EXPECT_EQ(routedCount(), 0);
+  // Nothing logged but the listener coming up.
+  EXPECT_EQ(log.messages("mcp").size(), 1u);
 }
 
 TEST_F(MCPHTTPTransportTest, TheThirtyThirdConnectionIsClosedWithoutAnAnswer) {

@@ -137,8 +137,15 @@ struct RawAnswer {
 // A client that sends exactly the bytes it is given.
 class RawClient {
  public:
-  explicit RawClient(std::uint16_t port) {
+  // `from`, when given, is the local address the connection comes from.
+  explicit RawClient(std::uint16_t port, std::optional<in_addr> from = std::nullopt) {
     fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (from) {
+      sockaddr_in local{};
+      local.sin_family = AF_INET;
+      local.sin_addr = *from;
+      ::bind(fd_, reinterpret_cast<const sockaddr*>(&local), sizeof local);
+    }
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(port);
