@@ -15,14 +15,13 @@ namespace quorel {
 void PrintTo(const PowerSnapshot& s, std::ostream* os) {
   auto opt = [](const auto& v) { return v ? fmt::format("{}", *v) : std::string("none"); };
   *os << fmt::format(
-      "{{V={}mV I={}mA avgI={}mA cap={}/{}/{} nominal={} design={} cycles={} temp={}cC "
-      "charging={} external={} full={} installed={} remaining={} avgEmpty={} adapter={}W {}mA "
-      "{}mV serial={} percent={}}}",
+      "{{V={}mV I={}mA avgI={}mA cap={}/{}/{}/{}mAh cycles={} temp={}cC charging={} external={} "
+      "full={} installed={} remaining={} avgEmpty={} adapter={}W {}mA {}mV serial={} percent={}}}",
       s.voltage_mV, s.instantAmperage_mA, s.amperage_mA, s.currentCapacity_mAh, s.maxCapacity_mAh,
-      s.designCapacity_mAh, s.nominalCapacity_mAh, s.designCapacity_mAh, s.cycleCount,
-      s.temperature_cC, s.isCharging, s.externalConnected, s.fullyCharged, s.batteryInstalled,
-      opt(s.timeRemaining_min), opt(s.avgTimeToEmpty_min), opt(s.adapterWatts),
-      opt(s.adapterCurrent_mA), opt(s.adapterVoltage_mV), opt(s.batterySerial), opt(s.iopsPercent));
+      s.nominalCapacity_mAh, s.designCapacity_mAh, s.cycleCount, s.temperature_cC, s.isCharging,
+      s.externalConnected, s.fullyCharged, s.batteryInstalled, opt(s.timeRemaining_min),
+      opt(s.avgTimeToEmpty_min), opt(s.adapterWatts), opt(s.adapterCurrent_mA),
+      opt(s.adapterVoltage_mV), opt(s.batterySerial), opt(s.iopsPercent));
 }
 
 namespace {
@@ -70,12 +69,6 @@ TEST_F(LinuxPowerSupplyProviderTest, EnergyPackIsConvertedThroughItsDesignVoltag
   expected.iopsPercent = 74;
   EXPECT_EQ(*reading.snapshot, expected);
 
-  ASSERT_EQ(reading.diagnostics.packs.size(), 1u);
-  const auto& pack = reading.diagnostics.packs.front();
-  EXPECT_EQ(pack.capacityConversion, CapacityConversion::viaVoltageMinDesign);
-  EXPECT_EQ(pack.currentSource, CurrentSource::powerNow);
-  EXPECT_TRUE(pack.currentSignCorrected);
-  EXPECT_TRUE(pack.cycleCountKnown);
   EXPECT_THAT(reading.diagnostics.notes(),
               ElementsAre("BAT0 reports energy, not charge — converted through voltage_min_design",
                           "BAT0 reports no current_now — current derived from power_now",
@@ -105,9 +98,6 @@ TEST_F(LinuxPowerSupplyProviderTest, ChargePackOnUsbCReportsTheNegotiatedAdapter
   expected.iopsPercent = 71;
   EXPECT_EQ(*reading.snapshot, expected);
   EXPECT_EQ(reading.diagnostics.adapterSupply, "ucsi-source-psy-USBC000:001");
-  ASSERT_EQ(reading.diagnostics.packs.size(), 1u);
-  EXPECT_EQ(reading.diagnostics.packs[0].capacityConversion, CapacityConversion::reportsCharge);
-  EXPECT_FALSE(reading.diagnostics.packs[0].cycleCountKnown);
   EXPECT_THAT(reading.diagnostics.notes(),
               ElementsAre("BAT0 reports no cycle count — cycles unknown, kept as 0"));
 }
@@ -150,7 +140,6 @@ TEST_F(LinuxPowerSupplyProviderTest, FuelGaugeKeepsItsSignTemperatureAndEstimate
   expected.batterySerial = "0x1c2f";
   expected.iopsPercent = 62;
   EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_FALSE(reading.diagnostics.packs.at(0).currentSignCorrected);
   EXPECT_THAT(reading.diagnostics.notes(), IsEmpty());
 }
 
@@ -225,9 +214,7 @@ TEST_F(LinuxPowerSupplyProviderTest, AttributeFilesServeWhenThereIsNoUevent) {
 TEST_F(LinuxPowerSupplyProviderTest, PluggingInTurnsTheNextReadingIntoCharging) {
   SysfsTree tree("energy-pack");
   LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto before = provider.fetchSnapshot();
-  ASSERT_TRUE(before);
-  EXPECT_EQ(phaseFrom(*before, -7.4, {}), PowerPhase::draining);
+  ASSERT_TRUE(provider.fetchSnapshot());
 
   tree.setProperty("AC", "ONLINE", "1");
   tree.setProperty("BAT0", "STATUS", "Charging");
@@ -239,10 +226,6 @@ TEST_F(LinuxPowerSupplyProviderTest, PluggingInTurnsTheNextReadingIntoCharging) 
   EXPECT_TRUE(after->externalConnected);
   EXPECT_EQ(after->instantAmperage_mA, 1454);  // 24 W at 16.502 V, into the battery
   EXPECT_EQ(after->timestamp, clock.now());
-  double watts =
-      static_cast<double>(after->voltage_mV) * static_cast<double>(after->instantAmperage_mA) / 1e6;
-  EXPECT_GT(watts, 5.0);
-  EXPECT_EQ(phaseFrom(*after, watts, {}), PowerPhase::charging);
 }
 
 TEST_F(LinuxPowerSupplyProviderTest, StatusDecidesTheSignWhicheverWayTheDriverReports) {

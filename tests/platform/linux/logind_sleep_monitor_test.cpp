@@ -4,29 +4,23 @@
 #include "platform/linux/logind_sleep_monitor.hpp"
 
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
+#include <cstring>
 #include <functional>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-// This binary's log capture (the one in support/ has the same name and may not be mixed in).
-#include "platform/linux/sysfs_tree.hpp"
-
-extern char** environ;
+#include "support/log_capture.hpp"
 
 namespace quorel {
 namespace {
@@ -38,72 +32,29 @@ constexpr const char* kLost = "system bus connection lost — sleep and wake wil
 constexpr const char* kMalformed = "PrepareForSleep without a boolean argument — ignored";
 constexpr auto kCrossProcessBound = 10s;
 
-std::optional<std::filesystem::path> findInPath(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  if (!path) return std::nullopt;
-  std::string dirs = path;
-  std::size_t begin = 0;
-  while (begin <= dirs.size()) {
-    const auto end = std::min(dirs.find(':', begin), dirs.size());
-    std::filesystem::path candidate =
-        std::filesystem::path(dirs.substr(begin, end - begin)) / program;
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-    begin = end + 1;
-  }
-  return std::nullopt;
-}
-
 // A dbus-daemon of the test's own, stopped when this goes out of scope.
 class PrivateBus {
  public:
-  // Absent when there is no dbus-daemon to start, with the reason in `why`.
+  // Absent when no dbus-daemon could be started, with the reason in `why`.
   static std::unique_ptr<PrivateBus> launch(std::string& why) {
-    auto daemon = findInPath("dbus-daemon");
-    if (!daemon) {
-      why = "dbus-daemon is not installed (Debian package dbus)";
+    // The daemon prints its address, then its pid, a line each.
+    FILE* out = ::popen(
+        "exec dbus-daemon --session --nofork --nopidfile --print-address=1 --print-pid=1 "
+        "2>/dev/null",
+        "r");
+    if (out == nullptr) {
+      why = "popen() failed";
       return nullptr;
     }
-    int out[2];
-    if (::pipe(out) != 0) {
-      why = "pipe() failed";
+    auto bus = std::unique_ptr<PrivateBus>(new PrivateBus(out));
+    char address[512];
+    char pid[32];
+    if (!std::fgets(address, sizeof address, out) || !std::fgets(pid, sizeof pid, out)) {
+      why = "dbus-daemon did not start (it comes in the Debian package dbus)";
       return nullptr;
     }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, out[0]);
-    std::string program = daemon->string();
-    std::vector<std::string> args = {program, "--session", "--print-address", "--nofork",
-                                     "--nopidfile"};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    if (rc != 0) {
-      ::close(out[0]);
-      why = "could not start dbus-daemon";
-      return nullptr;
-    }
-    auto bus = std::unique_ptr<PrivateBus>(new PrivateBus(pid));
-    std::string line;
-    const auto deadline = std::chrono::steady_clock::now() + kCrossProcessBound;
-    while (line.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-      pollfd p{out[0], POLLIN, 0};
-      if (::poll(&p, 1, 100) <= 0) continue;
-      char buffer[256];
-      const ssize_t n = ::read(out[0], buffer, sizeof buffer);
-      if (n <= 0) break;
-      line.append(buffer, static_cast<std::size_t>(n));
-    }
-    ::close(out[0]);
-    if (line.find('\n') == std::string::npos) {
-      why = "dbus-daemon printed no address";
-      return nullptr;
-    }
-    bus->address_ = line.substr(0, line.find('\n'));
+    bus->address_.assign(address, std::strcspn(address, "\n"));
+    bus->pid_ = static_cast<pid_t>(std::atol(pid));
     return bus;
   }
 
@@ -114,16 +65,16 @@ class PrivateBus {
   const std::string& address() const { return address_; }
 
   void kill() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGTERM);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-    pid_ = -1;
+    if (out_ == nullptr) return;
+    if (pid_ > 0) ::kill(pid_, SIGTERM);
+    ::pclose(out_);
+    out_ = nullptr;
   }
 
  private:
-  explicit PrivateBus(pid_t pid) : pid_(pid) {}
-  pid_t pid_;
+  explicit PrivateBus(FILE* out) : out_(out) {}
+  FILE* out_;
+  pid_t pid_ = 0;
   std::string address_;
 };
 
@@ -145,18 +96,15 @@ class Peer {
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
 
-  void prepareForSleep(bool sleeping) {
+  // PrepareForSleep with one argument of D-Bus type `signature`; logind sends a boolean.
+  template <class Argument>
+  void emit(const char* signature, Argument argument) {
     ASSERT_GE(sd_bus_emit_signal(bus_, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
-                                 "PrepareForSleep", "b", static_cast<int>(sleeping)),
+                                 "PrepareForSleep", signature, argument),
               0);
     ASSERT_GE(sd_bus_flush(bus_), 0);
   }
-  void prepareForSleepWithText(const char* text) {
-    ASSERT_GE(sd_bus_emit_signal(bus_, "/org/freedesktop/login1", "org.freedesktop.login1.Manager",
-                                 "PrepareForSleep", "s", text),
-              0);
-    ASSERT_GE(sd_bus_flush(bus_), 0);
-  }
+  void prepareForSleep(bool sleeping) { emit("b", static_cast<int>(sleeping)); }
   // Returns once the daemon has answered a call sent after everything before it, so all this
   // peer sent earlier has been routed.
   void roundTrip() {
@@ -262,7 +210,7 @@ TEST_F(LogindSleepMonitorTest, HeedsOnlyWellFormedSignalsFromLogind) {
   impostor.prepareForSleep(true);
   impostor.roundTrip();
   Peer logind(bus_->address(), "org.freedesktop.login1");
-  logind.prepareForSleepWithText("yes");
+  logind.emit("s", "yes");
   logind.prepareForSleep(false);
 
   // The good signal comes last from its sender and the impostor's was routed before it, so
@@ -329,33 +277,26 @@ TEST_F(LogindSleepMonitorTest, ABusThatGoesAwayIsReportedOnceAndStopStillWorks) 
 }
 
 TEST(LogindSleepMonitorWithoutBus, StartFailsWithOneWarningAndTheAgentGoesOn) {
-  testing::LogCapture logs;
-  SerialQueue main("test.main");
-  Recorder recorder;
-  LogindSleepMonitor monitor(main, "unix:path=/nonexistent/quorel-test/bus_socket");
-  EXPECT_FALSE(monitor.start(recorder.handlers(main)));
-  EXPECT_FALSE(monitor.start(recorder.handlers(main)));
-  monitor.stop();
+  for (const std::string address :
+       {"unix:path=/nonexistent/quorel-test/bus_socket", "not a bus address"}) {
+    SCOPED_TRACE(address);
+    testing::LogCapture logs;
+    SerialQueue main("test.main");
+    Recorder recorder;
+    LogindSleepMonitor monitor(main, address);
+    EXPECT_FALSE(monitor.start(recorder.handlers(main)));
+    EXPECT_FALSE(monitor.start(recorder.handlers(main)));
+    monitor.stop();
 
-  // One warning; whatever else was said is detail for a debug log.
-  EXPECT_EQ(countLines(logs, kUnavailable), 1u);
-  for (const auto& line : logs.messages("AppDelegate")) {
-    if (line == kUnavailable) continue;
-    EXPECT_EQ(line.rfind("could not connect to unix:path=/nonexistent/quorel-test/bus_socket: ", 0),
-              0u)
-        << line;
+    // One warning; whatever else was said is detail for a debug log.
+    EXPECT_EQ(countLines(logs, kUnavailable), 1u);
+    for (const auto& line : logs.messages("AppDelegate")) {
+      if (line == kUnavailable) continue;
+      EXPECT_EQ(line.rfind("could not connect to " + address + ": ", 0), 0u) << line;
+    }
+    EXPECT_EQ(main.runPending(), 0u);
+    EXPECT_TRUE(recorder.snapshot().empty());
   }
-  EXPECT_EQ(main.runPending(), 0u);
-  EXPECT_TRUE(recorder.snapshot().empty());
-}
-
-TEST(LogindSleepMonitorWithoutBus, AnAddressThatIsNotOneFailsTheSameWay) {
-  testing::LogCapture logs;
-  SerialQueue main("test.main");
-  Recorder recorder;
-  LogindSleepMonitor monitor(main, "not a bus address");
-  EXPECT_FALSE(monitor.start(recorder.handlers(main)));
-  EXPECT_EQ(countLines(logs, kUnavailable), 1u);
 }
 
 }  // namespace

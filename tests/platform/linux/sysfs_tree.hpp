@@ -1,9 +1,9 @@
 #pragma once
 // A scratch sysfs tree in a temporary directory, for tests that change files between reads.
 
+#include <cctype>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -48,6 +48,11 @@ class SysfsTree {
     std::ofstream(path, std::ios::trunc) << content;
   }
 
+  static std::string lowerCase(std::string key) {
+    for (auto& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return key;
+  }
+
   // Writes a supply as the kernel shows it: a uevent with every property and one attribute
   // file per property. `properties` are "KEY=value" with the kernel's upper-case keys.
   void writeSupply(const std::string& name, const std::vector<std::string>& properties) const {
@@ -57,8 +62,7 @@ class SysfsTree {
       std::string key = p.substr(0, eq);
       std::string value = p.substr(eq + 1);
       uevent += "POWER_SUPPLY_" + key + "=" + value + "\n";
-      for (auto& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-      write(std::filesystem::path("class/power_supply") / name / key, value + "\n");
+      write(std::filesystem::path("class/power_supply") / name / lowerCase(key), value + "\n");
     }
     write(std::filesystem::path("class/power_supply") / name / "uevent", uevent);
   }
@@ -82,9 +86,7 @@ class SysfsTree {
     }
     if (!replaced) uevent += prefix + value + "\n";
     write(dir / "uevent", uevent);
-    std::string file = key;
-    for (auto& c : file) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    write(dir / file, value + "\n");
+    write(dir / lowerCase(key), value + "\n");
   }
 
   // Even root cannot read a file that has become a directory, so this stands in for a file
@@ -102,7 +104,5 @@ class SysfsTree {
  private:
   std::filesystem::path root_;
 };
-
-// Collects what one log category writes, as "[Category] message" lines.
 
 }  // namespace quorel::testing
