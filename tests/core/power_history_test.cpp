@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <string>
@@ -23,66 +24,35 @@ void fill(PowerHistory& h, int n) {
   for (int i = 0; i < n; ++i) h.append(i, at(30.0 * i));
 }
 
-TEST(PowerHistoryTest, LastReturnsNewestOldestFirst) {
-  PowerHistory h;
-  EXPECT_EQ(h.capacity(), 600u);
-  EXPECT_TRUE(h.last(5).empty());
-
-  fill(h, 3);
-  EXPECT_EQ(h.last(20), (std::vector<double>{0, 1, 2}));
-  EXPECT_EQ(h.last(2), (std::vector<double>{1, 2}));
-  EXPECT_EQ(h.last(1), (std::vector<double>{2}));
-  EXPECT_TRUE(h.last(0).empty());
-  EXPECT_TRUE(h.last(-3).empty());
-}
-
-TEST(PowerHistoryTest, WrappedRingKeepsCapacityAndReadsAcrossTheSeam) {
-  PowerHistory h;
-  fill(h, 605);
-  EXPECT_EQ(h.count(), 600u);
-  EXPECT_EQ(h.writeIndex(), 5u);
-
-  // The newest ten straddle the end of the buffer: five before the seam, five after.
-  std::vector<double> expected;
-  for (int v = 595; v < 605; ++v) expected.push_back(v);
-  EXPECT_EQ(h.last(10), expected);
-
-  const auto all = h.last(10'000);
-  ASSERT_EQ(all.size(), 600u);
-  EXPECT_EQ(all.front(), 5);
-  EXPECT_EQ(all.back(), 604);
-  for (std::size_t i = 1; i < all.size(); ++i) ASSERT_EQ(all[i], all[i - 1] + 1) << i;
-}
-
-TEST(PowerHistoryTest, RingFilledExactlyToCapacityStartsAtSlotZero) {
-  PowerHistory h(4);
-  fill(h, 4);
-  EXPECT_EQ(h.writeIndex(), 0u);
-  EXPECT_EQ(h.last(4), (std::vector<double>{0, 1, 2, 3}));
+// first, first + 1, ... end - 1.
+std::vector<double> range(int first, int end) {
   std::vector<double> values;
-  std::vector<TimePoint> stamps;
-  h.fillSamples(values, stamps);
-  EXPECT_EQ(values, (std::vector<double>{0, 1, 2, 3}));
+  for (int v = first; v < end; ++v) values.push_back(v);
+  return values;
 }
 
-TEST(PowerHistoryTest, FillSamplesPairsValuesWithTheirTimesInOrder) {
-  PowerHistory h(5);
-  std::vector<double> values;
-  std::vector<TimePoint> stamps;
-  h.fillSamples(values, stamps);
-  EXPECT_TRUE(values.empty());
-  EXPECT_TRUE(stamps.empty());
+TEST(PowerHistoryTest, RingReadsNewestOldestFirstAcrossTheSeam) {
+  EXPECT_EQ(PowerHistory().capacity(), 600u);
+  // A ring of four left empty, filled short of, exactly to, just past and far past capacity.
+  for (int n : {0, 3, 4, 5, 11}) {
+    SCOPED_TRACE(testing::Message() << n << " appended");
+    PowerHistory h(4);
+    fill(h, n);
+    const int first = std::max(0, n - 4);
+    EXPECT_EQ(h.count(), static_cast<std::size_t>(n - first));
+    EXPECT_EQ(h.writeIndex(), static_cast<std::size_t>(n % 4));
+    EXPECT_EQ(h.last(100), range(first, n));
+    EXPECT_EQ(h.last(2), range(std::max(first, n - 2), n));
+    EXPECT_TRUE(h.last(0).empty());
+    EXPECT_TRUE(h.last(-3).empty());
 
-  fill(h, 3);
-  h.fillSamples(values, stamps);
-  EXPECT_EQ(values, (std::vector<double>{0, 1, 2}));
-  EXPECT_EQ(stamps, (std::vector<TimePoint>{at(0), at(30), at(60)}));
-
-  for (int i = 3; i < 12; ++i) h.append(i, at(30.0 * i));  // wraps: holds 7..11
-  h.fillSamples(values, stamps);
-  EXPECT_EQ(values, (std::vector<double>{7, 8, 9, 10, 11}));
-  ASSERT_EQ(stamps.size(), 5u);
-  for (std::size_t i = 0; i < 5; ++i) EXPECT_EQ(stamps[i], at(30.0 * values[i]));
+    std::vector<double> values{-1};
+    std::vector<TimePoint> stamps;
+    h.fillSamples(values, stamps);
+    EXPECT_EQ(values, range(first, n));
+    ASSERT_EQ(stamps.size(), values.size());
+    for (std::size_t i = 0; i < values.size(); ++i) EXPECT_EQ(stamps[i], at(30.0 * values[i]));
+  }
 }
 
 TEST(PowerHistoryTest, FillSamplesReplacesOldContentAndReusesStorage) {

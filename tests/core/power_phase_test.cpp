@@ -8,18 +8,6 @@
 namespace quorel {
 namespace {
 
-// A machine on external power, not charging, not full: the state in which the hold rules decide.
-PowerSnapshot pluggedIdle() {
-  PowerSnapshot s;
-  s.batteryInstalled = true;
-  s.externalConnected = true;
-  return s;
-}
-
-PowerPhaseDetectionContext awakeFor(double seconds, ThermalState t = ThermalState::nominal) {
-  return PowerPhaseDetectionContext{t, seconds};
-}
-
 TEST(PowerPhaseTest, LabelsAndNamesFollowTheCaseOrder) {
   const char* labels[] = {"On Battery", "Charging",     "Plugged In",   "Fully Charged",
                           "On Hold",    "Charge Limit", "Thermal Hold", "Supplementing",
@@ -34,88 +22,76 @@ TEST(PowerPhaseTest, LabelsAndNamesFollowTheCaseOrder) {
   }
 }
 
-TEST(PowerPhaseTest, NoBatteryAndUnpluggedDecideBeforeAnythingElse) {
-  PowerSnapshot s = pluggedIdle();
-  s.batteryInstalled = false;
-  s.isCharging = true;
-  s.fullyCharged = true;
-  EXPECT_EQ(phaseFrom(s, 40, awakeFor(100)), PowerPhase::noBattery);
-
-  s.batteryInstalled = true;
-  s.externalConnected = false;
-  // Flags a confused gauge might still report must not make an unplugged machine "charging".
-  EXPECT_EQ(phaseFrom(s, 40, awakeFor(100)), PowerPhase::draining);
-  EXPECT_EQ(phaseFrom(s, -12, awakeFor(1)), PowerPhase::draining);
-}
-
-TEST(PowerPhaseTest, FullPackDrawnOnRightAfterWakeIsABootSurge) {
-  PowerSnapshot s = pluggedIdle();
-  s.fullyCharged = true;
-  EXPECT_EQ(phaseFrom(s, -3, awakeFor(10)), PowerPhase::bootSurge);
-  EXPECT_EQ(phaseFrom(s, -3, awakeFor(20)), PowerPhase::full);
-  // Both thresholds are strict.
-  EXPECT_EQ(phaseFrom(s, -3, awakeFor(15)), PowerPhase::full);
-  EXPECT_EQ(phaseFrom(s, -0.5, awakeFor(1)), PowerPhase::full);
-  EXPECT_EQ(phaseFrom(s, -0.51, awakeFor(14.9)), PowerPhase::bootSurge);
-  // The full flag outranks the charging branch: a full pack reporting "charging" is full.
-  s.isCharging = true;
-  EXPECT_EQ(phaseFrom(s, 20, awakeFor(100)), PowerPhase::full);
-}
-
-TEST(PowerPhaseTest, ChargingBranchSplitsByWattage) {
-  PowerSnapshot s = pluggedIdle();
-  s.isCharging = true;
-  EXPECT_EQ(phaseFrom(s, -1, awakeFor(100)), PowerPhase::supplementing);
-  EXPECT_EQ(phaseFrom(s, -0.5, awakeFor(100)), PowerPhase::trickleCharge);
-  EXPECT_EQ(phaseFrom(s, 2, awakeFor(100)), PowerPhase::trickleCharge);
-  EXPECT_EQ(phaseFrom(s, 4.99, awakeFor(100)), PowerPhase::trickleCharge);
-  EXPECT_EQ(phaseFrom(s, 5.0, awakeFor(100)), PowerPhase::charging);
-  EXPECT_EQ(phaseFrom(s, 40, awakeFor(100)), PowerPhase::charging);
-}
-
-TEST(PowerPhaseTest, EnergyFlowingInIsChargingWhateverTheFlagSays) {
-  PowerSnapshot s = pluggedIdle();
-  EXPECT_EQ(phaseFrom(s, 6, awakeFor(100)), PowerPhase::charging);
-  EXPECT_EQ(phaseFrom(s, 5.0, awakeFor(100)), PowerPhase::charging);
-  // Even with every hold signal raised: the watts say it is charging.
-  s.notChargingReason = 0x2 | 0x1;
-  EXPECT_EQ(phaseFrom(s, 6, awakeFor(100, ThermalState::critical)), PowerPhase::charging);
-  // Just below the threshold the hold rules take over.
-  EXPECT_EQ(phaseFrom(s, 4.9, awakeFor(100)), PowerPhase::thermalHold);
-}
-
-TEST(PowerPhaseTest, HoldReasonsInPrecedenceOrder) {
-  PowerSnapshot s = pluggedIdle();
-  const auto nominal = awakeFor(100);
-
-  EXPECT_EQ(phaseFrom(s, 0, nominal), PowerPhase::onHold);  // no reason at all
-  s.notChargingReason = 8;  // optimised charging is still a plain hold
-  EXPECT_EQ(phaseFrom(s, 0, nominal), PowerPhase::onHold);
-
-  s.notChargingReason = 0x1;
-  EXPECT_EQ(phaseFrom(s, 0, nominal), PowerPhase::chargeLimitHold);
-  s.notChargingReason = 0x80000000000000;  // the firmware that reports the limit on bit 55
-  EXPECT_EQ(phaseFrom(s, 0, nominal), PowerPhase::chargeLimitHold);
-  s.notChargingReason = 0x8 | 0x80000000000000;
-  EXPECT_EQ(phaseFrom(s, 0, nominal), PowerPhase::chargeLimitHold);
-
-  // Either thermal signal outranks the charge limit.
-  s.notChargingReason = 0x1 | 0x2;
-  EXPECT_EQ(phaseFrom(s, 0, nominal), PowerPhase::thermalHold);
-  s.notChargingReason = 0x1;
-  EXPECT_EQ(phaseFrom(s, 0, awakeFor(100, ThermalState::serious)), PowerPhase::thermalHold);
-  EXPECT_EQ(phaseFrom(s, 0, awakeFor(100, ThermalState::critical)), PowerPhase::thermalHold);
-  // A merely fair thermal state is not a reason to hold.
-  EXPECT_EQ(phaseFrom(s, 0, awakeFor(100, ThermalState::fair)), PowerPhase::chargeLimitHold);
-  s.notChargingReason.reset();
-  EXPECT_EQ(phaseFrom(s, 0, awakeFor(100, ThermalState::fair)), PowerPhase::onHold);
-}
-
-TEST(PowerPhaseTest, HoldWhileTheBatteryFeedsTheSystem) {
-  // Not charging, drawing from the pack on external power: the hold rules still decide, the
-  // supplementing case belongs to the charging branch only.
-  PowerSnapshot s = pluggedIdle();
-  EXPECT_EQ(phaseFrom(s, -4, awakeFor(100)), PowerPhase::onHold);
+TEST(PowerPhaseTest, FirstRuleThatFiresDecides) {
+  using P = PowerPhase;
+  using T = ThermalState;
+  constexpr std::int64_t kLimitBit55 = 0x80000000000000;  // firmware that reports the limit there
+  struct Case {
+    const char* name;
+    PowerPhase expected;
+    double watts;
+    double awake_s = 100;
+    ThermalState thermal = T::nominal;
+    bool charging = false;
+    bool full = false;
+    std::optional<std::int64_t> notChargingReason = {};
+    bool external = true;
+    bool installed = true;
+  };
+  const Case cases[] = {
+      {"no battery outranks every flag",
+       P::noBattery,
+       40,
+       100,
+       T::nominal,
+       true,
+       true,
+       {},
+       true,
+       false},
+      // Flags a confused gauge might still report must not make an unplugged machine charging.
+      {"unplugged, flags raised", P::draining, 40, 100, T::nominal, true, true, {}, false},
+      {"unplugged right after wake", P::draining, -12, 1, T::nominal, true, true, {}, false},
+      {"full, drawn on right after wake", P::bootSurge, -3, 10, T::nominal, false, true},
+      {"full, drawn on later", P::full, -3, 20, T::nominal, false, true},
+      {"full at 15 s awake: strict", P::full, -3, 15, T::nominal, false, true},
+      {"full at -0.5 W: strict", P::full, -0.5, 1, T::nominal, false, true},
+      {"full just inside both thresholds", P::bootSurge, -0.51, 14.9, T::nominal, false, true},
+      {"the full flag outranks charging", P::full, 20, 100, T::nominal, true, true},
+      {"charging flag, drawing", P::supplementing, -1, 100, T::nominal, true},
+      {"charging flag at -0.5 W", P::trickleCharge, -0.5, 100, T::nominal, true},
+      {"charging flag at 2 W", P::trickleCharge, 2, 100, T::nominal, true},
+      {"charging flag at 4.99 W", P::trickleCharge, 4.99, 100, T::nominal, true},
+      {"charging flag at 5 W", P::charging, 5, 100, T::nominal, true},
+      {"charging flag at 40 W", P::charging, 40, 100, T::nominal, true},
+      {"6 W in without the flag", P::charging, 6},
+      {"5 W in without the flag", P::charging, 5},
+      {"6 W in with every hold signal", P::charging, 6, 100, T::critical, false, false, 0x3},
+      {"4.9 W in: the hold rules decide", P::thermalHold, 4.9, 100, T::nominal, false, false, 0x3},
+      {"no reason at all", P::onHold, 0},
+      {"drawing from the pack on the adapter", P::onHold, -4},
+      {"optimised charging is a plain hold", P::onHold, 0, 100, T::nominal, false, false, 0x8},
+      {"charge limit", P::chargeLimitHold, 0, 100, T::nominal, false, false, 0x1},
+      {"charge limit on bit 55", P::chargeLimitHold, 0, 100, T::nominal, false, false, kLimitBit55},
+      {"bit 55 beside optimised charging", P::chargeLimitHold, 0, 100, T::nominal, false, false,
+       0x8 | kLimitBit55},
+      {"the thermal bit outranks the limit", P::thermalHold, 0, 100, T::nominal, false, false,
+       0x1 | 0x2},
+      {"serious outranks the limit", P::thermalHold, 0, 100, T::serious, false, false, 0x1},
+      {"critical outranks the limit", P::thermalHold, 0, 100, T::critical, false, false, 0x1},
+      {"fair is no reason to hold", P::chargeLimitHold, 0, 100, T::fair, false, false, 0x1},
+      {"fair without a reason", P::onHold, 0, 100, T::fair},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    PowerSnapshot s;
+    s.batteryInstalled = c.installed;
+    s.externalConnected = c.external;
+    s.isCharging = c.charging;
+    s.fullyCharged = c.full;
+    s.notChargingReason = c.notChargingReason;
+    EXPECT_EQ(phaseFrom(s, c.watts, PowerPhaseDetectionContext{c.thermal, c.awake_s}), c.expected);
+  }
 }
 
 TEST(PowerSessionModeTest, ClassifiesEveryPhase) {
