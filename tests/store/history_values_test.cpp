@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -19,123 +20,82 @@ namespace {
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
-PowerSample measured(double ecpu, double pcpu, double gpu, double ane, double dram) {
-  PowerSample s;
-  s.ecpuW = ecpu;
-  s.pcpuW = pcpu;
-  s.gpuW = gpu;
-  s.aneW = ane;
-  s.dramW = dram;
-  s.componentQuality = HistoricalValueQuality::measured;
-  s.wallEstimateQuality = HistoricalValueQuality::estimated;
-  return s;
-}
-
-bool rejected(const PowerSample& s) {
-  return s.componentQuality == HistoricalValueQuality::rejected && !s.ecpuW && !s.pcpuW &&
-         !s.gpuW && !s.aneW && !s.dramW &&
-         s.componentRejectionReason == "component aggregate failed storage validation";
-}
-
-TEST(QualityCheckedTest, PlausibleComponentsPassUnchanged) {
-  const PowerSample s = measured(1.5, 4, 2, 0, 0.8);
-  EXPECT_EQ(qualityChecked(s), s);
-  PowerSample none;  // no component read at all
-  none.componentQuality = HistoricalValueQuality::unavailable;
-  EXPECT_EQ(qualityChecked(none), none);
-}
-
-TEST(QualityCheckedTest, EachRailHasItsOwnCeilingAndAValueAtTheCeilingPasses) {
+TEST(QualityCheckedTest, ComponentBoundsAndTheWallFloor) {
+  using Q = HistoricalValueQuality;
+  using Rails = std::array<std::optional<double>, 5>;  // E-cores, P-cores, GPU, ANE, DRAM
+  constexpr auto kNone = std::nullopt;
   struct Case {
-    std::optional<double> PowerSample::*field;
-    double limit;
+    const char* name;
+    Rails rails;
+    bool componentsRejected = false;
+    std::optional<double> systemTotal_W = {};
+    std::optional<double> powerIn_W = {};
+    std::optional<double> wall_W = {};
+    Q wallQuality = Q::estimated;
   };
-  for (const Case c :
-       {Case{&PowerSample::ecpuW, 30}, Case{&PowerSample::pcpuW, 60}, Case{&PowerSample::gpuW, 90},
-        Case{&PowerSample::aneW, 20}, Case{&PowerSample::dramW, 35}}) {
-    PowerSample s = measured(0, 0, 0, 0, 0);
-    s.*c.field = c.limit;
-    EXPECT_FALSE(rejected(qualityChecked(s))) << c.limit;
-    s.*c.field = c.limit + 0.01;
-    EXPECT_TRUE(rejected(qualityChecked(s))) << c.limit;
+  const Case cases[] = {
+      {"plausible", {1.5, 4, 2, 0, 0.8}},
+      {"no component read at all", {}},
+      {"E-cores at their ceiling", {30, 0, 0, 0, 0}},
+      {"E-cores above", {30.01, 0, 0, 0, 0}, true},
+      {"P-cores at their ceiling", {0, 60, 0, 0, 0}},
+      {"P-cores above", {0, 60.01, 0, 0, 0}, true},
+      {"GPU at its ceiling", {0, 0, 90, 0, 0}},
+      {"GPU above", {0, 0, 90.01, 0, 0}, true},
+      {"a GPU at 91 W with nothing else read", {kNone, kNone, 91, kNone, kNone}, true},
+      {"ANE at its ceiling", {0, 0, 0, 20, 0}},
+      {"ANE above", {0, 0, 0, 20.01, 0}, true},
+      {"DRAM at its ceiling", {0, 0, 0, 0, 35}},
+      {"DRAM above", {0, 0, 0, 0, 35.01}, true},
+      {"negative", {-0.01, 1, 1, 1, 1}, true},
+      {"only DRAM, negative", {kNone, kNone, kNone, kNone, -1}, true},
+      {"NaN", {1, kNaN, 1, 1, 1}, true},
+      {"infinite", {1, 1, kInf, 1, 1}, true},
+      {"150 W in all", {30, 60, 60, 0, 0}},
+      {"150.5 W in all, every rail within its ceiling", {30, 60, 60.5, 0, 0}, true},
+      // Against a 5 W total 6.75 W is below the 10 W floor, so 10 W is the limit.
+      {"12 W against a 5 W total", {2, 4, 3, 0, 3}, true, 5},
+      {"9 W against a 5 W total", {2, 4, 3, 0, 0}, false, 5},
+      {"27 W against a 20 W total", {10, 17, 0, 0, 0}, false, 20},
+      {"27.5 W against a 20 W total", {10, 17.5, 0, 0, 0}, true, 20},
+      {"a total below 1 W is not believed", {2, 40, 0, 0, 0}, false, 0.5},
+      {"a total of 1 W is", {2, 40, 0, 0, 0}, true, 1.0},
+      {"wall below the adapter input", {1, 1, 1, 0, 1}, false, {}, 30, 20, Q::rejected},
+      {"wall equal to the adapter input", {1, 1, 1, 0, 1}, false, {}, 20, 20},
+      {"wall below the components", {10, 12, 0, 0, 0}, false, {}, {}, 21, Q::rejected},
+      {"wall at the components", {10, 12, 0, 0, 0}, false, {}, {}, 22},
+      {"rejected components still bound the wall", {0, 0, 95, 0, 0}, true, {}, {}, 50, Q::rejected},
+      {"NaN wall", {}, false, {}, {}, kNaN, Q::rejected},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    PowerSample s;
+    s.ecpuW = c.rails[0];
+    s.pcpuW = c.rails[1];
+    s.gpuW = c.rails[2];
+    s.aneW = c.rails[3];
+    s.dramW = c.rails[4];
+    s.componentQuality = Q::measured;
+    s.wallEstimateQuality = Q::estimated;
+    s.systemTotalW = c.systemTotal_W;
+    s.powerInW = c.powerIn_W;
+    s.wallPowerW = c.wall_W;
+    PowerSample out = qualityChecked(s);
+    PowerSample expected = s;
+    if (c.componentsRejected) {
+      expected.ecpuW = expected.pcpuW = expected.gpuW = expected.aneW = expected.dramW = {};
+      expected.componentQuality = Q::rejected;
+      expected.componentRejectionReason = "component aggregate failed storage validation";
+    }
+    // A rejected wall estimate keeps its figure: only the label changes.
+    expected.wallEstimateQuality = c.wallQuality;
+    EXPECT_EQ(out.wallPowerW.has_value(), c.wall_W.has_value());
+    if (c.wall_W && !std::isnan(*c.wall_W)) {
+      EXPECT_EQ(out.wallPowerW, c.wall_W);
+    }
+    out.wallPowerW = expected.wallPowerW = std::nullopt;  // a NaN equals nothing, itself included
+    EXPECT_EQ(out, expected);
   }
-  // The example of a GPU at 91 W with nothing else wrong.
-  PowerSample gpu;
-  gpu.gpuW = 91;
-  gpu.componentQuality = HistoricalValueQuality::measured;
-  EXPECT_TRUE(rejected(qualityChecked(gpu)));
-}
-
-TEST(QualityCheckedTest, NegativeAndNonFiniteComponentsFail) {
-  EXPECT_TRUE(rejected(qualityChecked(measured(-0.01, 1, 1, 1, 1))));
-  EXPECT_TRUE(rejected(qualityChecked(measured(1, kNaN, 1, 1, 1))));
-  EXPECT_TRUE(rejected(qualityChecked(measured(1, 1, kInf, 1, 1))));
-  PowerSample onlyDram;
-  onlyDram.dramW = -1;
-  EXPECT_TRUE(rejected(qualityChecked(onlyDram)));
-}
-
-TEST(QualityCheckedTest, AggregateAbove150FailsEvenWhenEveryRailIsWithinItsCeiling) {
-  EXPECT_FALSE(rejected(qualityChecked(measured(30, 60, 60, 0, 0))));
-  EXPECT_TRUE(rejected(qualityChecked(measured(30, 60, 60.5, 0, 0))));
-}
-
-TEST(QualityCheckedTest, SystemTotalBoundsTheComponents) {
-  // 5 W total: 6.75 is below the 10 W floor, so 10 W is the limit.
-  PowerSample s = measured(2, 4, 3, 0, 3);  // 12 W
-  s.systemTotalW = 5;
-  EXPECT_TRUE(rejected(qualityChecked(s)));
-  s = measured(2, 4, 3, 0, 0);  // 9 W
-  s.systemTotalW = 5;
-  EXPECT_FALSE(rejected(qualityChecked(s)));
-
-  // 20 W total allows 27 W of components.
-  s = measured(10, 17, 0, 0, 0);
-  s.systemTotalW = 20;
-  EXPECT_FALSE(rejected(qualityChecked(s)));
-  s.pcpuW = 17.5;
-  EXPECT_TRUE(rejected(qualityChecked(s)));
-
-  // Below 1 W the total is not believed at all.
-  s = measured(2, 40, 0, 0, 0);
-  s.systemTotalW = 0.5;
-  EXPECT_FALSE(rejected(qualityChecked(s)));
-  s.systemTotalW = 1.0;
-  EXPECT_TRUE(rejected(qualityChecked(s)));
-}
-
-TEST(QualityCheckedTest, WallEstimateBelowWhatCameInIsLabelledRejectedButKept) {
-  PowerSample s = measured(1, 1, 1, 0, 1);
-  s.wallPowerW = 20;
-  s.powerInW = 30;
-  PowerSample out = qualityChecked(s);
-  EXPECT_EQ(out.wallEstimateQuality, HistoricalValueQuality::rejected);
-  EXPECT_EQ(out.wallPowerW, 20);
-  EXPECT_EQ(out.componentQuality, HistoricalValueQuality::measured);
-
-  s.powerInW = 20;  // equal is plausible
-  EXPECT_EQ(qualityChecked(s).wallEstimateQuality, HistoricalValueQuality::estimated);
-
-  // Without an adapter figure the components are the floor.
-  s = measured(10, 12, 0, 0, 0);
-  s.wallPowerW = 21;
-  EXPECT_EQ(qualityChecked(s).wallEstimateQuality, HistoricalValueQuality::rejected);
-  s.wallPowerW = 22;
-  EXPECT_EQ(qualityChecked(s).wallEstimateQuality, HistoricalValueQuality::estimated);
-
-  // The components' sum still counts after they were rejected.
-  s = measured(0, 0, 95, 0, 0);
-  s.wallPowerW = 50;
-  out = qualityChecked(s);
-  EXPECT_TRUE(rejected(out));
-  EXPECT_EQ(out.wallEstimateQuality, HistoricalValueQuality::rejected);
-
-  s = PowerSample{};
-  s.wallEstimateQuality = HistoricalValueQuality::estimated;
-  s.wallPowerW = kNaN;
-  EXPECT_EQ(qualityChecked(s).wallEstimateQuality, HistoricalValueQuality::rejected);
-  s.wallPowerW = std::nullopt;
-  EXPECT_EQ(qualityChecked(s).wallEstimateQuality, HistoricalValueQuality::estimated);
 }
 
 TEST(SessionRecordTest, DurationTextTruncatesToWholeMinutes) {

@@ -20,7 +20,6 @@ namespace quorel {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using testing::LogCapture;
 using testing::ScratchDirectory;
@@ -91,8 +90,7 @@ class QuorelDatabaseTest : public ::testing::Test {
   }
 };
 
-TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentSchemaPrivateModesAndWal) {
-  std::map<std::string, std::vector<std::string>> schema;
+TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentVersionPrivateModesAndWal) {
   {
     QuorelDatabase db(atDefaultLocation());
     EXPECT_TRUE(db.isAvailable());
@@ -113,87 +111,8 @@ TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentSchemaPrivateModesAndWal) {
       file.rows("SELECT id, last_ts, last_total_w, accumulated_wh FROM lifetime_energy_state"),
       (std::vector<std::vector<std::string>>{{"1", "0.0", "0.0", "0.0"}}));
 
-  EXPECT_THAT(
-      columnsOf(file, "power_samples"),
-      ElementsAre("id INTEGER 0 NULL 1", "timestamp REAL 1 NULL 0", "wattage REAL 0 NULL 0",
-                  "battery_pct REAL 0 NULL 0", "ecpu_w REAL 0 NULL 0", "pcpu_w REAL 0 NULL 0",
-                  "gpu_w REAL 0 NULL 0", "ane_w REAL 0 NULL 0", "dram_w REAL 0 NULL 0",
-                  "system_load_w REAL 0 NULL 0", "power_in_w REAL 0 NULL 0",
-                  "wall_power_w REAL 0 NULL 0", "thermal_state INTEGER 0 NULL 0",
-                  "is_charging INTEGER 0 NULL 0", "external_connected INTEGER 0 NULL 0",
-                  "temperature_c REAL 0 NULL 0", "observed_duration_s REAL 0 NULL 0",
-                  "component_quality TEXT 1 'unavailable' 0",
-                  "system_power_quality TEXT 1 'unavailable' 0",
-                  "wall_estimate_quality TEXT 1 'unavailable' 0",
-                  "component_rejection_reason TEXT 0 NULL 0", "system_total_w REAL 0 NULL 0",
-                  "battery_rail_w REAL 0 NULL 0", "dc_in_w REAL 0 NULL 0",
-                  "thunderbolt_left_w REAL 0 NULL 0", "thunderbolt_right_w REAL 0 NULL 0",
-                  "pd_brightness_w REAL 0 NULL 0"));
-  EXPECT_THAT(columnsOf(file, "capacity_log"),
-              ElementsAre("id INTEGER 0 NULL 1", "timestamp REAL 1 NULL 0",
-                          "nominal_capacity_mah INTEGER 0 NULL 0",
-                          "design_capacity_mah INTEGER 0 NULL 0", "cycle_count INTEGER 0 NULL 0",
-                          "health_pct REAL 0 NULL 0", "max_temperature_c REAL 0 NULL 0"));
-  EXPECT_THAT(columnsOf(file, "sessions"),
-              ElementsAre("id TEXT 0 NULL 1", "start_time REAL 0 NULL 0", "end_time REAL 0 NULL 0",
-                          "start_pct REAL 0 NULL 0", "end_pct REAL 0 NULL 0",
-                          "is_charging INTEGER 0 NULL 0", "avg_wattage REAL 0 NULL 0",
-                          "total_wh REAL 0 NULL 0", "mode TEXT 1 'legacy' 0",
-                          "collected_duration_s REAL 1 0 0", "missing_duration_s REAL 1 0 0",
-                          "quality TEXT 1 'legacy' 0", "confidence REAL 1 0 0"));
-  for (const auto& [table, name] :
-       {std::pair{"process_energy", "process_name"}, std::pair{"ai_agent_energy", "agent_id"}}) {
-    EXPECT_THAT(columnsOf(file, table),
-                ElementsAre("id INTEGER 0 NULL 1", "timestamp REAL 1 NULL 0",
-                            std::string(name) + " TEXT 1 NULL 0", "avg_cpu REAL 1 NULL 0",
-                            "avg_watts REAL 1 NULL 0", "peak_watts REAL 0 NULL 0",
-                            "sample_count INTEGER 0 1 0", "observed_duration_s REAL 1 0 0",
-                            "missing_duration_s REAL 1 0 0", "energy_wh REAL 1 0 0",
-                            "coverage_ratio REAL 0 NULL 0", "quality TEXT 1 'legacy' 0",
-                            "source TEXT 1 'legacy_sample_average' 0"))
-        << table;
-  }
-  EXPECT_THAT(columnsOf(file, "lifetime_energy_state"),
-              ElementsAre("id INTEGER 0 NULL 1", "last_ts REAL 1 0 0", "last_total_w REAL 1 0 0",
-                          "accumulated_wh REAL 1 0 0"));
-  EXPECT_THAT(
-      columnsOf(file, "battery_epoch"),
-      ElementsAre("id INTEGER 0 NULL 1", "first_seen REAL 1 NULL 0", "serial TEXT 0 NULL 0",
-                  "baseline_cycle_count INTEGER 0 NULL 0", "baseline_design_mah INTEGER 0 NULL 0",
-                  "baseline_nominal_mah INTEGER 0 NULL 0", "source TEXT 1 'initial' 0"));
-  EXPECT_THAT(columnsOf(file, "daily_battery_metrics"),
-              ElementsAre("day_key TEXT 0 NULL 1", "day_start REAL 1 NULL 0",
-                          "nominal_capacity_mah REAL 0 NULL 0", "design_capacity_mah REAL 0 NULL 0",
-                          "cycle_count INTEGER 0 NULL 0", "health_pct REAL 0 NULL 0",
-                          "capacity_sample_count INTEGER 1 0 0", "avg_temperature_c REAL 0 NULL 0",
-                          "max_temperature_c REAL 0 NULL 0", "temperature_observed_s REAL 1 0 0",
-                          "temperature_sample_count INTEGER 1 0 0", "quality TEXT 1 'measured' 0"));
-  EXPECT_THAT(
-      columnsOf(file, "collection_intervals"),
-      ElementsAre("id INTEGER 0 NULL 1", "start_time REAL 1 NULL 0", "end_time REAL 1 NULL 0",
-                  "status TEXT 1 NULL 0", "reason TEXT 0 NULL 0"));
-
-  const auto all = schemaOf(dbFile);
-  std::vector<std::string> indexes;
-  for (const auto& [key, columns] : all) {
-    if (key.rfind("index ", 0) != 0) continue;
-    std::string line = key.substr(6) + " " + columns[0];
-    for (std::size_t i = 1; i < columns.size(); ++i) line += " " + columns[i];
-    indexes.push_back(line);
-  }
-  EXPECT_THAT(indexes,
-              ElementsAre("idx_ai_agent_energy_agent_ts on ai_agent_energy agent_id timestamp",
-                          "idx_ai_agent_energy_ts on ai_agent_energy timestamp",
-                          "idx_battery_epoch_first_seen on battery_epoch first_seen",
-                          "idx_capacity_log_ts on capacity_log timestamp",
-                          "idx_collection_intervals_end on collection_intervals end_time",
-                          "idx_collection_intervals_start on collection_intervals start_time",
-                          "idx_daily_battery_metrics_start on daily_battery_metrics day_start",
-                          "idx_power_samples_ts on power_samples timestamp",
-                          "idx_process_energy_name_ts on process_energy process_name timestamp",
-                          "idx_process_energy_ts on process_energy timestamp",
-                          "idx_sessions_start_time on sessions start_time"));
-  EXPECT_EQ(all.size(), 11u + 9u);
+  // Its tables, columns and indexes are pinned by the version 7 fixture, written by hand in the
+  // current shape: MigrationTest.CarriesTheFileToTheCurrentSchemaAndFixesItsRows/v7 compares them.
 }
 
 TEST_F(QuorelDatabaseTest, FreshFileEnforcesEveryCheck) {
@@ -601,14 +520,6 @@ TEST_F(QuorelDatabaseTest, UnopenableDefaultLocationSignalsCorruption) {
   }
   EXPECT_TRUE(createLogged);
   EXPECT_TRUE(openLogged);
-}
-
-TEST_F(QuorelDatabaseTest, RunningQueueOwnsTheConnectionUntilDestruction) {
-  auto options = atDefaultLocation();
-  options.startQueue = true;
-  QuorelDatabase db(std::move(options));
-  EXPECT_FALSE(db.queue().isCurrent());
-  EXPECT_TRUE(db.queue().sync([&] { return db.queue().isCurrent(); }));
 }
 
 TEST(CorruptionReportTest, HeadlessReportLogsAndPrintsTitleTextAndFolder) {
