@@ -143,27 +143,14 @@ class PowerMonitorTest : public ::testing::Test {
   testing::LogCapture logs;
 };
 
-TEST_F(PowerMonitorTest, TwoFailuresThenSuccessNeverAsksTheFallback) {
-  primary->script = {std::nullopt, std::nullopt, batterySnapshot(-10, clock.now())};
-  fallback->last = batterySnapshot(-3, clock.now());
-  tick(2s);
-  tick(2s);
-  EXPECT_TRUE(states.empty()) << "a failed tick must not publish";
-  tick(2s);
-  EXPECT_EQ(fallback->calls.load(), 0);
-  ASSERT_EQ(states.size(), 1u);
-  EXPECT_DOUBLE_EQ(states[0].smoothedWattage, -10);
-  EXPECT_EQ(logs.count("both primary and fallback providers returned nil (1 consecutive failures) "
-                       "— UI data is stale"),
-            1u);
-}
-
 TEST_F(PowerMonitorTest, FallbackEngagesFromTheThirdFailureAndDropsOnRecovery) {
   primary->script = {std::nullopt, std::nullopt, std::nullopt, std::nullopt,
                      batterySnapshot(-12, clock.now())};
   fallback->last = batterySnapshot(-4, clock.now());
   tick(2s);
   tick(2s);
+  EXPECT_TRUE(states.empty()) << "a failed tick must not publish";
+  EXPECT_EQ(fallback->calls.load(), 0) << "two failures are not yet enough";
   tick(2s);
   EXPECT_EQ(fallback->calls.load(), 1);
   ASSERT_EQ(states.size(), 1u);
@@ -449,43 +436,47 @@ TEST_F(PowerMonitorTest, GaugeTimeRemainingIsSmoothedAndTruncated) {
   EXPECT_EQ(states.back().timeRemaining_min, 0) << "values below 1 pass through unsmoothed";
 }
 
-TEST(CalculateTimeRemainingTest, NeedsThreeSamplesAndAMeaningfulRate) {
-  auto snap = batterySnapshot(-10, TimePoint{});
-  snap.voltage_mV = 14800;
-  EXPECT_FALSE(PowerMonitor::calculateTimeRemaining(snap, PowerPhase::draining, -10, {}));
-  EXPECT_FALSE(PowerMonitor::calculateTimeRemaining(snap, PowerPhase::draining, -10, {-10, -10}));
-  EXPECT_FALSE(
-      PowerMonitor::calculateTimeRemaining(snap, PowerPhase::onHold, -10, {-10, -10, -10}));
-  // 14.8 V * 5000 mAh = 74 Wh at 10 W: 444 minutes to empty.
-  EXPECT_EQ(PowerMonitor::calculateTimeRemaining(snap, PowerPhase::draining, -1, {-10, -10, -10}),
-            -444);
-  EXPECT_FALSE(PowerMonitor::calculateTimeRemaining(snap, PowerPhase::draining, -0.2, {0, 0, 0}));
-  snap.batteryInstalled = false;
-  EXPECT_FALSE(
-      PowerMonitor::calculateTimeRemaining(snap, PowerPhase::draining, -10, {-10, -10, -10}));
-}
-
-TEST(CalculateTimeRemainingTest, FallsBackToSmoothedRateWhenTooFewSamplesQualify) {
-  auto snap = batterySnapshot(-10, TimePoint{});
-  snap.voltage_mV = 14800;
-  std::vector<double> recent(18, 0.0);
-  recent.push_back(-50);
-  recent.push_back(-50);
-  // Only two samples below -0.3: the rate is the smoothed -20 W, not the mean of those two.
-  EXPECT_EQ(PowerMonitor::calculateTimeRemaining(snap, PowerPhase::draining, -20, recent), -222);
-}
-
-TEST(CalculateTimeRemainingTest, TimeToFullUsesMissingCharge) {
-  auto snap = batterySnapshot(30, TimePoint{});
-  snap.voltage_mV = 14800;
-  // 3000 mAh missing at 14.8 V is 44.4 Wh; at 30 W that is 88.8 minutes.
-  EXPECT_EQ(PowerMonitor::calculateTimeRemaining(snap, PowerPhase::charging, 30, {30, 30, 30}), 88);
-  snap.currentCapacity_mAh = snap.maxCapacity_mAh;
-  EXPECT_FALSE(PowerMonitor::calculateTimeRemaining(snap, PowerPhase::charging, 30, {30, 30, 30}));
-  // A trickle so slow it would take 6000 minutes or more is no estimate at all.
-  snap.currentCapacity_mAh = 0;
-  EXPECT_FALSE(
-      PowerMonitor::calculateTimeRemaining(snap, PowerPhase::charging, 0.6, {0.6, 0.6, 0.6}));
+TEST(CalculateTimeRemainingTest, MinutesFromTheRecentRateOrElseTheSmoothedOne) {
+  const std::vector<double> drain10(3, -10.0);
+  const std::vector<double> charge30(3, 30.0);
+  std::vector<double> twoQualify(18, 0.0);
+  twoQualify.insert(twoQualify.end(), {-50, -50});
+  struct Case {
+    const char* name;
+    PowerPhase phase;
+    double smoothed_W;
+    std::vector<double> recent_W;
+    std::optional<std::int64_t> expected_min;
+    std::int64_t current_mAh = 5000;  // of 8000, at 14.8 V
+    bool installed = true;
+  };
+  const Case cases[] = {
+      {"no samples", PowerPhase::draining, -10, {}, std::nullopt},
+      {"two samples are too few", PowerPhase::draining, -10, {-10, -10}, std::nullopt},
+      {"held: no estimate", PowerPhase::onHold, -10, drain10, std::nullopt},
+      {"74 Wh at 10 W", PowerPhase::draining, -1, drain10, -444},
+      {"a rate that means nothing", PowerPhase::draining, -0.2, {0, 0, 0}, std::nullopt},
+      {"no battery", PowerPhase::draining, -10, drain10, std::nullopt, 5000, false},
+      // Only two samples below -0.3 W: the smoothed -20 W, not the mean of those two.
+      {"too few qualify", PowerPhase::draining, -20, twoQualify, -222},
+      {"44.4 Wh missing at 30 W", PowerPhase::charging, 30, charge30, 88},
+      {"nothing missing", PowerPhase::charging, 30, charge30, std::nullopt, 8000},
+      {"6000 minutes or more is no estimate",
+       PowerPhase::charging,
+       0.6,
+       {0.6, 0.6, 0.6},
+       std::nullopt,
+       0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto snap = batterySnapshot(c.smoothed_W, TimePoint{});
+    snap.voltage_mV = 14800;
+    snap.currentCapacity_mAh = c.current_mAh;
+    snap.batteryInstalled = c.installed;
+    EXPECT_EQ(PowerMonitor::calculateTimeRemaining(snap, c.phase, c.smoothed_W, c.recent_W),
+              c.expected_min);
+  }
 }
 
 // These run the real queues on their own threads, so ThreadSanitizer sees the setters, the
