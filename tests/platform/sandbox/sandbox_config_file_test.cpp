@@ -137,6 +137,8 @@ TEST(SandboxConfigFileTest, WrongTypesAreRefused) {
   EXPECT_THAT(refusal(R"j({"powerSource": 3})j"),
               HasSubstr("must be one of \"Battery\", \"AC (Charging)\", \"AC (Full)\", "
                         "\"AC (On Hold)\", \"AC (Supplementing)\""));
+  EXPECT_THAT(refusal(R"j({"thermalState": "Hot"})j"),
+              HasSubstr("must be one of \"Nominal\", \"Fair\", \"Serious\", \"Critical\""));
   // Texts are matched exactly: a near miss is refused rather than guessed.
   EXPECT_THAT(refusal(R"j({"powerSource": "ac (full)"})j"), HasSubstr("not \"ac (full)\"."));
   EXPECT_THAT(refusal(R"j({"macModel": "MacBook"})j"), HasSubstr("\"MacBook Pro\""));

