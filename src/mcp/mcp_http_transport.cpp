@@ -213,7 +213,6 @@ bool MCPHTTPTransport::isAcceptableContentType(std::optional<std::string_view> v
 }
 
 // ---------------------------------------------------------------------------------------------
-// ---------------------------------------------------------------------------------------------
 // The listener and its connections
 //
 // A client sends its request as soon as it connects, so nearly every connection is accepted,
@@ -240,12 +239,7 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   };
 
   Impl(SerialQueue& q, Route r, MCPHTTPTransportOptions o)
-      : queue(q),
-        route(std::move(r)),
-        options(o),
-        log(logging::get("mcp")),
-        replies(q),
-        sweep(q.context()) {}
+      : queue(q), route(std::move(r)), options(o), log(logging::get("mcp")), replies(q) {}
 
   SerialQueue& queue;
   const Route route;
@@ -261,7 +255,8 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connectionByID;
   std::uint64_t nextConnectionID = 1;
   // One timer for every deadline; armed for the earliest among connections waiting for bytes.
-  asio::steady_timer sweep;
+  // Made with the first connection that waits, when the listener has long created the reactor.
+  std::optional<asio::steady_timer> sweep;
   std::optional<SteadyTime> sweepAt;
   std::function<void(std::error_code)> onStartError;
   std::optional<std::error_code> lastStartError;
@@ -277,7 +272,7 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   void waitForPeers();
   void acceptPending();
   void admit(int fd, const sockaddr_storage& peer);
-  Connection& registered(Connection& conn);
+  bool ensureRegistered(Connection& conn);
   void waitUntil(const std::shared_ptr<Connection>& conn, tcp::socket::wait_type what);
   void onReadable(const std::shared_ptr<Connection>& conn);
   void dispatch(const std::shared_ptr<Connection>& conn, MCPHTTPRequest request);
@@ -418,23 +413,19 @@ void MCPHTTPTransport::Impl::admit(int fd, const sockaddr_storage& peer) {
   onReadable(conn);
 }
 
-MCPHTTPTransport::Impl::Connection& MCPHTTPTransport::Impl::registered(Connection& conn) {
-  if (!conn.waiter) {
-    tcp::socket socket(queue.context());
-    std::error_code ec;
-    socket.assign(tcp::v4(), conn.fd, ec);
-    if (ec) {
-      // The reactor cannot take it; a socket without a waiter is closed by cancelConnection.
-      return conn;
-    }
-    conn.waiter.emplace(std::move(socket));
-  }
-  return conn;
+bool MCPHTTPTransport::Impl::ensureRegistered(Connection& conn) {
+  if (conn.waiter) return true;
+  tcp::socket socket(queue.context());
+  std::error_code ec;
+  socket.assign(tcp::v4(), conn.fd, ec);
+  if (ec) return false;
+  conn.waiter.emplace(std::move(socket));
+  return true;
 }
 
 void MCPHTTPTransport::Impl::waitUntil(const std::shared_ptr<Connection>& conn,
                                        tcp::socket::wait_type what) {
-  if (!registered(*conn).waiter) {
+  if (!ensureRegistered(*conn)) {
     cancelConnection(conn->id);
     return;
   }
@@ -454,48 +445,51 @@ void MCPHTTPTransport::Impl::waitUntil(const std::shared_ptr<Connection>& conn,
 }
 
 void MCPHTTPTransport::Impl::onReadable(const std::shared_ptr<Connection>& conn) {
-  ssize_t n;
-  do {
-    n = ::recv(conn->fd, scratch.data(), scratch.size(), 0);
-  } while (n < 0 && errno == EINTR);
-  if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-    waitUntil(conn, tcp::socket::wait_read);
-    return;
-  }
-  if (n < 0) {
-    cancelConnection(conn->id);
-    return;
-  }
-  const bool ended = n == 0;
-  conn->buffer.append(scratch.data(), static_cast<std::size_t>(n));
-  if (conn->buffer.size() > kMaxBufferedBytes) {
-    answer(conn->id, "413 Payload Too Large");
-    return;
-  }
-  auto result = MCPHTTPTransport::parse(conn->buffer, requiredToken);
-  switch (result.kind) {
-    case MCPParseResult::Kind::incomplete:
-      if (ended) {
-        cancelConnection(conn->id);
-      } else {
-        waitUntil(conn, tcp::socket::wait_read);
-      }
+  // The reactor reports readiness on edges only: bytes already waiting behind a full read would
+  // raise no new edge, so reading goes on until the socket says it has nothing more.
+  for (;;) {
+    ssize_t n;
+    do {
+      n = ::recv(conn->fd, scratch.data(), scratch.size(), 0);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      waitUntil(conn, tcp::socket::wait_read);
       return;
-    case MCPParseResult::Kind::badRequest:
-      answer(conn->id, "400 Bad Request");
+    }
+    if (n < 0) {
+      cancelConnection(conn->id);
       return;
-    case MCPParseResult::Kind::forbidden:
-      answer(conn->id, "403 Forbidden");
+    }
+    const bool ended = n == 0;
+    conn->buffer.append(scratch.data(), static_cast<std::size_t>(n));
+    if (conn->buffer.size() > kMaxBufferedBytes) {
+      answer(conn->id, "413 Payload Too Large");
       return;
-    case MCPParseResult::Kind::unauthorized:
-      answer(conn->id, "401 Unauthorized", {{"WWW-Authenticate", "Bearer"}});
-      return;
-    case MCPParseResult::Kind::request:
-      // Past this point nothing limits how long a tool may take.
-      conn->awaitingRequest = false;
-      std::string().swap(conn->buffer);
-      dispatch(conn, std::move(*result.request));
-      return;
+    }
+    auto result = MCPHTTPTransport::parse(conn->buffer, requiredToken);
+    switch (result.kind) {
+      case MCPParseResult::Kind::incomplete:
+        if (ended) {
+          cancelConnection(conn->id);
+          return;
+        }
+        continue;
+      case MCPParseResult::Kind::badRequest:
+        answer(conn->id, "400 Bad Request");
+        return;
+      case MCPParseResult::Kind::forbidden:
+        answer(conn->id, "403 Forbidden");
+        return;
+      case MCPParseResult::Kind::unauthorized:
+        answer(conn->id, "401 Unauthorized", {{"WWW-Authenticate", "Bearer"}});
+        return;
+      case MCPParseResult::Kind::request:
+        // Past this point nothing limits how long a tool may take.
+        conn->awaitingRequest = false;
+        std::string().swap(conn->buffer);
+        dispatch(conn, std::move(*result.request));
+        return;
+    }
   }
 }
 
@@ -585,9 +579,10 @@ void MCPHTTPTransport::Impl::writeRest(const std::shared_ptr<Connection>& conn) 
 void MCPHTTPTransport::Impl::armSweep(SteadyTime at) {
   if (sweepAt && *sweepAt <= at) return;
   sweepAt = at;
-  sweep.expires_at(at);
+  if (!sweep) sweep.emplace(queue.context());
+  sweep->expires_at(at);
   std::weak_ptr<Impl> weak = weak_from_this();
-  sweep.async_wait([weak](std::error_code ec) {
+  sweep->async_wait([weak](std::error_code ec) {
     auto self = weak.lock();
     if (ec || !self) return;
     self->sweepAt.reset();
@@ -648,7 +643,7 @@ void MCPHTTPTransport::Impl::teardown() {
   ids.reserve(connectionByID.size());
   for (const auto& [id, conn] : connectionByID) ids.push_back(id);
   for (auto id : ids) cancelConnection(id);
-  sweep.cancel();
+  if (sweep) sweep->cancel();
   sweepAt.reset();
 }
 
