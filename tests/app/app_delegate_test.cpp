@@ -20,7 +20,6 @@ class SteadyProvider : public PowerDataProvider {
  public:
   explicit SteadyProvider(const Clock& clock) : clock_(clock) {}
   std::optional<PowerSnapshot> fetchSnapshot() override {
-    ++calls;
     PowerSnapshot s;
     s.voltage_mV = 12000;
     s.instantAmperage_mA = -1000;
@@ -28,7 +27,6 @@ class SteadyProvider : public PowerDataProvider {
     s.timestamp = clock_.now();
     return s;
   }
-  int calls = 0;
 
  private:
   const Clock& clock_;
@@ -40,10 +38,9 @@ class FakeSleepWake : public SleepWakeSource {
     handlers = std::move(h);
     return true;
   }
-  void stop() override { stopped = true; }
+  void stop() override {}
   std::string sourceName() const override { return "test sleep source"; }
   Handlers handlers;
-  bool stopped = false;
 };
 
 class AppDelegateTest : public ::testing::Test {
@@ -148,7 +145,7 @@ TEST_F(AppDelegateTest, IntervalOverrideAndSettingsChangesApply) {
   EXPECT_EQ(monitor->pollingInterval(), Seconds{45});
 }
 
-TEST_F(AppDelegateTest, DailyMaintenancePrunesOnlyOnceADay) {
+TEST_F(AppDelegateTest, DailyMaintenancePrunesOnlyOnceADayUntilTermination) {
   makeDelegate();
   delegate->launch();
   const auto first = *delegate->lastPruneDate();
@@ -158,6 +155,8 @@ TEST_F(AppDelegateTest, DailyMaintenancePrunesOnlyOnceADay) {
   clock.advance(1h);
   delegate->runDailyDatabaseMaintenanceIfNeeded(clock.now());
   EXPECT_EQ(delegate->lastPruneDate(), clock.now());
+  delegate->terminate();
+  EXPECT_FALSE(delegate->maintenanceScheduled());
 }
 
 TEST_F(AppDelegateTest, SleepIsRecordedAsAnIntervalAndASecondWakeReplacesTheFirst) {
@@ -189,13 +188,6 @@ TEST_F(AppDelegateTest, NoIntervalForAWakeWithoutSleepOrWithTheClockSetBack) {
   sleepWake.handlers.didWake();
   EXPECT_EQ(rows("SELECT count(*) FROM collection_intervals"),
             (std::vector<std::vector<std::string>>{{"0"}}));
-}
-
-TEST_F(AppDelegateTest, TerminateStopsMaintenance) {
-  makeDelegate();
-  delegate->launch();
-  delegate->terminate();
-  EXPECT_FALSE(delegate->maintenanceScheduled());
 }
 
 TEST(SingleInstanceLockTest, SecondInstanceNamesTheFirstAndTheLockFreesOnExit) {
