@@ -7,18 +7,13 @@ namespace quorel {
 namespace {
 
 TEST(USBSpeedTest, RegistryValuesAndLabels) {
-  EXPECT_EQ(usbSpeedFromRaw(0), USBSpeed::full);
-  EXPECT_EQ(shortLabel(usbSpeedFromRaw(0)), "USB 1.1");
-  EXPECT_EQ(shortLabel(usbSpeedFromRaw(1)), "USB 1.0");
-  EXPECT_EQ(shortLabel(usbSpeedFromRaw(2)), "USB 2.0");
-  EXPECT_EQ(shortLabel(usbSpeedFromRaw(3)), "USB 3.0");
-  EXPECT_EQ(shortLabel(usbSpeedFromRaw(4)), "USB 3.1");
-  EXPECT_EQ(shortLabel(usbSpeedFromRaw(5)), "USB 3.2");
+  // The registry counts full speed (USB 1.1) as 0 and low speed (USB 1.0) as 1.
+  const char* const labels[] = {"USB 1.1", "USB 1.0", "USB 2.0", "USB 3.0", "USB 3.1", "USB 3.2"};
+  for (int raw = 0; raw < 6; ++raw) EXPECT_EQ(shortLabel(usbSpeedFromRaw(raw)), labels[raw]);
   // Values without a case, and a missing value, are unknown.
-  EXPECT_EQ(usbSpeedFromRaw(6), USBSpeed::unknown);
-  EXPECT_EQ(usbSpeedFromRaw(7), USBSpeed::unknown);
-  EXPECT_EQ(usbSpeedFromRaw(-1), USBSpeed::unknown);
-  EXPECT_EQ(usbSpeedFromRaw(std::nullopt), USBSpeed::unknown);
+  for (std::optional<std::int64_t> raw : {std::optional<std::int64_t>{6}, {7}, {-1}, {}}) {
+    EXPECT_EQ(usbSpeedFromRaw(raw), USBSpeed::unknown) << raw.value_or(999);
+  }
   EXPECT_EQ(shortLabel(USBSpeed::unknown), "USB");
 }
 
