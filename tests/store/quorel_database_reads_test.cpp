@@ -254,34 +254,28 @@ TEST_F(ReadsTest, CoverageWalkSumsExactlyWhatTheWindowStatementSums) {
 }
 
 TEST_F(ReadsTest, SessionsNewestFirstWithUnknownLabelsDecodedToTheirDefaults) {
-  auto session = [&](const std::string& id, double start, double end, SqlValue mode,
-                     SqlValue quality) {
-    sql().insert("sessions", {{"id", id},
-                              {"start_time", kT0 + start},
-                              {"end_time", kT0 + end},
-                              {"start_pct", 90.0},
-                              {"end_pct", 70.0},
-                              {"is_charging", std::int64_t{0}},
-                              {"avg_wattage", 8.5},
-                              {"total_wh", 12.0},
-                              {"collected_duration_s", 3000.0},
-                              {"missing_duration_s", 600.0},
-                              {"confidence", 0.8}});
-    sql().exec("UPDATE sessions SET mode = " +
-               (std::holds_alternative<std::string>(mode) ? "'" + std::get<std::string>(mode) + "'"
-                                                          : std::string("mode")) +
-               ", quality = " +
-               (std::holds_alternative<std::string>(quality)
-                    ? "'" + std::get<std::string>(quality) + "'"
-                    : std::string("quality")) +
-               " WHERE id = '" + id + "'");
+  auto session = [&](const std::string& id, double start, double end,
+                     std::optional<std::string> mode, std::optional<std::string> quality) {
+    std::vector<std::pair<std::string, SqlValue>> values{{"id", id},
+                                                         {"start_time", kT0 + start},
+                                                         {"end_time", kT0 + end},
+                                                         {"start_pct", 90.0},
+                                                         {"end_pct", 70.0},
+                                                         {"is_charging", std::int64_t{0}},
+                                                         {"avg_wattage", 8.5},
+                                                         {"total_wh", 12.0},
+                                                         {"collected_duration_s", 3000.0},
+                                                         {"missing_duration_s", 600.0},
+                                                         {"confidence", 0.8}};
+    // Left out, the labels take their column defaults.
+    if (mode) values.emplace_back("mode", *mode);
+    if (quality) values.emplace_back("quality", *quality);
+    sql().insert("sessions", values);
   };
-  session("0B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", 0, 3725, std::string("force_discharge"),
-          std::string("measured"));
-  session("not-a-uuid", 5000, 6000, std::string("battery"), std::string("measured"));
-  session("1B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", 7000, 7059, std::string("Battery"),
-          std::string("great"));
-  session("2B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", -9000, -8000, nullptr, nullptr);
+  session("0B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", 0, 3725, "force_discharge", "measured");
+  session("not-a-uuid", 5000, 6000, "battery", "measured");
+  session("1B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", 7000, 7059, "Battery", "great");
+  session("2B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", -9000, -8000, std::nullopt, std::nullopt);
 
   const auto sessions = db->queryRecentSessions(10);
   ASSERT_EQ(sessions.size(), 3u);

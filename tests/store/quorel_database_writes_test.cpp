@@ -56,6 +56,13 @@ class WritesTest : public ::testing::Test {
   std::unique_ptr<SqlFile> observer;
 };
 
+// SQLite's own words follow the part of a failure line that the store writes.
+std::size_t linesStartingWith(const LogCapture& logs, const std::string& prefix) {
+  std::size_t n = 0;
+  for (const auto& line : logs.lines()) n += line.message.rfind(prefix, 0) == 0 ? 1 : 0;
+  return n;
+}
+
 PowerSample sampleAt(double t) {
   PowerSample s;
   s.timestamp = fromUnixSeconds(t);
@@ -196,15 +203,9 @@ TEST_F(WritesTest, RefusedSampleIsLoggedAndDroppedWithoutDailyUpdateAndWritingGo
 
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 1);
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM daily_battery_metrics"), 0);
-  std::size_t failures = 0;
-  for (const auto& line : logs.lines()) {
-    if (line.message.rfind("insertPowerSample step failed: rc=19 msg=CHECK constraint failed", 0) ==
-        0) {
-      ++failures;
-      EXPECT_EQ(line.level, spdlog::level::err);
-    }
-  }
-  EXPECT_EQ(failures, 1u);
+  EXPECT_EQ(
+      linesStartingWith(logs, "insertPowerSample step failed: rc=19 msg=CHECK constraint failed"),
+      1u);
   EXPECT_EQ(corruptionSignals, 0);
 }
 
@@ -322,11 +323,7 @@ TEST_F(WritesTest, RefusedSessionsAreLoggedAndDropped) {
   drain();
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM sessions"), 1);
   EXPECT_EQ(look().real("SELECT start_time FROM sessions"), kNow - 1800);
-  std::size_t failures = 0;
-  for (const auto& line : logs.lines()) {
-    if (line.message.rfind("insertSession step failed: rc=19 ", 0) == 0) ++failures;
-  }
-  EXPECT_EQ(failures, 2u);
+  EXPECT_EQ(linesStartingWith(logs, "insertSession step failed: rc=19 "), 2u);
 }
 
 TEST_F(WritesTest, CollectionIntervalsLandWithStatusAndOptionalReason) {
@@ -523,11 +520,7 @@ TEST_F(PruneTest, AFailingDeleteRollsTheWholePruneBack) {
   drain();
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 1);
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM sessions"), 1);
-  bool logged = false;
-  for (const auto& line : logs.lines()) {
-    logged = logged || line.message.rfind("prune prepare failed: rc=1 msg=no such table", 0) == 0;
-  }
-  EXPECT_TRUE(logged);
+  EXPECT_EQ(linesStartingWith(logs, "prune prepare failed: rc=1 msg=no such table"), 1u);
   // No transaction was left open behind.
   db->insertPowerSample(sampleAt(kNow));
   drain();
@@ -572,11 +565,7 @@ TEST_F(WritesTest, ATableThatVanishedUnderTheStoreCostsOnlyItsOwnWrites) {
   drain();
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM sessions"), 1);
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM daily_battery_metrics"), 0);
-  bool logged = false;
-  for (const auto& line : logs.lines()) {
-    logged = logged || line.message.rfind("insertCapacityLog step failed: rc=1 ", 0) == 0;
-  }
-  EXPECT_TRUE(logged);
+  EXPECT_EQ(linesStartingWith(logs, "insertCapacityLog step failed: rc=1 "), 1u);
   EXPECT_EQ(corruptionSignals, 0);
 }
 
@@ -607,11 +596,7 @@ TEST_F(WritesTest, ACorruptedTableIsSignalledOnceAndItsWritesAreDropped) {
   drain();
   EXPECT_EQ(corruptionSignals, 1);
   EXPECT_EQ(logs.count("database corruption detected — recommend Settings → Reset Data"), 1u);
-  std::size_t failures = 0;
-  for (const auto& line : logs.lines()) {
-    if (line.message.rfind("insertPowerSample step failed: rc=11 ", 0) == 0) ++failures;
-  }
-  EXPECT_EQ(failures, 3u);
+  EXPECT_EQ(linesStartingWith(logs, "insertPowerSample step failed: rc=11 "), 3u);
   // Tables that are whole still take their rows.
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM sessions"), 1);
 }
