@@ -95,16 +95,20 @@ MCPParseResult MCPHTTPTransport::parse(std::string_view data,
   const std::string_view head = data.substr(0, mark);
   if (!isValidUTF8(head)) return resultOf(Kind::badRequest);
 
-  std::string normalized;
-  normalized.reserve(head.size());
-  for (std::size_t i = 0; i < head.size(); ++i) {
-    if (head[i] == '\r' && i + 1 < head.size() && head[i + 1] == '\n') continue;
-    normalized.push_back(head[i]);
-  }
-  const auto lines = splitKeepingEmpty(normalized, '\n', std::string_view::npos);
-  if (lines.empty()) return resultOf(Kind::badRequest);
+  // Lines end at LF; a CR just before an LF belongs to the line end, any other CR to the text.
+  std::size_t at = 0;
+  const auto nextLine = [&]() -> std::optional<std::string_view> {
+    if (at > head.size()) return std::nullopt;
+    const auto lf = head.find('\n', at);
+    std::string_view line = head.substr(at, lf == std::string_view::npos ? lf : lf - at);
+    if (lf != std::string_view::npos && !line.empty() && line.back() == '\r') {
+      line.remove_suffix(1);
+    }
+    at = lf == std::string_view::npos ? head.size() + 1 : lf + 1;
+    return line;
+  };
 
-  const auto requestLine = splitKeepingEmpty(lines.front(), ' ', 3);
+  const auto requestLine = splitKeepingEmpty(*nextLine(), ' ', 3);
   if (requestLine.size() < 2) return resultOf(Kind::badRequest);
   MCPHTTPRequest request;
   request.method = asciiUpper(requestLine[0]);
@@ -112,28 +116,28 @@ MCPParseResult MCPHTTPTransport::parse(std::string_view data,
 
   std::optional<std::int64_t> declaredLength;
   bool chunked = false;
-  std::optional<std::string> host, origin, authorization, headerToken;
-  for (std::size_t i = 1; i < lines.size(); ++i) {
-    const std::string_view line = lines[i];
-    const auto colon = line.find(':');
+  std::optional<std::string_view> host, origin, authorization, headerToken;
+  while (const auto line = nextLine()) {
+    const auto colon = line->find(':');
     if (colon == std::string_view::npos) continue;
-    const std::string name = asciiLower(trimBlanks(line.substr(0, colon)));
-    const std::string value(trimBlanks(line.substr(colon + 1)));
-    if (name == "content-type") {
-      request.contentType = value;
-    } else if (name == "content-length") {
+    const std::string_view name = trimBlanks(line->substr(0, colon));
+    const std::string_view value = trimBlanks(line->substr(colon + 1));
+    const auto is = [name](std::string_view known) { return equalsIgnoringAsciiCase(name, known); };
+    if (is("content-type")) {
+      request.contentType = std::string(value);
+    } else if (is("content-length")) {
       auto n = parseInteger(value);
       if (!n || *n < 0 || *n > kMaxContentLength) return resultOf(Kind::badRequest);
       declaredLength = *n;
-    } else if (name == "transfer-encoding") {
+    } else if (is("transfer-encoding")) {
       if (asciiLower(value).find("chunked") != std::string::npos) chunked = true;
-    } else if (name == "host") {
+    } else if (is("host")) {
       host = value;
-    } else if (name == "origin") {
+    } else if (is("origin")) {
       origin = value;
-    } else if (name == "authorization") {
+    } else if (is("authorization")) {
       authorization = value;
-    } else if (name == "x-quorel-mcp-token") {
+    } else if (is("x-quorel-mcp-token")) {
       headerToken = value;
     }
   }
@@ -144,7 +148,7 @@ MCPParseResult MCPHTTPTransport::parse(std::string_view data,
   if (!isLoopbackHost(host)) return resultOf(Kind::forbidden);
   if (requiredToken) {
     auto presented = bearerToken(authorization);
-    if (!presented) presented = headerToken;
+    if (!presented && headerToken) presented = std::string(*headerToken);
     if (!presented || !constantTimeEquals(*presented, *requiredToken)) {
       return resultOf(Kind::unauthorized);
     }

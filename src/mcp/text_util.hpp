@@ -10,6 +10,8 @@ namespace quorel {
 bool isValidUTF8(std::string_view text);
 std::string asciiLower(std::string_view text);
 std::string asciiUpper(std::string_view text);
+// ASCII case-insensitive equality, without building lowered copies.
+bool equalsIgnoringAsciiCase(std::string_view a, std::string_view b);
 // Trims spaces and tabs only, as header fields are trimmed.
 std::string_view trimBlanks(std::string_view text);
 // Trims spaces, tabs and line ends.
