@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <initializer_list>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -56,18 +57,6 @@ std::vector<std::string_view> splitKeepingEmpty(std::string_view s, char separat
   }
   parts.push_back(s);
   return parts;
-}
-
-std::string statusHead(std::string_view status,
-                       const std::vector<std::pair<std::string_view, std::string>>& headers,
-                       std::size_t bodySize) {
-  std::string out = "HTTP/1.1 ";
-  out.append(status).append("\r\n");
-  for (const auto& [name, value] : headers)
-    out.append(name).append(": ").append(value).append("\r\n");
-  out.append("Content-Length: ").append(std::to_string(bodySize)).append("\r\n");
-  out.append("Connection: close\r\n\r\n");
-  return out;
 }
 
 bool isLoopbackPeer(const sockaddr_storage& peer) {
@@ -281,8 +270,8 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   void onReadable(const std::shared_ptr<Connection>& conn);
   void dispatch(const std::shared_ptr<Connection>& conn, MCPHTTPRequest request);
   void finishRoute(std::uint64_t id, const std::optional<JSONRPCResponse>& response);
-  void answer(std::uint64_t id, std::string_view status,
-              std::vector<std::pair<std::string_view, std::string>> headers = {},
+  using HeaderList = std::initializer_list<std::pair<std::string_view, std::string_view>>;
+  void answer(std::uint64_t id, std::string_view status, HeaderList headers = {},
               std::string_view body = {});
   void writeRest(const std::shared_ptr<Connection>& conn);
   void armSweep(SteadyTime at);
@@ -547,15 +536,20 @@ void MCPHTTPTransport::Impl::finishRoute(std::uint64_t id,
          body ? std::string_view(*body) : kEncodeFailedBody);
 }
 
-void MCPHTTPTransport::Impl::answer(std::uint64_t id, std::string_view status,
-                                    std::vector<std::pair<std::string_view, std::string>> headers,
+void MCPHTTPTransport::Impl::answer(std::uint64_t id, std::string_view status, HeaderList headers,
                                     std::string_view body) {
   auto it = connectionByID.find(id);
   if (it == connectionByID.end()) return;
   const auto& conn = it->second;
   conn->awaitingRequest = false;
-  conn->outgoing = statusHead(status, headers, body.size());
-  conn->outgoing.append(body);
+  std::string& out = conn->outgoing;
+  out.reserve(128 + body.size());
+  out.append("HTTP/1.1 ").append(status).append("\r\n");
+  for (const auto& [name, value] : headers) {
+    out.append(name).append(": ").append(value).append("\r\n");
+  }
+  out.append("Content-Length: ").append(std::to_string(body.size())).append("\r\n");
+  out.append("Connection: close\r\n\r\n").append(body);
   conn->sent = 0;
   writeRest(conn);
 }
