@@ -221,10 +221,13 @@ CapacityLogEntry capacityAt(double t, int nominal, int design, int cycles, doubl
           .maxTemperature_C = 33.5};
 }
 
-TEST_F(WritesTest, CapacityReadingsLandAndAverageIntoTheirDay) {
+TEST_F(WritesTest, CapacityReadingsLandAndAverageIntoTheirDayButARefusedOneTouchesNeither) {
+  LogCapture logs;
   db->insertCapacityLog(capacityAt(kNow, 4000, 5000, 120, 80));
+  db->insertCapacityLog(capacityAt(kNow + 60, 9000, 0, 200, 10));  // design must be above 0
   db->insertCapacityLog(capacityAt(kNow + 3600, 4500, 5000, 118, 90));
   drain();
+  EXPECT_EQ(linesStartingWith(logs, "insertCapacityLog step failed: rc=19 "), 1u);
 
   EXPECT_THAT(look().rows("SELECT timestamp, nominal_capacity_mah, design_capacity_mah, "
                           "cycle_count, health_pct, max_temperature_c FROM capacity_log "
@@ -254,16 +257,6 @@ TEST_F(WritesTest, CapacityReadingFillsADayFirstMadeByTemperatureAndLiftsItToMea
                   "health_pct, capacity_sample_count, quality, avg_temperature_c, "
                   "temperature_sample_count FROM daily_battery_metrics"),
       ElementsAre(ElementsAre("4050.0", "5000.0", "121", "81.0", "2", "measured", "28.0", "10")));
-}
-
-TEST_F(WritesTest, RefusedCapacityReadingTouchesNoDay) {
-  LogCapture logs;
-  db->insertCapacityLog(capacityAt(kNow, 4000, 0, 120, 80));  // design must be above 0
-  drain();
-  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM capacity_log"), 0);
-  EXPECT_EQ(look().integer("SELECT COUNT(*) FROM daily_battery_metrics"), 0);
-  ASSERT_FALSE(logs.lines().empty());
-  EXPECT_THAT(logs.lines().back().message, StartsWith("insertCapacityLog step failed: rc=19 "));
 }
 
 // ---------------------------------------------------------------------------------------------
