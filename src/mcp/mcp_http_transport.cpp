@@ -163,19 +163,17 @@ bool MCPHTTPTransport::isLoopbackHost(std::optional<std::string_view> value) {
     const auto close = h.find(']');
     hostPart = close == std::string_view::npos ? h.substr(1) : h.substr(1, close - 1);
   } else if (std::count(h.begin(), h.end(), ':') <= 1) {
-    // The first non-empty piece between colons; a value of only colons stays whole.
-    hostPart = h;
-    for (auto piece : splitKeepingEmpty(h, ':', std::string_view::npos)) {
-      if (!piece.empty()) {
-        hostPart = piece;
-        break;
-      }
-    }
+    // The first non-empty side of the colon; a value of only a colon stays whole.
+    const auto colon = h.find(':');
+    const std::string_view before = h.substr(0, colon);
+    const std::string_view after =
+        colon == std::string_view::npos ? std::string_view() : h.substr(colon + 1);
+    hostPart = !before.empty() ? before : !after.empty() ? after : h;
   } else {
     hostPart = h;  // a bare IPv6 address
   }
-  const std::string lower = asciiLower(hostPart);
-  return lower == "127.0.0.1" || lower == "localhost" || lower == "::1";
+  return hostPart == "127.0.0.1" || hostPart == "::1" ||
+         equalsIgnoringAsciiCase(hostPart, "localhost");
 }
 
 std::optional<std::string> MCPHTTPTransport::bearerToken(
@@ -184,7 +182,7 @@ std::optional<std::string> MCPHTTPTransport::bearerToken(
   const std::string_view trimmed = trimBlanks(*authorization);
   constexpr std::string_view kPrefix = "bearer ";
   if (trimmed.size() <= kPrefix.size()) return std::nullopt;
-  if (asciiLower(trimmed.substr(0, kPrefix.size())) != kPrefix) return std::nullopt;
+  if (!equalsIgnoringAsciiCase(trimmed.substr(0, kPrefix.size()), kPrefix)) return std::nullopt;
   return std::string(trimBlanks(trimmed.substr(kPrefix.size())));
 }
 
@@ -202,7 +200,7 @@ bool MCPHTTPTransport::constantTimeEquals(std::string_view a, std::string_view b
 bool MCPHTTPTransport::isAcceptableContentType(std::optional<std::string_view> value) {
   if (!value || value->empty()) return true;
   const std::string_view mediaType = value->substr(0, value->find(';'));
-  return asciiLower(trimWhitespace(mediaType)) == "application/json";
+  return equalsIgnoringAsciiCase(trimWhitespace(mediaType), "application/json");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -454,18 +452,26 @@ void MCPHTTPTransport::Impl::onReadable(const std::shared_ptr<Connection>& conn)
       return;
     }
     const bool ended = n == 0;
-    conn->buffer.append(scratch.data(), static_cast<std::size_t>(n));
-    if (conn->buffer.size() > kMaxBufferedBytes) {
-      answer(conn->id, "413 Payload Too Large");
-      return;
+    // A request that comes whole in its first read is parsed where it landed; one read alone
+    // cannot pass the limit.
+    static_assert(kMaxReadBytes <= kMaxBufferedBytes);
+    std::string_view bytes(scratch.data(), static_cast<std::size_t>(n));
+    if (!conn->buffer.empty()) {
+      conn->buffer.append(bytes);
+      if (conn->buffer.size() > kMaxBufferedBytes) {
+        answer(conn->id, "413 Payload Too Large");
+        return;
+      }
+      bytes = conn->buffer;
     }
-    auto result = MCPHTTPTransport::parse(conn->buffer, requiredToken);
+    auto result = MCPHTTPTransport::parse(bytes, requiredToken);
     switch (result.kind) {
       case MCPParseResult::Kind::incomplete:
         if (ended) {
           cancelConnection(conn->id);
           return;
         }
+        if (conn->buffer.empty()) conn->buffer.assign(bytes);
         continue;
       case MCPParseResult::Kind::badRequest:
         answer(conn->id, "400 Bad Request");
