@@ -1,6 +1,9 @@
 #include "core/json_value.hpp"
 
+#include <array>
+#include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 
 namespace quorel {
@@ -115,46 +118,89 @@ class ValueBuilder {
   }
 };
 
-std::optional<json> toNlohmann(const JSONValue& v) {
+// Whether nlohmann would write these bytes between quotes unchanged: printable ASCII with
+// nothing to escape. Such text, nearly every key and most values, is copied without a detour.
+bool writesVerbatim(std::string_view s) {
+  for (const char c : s) {
+    if (c < 0x20 || c > 0x7E || c == '"' || c == '\\') return false;
+  }
+  return true;
+}
+
+void writeString(std::string_view s, std::string& out) {
+  if (writesVerbatim(s)) {
+    out.push_back('"');
+    out.append(s);
+    out.push_back('"');
+    return;
+  }
+  out.append(json(std::string(s)).dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+template <class Integer>
+void writeInteger(Integer n, std::string& out) {
+  std::array<char, 24> digits{};
+  const auto [end, ec] = std::to_chars(digits.data(), digits.data() + digits.size(), n);
+  out.append(digits.data(), end);
+}
+
+// The structure is written here; string escapes and fractional numbers are nlohmann's, so the
+// text is what dumping the equivalent document would give, without building that document.
+bool writeValue(const JSONValue& v, std::string& out) {
   switch (v.kind()) {
     case JSONValue::Kind::null:
-      return json(nullptr);
+      out.append("null");
+      return true;
     case JSONValue::Kind::boolean:
-      return json(*v.boolValue());
+      out.append(*v.boolValue() ? "true" : "false");
+      return true;
     case JSONValue::Kind::string:
-      return json(*v.stringValue());
+      writeString(*v.stringValue(), out);
+      return true;
     case JSONValue::Kind::number: {
       const double d = *v.numberValue();
-      if (!std::isfinite(d)) return std::nullopt;
+      if (!std::isfinite(d)) return false;
       // 2^63 and 2^64 are exact in a double, so these bounds convert without rounding.
       if (std::trunc(d) == d) {
         if (d >= -9223372036854775808.0 && d < 9223372036854775808.0) {
-          return json(static_cast<std::int64_t>(d));
+          writeInteger(static_cast<std::int64_t>(d), out);
+          return true;
         }
-        if (d >= 0 && d < 18446744073709551616.0) return json(static_cast<std::uint64_t>(d));
+        if (d >= 0 && d < 18446744073709551616.0) {
+          writeInteger(static_cast<std::uint64_t>(d), out);
+          return true;
+        }
       }
-      return json(d);
+      out.append(json(d).dump());
+      return true;
     }
     case JSONValue::Kind::array: {
-      json out = json::array();
+      out.push_back('[');
+      bool first = true;
       for (const auto& e : *v.arrayValue()) {
-        auto j = toNlohmann(e);
-        if (!j) return std::nullopt;
-        out.push_back(std::move(*j));
+        if (!first) out.push_back(',');
+        first = false;
+        if (!writeValue(e, out)) return false;
       }
-      return out;
+      out.push_back(']');
+      return true;
     }
     case JSONValue::Kind::object: {
-      json out = json::object();
+      // Both maps order keys bytewise, so members come out in the order a dump would give.
+      out.push_back('{');
+      bool first = true;
       for (const auto& [k, e] : *v.objectValue()) {
-        auto j = toNlohmann(e);
-        if (!j) return std::nullopt;
-        out[k] = std::move(*j);
+        if (!first) out.push_back(',');
+        first = false;
+        writeString(k, out);
+        out.push_back(':');
+        if (!writeValue(e, out)) return false;
       }
-      return out;
+      out.push_back('}');
+      return true;
     }
   }
-  return std::nullopt;
+  return false;
 }
 
 }  // namespace
@@ -176,13 +222,19 @@ JSONValue::ReadResult JSONValue::read(std::string_view text) {
 }
 
 std::optional<std::string> JSONValue::write() const {
-  auto j = toNlohmann(*this);
-  if (!j) return std::nullopt;
+  std::string out;
+  if (!writeTo(out)) return std::nullopt;
+  return out;
+}
+
+bool JSONValue::writeTo(std::string& out) const {
+  const auto mark = out.size();
   try {
-    return j->dump(-1, ' ', false, json::error_handler_t::replace);
+    if (writeValue(*this, out)) return true;
   } catch (const std::exception&) {
-    return std::nullopt;
   }
+  out.resize(mark);
+  return false;
 }
 
 std::string_view toString(JSONValue::Kind kind) {

@@ -78,6 +78,8 @@ class JSONValue {
   // numbers are written without a fraction so that integers read back as integers. Invalid UTF-8
   // in strings is written as U+FFFD rather than failing the whole value.
   std::optional<std::string> write() const;
+  // The same text appended to `out`; false, with `out` as it was, where write() gives nothing.
+  bool writeTo(std::string& out) const;
 
  private:
   // Alternatives are stored in reverse of Kind so that index 0 is null, the default.

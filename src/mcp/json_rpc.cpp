@@ -76,7 +76,27 @@ JSONValue JSONRPCResponse::toJSON() const {
 }
 
 std::optional<std::string> JSONRPCResponse::encode() const {
-  return toJSON().write();
+  // The members written in place rather than copied into an object first, in the order the
+  // object would give them (keys sorted bytewise), so the text is that of toJSON().
+  std::string out = "{";
+  if (error) {
+    out.append("\"error\":");
+    if (!error->toJSON().writeTo(out)) return std::nullopt;
+    out.push_back(',');
+  }
+  if (id) {
+    out.append("\"id\":");
+    if (!id->writeTo(out)) return std::nullopt;
+    out.push_back(',');
+  }
+  out.append("\"jsonrpc\":");
+  JSONValue(jsonrpc).writeTo(out);
+  if (result) {
+    out.append(",\"result\":");
+    if (!result->writeTo(out)) return std::nullopt;
+  }
+  out.push_back('}');
+  return out;
 }
 
 std::optional<JSONRPCResponse> JSONRPCResponse::decode(std::string_view body) {

@@ -1,11 +1,23 @@
 #include "mcp/text_util.hpp"
 
+#include <cstdint>
+#include <cstring>
+
 namespace quorel {
 
 bool isValidUTF8(std::string_view text) {
   const auto* p = reinterpret_cast<const unsigned char*>(text.data());
   const auto* end = p + text.size();
   while (p < end) {
+    // Heads are nearly always plain ASCII: skip it a word at a time.
+    if (end - p >= 8) {
+      std::uint64_t word;
+      std::memcpy(&word, p, sizeof word);
+      if ((word & 0x8080808080808080ull) == 0) {
+        p += 8;
+        continue;
+      }
+    }
     const unsigned char c = *p;
     if (c < 0x80) {
       ++p;

@@ -68,6 +68,25 @@ TEST(JSONRPCResponseTest, AbsentFieldsAreLeftOutNotWrittenAsNull) {
   EXPECT_FALSE(written->find("error"));
 }
 
+TEST(JSONRPCResponseTest, EncodingWritesExactlyTheTextOfTheResponseObject) {
+  const JSONRPCErrorObject withData{kJSONRPCInvalidParams, "bad \"x\"", JSONValue("d\n")};
+  const JSONRPCResponse cases[] = {
+      JSONRPCResponse::success(JSONValue(7), JSONValue::object({{"tools", JSONValue::array({})}})),
+      JSONRPCResponse::success(JSONValue("ü-id"), JSONValue(nullptr)),
+      JSONRPCResponse::failure(std::nullopt, JSONRPCErrorObject::parseError),
+      JSONRPCResponse::failure(JSONValue(2.5), withData),
+      // Not a valid response, but every member at once shows their order.
+      JSONRPCResponse{"2.0", JSONValue(1), JSONValue(true), withData},
+      JSONRPCResponse{"2.0", std::nullopt, std::nullopt, std::nullopt},
+  };
+  for (const auto& response : cases) {
+    const auto expected = response.toJSON().write();
+    ASSERT_TRUE(expected);
+    EXPECT_EQ(response.encode(), expected);
+  }
+  EXPECT_FALSE(JSONRPCResponse::success(JSONValue(INFINITY), JSONValue(1)).encode());
+}
+
 TEST(JSONRPCResponseTest, AResultThatIsNotFiniteCannotBeEncoded) {
   auto r = JSONRPCResponse::success(JSONValue(1), JSONValue::object({{"w", std::nan("")}}));
   EXPECT_FALSE(r.encode());
