@@ -17,14 +17,21 @@ struct BatchedPoster::State {
   // A drain is on its way to the target; new items join it instead of sending their own.
   bool drainPosted = false;
 
+  // Drains never overlap (one is posted only once the last has taken its batch, and the target
+  // runs one job at a time), so the drain owns this; handing it back and forth with `pending`
+  // keeps both vectors' storage instead of growing a new one for every batch.
+  std::vector<std::function<void()>> spare;
+
   static void drain(const std::shared_ptr<State>& state) {
-    std::vector<std::function<void()>> batch;
+    auto batch = std::move(state->spare);
     {
       std::lock_guard lock(state->mutex);
       batch.swap(state->pending);
       state->drainPosted = false;
     }
     for (auto& work : batch) work();
+    batch.clear();
+    state->spare = std::move(batch);
   }
 };
 
