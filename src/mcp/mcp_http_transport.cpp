@@ -46,17 +46,14 @@ std::optional<std::int64_t> parseInteger(std::string_view s) {
   return value;
 }
 
-std::vector<std::string_view> splitKeepingEmpty(std::string_view s, char separator,
-                                                std::size_t maxParts) {
-  std::vector<std::string_view> parts;
-  while (parts.size() + 1 < maxParts) {
-    auto at = s.find(separator);
-    if (at == std::string_view::npos) break;
-    parts.push_back(s.substr(0, at));
-    s.remove_prefix(at + 1);
-  }
-  parts.push_back(s);
-  return parts;
+// The bearer form of an Authorization value, as a view into it.
+std::optional<std::string_view> bearerTokenIn(std::optional<std::string_view> authorization) {
+  if (!authorization) return std::nullopt;
+  const std::string_view trimmed = trimBlanks(*authorization);
+  constexpr std::string_view kPrefix = "bearer ";
+  if (trimmed.size() <= kPrefix.size()) return std::nullopt;
+  if (!equalsIgnoringAsciiCase(trimmed.substr(0, kPrefix.size()), kPrefix)) return std::nullopt;
+  return trimBlanks(trimmed.substr(kPrefix.size()));
 }
 
 bool isLoopbackPeer(const sockaddr_storage& peer) {
@@ -97,11 +94,16 @@ MCPParseResult MCPHTTPTransport::parse(std::string_view data,
     return line;
   };
 
-  const auto requestLine = splitKeepingEmpty(*nextLine(), ' ', 3);
-  if (requestLine.size() < 2) return resultOf(Kind::badRequest);
+  // Method, path and a version that is ignored, split on single spaces; no space at all means
+  // there is no path.
+  const std::string_view requestLine = *nextLine();
+  const auto firstSpace = requestLine.find(' ');
+  if (firstSpace == std::string_view::npos) return resultOf(Kind::badRequest);
+  std::string_view path = requestLine.substr(firstSpace + 1);
+  path = path.substr(0, path.find(' '));
   MCPHTTPRequest request;
-  request.method = asciiUpper(requestLine[0]);
-  request.path = std::string(requestLine[1]);
+  request.method = asciiUpper(requestLine.substr(0, firstSpace));
+  request.path = std::string(path);
 
   std::optional<std::int64_t> declaredLength;
   bool chunked = false;
@@ -136,8 +138,8 @@ MCPParseResult MCPHTTPTransport::parse(std::string_view data,
   // A foreign Host is how a DNS-rebinding page reaches a loopback port.
   if (!isLoopbackHost(host)) return resultOf(Kind::forbidden);
   if (requiredToken) {
-    auto presented = bearerToken(authorization);
-    if (!presented && headerToken) presented = std::string(*headerToken);
+    auto presented = bearerTokenIn(authorization);
+    if (!presented) presented = headerToken;
     if (!presented || !constantTimeEquals(*presented, *requiredToken)) {
       return resultOf(Kind::unauthorized);
     }
@@ -178,12 +180,9 @@ bool MCPHTTPTransport::isLoopbackHost(std::optional<std::string_view> value) {
 
 std::optional<std::string> MCPHTTPTransport::bearerToken(
     std::optional<std::string_view> authorization) {
-  if (!authorization) return std::nullopt;
-  const std::string_view trimmed = trimBlanks(*authorization);
-  constexpr std::string_view kPrefix = "bearer ";
-  if (trimmed.size() <= kPrefix.size()) return std::nullopt;
-  if (!equalsIgnoringAsciiCase(trimmed.substr(0, kPrefix.size()), kPrefix)) return std::nullopt;
-  return std::string(trimBlanks(trimmed.substr(kPrefix.size())));
+  auto token = bearerTokenIn(authorization);
+  if (!token) return std::nullopt;
+  return std::string(*token);
 }
 
 bool MCPHTTPTransport::constantTimeEquals(std::string_view a, std::string_view b) {
