@@ -15,7 +15,6 @@
 #include <charconv>
 #include <chrono>
 #include <initializer_list>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -31,10 +30,6 @@ using asio::ip::tcp;
 
 constexpr std::string_view kEncodeFailedBody =
     R"({"jsonrpc":"2.0","id":null,"error":{"code":-32603,"message":"encode failed"}})";
-
-MCPParseResult resultOf(MCPParseResult::Kind kind) {
-  return MCPParseResult{kind, std::nullopt};
-}
 
 // A base-ten integer as the platform reads one: an optional sign, then digits only.
 std::optional<std::int64_t> parseInteger(std::string_view s) {
@@ -73,13 +68,29 @@ bool isLoopbackPeer(const sockaddr_storage& peer) {
 // ---------------------------------------------------------------------------------------------
 // Parsing
 
-MCPParseResult MCPHTTPTransport::parse(std::string_view data,
-                                       const std::optional<std::string>& requiredToken) {
+namespace {
+
+// A parse result whose parts point into the bytes parsed, so that a request read whole is
+// dispatched without copying any of it.
+struct RequestView {
+  std::string_view method;  // as sent; compared without regard to case
+  std::string_view path;
+  std::optional<std::string_view> contentType;
+  std::string_view body;
+};
+
+struct ParsedView {
+  MCPParseResult::Kind kind = MCPParseResult::Kind::incomplete;
+  RequestView request;  // meaningful for Kind::request only
+};
+
+ParsedView parseInPlace(std::string_view data, const std::optional<std::string>& requiredToken) {
   using Kind = MCPParseResult::Kind;
+  const auto fail = [](Kind kind) { return ParsedView{kind, {}}; };
   const auto mark = data.find("\r\n\r\n");
-  if (mark == std::string_view::npos) return resultOf(Kind::incomplete);
+  if (mark == std::string_view::npos) return fail(Kind::incomplete);
   const std::string_view head = data.substr(0, mark);
-  if (!isValidUTF8(head)) return resultOf(Kind::badRequest);
+  if (!isValidUTF8(head)) return fail(Kind::badRequest);
 
   // Lines end at LF; a CR just before an LF belongs to the line end, any other CR to the text.
   std::size_t at = 0;
@@ -98,12 +109,11 @@ MCPParseResult MCPHTTPTransport::parse(std::string_view data,
   // there is no path.
   const std::string_view requestLine = *nextLine();
   const auto firstSpace = requestLine.find(' ');
-  if (firstSpace == std::string_view::npos) return resultOf(Kind::badRequest);
+  if (firstSpace == std::string_view::npos) return fail(Kind::badRequest);
   std::string_view path = requestLine.substr(firstSpace + 1);
-  path = path.substr(0, path.find(' '));
-  MCPHTTPRequest request;
-  request.method = asciiUpper(requestLine.substr(0, firstSpace));
-  request.path = std::string(path);
+  RequestView request;
+  request.method = requestLine.substr(0, firstSpace);
+  request.path = path.substr(0, path.find(' '));
 
   std::optional<std::int64_t> declaredLength;
   bool chunked = false;
@@ -113,48 +123,80 @@ MCPParseResult MCPHTTPTransport::parse(std::string_view data,
     if (colon == std::string_view::npos) continue;
     const std::string_view name = trimBlanks(line->substr(0, colon));
     const std::string_view value = trimBlanks(line->substr(colon + 1));
+    // The names that matter differ in length, so the length alone picks the one to compare.
     const auto is = [name](std::string_view known) { return equalsIgnoringAsciiCase(name, known); };
-    if (is("content-type")) {
-      request.contentType = std::string(value);
-    } else if (is("content-length")) {
-      auto n = parseInteger(value);
-      if (!n || *n < 0 || *n > kMaxContentLength) return resultOf(Kind::badRequest);
-      declaredLength = *n;
-    } else if (is("transfer-encoding")) {
-      if (asciiLower(value).find("chunked") != std::string::npos) chunked = true;
-    } else if (is("host")) {
-      host = value;
-    } else if (is("origin")) {
-      origin = value;
-    } else if (is("authorization")) {
-      authorization = value;
-    } else if (is("x-quorel-mcp-token")) {
-      headerToken = value;
+    switch (name.size()) {
+      case 12:
+        if (is("content-type")) request.contentType = value;
+        break;
+      case 14:
+        if (is("content-length")) {
+          auto n = parseInteger(value);
+          if (!n || *n < 0 || *n > MCPHTTPTransport::kMaxContentLength) {
+            return fail(Kind::badRequest);
+          }
+          declaredLength = *n;
+        }
+        break;
+      case 17:
+        if (is("transfer-encoding") && asciiLower(value).find("chunked") != std::string::npos) {
+          chunked = true;
+        }
+        break;
+      case 4:
+        if (is("host")) host = value;
+        break;
+      case 6:
+        if (is("origin")) origin = value;
+        break;
+      case 13:
+        if (is("authorization")) authorization = value;
+        break;
+      case 18:
+        if (is("x-quorel-mcp-token")) headerToken = value;
+        break;
+      default:
+        break;
     }
   }
 
   // No browser-origin request is ever answered, so no cross-origin headers exist either.
-  if (origin) return resultOf(Kind::forbidden);
+  if (origin) return fail(Kind::forbidden);
   // A foreign Host is how a DNS-rebinding page reaches a loopback port.
-  if (!isLoopbackHost(host)) return resultOf(Kind::forbidden);
+  if (!MCPHTTPTransport::isLoopbackHost(host)) return fail(Kind::forbidden);
   if (requiredToken) {
     auto presented = bearerTokenIn(authorization);
     if (!presented) presented = headerToken;
-    if (!presented || !constantTimeEquals(*presented, *requiredToken)) {
-      return resultOf(Kind::unauthorized);
+    if (!presented || !MCPHTTPTransport::constantTimeEquals(*presented, *requiredToken)) {
+      return fail(Kind::unauthorized);
     }
   }
-  if (chunked) return resultOf(Kind::badRequest);
+  if (chunked) return fail(Kind::badRequest);
 
   const std::string_view rest = data.substr(mark + 4);
   if (declaredLength) {
     const auto length = static_cast<std::size_t>(*declaredLength);
-    if (rest.size() < length) return resultOf(Kind::incomplete);
-    request.body = std::string(rest.substr(0, length));
+    if (rest.size() < length) return fail(Kind::incomplete);
+    request.body = rest.substr(0, length);
   } else {
-    request.body = std::string(rest);
+    request.body = rest;
   }
-  return MCPParseResult{Kind::request, std::move(request)};
+  return ParsedView{Kind::request, request};
+}
+
+}  // namespace
+
+MCPParseResult MCPHTTPTransport::parse(std::string_view data,
+                                       const std::optional<std::string>& requiredToken) {
+  const ParsedView parsed = parseInPlace(data, requiredToken);
+  if (parsed.kind != MCPParseResult::Kind::request) return {parsed.kind, std::nullopt};
+  const RequestView& view = parsed.request;
+  MCPHTTPRequest request;
+  request.method = asciiUpper(view.method);
+  request.path = std::string(view.path);
+  if (view.contentType) request.contentType = std::string(*view.contentType);
+  request.body = std::string(view.body);
+  return MCPParseResult{parsed.kind, std::move(request)};
 }
 
 bool MCPHTTPTransport::isLoopbackHost(std::optional<std::string_view> value) {
@@ -214,36 +256,57 @@ bool MCPHTTPTransport::isAcceptableContentType(std::optional<std::string_view> v
 struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::Impl> {
   using SteadyTime = std::chrono::steady_clock::time_point;
 
+  // One slot per connection the cap allows. A slot and its buffers are used again and again,
+  // so a connection costs no allocation once the slots have warmed up.
   struct Connection {
-    std::uint64_t id = 0;
-    int fd = -1;  // owned by `waiter` once that exists
+    std::uint64_t id = 0;  // 0: the slot is free
+    int fd = -1;           // owned by `waiter` once that exists
     // The descriptor as the reactor knows it; made the first time the connection must wait.
     std::optional<tcp::socket> waiter;
     // The limit on the whole request, from accept; it stops applying once answering begins.
     SteadyTime deadline;
     bool awaitingRequest = true;
+    // The request was read to its last byte and nothing came after it: no sign that the peer
+    // has more to send, so there is nothing to discard before closing.
+    bool readToEnd = false;
     std::string buffer;
     // The answer and how much of it has gone out.
     std::string outgoing;
     std::size_t sent = 0;
   };
+  // Identities carry their slot in the low bits; the rest counts up, so that a late event for
+  // a connection that is gone never reaches the one that took its slot.
+  static constexpr unsigned kSlotBits = 6;
+  static_assert(kMaxConnections <= (1u << kSlotBits));
+  // Buffers that grew past this for one large request are given back rather than kept.
+  static constexpr std::size_t kKeptBufferBytes = 16'384;
+
+  struct RoutedReply {
+    std::uint64_t connection = 0;
+    std::optional<JSONRPCResponse> response;
+  };
 
   Impl(SerialQueue& q, Route r, MCPHTTPTransportOptions o)
-      : queue(q), route(std::move(r)), options(o), log(logging::get("mcp")), replies(q) {}
+      : queue(q), route(std::move(r)), options(o), log(logging::get("mcp")) {
+    for (std::size_t i = 0; i < kMaxConnections; ++i) freeSlots[i] = kMaxConnections - 1 - i;
+  }
 
   SerialQueue& queue;
   const Route route;
   const MCPHTTPTransportOptions options;
   std::shared_ptr<spdlog::logger> log;
   // Replies come back from the route's thread; under load many share one wakeup of this queue.
-  BatchedPoster replies;
+  // Made once the transport is shared, since its handler holds the transport weakly.
+  std::optional<BatchedPoster<RoutedReply>> replies;
 
   std::unique_ptr<tcp::acceptor> listener;
   bool listenerIsFallback = false;
   std::uint64_t listenerGeneration = 0;
   TimerHandle acceptRetry;
-  std::unordered_map<std::uint64_t, std::shared_ptr<Connection>> connectionByID;
-  std::uint64_t nextConnectionID = 1;
+  std::array<Connection, kMaxConnections> slots;
+  std::array<std::size_t, kMaxConnections> freeSlots{};
+  std::size_t freeCount = kMaxConnections;
+  std::uint64_t nextSerial = 1;
   // One timer for every deadline; armed for the earliest among connections waiting for bytes.
   // Made with the first connection that waits, when the listener has long created the reactor.
   std::optional<asio::steady_timer> sweep;
@@ -256,6 +319,13 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   // Reads complete one at a time on the queue, so one scratch buffer serves every connection.
   std::array<char, kMaxReadBytes> scratch{};
 
+  std::size_t connectionCount() const { return kMaxConnections - freeCount; }
+  Connection* find(std::uint64_t id) {
+    const auto slot = static_cast<std::size_t>(id & ((1u << kSlotBits) - 1));
+    if (id == 0 || slot >= kMaxConnections || slots[slot].id != id) return nullptr;
+    return &slots[slot];
+  }
+
   std::optional<std::error_code> startListener(std::uint16_t port, bool isFallback);
   void listenerFailed(std::error_code ec);
   void listenerReady();
@@ -263,19 +333,23 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   void acceptPending();
   void admit(int fd, const sockaddr_storage& peer);
   bool ensureRegistered(Connection& conn);
-  void waitUntil(const std::shared_ptr<Connection>& conn, tcp::socket::wait_type what);
-  void onReadable(const std::shared_ptr<Connection>& conn);
-  void dispatch(const std::shared_ptr<Connection>& conn, MCPHTTPRequest request);
+  void waitUntil(Connection& conn, tcp::socket::wait_type what);
+  void onReadable(Connection& conn);
+  void dispatch(Connection& conn, const RequestView& request);
   void finishRoute(std::uint64_t id, const std::optional<JSONRPCResponse>& response);
   using HeaderList = std::initializer_list<std::pair<std::string_view, std::string_view>>;
-  void answer(std::uint64_t id, std::string_view status, HeaderList headers = {},
+  void answer(Connection& conn, std::string_view status, HeaderList headers = {},
               std::string_view body = {});
-  void writeRest(const std::shared_ptr<Connection>& conn);
+  void writeRest(Connection& conn);
   void armSweep(SteadyTime at);
   void sweepDeadlines();
-  void cancelConnection(std::uint64_t id);
+  void cancelConnection(Connection& conn);
   void teardown();
 };
+
+void MCPHTTPTransport::Reply::operator()(std::optional<JSONRPCResponse> response) const {
+  if (auto impl = impl_.lock()) impl->replies->post({connection_, std::move(response)});
+}
 
 std::optional<std::error_code> MCPHTTPTransport::Impl::startListener(std::uint16_t port,
                                                                      bool isFallback) {
@@ -388,18 +462,20 @@ void MCPHTTPTransport::Impl::admit(int fd, const sockaddr_storage& peer) {
     ::close(fd);
     return;
   }
-  if (connectionByID.size() >= kMaxConnections) {
+  if (freeCount == 0) {
     log->error("MCP: connection cap ({}) reached — rejecting new peer", kMaxConnections);
     ::close(fd);
     return;
   }
-  auto conn = std::make_shared<Connection>();
-  conn->id = nextConnectionID++;
-  conn->fd = fd;
-  conn->deadline =
+  const std::size_t slot = freeSlots[--freeCount];
+  Connection& conn = slots[slot];
+  conn.id = (nextSerial++ << kSlotBits) | slot;
+  conn.fd = fd;
+  conn.deadline =
       std::chrono::steady_clock::now() +
       std::chrono::duration_cast<std::chrono::steady_clock::duration>(options.requestDeadline);
-  connectionByID.emplace(conn->id, conn);
+  conn.awaitingRequest = true;
+  conn.readToEnd = false;
   onReadable(conn);
 }
 
@@ -413,41 +489,42 @@ bool MCPHTTPTransport::Impl::ensureRegistered(Connection& conn) {
   return true;
 }
 
-void MCPHTTPTransport::Impl::waitUntil(const std::shared_ptr<Connection>& conn,
-                                       tcp::socket::wait_type what) {
-  if (!ensureRegistered(*conn)) {
-    cancelConnection(conn->id);
+void MCPHTTPTransport::Impl::waitUntil(Connection& conn, tcp::socket::wait_type what) {
+  if (!ensureRegistered(conn)) {
+    cancelConnection(conn);
     return;
   }
-  if (what == tcp::socket::wait_read && conn->awaitingRequest) armSweep(conn->deadline);
+  if (what == tcp::socket::wait_read && conn.awaitingRequest) armSweep(conn.deadline);
   std::weak_ptr<Impl> weak = weak_from_this();
-  conn->waiter->async_wait(what, [weak, conn, what](std::error_code ec) {
+  conn.waiter->async_wait(what, [weak, id = conn.id, what](std::error_code ec) {
     auto self = weak.lock();
-    if (!self || !self->connectionByID.count(conn->id)) return;
+    if (!self) return;
+    Connection* c = self->find(id);
+    if (c == nullptr) return;
     if (ec) {
-      self->cancelConnection(conn->id);
+      self->cancelConnection(*c);
     } else if (what == tcp::socket::wait_read) {
-      self->onReadable(conn);
+      self->onReadable(*c);
     } else {
-      self->writeRest(conn);
+      self->writeRest(*c);
     }
   });
 }
 
-void MCPHTTPTransport::Impl::onReadable(const std::shared_ptr<Connection>& conn) {
+void MCPHTTPTransport::Impl::onReadable(Connection& conn) {
   // The reactor reports readiness on edges only: bytes already waiting behind a full read would
   // raise no new edge, so reading goes on until the socket says it has nothing more.
   for (;;) {
     ssize_t n;
     do {
-      n = ::recv(conn->fd, scratch.data(), scratch.size(), 0);
+      n = ::recv(conn.fd, scratch.data(), scratch.size(), 0);
     } while (n < 0 && errno == EINTR);
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
       waitUntil(conn, tcp::socket::wait_read);
       return;
     }
     if (n < 0) {
-      cancelConnection(conn->id);
+      cancelConnection(conn);
       return;
     }
     const bool ended = n == 0;
@@ -455,118 +532,114 @@ void MCPHTTPTransport::Impl::onReadable(const std::shared_ptr<Connection>& conn)
     // cannot pass the limit.
     static_assert(kMaxReadBytes <= kMaxBufferedBytes);
     std::string_view bytes(scratch.data(), static_cast<std::size_t>(n));
-    if (!conn->buffer.empty()) {
-      conn->buffer.append(bytes);
-      if (conn->buffer.size() > kMaxBufferedBytes) {
-        answer(conn->id, "413 Payload Too Large");
+    if (!conn.buffer.empty()) {
+      conn.buffer.append(bytes);
+      if (conn.buffer.size() > kMaxBufferedBytes) {
+        answer(conn, "413 Payload Too Large");
         return;
       }
-      bytes = conn->buffer;
+      bytes = conn.buffer;
     }
-    auto result = MCPHTTPTransport::parse(bytes, requiredToken);
-    switch (result.kind) {
+    const ParsedView parsed = parseInPlace(bytes, requiredToken);
+    switch (parsed.kind) {
       case MCPParseResult::Kind::incomplete:
         if (ended) {
-          cancelConnection(conn->id);
+          cancelConnection(conn);
           return;
         }
-        if (conn->buffer.empty()) conn->buffer.assign(bytes);
+        if (conn.buffer.empty()) conn.buffer.assign(bytes);
         continue;
       case MCPParseResult::Kind::badRequest:
-        answer(conn->id, "400 Bad Request");
+        answer(conn, "400 Bad Request");
         return;
       case MCPParseResult::Kind::forbidden:
-        answer(conn->id, "403 Forbidden");
+        answer(conn, "403 Forbidden");
         return;
       case MCPParseResult::Kind::unauthorized:
-        answer(conn->id, "401 Unauthorized", {{"WWW-Authenticate", "Bearer"}});
+        answer(conn, "401 Unauthorized", {{"WWW-Authenticate", "Bearer"}});
         return;
       case MCPParseResult::Kind::request:
         // Past this point nothing limits how long a tool may take.
-        conn->awaitingRequest = false;
-        std::string().swap(conn->buffer);
-        dispatch(conn, std::move(*result.request));
+        conn.awaitingRequest = false;
+        conn.readToEnd =
+            parsed.request.body.data() + parsed.request.body.size() == bytes.data() + bytes.size();
+        dispatch(conn, parsed.request);
         return;
     }
   }
 }
 
-void MCPHTTPTransport::Impl::dispatch(const std::shared_ptr<Connection>& conn,
-                                      MCPHTTPRequest request) {
+void MCPHTTPTransport::Impl::dispatch(Connection& conn, const RequestView& request) {
   std::string_view path = request.path;
   if (const auto q = path.find('?'); q != std::string_view::npos && q > 0) {
     path = path.substr(0, q);
   }
-  if (request.method == "OPTIONS") {
-    answer(conn->id, "204 No Content");
+  if (equalsIgnoringAsciiCase(request.method, "OPTIONS")) {
+    answer(conn, "204 No Content");
     return;
   }
-  if (request.method != "POST") {
-    answer(conn->id, "405 Method Not Allowed", {{"Allow", "POST, OPTIONS"}});
+  if (!equalsIgnoringAsciiCase(request.method, "POST")) {
+    answer(conn, "405 Method Not Allowed", {{"Allow", "POST, OPTIONS"}});
     return;
   }
   if (path != "/mcp" && path != "/") {
-    answer(conn->id, "404 Not Found");
+    answer(conn, "404 Not Found");
     return;
   }
   if (!isAcceptableContentType(request.contentType)) {
-    answer(conn->id, "415 Unsupported Media Type");
+    answer(conn, "415 Unsupported Media Type");
     return;
   }
+  // The request views `conn.buffer` or the scratch buffer, so it is decoded before either is
+  // used again.
   auto decoded = JSONRPCRequest::decode(request.body);
   if (!decoded) {
-    finishRoute(conn->id, JSONRPCResponse::failure(std::nullopt, JSONRPCErrorObject::parseError));
+    finishRoute(conn.id, JSONRPCResponse::failure(std::nullopt, JSONRPCErrorObject::parseError));
     return;
   }
-  std::weak_ptr<Impl> weak = weak_from_this();
-  const auto id = conn->id;
-  route(std::move(*decoded), [weak, id](std::optional<JSONRPCResponse> response) {
-    auto self = weak.lock();
-    if (!self) return;
-    self->replies.post([weak, id, response = std::move(response)] {
-      if (auto impl = weak.lock()) impl->finishRoute(id, response);
-    });
-  });
+  route(std::move(*decoded), Reply(weak_from_this(), conn.id));
 }
 
 void MCPHTTPTransport::Impl::finishRoute(std::uint64_t id,
                                          const std::optional<JSONRPCResponse>& response) {
-  if (!connectionByID.count(id)) return;
+  Connection* conn = find(id);
+  if (conn == nullptr) return;
   if (!response) {
-    answer(id, "202 Accepted");
+    answer(*conn, "202 Accepted");
     return;
   }
   auto body = response->encode();
-  answer(id, "200 OK", {{"Content-Type", "application/json"}},
+  answer(*conn, "200 OK", {{"Content-Type", "application/json"}},
          body ? std::string_view(*body) : kEncodeFailedBody);
 }
 
-void MCPHTTPTransport::Impl::answer(std::uint64_t id, std::string_view status, HeaderList headers,
+void MCPHTTPTransport::Impl::answer(Connection& conn, std::string_view status, HeaderList headers,
                                     std::string_view body) {
-  auto it = connectionByID.find(id);
-  if (it == connectionByID.end()) return;
-  const auto& conn = it->second;
-  conn->awaitingRequest = false;
-  std::string& out = conn->outgoing;
-  out.reserve(128 + body.size());
+  conn.awaitingRequest = false;
+  std::array<char, 24> length{};
+  const auto [lengthEnd, ec] =
+      std::to_chars(length.data(), length.data() + length.size(), body.size());
+  (void)ec;  // 24 digits hold any size
+  std::string& out = conn.outgoing;
+  out.clear();
   out.append("HTTP/1.1 ").append(status).append("\r\n");
   for (const auto& [name, value] : headers) {
     out.append(name).append(": ").append(value).append("\r\n");
   }
-  out.append("Content-Length: ").append(std::to_string(body.size())).append("\r\n");
+  out.append("Content-Length: ").append(length.data(), lengthEnd).append("\r\n");
   out.append("Connection: close\r\n\r\n").append(body);
-  conn->sent = 0;
+  conn.sent = 0;
   writeRest(conn);
 }
 
-void MCPHTTPTransport::Impl::writeRest(const std::shared_ptr<Connection>& conn) {
+void MCPHTTPTransport::Impl::writeRest(Connection& conn) {
   // An answer is small next to the socket's send buffer, so it nearly always goes out in one
   // call; a slow reader gets the rest when its socket can take it.
-  while (conn->sent < conn->outgoing.size()) {
-    const ssize_t n = ::send(conn->fd, conn->outgoing.data() + conn->sent,
-                             conn->outgoing.size() - conn->sent, MSG_NOSIGNAL);
+  while (conn.sent < conn.outgoing.size()) {
+    const ssize_t n = ::send(conn.fd, conn.outgoing.data() + conn.sent,
+                             conn.outgoing.size() - conn.sent, MSG_NOSIGNAL);
     if (n > 0) {
-      conn->sent += static_cast<std::size_t>(n);
+      conn.sent += static_cast<std::size_t>(n);
     } else if (n < 0 && errno == EINTR) {
       continue;
     } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
@@ -576,7 +649,7 @@ void MCPHTTPTransport::Impl::writeRest(const std::shared_ptr<Connection>& conn) 
       break;  // the peer is gone; nothing more to say
     }
   }
-  cancelConnection(conn->id);
+  cancelConnection(conn);
 }
 
 void MCPHTTPTransport::Impl::armSweep(SteadyTime at) {
@@ -595,44 +668,51 @@ void MCPHTTPTransport::Impl::armSweep(SteadyTime at) {
 
 void MCPHTTPTransport::Impl::sweepDeadlines() {
   const auto now = std::chrono::steady_clock::now();
-  std::vector<std::uint64_t> expired;
   std::optional<SteadyTime> next;
-  for (const auto& [id, conn] : connectionByID) {
-    if (!conn->awaitingRequest || !conn->waiter) continue;
-    if (conn->deadline <= now) {
-      expired.push_back(id);
-    } else if (!next || conn->deadline < *next) {
-      next = conn->deadline;
+  for (Connection& conn : slots) {
+    if (conn.id == 0 || !conn.awaitingRequest || !conn.waiter) continue;
+    if (conn.deadline <= now) {
+      log->warn("MCP: connection idle past {}s without a complete request — cancelling",
+                options.requestDeadline.count());
+      cancelConnection(conn);
+    } else if (!next || conn.deadline < *next) {
+      next = conn.deadline;
     }
-  }
-  for (auto id : expired) {
-    log->warn("MCP: connection idle past {}s without a complete request — cancelling",
-              options.requestDeadline.count());
-    cancelConnection(id);
   }
   if (next) armSweep(*next);
 }
 
-void MCPHTTPTransport::Impl::cancelConnection(std::uint64_t id) {
-  auto it = connectionByID.find(id);
-  if (it == connectionByID.end()) return;
-  auto conn = std::move(it->second);
-  connectionByID.erase(it);
+void MCPHTTPTransport::Impl::cancelConnection(Connection& conn) {
+  if (conn.id == 0) return;
   // Closing with unread bytes in the receive queue makes the kernel send a reset, which can
-  // destroy the answer before the peer reads it (a pipelined second request, say). Discard
-  // what has arrived first so that the close is an orderly one.
-  for (std::size_t drained = 0; drained <= kMaxBufferedBytes;) {
-    const ssize_t n = ::recv(conn->fd, scratch.data(), scratch.size(), MSG_DONTWAIT);
+  // destroy the answer before the peer reads it. So when there is a sign of more (bytes after
+  // the request, a request answered before it was all read, a connection cut short) what has
+  // arrived is discarded first, and the close is an orderly one. A request read to its end
+  // shows no such sign, and its connection is spared the extra read.
+  for (std::size_t drained = 0; !conn.readToEnd && drained <= kMaxBufferedBytes;) {
+    const ssize_t n = ::recv(conn.fd, scratch.data(), scratch.size(), MSG_DONTWAIT);
     if (n <= 0) break;
     drained += static_cast<std::size_t>(n);
   }
-  if (conn->waiter) {
+  if (conn.waiter) {
     std::error_code ec;
-    conn->waiter->close(ec);  // also cancels a wait in flight
+    conn.waiter->close(ec);  // also cancels a wait in flight, whose handler then finds no one
+    conn.waiter.reset();
   } else {
-    ::close(conn->fd);
+    ::close(conn.fd);
   }
-  conn->fd = -1;
+  const auto slot = static_cast<std::size_t>(conn.id & ((1u << kSlotBits) - 1));
+  conn.id = 0;
+  conn.fd = -1;
+  conn.sent = 0;
+  for (std::string* text : {&conn.buffer, &conn.outgoing}) {
+    if (text->capacity() > kKeptBufferBytes) {
+      std::string().swap(*text);
+    } else {
+      text->clear();
+    }
+  }
+  freeSlots[freeCount++] = slot;
 }
 
 void MCPHTTPTransport::Impl::teardown() {
@@ -642,10 +722,7 @@ void MCPHTTPTransport::Impl::teardown() {
   ++listenerGeneration;
   acceptRetry.cancel();
   boundPort.reset();
-  std::vector<std::uint64_t> ids;
-  ids.reserve(connectionByID.size());
-  for (const auto& [id, conn] : connectionByID) ids.push_back(id);
-  for (auto id : ids) cancelConnection(id);
+  for (Connection& conn : slots) cancelConnection(conn);
   if (sweep) sweep->cancel();
   sweepAt.reset();
 }
@@ -660,7 +737,12 @@ auto MCPHTTPTransport::onQueue(F&& work) const {
 }
 
 MCPHTTPTransport::MCPHTTPTransport(SerialQueue& queue, Route route, MCPHTTPTransportOptions options)
-    : queue_(queue), impl_(std::make_shared<Impl>(queue, std::move(route), options)) {}
+    : queue_(queue), impl_(std::make_shared<Impl>(queue, std::move(route), options)) {
+  std::weak_ptr<Impl> weak = impl_;
+  impl_->replies.emplace(queue, [weak](Impl::RoutedReply& reply) {
+    if (auto impl = weak.lock()) impl->finishRoute(reply.connection, reply.response);
+  });
+}
 
 MCPHTTPTransport::~MCPHTTPTransport() {
   auto impl = impl_;
@@ -698,7 +780,7 @@ std::optional<std::error_code> MCPHTTPTransport::lastStartError() const {
 
 std::size_t MCPHTTPTransport::connectionCount() const {
   auto impl = impl_;
-  return onQueue([impl] { return impl->connectionByID.size(); });
+  return onQueue([impl] { return impl->connectionCount(); });
 }
 
 void MCPHTTPTransport::setRequiredToken(std::optional<std::string> token) {

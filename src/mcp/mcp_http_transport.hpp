@@ -56,9 +56,26 @@ class MCPHTTPTransport {
   static constexpr const char* kBindAddress = "127.0.0.1";
   static constexpr std::uint16_t kFallbackPort = 0;
 
-  using Reply = std::function<void(std::optional<JSONRPCResponse>)>;
-  // Answers one decoded request by calling Reply exactly once, from any thread; an absent
-  // response (a notification) is answered "202 Accepted".
+  struct Impl;
+
+  // Where the answer to one request goes. Call it once, from any thread; an absent response (a
+  // notification) is answered "202 Accepted". A call after the connection or the transport is
+  // gone is dropped. Cheap to copy and to move: it is no more than a name for the connection.
+  class Reply {
+   public:
+    Reply() = default;
+    void operator()(std::optional<JSONRPCResponse> response) const;
+    // False for a default-made Reply, which answers nobody.
+    explicit operator bool() const { return connection_ != 0; }
+
+   private:
+    friend struct Impl;
+    Reply(std::weak_ptr<Impl> impl, std::uint64_t connection)
+        : impl_(std::move(impl)), connection_(connection) {}
+    std::weak_ptr<Impl> impl_;
+    std::uint64_t connection_ = 0;
+  };
+  // Answers one decoded request through its Reply; may answer later, from any thread.
   using Route = std::function<void(JSONRPCRequest, Reply)>;
 
   MCPHTTPTransport(SerialQueue& queue, Route route, MCPHTTPTransportOptions options = {});
@@ -95,8 +112,6 @@ class MCPHTTPTransport {
   // Compares without an early exit, so timing does not reveal how much of a guess was right.
   static bool constantTimeEquals(std::string_view a, std::string_view b);
   static bool isAcceptableContentType(std::optional<std::string_view> value);
-
-  struct Impl;
 
  private:
   template <class F>

@@ -167,13 +167,15 @@ MCPServer::MCPServer(SerialQueue& mainQueue, SerialQueue& transportQueue,
                                    std::move(options), std::move(registry))) {
   std::weak_ptr<Core> weak = core_;
   // Requests reach the main queue in batches under load, sparing its thread a wakeup each.
-  BatchedPoster toMain(mainQueue);
-  auto routeOnMain = [weak, toMain](JSONRPCRequest request, MCPHTTPTransport::Reply reply) {
-    toMain.post([weak, request = std::move(request), reply = std::move(reply)]() mutable {
-      auto core = weak.lock();
-      if (!core) return;
-      MCPServer::routeWith(*core, request, std::move(reply));
-    });
+  struct Routed {
+    JSONRPCRequest request;
+    MCPHTTPTransport::Reply reply;
+  };
+  BatchedPoster<Routed> toMain(mainQueue, [weak](Routed& routed) {
+    if (auto core = weak.lock()) MCPServer::routeWith(*core, routed.request, routed.reply);
+  });
+  auto routeOnMain = [toMain](JSONRPCRequest request, MCPHTTPTransport::Reply reply) {
+    toMain.post({std::move(request), std::move(reply)});
   };
   transport_ = std::make_unique<MCPHTTPTransport>(transportQueue, std::move(routeOnMain),
                                                   core_->options.transport);
@@ -275,8 +277,8 @@ void MCPServer::route(const JSONRPCRequest& request,
   routeWith(*core_, request, std::move(reply));
 }
 
-void MCPServer::routeWith(Core& core, const JSONRPCRequest& request,
-                          std::function<void(std::optional<JSONRPCResponse>)> reply) {
+template <class Reply>
+void MCPServer::routeWith(Core& core, const JSONRPCRequest& request, const Reply& reply) {
   if (!request.id) {
     reply(std::nullopt);
     return;
@@ -311,7 +313,7 @@ void MCPServer::routeWith(Core& core, const JSONRPCRequest& request,
   auto log = core.log;
   const std::string toolName = *name->stringValue();
   core.registry->callTool(toolName, std::move(arguments), id,
-                          [log, toolName, reply = std::move(reply)](JSONRPCResponse response) {
+                          [log, toolName, reply](JSONRPCResponse response) {
                             if (response.error) {
                               log->info("tools/call {} → error {}", toolName, response.error->code);
                             } else {

@@ -98,8 +98,9 @@ class MCPServer {
   struct Core;
 
  private:
-  static void routeWith(Core& core, const JSONRPCRequest& request,
-                        std::function<void(std::optional<JSONRPCResponse>)> reply);
+  // Any callable taking an optional JSONRPCResponse; defined and used in the source file only.
+  template <class Reply>
+  static void routeWith(Core& core, const JSONRPCRequest& request, const Reply& reply);
   static JSONValue initializeResultFor(const MCPServerOptions& options);
 
   std::shared_ptr<Core> core_;

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -17,10 +18,13 @@ namespace {
 TEST(BatchedPosterTest, ItemsPostedFromAnotherQueueTravelAsOneJobAfterThatQueuesWork) {
   SerialQueue source("test.source");
   SerialQueue target("test.target");
-  BatchedPoster poster(target);
   std::vector<int> seen;
+  BatchedPoster<int> poster(target, [&](int& i) {
+    EXPECT_TRUE(target.isCurrent());
+    seen.push_back(i);
+  });
   source.async([&] {
-    for (int i = 0; i < 5; ++i) poster.post([&seen, i] { seen.push_back(i); });
+    for (int i = 0; i < 5; ++i) poster.post(i);
     // Nothing may leave before the handler that produced the items is done.
     EXPECT_EQ(target.runPending(), 0u);
   });
@@ -29,55 +33,74 @@ TEST(BatchedPosterTest, ItemsPostedFromAnotherQueueTravelAsOneJobAfterThatQueues
   EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3, 4}));
 }
 
-TEST(BatchedPosterTest, ItemsPostedWhileADrainWaitsJoinItAndLaterOnesStartAnother) {
+TEST(BatchedPosterTest, ItemsPostedWhileADrainRunsAreNotLostAndStartAnother) {
   SerialQueue target("test.target");
-  BatchedPoster poster(target);
   std::vector<int> seen;
-  poster.post([&] { seen.push_back(1); });
-  poster.post([&] {
-    seen.push_back(2);
+  std::function<void(int)> repost;
+  BatchedPoster<int> poster(target, [&](int& i) {
+    seen.push_back(i);
     // Posted from inside the drain: it must not be lost in the batch being run.
-    poster.post([&] { seen.push_back(3); });
+    if (i == 2) repost(3);
   });
+  repost = [&](int i) { poster.post(i); };
+  poster.post(1);
+  poster.post(2);
   EXPECT_EQ(target.runPending(), 2u);  // the first drain, then the one item 2 started
   EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
 
-  poster.post([&] { seen.push_back(4); });
+  poster.post(4);
   EXPECT_EQ(target.runPending(), 1u);
   EXPECT_EQ(seen.back(), 4);
+}
+
+TEST(BatchedPosterTest, ItemsMoveThroughWhole) {
+  // Items are moved, not copied, and each reaches the handler once with its contents intact,
+  // also after the storage has been handed back and forth between batches.
+  SerialQueue target("test.target");
+  std::vector<std::string> seen;
+  BatchedPoster<std::unique_ptr<std::string>> poster(
+      target, [&](std::unique_ptr<std::string>& s) { seen.push_back(*s); });
+  for (int batch = 0; batch < 3; ++batch) {
+    for (int i = 0; i < 3; ++i) {
+      poster.post(std::make_unique<std::string>(std::to_string(batch) + std::to_string(i) +
+                                                std::string(40, 'x')));
+    }
+    EXPECT_EQ(target.runPending(), 1u);
+  }
+  ASSERT_EQ(seen.size(), 9u);
+  EXPECT_EQ(seen[0].substr(0, 2), "00");
+  EXPECT_EQ(seen[8].substr(0, 2), "22");
 }
 
 TEST(BatchedPosterTest, ItemsOutliveThePoster) {
   SerialQueue target("test.target");
   int ran = 0;
   {
-    BatchedPoster poster(target);
-    poster.post([&] { ++ran; });
+    BatchedPoster<int> poster(target, [&](int& i) { ran += i; });
+    poster.post(7);
   }
   target.runPending();
-  EXPECT_EQ(ran, 1);
+  EXPECT_EQ(ran, 7);
 }
 
 TEST(BatchedPosterTest, EveryItemFromManyThreadsRunsOnceInEachThreadsOrder) {
   SerialQueue target("test.target");
   target.start();
-  BatchedPoster poster(target);
   constexpr int kThreads = 4;
   constexpr int kEach = 2000;
   std::mutex m;
   std::vector<std::vector<int>> seen(kThreads);
   std::atomic<int> done{0};
+  BatchedPoster<std::pair<int, int>> poster(target, [&](std::pair<int, int>& item) {
+    EXPECT_TRUE(target.isCurrent());
+    std::lock_guard lock(m);
+    seen[item.first].push_back(item.second);
+    ++done;
+  });
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      for (int i = 0; i < kEach; ++i) {
-        poster.post([&, t, i] {
-          EXPECT_TRUE(target.isCurrent());
-          std::lock_guard lock(m);
-          seen[t].push_back(i);
-          ++done;
-        });
-      }
+      for (int i = 0; i < kEach; ++i) poster.post({t, i});
     });
   }
   for (auto& thread : threads) thread.join();

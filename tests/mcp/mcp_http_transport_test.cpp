@@ -275,7 +275,7 @@ TEST_F(MCPHTTPTransportTest, TheDeadlineCoversTheWholeRequestButNotTheAnswer) {
   LogCapture log;
   // The route holds its reply so that the answer comes only after the deadline has passed.
   std::mutex m;
-  MCPHTTPTransport::Reply held;
+  std::function<void(std::optional<JSONRPCResponse>)> held;
   route_ = [&](JSONRPCRequest request, MCPHTTPTransport::Reply reply) {
     std::lock_guard lock(m);
     held = [reply, id = request.id](std::optional<JSONRPCResponse>) {
