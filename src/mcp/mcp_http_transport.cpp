@@ -266,9 +266,6 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
     // The limit on the whole request, from accept; it stops applying once answering begins.
     SteadyTime deadline;
     bool awaitingRequest = true;
-    // The request was read to its last byte and nothing came after it: no sign that the peer
-    // has more to send, so there is nothing to discard before closing.
-    bool readToEnd = false;
     std::string buffer;
     // The answer and how much of it has gone out.
     std::string outgoing;
@@ -475,7 +472,6 @@ void MCPHTTPTransport::Impl::admit(int fd, const sockaddr_storage& peer) {
       std::chrono::steady_clock::now() +
       std::chrono::duration_cast<std::chrono::steady_clock::duration>(options.requestDeadline);
   conn.awaitingRequest = true;
-  conn.readToEnd = false;
   onReadable(conn);
 }
 
@@ -561,8 +557,6 @@ void MCPHTTPTransport::Impl::onReadable(Connection& conn) {
       case MCPParseResult::Kind::request:
         // Past this point nothing limits how long a tool may take.
         conn.awaitingRequest = false;
-        conn.readToEnd =
-            parsed.request.body.data() + parsed.request.body.size() == bytes.data() + bytes.size();
         dispatch(conn, parsed.request);
         return;
     }
@@ -685,11 +679,10 @@ void MCPHTTPTransport::Impl::sweepDeadlines() {
 void MCPHTTPTransport::Impl::cancelConnection(Connection& conn) {
   if (conn.id == 0) return;
   // Closing with unread bytes in the receive queue makes the kernel send a reset, which can
-  // destroy the answer before the peer reads it. So when there is a sign of more (bytes after
-  // the request, a request answered before it was all read, a connection cut short) what has
-  // arrived is discarded first, and the close is an orderly one. A request read to its end
-  // shows no such sign, and its connection is spared the extra read.
-  for (std::size_t drained = 0; !conn.readToEnd && drained <= kMaxBufferedBytes;) {
+  // destroy the answer before the peer reads it, or at least turn the end of the stream into
+  // an error. A pipelining client's next request can arrive at any moment while this one is
+  // routed, so what has arrived is discarded first and the close is an orderly one.
+  for (std::size_t drained = 0; drained <= kMaxBufferedBytes;) {
     const ssize_t n = ::recv(conn.fd, scratch.data(), scratch.size(), MSG_DONTWAIT);
     if (n <= 0) break;
     drained += static_cast<std::size_t>(n);

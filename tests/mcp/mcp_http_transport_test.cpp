@@ -206,6 +206,34 @@ TEST_F(MCPHTTPTransportTest, PipelinedRequestsGetOneAnswerAndTheRestIsDropped) {
   EXPECT_EQ(routedCount(), 1);
 }
 
+TEST_F(MCPHTTPTransportTest, ARequestPipelinedWhileTheFirstIsRoutedDoesNotResetTheAnswer) {
+  // Closing on unread bytes would end the stream with a reset instead of an orderly close.
+  std::mutex m;
+  std::function<void(std::optional<JSONRPCResponse>)> held;
+  route_ = [&](JSONRPCRequest, MCPHTTPTransport::Reply reply) {
+    std::lock_guard lock(m);
+    held = std::move(reply);
+  };
+  const auto port = startTransport();
+  RawClient client(port);
+  ASSERT_TRUE(client.send(post(kPing, kAuth)));
+  ASSERT_TRUE(eventually([&] {
+    std::lock_guard lock(m);
+    return static_cast<bool>(held);
+  }));
+  ASSERT_TRUE(client.send(post(kPing, kAuth)));
+  {
+    std::lock_guard lock(m);
+    held(JSONRPCResponse::success(JSONValue(1), JSONValue(true)));
+  }
+  auto a = client.readAll();
+  EXPECT_EQ(a.status(), "200 OK");
+  EXPECT_EQ(a.body(), R"({"id":1,"jsonrpc":"2.0","result":true})");
+  EXPECT_TRUE(a.closed);
+  EXPECT_FALSE(a.reset);
+  EXPECT_EQ(routedCount(), 1);
+}
+
 TEST_F(MCPHTTPTransportTest, AStreamEndedBeforeTheRequestIsClosedWithoutAnAnswer) {
   const auto port = startTransport();
   RawClient client(port);

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -101,6 +102,7 @@ class ScratchDirectory {
 struct RawAnswer {
   std::string bytes;
   bool closed = false;  // the server ended the stream (orderly or by reset)
+  bool reset = false;   // ... and it was by reset
 
   // "HTTP/1.1 200 OK" -> "200 OK"
   std::string status() const {
@@ -185,6 +187,7 @@ class RawClient {
       const ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
       if (n <= 0) {
         answer.closed = true;
+        answer.reset = n < 0 && errno == ECONNRESET;
         return answer;
       }
       answer.bytes.append(buf, static_cast<std::size_t>(n));
