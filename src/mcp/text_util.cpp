@@ -71,15 +71,6 @@ std::string_view trimOf(std::string_view text, std::string_view set) {
 }
 }  // namespace
 
-std::string_view trimBlanks(std::string_view text) {
-  // By hand: every header line goes through here, and a two-character set search costs a call
-  // per character.
-  std::size_t begin = 0, end = text.size();
-  while (begin < end && (text[begin] == ' ' || text[begin] == '\t')) ++begin;
-  while (end > begin && (text[end - 1] == ' ' || text[end - 1] == '\t')) --end;
-  return text.substr(begin, end - begin);
-}
-
 std::string_view trimWhitespace(std::string_view text) {
   return trimOf(text, " \t\r\n\v\f");
 }
