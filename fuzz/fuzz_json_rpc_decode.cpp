@@ -1,5 +1,6 @@
 // Feeds arbitrary bytes to JSON reading and JSON-RPC decoding, and checks that whatever reads
-// writes back to text that reads as the same value.
+// writes back to text that reads as the same value, and that decoding a request straight from
+// the text agrees with reading the text as a value and converting that.
 
 #include <cstdint>
 #include <cstdlib>
@@ -29,8 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     (void)read.value->member("id");
   }
 
-  if (auto request = quorel::JSONRPCRequest::decode(text)) {
-    check(read.value.has_value());
+  auto request = quorel::JSONRPCRequest::decode(text);
+  check(request == (read.value ? quorel::JSONRPCRequest::fromJSON(*read.value) : std::nullopt));
+  if (request) {
     check(!request->id || !request->id->isNull());
     auto again = quorel::JSONRPCRequest::fromJSON(request->toJSON());
     check(again == request);

@@ -1,5 +1,6 @@
 #include "core/json_value.hpp"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -48,73 +49,41 @@ namespace {
 
 using nlohmann::json;
 
-// Builds a JSONValue straight from the parser's events, without an intermediate document, and
-// refuses nesting past the limit before it can grow the stack of any later recursive walk.
-class ValueBuilder {
+// Hands nlohmann's parser events to a builder and keeps the reason a text was refused.
+class ReadEvents {
  public:
-  std::optional<JSONValue> root;
+  JSONValueBuilder builder;
   std::string error;
 
-  bool null() { return put(JSONValue(nullptr)); }
-  bool boolean(bool b) { return put(JSONValue(b)); }
-  bool number_integer(json::number_integer_t n) { return put(JSONValue(n)); }
-  bool number_unsigned(json::number_unsigned_t n) { return put(JSONValue(n)); }
-  bool number_float(json::number_float_t n, const json::string_t&) { return put(JSONValue(n)); }
-  bool string(json::string_t& s) { return put(JSONValue(std::move(s))); }
+  bool null() { return builder.null(); }
+  bool boolean(bool b) { return builder.boolean(b); }
+  bool number_integer(json::number_integer_t n) { return builder.numberInteger(n); }
+  bool number_unsigned(json::number_unsigned_t n) { return builder.numberUnsigned(n); }
+  bool number_float(json::number_float_t n, const json::string_t&) {
+    return builder.numberFloat(n);
+  }
+  bool string(json::string_t& s) { return builder.string(s); }
   bool binary(json::binary_t&) {
     error = "Unsupported JSON value";
     return false;
   }
-  bool start_object(std::size_t) { return open(true); }
-  bool key(json::string_t& k) {
-    frames_.back().key = std::move(k);
-    return true;
-  }
-  bool end_object() {
-    Frame f = std::move(frames_.back());
-    frames_.pop_back();
-    return put(JSONValue(std::move(f.object)));
-  }
-  bool start_array(std::size_t) { return open(false); }
-  bool end_array() {
-    Frame f = std::move(frames_.back());
-    frames_.pop_back();
-    return put(JSONValue(std::move(f.array)));
-  }
+  bool start_object(std::size_t) { return opened(builder.startObject()); }
+  bool key(json::string_t& k) { return builder.key(k); }
+  bool end_object() { return builder.endContainer(); }
+  bool start_array(std::size_t) { return opened(builder.startArray()); }
+  bool end_array() { return builder.endContainer(); }
   bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception& e) {
     error = e.what();
     return false;
   }
 
  private:
-  struct Frame {
-    bool isObject = false;
-    JSONValue::Array array;
-    JSONValue::Object object;
-    std::string key;
-  };
-  std::vector<Frame> frames_;
-
-  bool open(bool isObject) {
-    if (frames_.size() >= static_cast<std::size_t>(JSONValue::kMaxReadDepth)) {
+  // The builder refuses to open a container only past the depth limit.
+  bool opened(bool ok) {
+    if (!ok) {
       error = "JSON nested deeper than " + std::to_string(JSONValue::kMaxReadDepth) + " levels";
-      return false;
     }
-    frames_.emplace_back();
-    frames_.back().isObject = isObject;
-    return true;
-  }
-
-  bool put(JSONValue v) {
-    if (frames_.empty()) {
-      root = std::move(v);
-    } else if (Frame& top = frames_.back(); top.isObject) {
-      top.object.insert_or_assign(std::move(top.key), std::move(v));
-      top.key.clear();
-    } else {
-      top.array.push_back(std::move(v));
-    }
-    return true;
+    return ok;
   }
 };
 
@@ -205,20 +174,76 @@ bool writeValue(const JSONValue& v, std::string& out) {
 
 }  // namespace
 
+void JSONValueBuilder::reset(int enclosingDepth) noexcept {
+  root_ = JSONValue();
+  enclosingDepth_ = enclosingDepth;
+  depth_ = 0;
+  complete_ = false;
+  slot_ = nullptr;
+}
+
+bool JSONValueBuilder::key(std::string_view k) {
+  if (depth_ == 0) return false;
+  auto* object = std::get_if<JSONValue::Object>(&innermost()->payload_);
+  if (object == nullptr) return false;
+  // The member is made (null) when its key arrives and its value lands on it later: a repeated
+  // key finds the member already there and overwrites it, so the last value wins.
+  auto it = object->lower_bound(k);
+  if (it == object->end() || it->first != k) {
+    it = object->emplace_hint(it, std::string(k), JSONValue());
+  }
+  slot_ = &it->second;
+  return true;
+}
+
+bool JSONValueBuilder::endContainer() noexcept {
+  if (depth_ == 0) return false;
+  --depth_;
+  slot_ = nullptr;
+  complete_ = depth_ == 0;
+  return true;
+}
+
+JSONValue* JSONValueBuilder::put(JSONValue v) {
+  if (complete_) return nullptr;
+  if (depth_ == 0) {
+    root_ = std::move(v);
+    // A scalar is the whole value; a container is whole only when it closes.
+    complete_ = !root_.isObject() && !root_.isArray();
+    return &root_;
+  }
+  // Only the innermost container grows, so the open ones above it never move.
+  if (auto* array = std::get_if<JSONValue::Array>(&innermost()->payload_)) {
+    return &array->emplace_back(std::move(v));
+  }
+  if (slot_ == nullptr) return nullptr;
+  JSONValue* target = std::exchange(slot_, nullptr);
+  *target = std::move(v);
+  return target;
+}
+
+bool JSONValueBuilder::open(JSONValue empty) {
+  if (depth_ >= JSONValue::kMaxReadDepth - std::max(enclosingDepth_, 0)) return false;
+  JSONValue* container = put(std::move(empty));
+  if (container == nullptr) return false;
+  open_[static_cast<std::size_t>(depth_++)] = container;
+  return true;
+}
+
 JSONValue::ReadResult JSONValue::read(std::string_view text) {
-  ValueBuilder builder;
+  ReadEvents events;
   bool ok = false;
   try {
-    ok = json::sax_parse(text, &builder, json::input_format_t::json, /*strict=*/true);
+    ok = json::sax_parse(text, &events, json::input_format_t::json, /*strict=*/true);
   } catch (const std::exception& e) {
-    builder.error = e.what();
+    events.error = e.what();
     ok = false;
   }
-  if (!ok || !builder.root) {
-    if (builder.error.empty()) builder.error = "Unsupported JSON value";
-    return {std::nullopt, std::move(builder.error)};
+  if (!ok || !events.builder.complete()) {
+    if (events.error.empty()) events.error = "Unsupported JSON value";
+    return {std::nullopt, std::move(events.error)};
   }
-  return {std::move(builder.root), std::string()};
+  return {events.builder.take(), std::string()};
 }
 
 std::optional<std::string> JSONValue::write() const {

@@ -5,7 +5,9 @@
 // Text is read by nlohmann-json's parser; when written, string escapes and fractional numbers
 // are nlohmann's too. The rules of the value are ours.
 
+#include <array>
 #include <cstddef>
+#include <cstdint>
 #include <initializer_list>
 #include <map>
 #include <optional>
@@ -83,6 +85,8 @@ class JSONValue {
   bool writeTo(std::string& out) const;
 
  private:
+  friend class JSONValueBuilder;
+
   // Alternatives are stored in reverse of Kind so that index 0 is null, the default.
   std::variant<std::nullptr_t, bool, double, std::string, Array, Object> payload_;
 };
@@ -99,5 +103,59 @@ inline std::optional<JSONValue> JSONValue::parse(std::string_view text) {
 }
 
 std::string_view toString(JSONValue::Kind kind);
+
+// Builds one JSONValue from a parser's events (the calls mirror nlohmann-json's SAX events, with
+// the three number events kept apart so that they convert exactly as the constructors do). A
+// container is put in its parent when it opens and filled where it lies, so nothing is copied or
+// moved when it closes, and the path of open containers needs no heap. A key given twice keeps
+// its last value. JSONValue::read feeds one from the whole text; a reader that wants only some
+// members of a larger text feeds one the events of each member's value, saying how many
+// containers already enclose it so that the depth limit counts from the top of the text.
+// Not thread-safe; reusable after reset().
+class JSONValueBuilder {
+ public:
+  explicit JSONValueBuilder(int enclosingDepth = 0) noexcept : enclosingDepth_(enclosingDepth) {}
+  JSONValueBuilder(const JSONValueBuilder&) = delete;
+  JSONValueBuilder& operator=(const JSONValueBuilder&) = delete;
+
+  // Forgets any value under way and starts a new one.
+  void reset(int enclosingDepth = 0) noexcept;
+
+  // Each is false only where noted, or when a value arrives after the value was complete.
+  bool null() { return put(JSONValue(nullptr)) != nullptr; }
+  bool boolean(bool b) { return put(JSONValue(b)) != nullptr; }
+  bool numberInteger(std::int64_t n) { return put(JSONValue(n)) != nullptr; }
+  bool numberUnsigned(std::uint64_t n) { return put(JSONValue(n)) != nullptr; }
+  bool numberFloat(double n) { return put(JSONValue(n)) != nullptr; }
+  bool string(std::string_view s) { return put(JSONValue(s)) != nullptr; }
+  // False when the innermost open container is not an object.
+  bool key(std::string_view k);
+  // False when opening would nest deeper than JSONValue::kMaxReadDepth, counting the enclosing
+  // containers.
+  bool startObject() { return open(JSONValue(JSONValue::Object())); }
+  bool startArray() { return open(JSONValue(JSONValue::Array())); }
+  // Closes the innermost open container (object or array alike: the parser has matched them).
+  bool endContainer() noexcept;
+
+  // Whether a whole value has been built: a scalar, or a container and everything in it.
+  bool complete() const noexcept { return complete_; }
+  // The value built; the builder is left empty. Only meaningful once complete().
+  JSONValue take() noexcept { return std::move(root_); }
+
+ private:
+  JSONValue root_;
+  int enclosingDepth_ = 0;
+  int depth_ = 0;
+  bool complete_ = false;
+  // Where the next member of the innermost open object goes, once its key has been given.
+  JSONValue* slot_ = nullptr;
+  // The open containers, outermost first; the deepest nesting accepted is bounded, so a fixed
+  // array serves. Left uninitialised: only entries below depth_ are ever read.
+  std::array<JSONValue*, JSONValue::kMaxReadDepth> open_;
+
+  JSONValue* put(JSONValue v);
+  bool open(JSONValue empty);
+  JSONValue* innermost() const noexcept { return open_[static_cast<std::size_t>(depth_ - 1)]; }
+};
 
 }  // namespace quorel

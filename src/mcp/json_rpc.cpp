@@ -1,6 +1,8 @@
 #include "mcp/json_rpc.hpp"
 
 #include <cmath>
+#include <exception>
+#include <nlohmann/json.hpp>
 
 namespace quorel {
 
@@ -20,6 +22,163 @@ std::optional<std::string> requiredString(const JSONValue& object, std::string_v
   if (v == nullptr || !v->isString()) return std::nullopt;
   return *v->stringValue();
 }
+
+// Fills a request straight from the parser's events, as reading the body into a JSONValue and
+// then calling fromJSON would, without building the members that a request does not keep:
+// "jsonrpc" and "method" are kept while they are strings, the values of "id" and "params" are
+// built, and every other member is passed over, its nesting still counted against the limit. A
+// member given twice counts by its last value, as in a JSONValue.
+class RequestEvents {
+ public:
+  using json = nlohmann::json;
+
+  // The request, once the parser has accepted the whole text.
+  std::optional<JSONRPCRequest> take() {
+    if (!jsonrpcIsString_ || !methodIsString_) return std::nullopt;
+    return std::move(request_);
+  }
+
+  bool null() { return building_ ? builder_.null() : member(JSONValue(nullptr)); }
+  bool boolean(bool b) { return building_ ? builder_.boolean(b) : member(JSONValue(b)); }
+  bool number_integer(json::number_integer_t n) {
+    return building_ ? builder_.numberInteger(n) : member(JSONValue(n));
+  }
+  bool number_unsigned(json::number_unsigned_t n) {
+    return building_ ? builder_.numberUnsigned(n) : member(JSONValue(n));
+  }
+  bool number_float(json::number_float_t n, const json::string_t&) {
+    return building_ ? builder_.numberFloat(n) : member(JSONValue(n));
+  }
+  bool string(json::string_t& s) { return building_ ? builder_.string(s) : stringMember(s); }
+  bool binary(json::binary_t&) { return false; }
+  bool start_object(std::size_t) { return open(true); }
+  bool start_array(std::size_t) { return open(false); }
+  bool key(json::string_t& k) {
+    if (building_) return builder_.key(k);
+    if (depth_ == 1) field_ = fieldNamed(k);
+    return true;
+  }
+  bool end_object() { return close(); }
+  bool end_array() { return close(); }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) {
+    return false;
+  }
+
+ private:
+  enum class Field { other, jsonrpc, id, method, params };
+
+  JSONRPCRequest request_;
+  bool jsonrpcIsString_ = false;
+  bool methodIsString_ = false;
+  // Containers open around the next event, the request object itself included; while a value is
+  // being built it stays at 1 and the builder counts the rest.
+  int depth_ = 0;
+  // The member of the request object whose value comes next.
+  Field field_ = Field::other;
+  bool building_ = false;
+  JSONValueBuilder builder_;
+
+  static Field fieldNamed(std::string_view k) {
+    if (k == "jsonrpc") return Field::jsonrpc;
+    if (k == "id") return Field::id;
+    if (k == "method") return Field::method;
+    if (k == "params") return Field::params;
+    return Field::other;
+  }
+
+  std::optional<JSONValue>& builtField() {
+    return field_ == Field::id ? request_.id : request_.params;
+  }
+
+  // A scalar outside any value being built: the whole body when depth_ is 0, which is then not
+  // an object; a member of the request at 1; inside a member passed over deeper.
+  bool member(JSONValue v) {
+    if (depth_ != 1) return depth_ > 1;
+    switch (field_) {
+      case Field::jsonrpc:
+        jsonrpcIsString_ = false;
+        break;
+      case Field::method:
+        methodIsString_ = false;
+        break;
+      case Field::id:
+      case Field::params:
+        // A JSON null reads as absent.
+        if (v.isNull()) {
+          builtField().reset();
+        } else {
+          builtField() = std::move(v);
+        }
+        break;
+      case Field::other:
+        break;
+    }
+    return true;
+  }
+
+  bool stringMember(const std::string& s) {
+    if (depth_ != 1) return depth_ > 1;
+    switch (field_) {
+      case Field::jsonrpc:
+        request_.jsonrpc = s;
+        jsonrpcIsString_ = true;
+        break;
+      case Field::method:
+        request_.method = s;
+        methodIsString_ = true;
+        break;
+      case Field::id:
+      case Field::params:
+        builtField() = JSONValue(std::string_view(s));
+        break;
+      case Field::other:
+        break;
+    }
+    return true;
+  }
+
+  bool open(bool isObject) {
+    if (building_) return isObject ? builder_.startObject() : builder_.startArray();
+    if (depth_ == 0) {
+      if (!isObject) return false;
+      depth_ = 1;
+      return true;
+    }
+    if (depth_ == 1) {
+      switch (field_) {
+        case Field::id:
+        case Field::params:
+          builder_.reset(/*enclosingDepth=*/1);
+          building_ = true;
+          return isObject ? builder_.startObject() : builder_.startArray();
+        case Field::jsonrpc:
+          jsonrpcIsString_ = false;
+          break;
+        case Field::method:
+          methodIsString_ = false;
+          break;
+        case Field::other:
+          break;
+      }
+    }
+    if (depth_ >= JSONValue::kMaxReadDepth) return false;
+    ++depth_;
+    return true;
+  }
+
+  bool close() {
+    if (!building_) {
+      --depth_;
+      return true;
+    }
+    if (!builder_.endContainer()) return false;
+    if (builder_.complete()) {
+      builtField() = builder_.take();
+      building_ = false;
+    }
+    return true;
+  }
+};
 
 std::optional<std::int64_t> exactInteger(const JSONValue& v) {
   auto n = v.numberValue();
@@ -47,9 +206,16 @@ std::optional<JSONRPCRequest> JSONRPCRequest::fromJSON(const JSONValue& value) {
 }
 
 std::optional<JSONRPCRequest> JSONRPCRequest::decode(std::string_view body) {
-  auto value = JSONValue::parse(body);
-  if (!value) return std::nullopt;
-  return fromJSON(*value);
+  RequestEvents events;
+  try {
+    if (!nlohmann::json::sax_parse(body, &events, nlohmann::json::input_format_t::json,
+                                   /*strict=*/true)) {
+      return std::nullopt;
+    }
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+  return events.take();
 }
 
 JSONValue JSONRPCRequest::toJSON() const {

@@ -37,6 +37,8 @@ struct JSONRPCRequest {
   std::optional<JSONValue> params;
 
   // Absent when the body is not a JSON object with string "jsonrpc" and "method" members.
+  // Gives what fromJSON(JSONValue::parse(body)) gives, read straight from the text without
+  // building the members that a request does not keep.
   static std::optional<JSONRPCRequest> decode(std::string_view body);
   static std::optional<JSONRPCRequest> fromJSON(const JSONValue& value);
   JSONValue toJSON() const;

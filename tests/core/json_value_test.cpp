@@ -57,6 +57,72 @@ TEST(JSONValueTest, ReadingRefusesNestingPastTheLimitButAcceptsItAtTheLimit) {
   EXPECT_FALSE(JSONValue::read(std::string(1'000'000, '[')).value.has_value());
 }
 
+TEST(JSONValueTest, ReadingFillsContainersThatKeepGrowingAroundFilledOnes) {
+  // Each element is filled where it lies while the array around it later grows and moves it.
+  std::string text = "{\"list\":[";
+  JSONValue::Array expected;
+  for (int i = 0; i < 1000; ++i) {
+    if (i > 0) text += ',';
+    text += R"({"n":[)" + std::to_string(i) + R"(,{"deep":[]}],"s":"element number )" +
+            std::to_string(i) + "\"}";
+    expected.push_back(JSONValue::object(
+        {{"n", JSONValue::array({i, JSONValue::object({{"deep", JSONValue::array({})}})})},
+         {"s", "element number " + std::to_string(i)}}));
+  }
+  text += "],\"after\":true}";
+  EXPECT_EQ(readOrFail(text),
+            JSONValue::object({{"list", JSONValue(std::move(expected))}, {"after", true}}));
+}
+
+TEST(JSONValueBuilderTest, AValueIsCompleteWhenItsOutermostContainerClosesAndTakesNoMore) {
+  JSONValueBuilder builder;
+  ASSERT_TRUE(builder.startObject());
+  EXPECT_FALSE(builder.null()) << "a member without a key";
+  ASSERT_TRUE(builder.key("a"));
+  ASSERT_TRUE(builder.startArray());
+  EXPECT_FALSE(builder.key("in an array")) << "an array has no keys";
+  ASSERT_TRUE(builder.numberUnsigned(18446744073709551615u));
+  ASSERT_TRUE(builder.endContainer());
+  EXPECT_FALSE(builder.complete());
+  // The same key again replaces the array it held.
+  ASSERT_TRUE(builder.key("a"));
+  ASSERT_TRUE(builder.numberInteger(-3));
+  ASSERT_TRUE(builder.key("b"));
+  ASSERT_TRUE(builder.string("text"));
+  ASSERT_TRUE(builder.endContainer());
+  EXPECT_TRUE(builder.complete());
+  EXPECT_FALSE(builder.null());
+  EXPECT_FALSE(builder.startArray());
+  EXPECT_FALSE(builder.endContainer());
+  EXPECT_EQ(builder.take(), JSONValue::object({{"a", -3}, {"b", "text"}}));
+
+  // Reused, it starts from nothing; a scalar is a whole value at once.
+  builder.reset();
+  EXPECT_FALSE(builder.complete());
+  EXPECT_FALSE(builder.key("k")) << "a key outside any object";
+  ASSERT_TRUE(builder.numberFloat(0.5));
+  EXPECT_TRUE(builder.complete());
+  EXPECT_EQ(builder.take(), JSONValue(0.5));
+}
+
+TEST(JSONValueBuilderTest, TheDepthLimitCountsTheContainersAroundTheValue) {
+  const int limit = JSONValue::kMaxReadDepth;
+  JSONValueBuilder builder(limit - 2);
+  EXPECT_TRUE(builder.startArray());
+  EXPECT_TRUE(builder.startArray());
+  EXPECT_FALSE(builder.startArray());
+  EXPECT_FALSE(builder.startObject());
+
+  builder.reset(0);
+  for (int i = 0; i < limit; ++i) ASSERT_TRUE(builder.startArray()) << i;
+  EXPECT_FALSE(builder.startObject());
+  for (int i = 0; i < limit; ++i) ASSERT_TRUE(builder.endContainer()) << i;
+  ASSERT_TRUE(builder.complete());
+  JSONValue expected = JSONValue::array({});
+  for (int i = 1; i < limit; ++i) expected = JSONValue::array({expected});
+  EXPECT_EQ(builder.take(), expected);
+}
+
 TEST(JSONValueTest, MemberLookupNeverFails) {
   auto obj = JSONValue::object({{"a", 1}, {"n", nullptr}});
   EXPECT_EQ(obj.member("a"), JSONValue(1));

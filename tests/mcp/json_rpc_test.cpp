@@ -3,9 +3,45 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <optional>
+#include <string>
+#include <vector>
 
 namespace quorel {
 namespace {
+
+struct DecodeCase {
+  std::string body;
+  std::optional<JSONRPCRequest> expected;
+};
+
+JSONRPCRequest request(std::string method, std::optional<JSONValue> id = std::nullopt,
+                       std::optional<JSONValue> params = std::nullopt,
+                       std::string jsonrpc = "2.0") {
+  return JSONRPCRequest{std::move(jsonrpc), std::move(id), std::move(method), std::move(params)};
+}
+
+// Decodes each body and checks the outcome, and that reading the body as a value and then
+// converting it agrees, so that the two ways in stay one behaviour.
+void expectDecodes(const std::vector<DecodeCase>& cases) {
+  for (const auto& c : cases) {
+    EXPECT_EQ(JSONRPCRequest::decode(c.body), c.expected) << c.body;
+    auto value = JSONValue::parse(c.body);
+    EXPECT_EQ(value ? JSONRPCRequest::fromJSON(*value) : std::nullopt, c.expected) << c.body;
+  }
+}
+
+// `levels` arrays, one inside the other, around a 1.
+std::string nestedArrays(int levels) {
+  return std::string(static_cast<std::size_t>(levels), '[') + "1" +
+         std::string(static_cast<std::size_t>(levels), ']');
+}
+
+JSONValue nestedArraysValue(int levels) {
+  JSONValue v(1);
+  for (int i = 0; i < levels; ++i) v = JSONValue::array({v});
+  return v;
+}
 
 TEST(JSONRPCRequestTest, VersionIsRequiredButNeverCompared) {
   auto r = JSONRPCRequest::decode(R"({"jsonrpc":"1.0","id":1,"method":"ping"})");
@@ -42,6 +78,82 @@ TEST(JSONRPCRequestTest, IdAndParamsKeepAnyKind) {
   ASSERT_TRUE(r);
   EXPECT_EQ(r->id, JSONValue("abc"));
   EXPECT_EQ(r->params, JSONValue::array({1, JSONValue::object({{"a", true}})}));
+}
+
+TEST(JSONRPCRequestTest, AMemberGivenTwiceCountsByItsLastValue) {
+  expectDecodes({
+      {R"({"jsonrpc":"2.0","method":"a","method":5})", std::nullopt},
+      {R"({"jsonrpc":"2.0","method":5,"method":"a"})", request("a")},
+      {R"({"jsonrpc":"2.0","method":"a","method":"b"})", request("b")},
+      {R"({"jsonrpc":"2.0","method":"a","method":{"m":"b"}})", std::nullopt},
+      {R"({"jsonrpc":"2.0","method":["a"],"method":"b"})", request("b")},
+      {R"({"jsonrpc":"2.0","jsonrpc":null,"method":"m"})", std::nullopt},
+      {R"({"jsonrpc":[],"jsonrpc":"1.0","method":"m"})", request("m", {}, {}, "1.0")},
+      // An escaped key names the same member as the plain one.
+      {R"({"jsonrpc":"2.0","method":"a","meth\u006fd":"b"})", request("b")},
+      {R"({"jsonrpc":"2.0","method":"m","id":1,"id":null})", request("m")},
+      {R"({"jsonrpc":"2.0","method":"m","id":null,"id":"b"})", request("m", JSONValue("b"))},
+      {R"({"jsonrpc":"2.0","method":"m","id":{"a":1},"id":2})", request("m", JSONValue(2))},
+      {R"({"jsonrpc":"2.0","method":"m","params":{"a":1},"params":[2]})",
+       request("m", {}, JSONValue::array({2}))},
+      {R"({"jsonrpc":"2.0","method":"m","params":[1],"params":null})", request("m")},
+      {R"({"jsonrpc":"2.0","method":"m","params":{"a":1,"b":true,"a":{"c":[]}}})",
+       request("m", {},
+               JSONValue::object(
+                   {{"a", JSONValue::object({{"c", JSONValue::array({})}})}, {"b", true}}))},
+  });
+}
+
+TEST(JSONRPCRequestTest, IdKeepsEveryKindAndNumbersAsFloats) {
+  expectDecodes({
+      {R"({"jsonrpc":"2.0","method":"m","id":1.0})", request("m", JSONValue(1))},
+      {R"({"jsonrpc":"2.0","method":"m","id":-9223372036854775808})",
+       request("m", JSONValue(-9223372036854775808.0))},
+      {R"({"jsonrpc":"2.0","method":"m","id":18446744073709551615})",
+       request("m", JSONValue(18446744073709551615.0))},
+      {R"({"jsonrpc":"2.0","method":"m","id":25e-1})", request("m", JSONValue(2.5))},
+      {R"({"jsonrpc":"2.0","method":"m","id":false})", request("m", JSONValue(false))},
+      {R"({"jsonrpc":"2.0","method":"m","id":"\u00e9"})", request("m", JSONValue("\xC3\xA9"))},
+      {R"({"jsonrpc":"2.0","method":"m","id":{"n":[1,{"x":null}]}})",
+       request("m", JSONValue::object(
+                        {{"n", JSONValue::array({1, JSONValue::object({{"x", nullptr}})})}}))},
+      {R"({"jsonrpc":"2.0","method":"m","params":"text"})", request("m", {}, JSONValue("text"))},
+      {R"({"jsonrpc":"2.0","method":"m","params":0})", request("m", {}, JSONValue(0))},
+  });
+}
+
+TEST(JSONRPCRequestTest, MembersThatAreNotKeptMustStillBeValidJSON) {
+  expectDecodes({
+      {R"({"jsonrpc":"2.0","method":"m","x":[1,]})", std::nullopt},
+      {"{\"jsonrpc\":\"2.0\",\"method\":\"m\",\"x\":\"\xff\"}", std::nullopt},
+      {R"({"jsonrpc":"2.0","method":"m","x":{"y":1e400}})", std::nullopt},
+      {R"({"jsonrpc":"2.0","method":"m","x":"\ud800"})", std::nullopt},
+      {R"({"jsonrpc":"2.0","method":"m","x":{"y":[true,null,"\n"]}})", request("m")},
+  });
+}
+
+TEST(JSONRPCRequestTest, NestingIsLimitedWhereverItIsEvenInMembersNotKept) {
+  // The request object is the first level, so a member may hold one level fewer than a value.
+  const int inside = JSONValue::kMaxReadDepth - 1;
+  for (int levels : {inside, inside + 1}) {
+    const std::string deep = nestedArrays(levels);
+    const auto expected = [&](JSONRPCRequest r) {
+      return levels <= inside ? std::optional<JSONRPCRequest>(std::move(r)) : std::nullopt;
+    };
+    SCOPED_TRACE(levels);
+    expectDecodes({
+        {R"({"jsonrpc":"2.0","method":"m","x":)" + deep + "}", expected(request("m"))},
+        {R"({"x":)" + deep + R"(,"jsonrpc":"2.0","method":"m"})", expected(request("m"))},
+        {R"({"jsonrpc":"2.0","method":"m","params":)" + deep + "}",
+         expected(request("m", {}, nestedArraysValue(levels)))},
+        {R"({"jsonrpc":"2.0","method":"m","id":)" + deep + "}",
+         expected(request("m", nestedArraysValue(levels)))},
+        // A value replaced by a later one still had to be within the limit.
+        {R"({"jsonrpc":"2.0","method":)" + deep + R"(,"method":"m"})", expected(request("m"))},
+        {R"({"jsonrpc":"2.0","method":"m","params":)" + deep + R"(,"params":null})",
+         expected(request("m"))},
+    });
+  }
 }
 
 TEST(JSONRPCRequestTest, BodiesThatAreNotOneRequestObjectFail) {
