@@ -242,27 +242,38 @@ JSONValue JSONRPCResponse::toJSON() const {
 }
 
 std::optional<std::string> JSONRPCResponse::encode() const {
+  std::string out;
+  if (!encodeTo(out)) return std::nullopt;
+  return out;
+}
+
+bool JSONRPCResponse::encodeTo(std::string& out) const {
   // The members written in place rather than copied into an object first, in the order the
   // object would give them (keys sorted bytewise), so the text is that of toJSON().
-  std::string out = "{";
+  const auto mark = out.size();
+  const auto fail = [&] {
+    out.resize(mark);
+    return false;
+  };
+  out.push_back('{');
   if (error) {
     out.append("\"error\":");
-    if (!error->toJSON().writeTo(out)) return std::nullopt;
+    if (!error->toJSON().writeTo(out)) return fail();
     out.push_back(',');
   }
   if (id) {
     out.append("\"id\":");
-    if (!id->writeTo(out)) return std::nullopt;
+    if (!id->writeTo(out)) return fail();
     out.push_back(',');
   }
   out.append("\"jsonrpc\":");
   JSONValue(jsonrpc).writeTo(out);
   if (result) {
     out.append(",\"result\":");
-    if (!result->writeTo(out)) return std::nullopt;
+    if (!result->writeTo(out)) return fail();
   }
   out.push_back('}');
-  return out;
+  return true;
 }
 
 std::optional<JSONRPCResponse> JSONRPCResponse::decode(std::string_view body) {

@@ -58,6 +58,8 @@ struct JSONRPCResponse {
   JSONValue toJSON() const;
   // Absent when a value inside cannot be written (a number that is not finite).
   std::optional<std::string> encode() const;
+  // The same text appended to `out`; false, with `out` as it was, where encode() gives nothing.
+  bool encodeTo(std::string& out) const;
   // For clients of the endpoint (the bridge, the command line, tests).
   static std::optional<JSONRPCResponse> decode(std::string_view body);
   bool operator==(const JSONRPCResponse&) const = default;

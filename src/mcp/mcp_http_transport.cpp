@@ -313,8 +313,10 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   std::function<void(std::uint16_t)> onListening;
   std::optional<std::uint16_t> boundPort;
   std::optional<std::string> requiredToken;
-  // Reads complete one at a time on the queue, so one scratch buffer serves every connection.
+  // Reads complete one at a time on the queue, so one scratch buffer serves every connection;
+  // so does one for the text of answers, copied into the connection as its head is written.
   std::array<char, kMaxReadBytes> scratch{};
+  std::string encoded;
 
   std::size_t connectionCount() const { return kMaxConnections - freeCount; }
   Connection* find(std::uint64_t id) {
@@ -602,9 +604,10 @@ void MCPHTTPTransport::Impl::finishRoute(std::uint64_t id,
     answer(*conn, "202 Accepted");
     return;
   }
-  auto body = response->encode();
+  encoded.clear();
+  const bool ok = response->encodeTo(encoded);
   answer(*conn, "200 OK", {{"Content-Type", "application/json"}},
-         body ? std::string_view(*body) : kEncodeFailedBody);
+         ok ? std::string_view(encoded) : kEncodeFailedBody);
 }
 
 void MCPHTTPTransport::Impl::answer(Connection& conn, std::string_view status, HeaderList headers,

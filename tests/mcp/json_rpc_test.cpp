@@ -195,6 +195,9 @@ TEST(JSONRPCResponseTest, EncodingWritesExactlyTheTextOfTheResponseObject) {
     const auto expected = response.toJSON().write();
     ASSERT_TRUE(expected);
     EXPECT_EQ(response.encode(), expected);
+    std::string appended = "before";
+    EXPECT_TRUE(response.encodeTo(appended));
+    EXPECT_EQ(appended, "before" + *expected);
   }
   EXPECT_FALSE(JSONRPCResponse::success(JSONValue(INFINITY), JSONValue(1)).encode());
 }
@@ -202,6 +205,10 @@ TEST(JSONRPCResponseTest, EncodingWritesExactlyTheTextOfTheResponseObject) {
 TEST(JSONRPCResponseTest, AResultThatIsNotFiniteCannotBeEncoded) {
   auto r = JSONRPCResponse::success(JSONValue(1), JSONValue::object({{"w", std::nan("")}}));
   EXPECT_FALSE(r.encode());
+  // Half a response is never left behind in a buffer that is being added to.
+  std::string out = "kept";
+  EXPECT_FALSE(r.encodeTo(out));
+  EXPECT_EQ(out, "kept");
 }
 
 TEST(JSONRPCResponseTest, DecodeReadsWhatEncodeWrites) {
