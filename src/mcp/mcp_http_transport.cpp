@@ -264,7 +264,8 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
     // The descriptor as the reactor knows it; made the first time the connection must wait.
     std::optional<tcp::socket> waiter;
     // The limit on the whole request, from accept; it stops applying once answering begins.
-    SteadyTime deadline;
+    // Set the first time the connection waits, microseconds after accept: most never do.
+    std::optional<SteadyTime> deadline;
     bool awaitingRequest = true;
     std::string buffer;
     // The answer and how much of it has gone out.
@@ -470,9 +471,7 @@ void MCPHTTPTransport::Impl::admit(int fd, const sockaddr_storage& peer) {
   Connection& conn = slots[slot];
   conn.id = (nextSerial++ << kSlotBits) | slot;
   conn.fd = fd;
-  conn.deadline =
-      std::chrono::steady_clock::now() +
-      std::chrono::duration_cast<std::chrono::steady_clock::duration>(options.requestDeadline);
+  conn.deadline.reset();
   conn.awaitingRequest = true;
   onReadable(conn);
 }
@@ -492,7 +491,14 @@ void MCPHTTPTransport::Impl::waitUntil(Connection& conn, tcp::socket::wait_type 
     cancelConnection(conn);
     return;
   }
-  if (what == tcp::socket::wait_read && conn.awaitingRequest) armSweep(conn.deadline);
+  if (what == tcp::socket::wait_read && conn.awaitingRequest) {
+    if (!conn.deadline) {
+      conn.deadline =
+          std::chrono::steady_clock::now() +
+          std::chrono::duration_cast<std::chrono::steady_clock::duration>(options.requestDeadline);
+    }
+    armSweep(*conn.deadline);
+  }
   std::weak_ptr<Impl> weak = weak_from_this();
   conn.waiter->async_wait(what, [weak, id = conn.id, what](std::error_code ec) {
     auto self = weak.lock();
@@ -667,13 +673,13 @@ void MCPHTTPTransport::Impl::sweepDeadlines() {
   const auto now = std::chrono::steady_clock::now();
   std::optional<SteadyTime> next;
   for (Connection& conn : slots) {
-    if (conn.id == 0 || !conn.awaitingRequest || !conn.waiter) continue;
-    if (conn.deadline <= now) {
+    if (conn.id == 0 || !conn.awaitingRequest || !conn.deadline) continue;
+    if (*conn.deadline <= now) {
       log->warn("MCP: connection idle past {}s without a complete request — cancelling",
                 options.requestDeadline.count());
       cancelConnection(conn);
-    } else if (!next || conn.deadline < *next) {
-      next = conn.deadline;
+    } else if (!next || *conn.deadline < *next) {
+      next = *conn.deadline;
     }
   }
   if (next) armSweep(*next);

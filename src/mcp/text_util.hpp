@@ -14,7 +14,7 @@ std::string asciiUpper(std::string_view text);
 // ASCII case-insensitive equality, without building lowered copies. Inline and without branches
 // in the loop: the request parser calls it for every header line, nearly always with a literal
 // on one side, so that side folds away.
-inline bool equalsIgnoringAsciiCase(std::string_view a, std::string_view b) {
+[[gnu::always_inline]] inline bool equalsIgnoringAsciiCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   const auto fold = [](char c) {
     const auto u = static_cast<unsigned>(static_cast<unsigned char>(c));
