@@ -638,9 +638,14 @@ void MCPHTTPTransport::Impl::answer(Connection& conn, std::string_view status, H
 void MCPHTTPTransport::Impl::writeRest(Connection& conn) {
   // An answer is small next to the socket's send buffer, so it nearly always goes out in one
   // call; a slow reader gets the rest when its socket can take it.
+  //
+  // The answer is the last thing the connection says, so its final bytes are held back (more
+  // to come) and released by the shutdown together with the end of the stream: one segment
+  // carries both, and the peer is woken once instead of twice. The shutdown comes before the
+  // close so that the answer has left before anything could make the close a reset.
   while (conn.sent < conn.outgoing.size()) {
     const ssize_t n = ::send(conn.fd, conn.outgoing.data() + conn.sent,
-                             conn.outgoing.size() - conn.sent, MSG_NOSIGNAL);
+                             conn.outgoing.size() - conn.sent, MSG_NOSIGNAL | MSG_MORE);
     if (n > 0) {
       conn.sent += static_cast<std::size_t>(n);
     } else if (n < 0 && errno == EINTR) {
@@ -652,6 +657,7 @@ void MCPHTTPTransport::Impl::writeRest(Connection& conn) {
       break;  // the peer is gone; nothing more to say
     }
   }
+  ::shutdown(conn.fd, SHUT_WR);
   cancelConnection(conn);
 }
 

@@ -197,6 +197,29 @@ TEST_F(MCPHTTPTransportTest, RequestsArrivingInPiecesAreAssembled) {
   EXPECT_EQ(a.responseCount(), 1u);
 }
 
+TEST_F(MCPHTTPTransportTest, AnAnswerLargerThanTheSocketHoldsReachesASlowReaderWhole) {
+  const std::string big(16 << 20, 'x');
+  route_ = [&big](JSONRPCRequest request, MCPHTTPTransport::Reply reply) {
+    reply(JSONRPCResponse::success(request.id, JSONValue(big)));
+  };
+  const auto port = startTransport();
+  RawClient client(port);
+  ASSERT_TRUE(client.send(post(kPing, kAuth)));
+  ASSERT_TRUE(eventually([&] { return routedCount() == 1; }));
+  // Nothing is read until the transport has written what the socket takes and must wait for
+  // the rest: the second job on its queue runs after the one that writes the answer.
+  http_.sync([] {});
+  http_.sync([] {});
+  auto a = client.readAll();
+  const std::string expected = R"({"id":1,"jsonrpc":"2.0","result":")" + big + R"("})";
+  EXPECT_EQ(a.status(), "200 OK");
+  EXPECT_EQ(a.header("Content-Length"), std::to_string(expected.size()));
+  EXPECT_EQ(a.body().size(), expected.size());
+  EXPECT_TRUE(a.body() == expected);
+  EXPECT_TRUE(a.closed);
+  EXPECT_FALSE(a.reset);
+}
+
 TEST_F(MCPHTTPTransportTest, PipelinedRequestsGetOneAnswerAndTheRestIsDropped) {
   const auto port = startTransport();
   auto a = roundTrip(port, post(kPing, kAuth) + post(kPing, kAuth) + post(kPing, kAuth));
