@@ -94,26 +94,23 @@ class RequestEvents {
   // an object; a member of the request at 1; inside a member passed over deeper.
   bool member(JSONValue v) {
     if (depth_ != 1) return depth_ > 1;
-    switch (field_) {
-      case Field::jsonrpc:
-        jsonrpcIsString_ = false;
-        break;
-      case Field::method:
-        methodIsString_ = false;
-        break;
-      case Field::id:
-      case Field::params:
-        // A JSON null reads as absent.
-        if (v.isNull()) {
-          builtField().reset();
-        } else {
-          builtField() = std::move(v);
-        }
-        break;
-      case Field::other:
-        break;
+    if (field_ == Field::id || field_ == Field::params) {
+      // A JSON null reads as absent.
+      if (v.isNull()) {
+        builtField().reset();
+      } else {
+        builtField() = std::move(v);
+      }
+    } else {
+      notAString();
     }
     return true;
+  }
+
+  // The member at hand, if it is "jsonrpc" or "method", now has a value that is not a string.
+  void notAString() {
+    if (field_ == Field::jsonrpc) jsonrpcIsString_ = false;
+    if (field_ == Field::method) methodIsString_ = false;
   }
 
   bool stringMember(const std::string& s) {
@@ -145,21 +142,12 @@ class RequestEvents {
       return true;
     }
     if (depth_ == 1) {
-      switch (field_) {
-        case Field::id:
-        case Field::params:
-          builder_.reset(/*enclosingDepth=*/1);
-          building_ = true;
-          return isObject ? builder_.startObject() : builder_.startArray();
-        case Field::jsonrpc:
-          jsonrpcIsString_ = false;
-          break;
-        case Field::method:
-          methodIsString_ = false;
-          break;
-        case Field::other:
-          break;
+      if (field_ == Field::id || field_ == Field::params) {
+        builder_.reset(/*enclosingDepth=*/1);
+        building_ = true;
+        return isObject ? builder_.startObject() : builder_.startArray();
       }
+      notAString();
     }
     if (depth_ >= JSONValue::kMaxReadDepth) return false;
     ++depth_;

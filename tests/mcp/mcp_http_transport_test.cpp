@@ -66,6 +66,25 @@ class MCPHTTPTransportTest : public ::testing::Test {
     return routed_;
   }
 
+  // The route keeps its reply instead of answering, until answerHeld() gives the answer.
+  void holdReplies() {
+    route_ = [this](JSONRPCRequest request, MCPHTTPTransport::Reply reply) {
+      std::lock_guard lock(mutex_);
+      heldID_ = request.id;
+      held_ = std::move(reply);
+    };
+  }
+  bool waitForHeldReply() {
+    return eventually([&] {
+      std::lock_guard lock(mutex_);
+      return static_cast<bool>(held_);
+    });
+  }
+  void answerHeld(JSONValue result) {
+    std::lock_guard lock(mutex_);
+    held_(JSONRPCResponse::success(heldID_, std::move(result)));
+  }
+
   static void expectStatusOnly(const RawAnswer& a, const std::string& status) {
     EXPECT_EQ(a.status(), status) << a.bytes;
     EXPECT_EQ(a.header("Content-Length"), "0") << a.bytes;
@@ -80,6 +99,8 @@ class MCPHTTPTransportTest : public ::testing::Test {
   std::unique_ptr<MCPHTTPTransport> transport_;
   std::mutex mutex_;
   int routed_ = 0;
+  MCPHTTPTransport::Reply held_;
+  std::optional<JSONValue> heldID_;
 };
 
 TEST_F(MCPHTTPTransportTest, AnswersARequestAsJSONAndCloses) {
@@ -231,24 +252,13 @@ TEST_F(MCPHTTPTransportTest, PipelinedRequestsGetOneAnswerAndTheRestIsDropped) {
 
 TEST_F(MCPHTTPTransportTest, ARequestPipelinedWhileTheFirstIsRoutedDoesNotResetTheAnswer) {
   // Closing on unread bytes would end the stream with a reset instead of an orderly close.
-  std::mutex m;
-  std::function<void(std::optional<JSONRPCResponse>)> held;
-  route_ = [&](JSONRPCRequest, MCPHTTPTransport::Reply reply) {
-    std::lock_guard lock(m);
-    held = std::move(reply);
-  };
+  holdReplies();
   const auto port = startTransport();
   RawClient client(port);
   ASSERT_TRUE(client.send(post(kPing, kAuth)));
-  ASSERT_TRUE(eventually([&] {
-    std::lock_guard lock(m);
-    return static_cast<bool>(held);
-  }));
+  ASSERT_TRUE(waitForHeldReply());
   ASSERT_TRUE(client.send(post(kPing, kAuth)));
-  {
-    std::lock_guard lock(m);
-    held(JSONRPCResponse::success(JSONValue(1), JSONValue(true)));
-  }
+  answerHeld(JSONValue(true));
   auto a = client.readAll();
   EXPECT_EQ(a.status(), "200 OK");
   EXPECT_EQ(a.body(), R"({"id":1,"jsonrpc":"2.0","result":true})");
@@ -325,23 +335,13 @@ TEST_F(MCPHTTPTransportTest, TheThirtyThirdConnectionIsClosedWithoutAnAnswer) {
 TEST_F(MCPHTTPTransportTest, TheDeadlineCoversTheWholeRequestButNotTheAnswer) {
   LogCapture log;
   // The route holds its reply so that the answer comes only after the deadline has passed.
-  std::mutex m;
-  std::function<void(std::optional<JSONRPCResponse>)> held;
-  route_ = [&](JSONRPCRequest request, MCPHTTPTransport::Reply reply) {
-    std::lock_guard lock(m);
-    held = [reply, id = request.id](std::optional<JSONRPCResponse>) {
-      reply(JSONRPCResponse::success(id, JSONValue("late")));
-    };
-  };
+  holdReplies();
   const auto port = startTransport(kToken, MCPHTTPTransportOptions{Seconds{0.2}});
 
   RawClient complete(port);
   ASSERT_TRUE(complete.send(post(kPing, kAuth)));
-  ASSERT_TRUE(eventually([&] {
-    std::lock_guard lock(m);
-    return static_cast<bool>(held);
-  }));
-  // Accepted after `complete`, so its deadline falls after that of `complete`.
+  ASSERT_TRUE(waitForHeldReply());
+  // This one is cut at its deadline; `complete`, whose request is being routed, is not.
   RawClient idle(port);
   ASSERT_TRUE(idle.send("POST /mcp HTTP/1.1\r\n"));
   auto cut = idle.readAll();
@@ -350,10 +350,7 @@ TEST_F(MCPHTTPTransportTest, TheDeadlineCoversTheWholeRequestButNotTheAnswer) {
   EXPECT_EQ(log.count("MCP: connection idle past 0.2s without a complete request — cancelling"),
             1u);
 
-  {
-    std::lock_guard lock(m);
-    held(std::nullopt);
-  }
+  answerHeld(JSONValue("late"));
   auto late = complete.readAll();
   EXPECT_EQ(late.status(), "200 OK");
   EXPECT_NE(late.body().find("late"), std::string::npos);
@@ -437,23 +434,14 @@ TEST_F(MCPHTTPTransportTest, StartTwiceKeepsOneListenerAndStopClosesEverything) 
 }
 
 TEST_F(MCPHTTPTransportTest, AReplyAfterTheTransportIsGoneIsDropped) {
-  std::mutex m;
-  MCPHTTPTransport::Reply held;
-  route_ = [&](JSONRPCRequest, MCPHTTPTransport::Reply reply) {
-    std::lock_guard lock(m);
-    held = std::move(reply);
-  };
+  holdReplies();
   const auto port = startTransport();
   RawClient client(port);
   ASSERT_TRUE(client.send(post(kPing, kAuth)));
-  ASSERT_TRUE(eventually([&] {
-    std::lock_guard lock(m);
-    return static_cast<bool>(held);
-  }));
+  ASSERT_TRUE(waitForHeldReply());
   transport_.reset();
   EXPECT_TRUE(client.readAll().closed);
-  std::lock_guard lock(m);
-  held(JSONRPCResponse::success(JSONValue(1), JSONValue(true)));
+  answerHeld(JSONValue(true));
   http_.sync([] {});
 }
 
