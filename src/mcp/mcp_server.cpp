@@ -274,7 +274,7 @@ void MCPServer::postStateChanged() {
 
 void MCPServer::route(const JSONRPCRequest& request,
                       std::function<void(std::optional<JSONRPCResponse>)> reply) {
-  routeWith(*core_, request, std::move(reply));
+  routeWith(*core_, request, reply);
 }
 
 template <class Reply>
