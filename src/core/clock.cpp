@@ -16,6 +16,11 @@ TimePoint ManualClock::now() const {
   return now_;
 }
 
+MonotonicTime ManualClock::monotonicNow() const {
+  std::lock_guard lock(mutex_);
+  return monotonic_;
+}
+
 void ManualClock::set(TimePoint t) {
   std::lock_guard lock(mutex_);
   now_ = t;
@@ -24,6 +29,8 @@ void ManualClock::set(TimePoint t) {
 void ManualClock::advance(Seconds by) {
   std::lock_guard lock(mutex_);
   now_ += std::chrono::round<TimePoint::duration>(by);
+  // Going back is a wall-clock change; monotonic time never runs backwards.
+  if (by.count() > 0) monotonic_ += std::chrono::round<MonotonicTime::duration>(by);
 }
 
 double secondsBetween(TimePoint from, TimePoint to) {

@@ -9,18 +9,24 @@
 namespace quorel {
 
 using TimePoint = std::chrono::system_clock::time_point;
+// Time for delays and deadlines: it only moves forward and ignores changes to the wall clock.
+using MonotonicTime = std::chrono::steady_clock::time_point;
 using Seconds = std::chrono::duration<double>;
 
+// Passed as `const Clock&` to whatever reads the time; the composition root owns the one
+// SystemClock, tests a ManualClock.
 class Clock {
  public:
   virtual ~Clock() = default;
-  // Thread-safe.
+  // Both thread-safe.
   virtual TimePoint now() const = 0;
+  virtual MonotonicTime monotonicNow() const = 0;
 };
 
 class SystemClock final : public Clock {
  public:
   TimePoint now() const override { return std::chrono::system_clock::now(); }
+  MonotonicTime monotonicNow() const override { return std::chrono::steady_clock::now(); }
 };
 
 // A clock that only moves when told to. Thread-safe, so a test can advance it while a queue
@@ -29,12 +35,16 @@ class ManualClock final : public Clock {
  public:
   explicit ManualClock(TimePoint start = TimePoint{std::chrono::seconds{1'800'000'000}});
   TimePoint now() const override;
+  MonotonicTime monotonicNow() const override;
+  // Moves the wall clock only, as a user or NTP setting the time would.
   void set(TimePoint t);
+  // Moves both clocks, as time passing does; a negative step moves the wall clock alone.
   void advance(Seconds by);
 
  private:
   mutable std::mutex mutex_;
   TimePoint now_;
+  MonotonicTime monotonic_{};
 };
 
 // Seconds from `from` to `to` as a real; negative when `to` is earlier.
