@@ -1,11 +1,13 @@
 #!/bin/sh
 # Installs the Debian 12 packages Quorel builds with, only those that are missing. Idempotent.
 # Usage: scripts/install-deps.sh [--ci]   (--ci adds clang's fuzzing runtime and clang-format)
+# dbus-daemon is for the tests, which start a private message bus of their own.
+# Progress goes to standard error, so a caller's standard output stays its own.
 set -eu
 
 packages="g++ cmake ninja-build pkg-config libsqlite3-dev libasio-dev nlohmann-json3-dev
 libspdlog-dev libfmt-dev libcli11-dev libssl-dev libsystemd-dev libgtest-dev libgmock-dev
-libbenchmark-dev sqlite3"
+libbenchmark-dev sqlite3 dbus-daemon"
 if [ "${1:-}" = "--ci" ]; then
   packages="$packages clang libclang-rt-14-dev clang-format"
 fi
@@ -26,6 +28,6 @@ else
   echo "install-deps: missing packages:$missing — run this script as root to install them" >&2
   exit 1
 fi
-echo "install-deps: installing$missing"
-$as_root apt-get update -qq
-DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -qq --no-install-recommends $missing
+echo "install-deps: installing$missing" >&2
+$as_root apt-get update -qq >&2
+DEBIAN_FRONTEND=noninteractive $as_root apt-get install -y -qq --no-install-recommends $missing >&2

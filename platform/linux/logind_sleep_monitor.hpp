@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "app/sleep_wake_source.hpp"
+#include "telemetry/sleep_wake_source.hpp"
 #include "core/serial_queue.hpp"
 
 namespace spdlog {

@@ -14,6 +14,7 @@
 #include "core/logging.hpp"
 #include "core/paths.hpp"
 #include "core/serial_queue.hpp"
+#include "core/version.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp/mcp_server_switch.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
@@ -113,9 +114,9 @@ class Agent {
     }
 
     httpQueue_.start();
-    mcpServer_ =
-        std::make_unique<MCPServer>(mainQueue_, httpQueue_, *preferences_, paths_.dataDirectory,
-                                    MCPServerOptions{.version = "0.1.0", .transport = {}});
+    mcpServer_ = std::make_unique<MCPServer>(
+        mainQueue_, httpQueue_, *preferences_, paths_.dataDirectory,
+        MCPServerOptions{.version = std::string(kQuorelVersion), .transport = {}});
     mcpSwitch_ = std::make_unique<MCPServerSwitch>(*mcpServer_, *preferences_, mainQueue_);
     sleepWake_ = std::make_unique<LogindSleepMonitor>(mainQueue_);
 

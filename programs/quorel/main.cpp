@@ -6,10 +6,11 @@
 
 #include "agent.hpp"
 #include "commands.hpp"
+#include "core/version.hpp"
 
 int main(int argc, char** argv) {
   CLI::App app{"Quorel: where your laptop's power goes, and what charging does to its battery."};
-  app.set_version_flag("--version", "quorel 0.1.0");
+  app.set_version_flag("--version", "quorel " + std::string(quorel::kQuorelVersion));
   app.require_subcommand(0, 1);
   app.fallthrough();
 

@@ -7,7 +7,7 @@
 #include <optional>
 
 #include "app/settings_manager.hpp"
-#include "app/sleep_wake_source.hpp"
+#include "telemetry/sleep_wake_source.hpp"
 #include "core/clock.hpp"
 #include "core/serial_queue.hpp"
 #include "telemetry/power_monitor.hpp"
