@@ -298,19 +298,6 @@ TEST(SettingsCodingTest, TextThatIsNotUtf8CannotBeEncoded) {
   EXPECT_FALSE(encodeSettings(s));
 }
 
-TEST(SettingsEnumerationTest, RawTextsAreTheStoredTextsAndRoundTrip) {
-  EXPECT_EQ(rawValue(ColorBlindMode::deuteranopia), "Blue/Orange");
-  EXPECT_EQ(rawValue(TemperatureUnit::fahrenheit), "°F");
-  EXPECT_EQ(rawValue(MenuBarMode::automatic), "Auto");
-  EXPECT_EQ(rawValue(HistoryTimeScale::today), "Today");
-  EXPECT_EQ(rawValue(CarbonRegion::ukAverage), "UK Average");
-  EXPECT_EQ(rawValue(CardTier::s2x1), "s2x1");
-  for (const auto& [value, text] : EnumTexts<HistoryTimeScale>::cases) {
-    EXPECT_EQ(fromRawValue<HistoryTimeScale>(text), value);
-  }
-  EXPECT_FALSE(fromRawValue<CardTier>("S1X1"));
-}
-
 TEST(PollingIntervalsTest, SettingsDecideUnlessTheCommandLineOverrides) {
   QuorelSettings s;
   EXPECT_EQ(pollingIntervals(s), (PollingIntervals{Seconds{2}, Seconds{30}}));
