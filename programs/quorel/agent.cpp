@@ -121,7 +121,6 @@ class Agent {
 
     AppDelegate::Dependencies core;
     core.mainQueue = &mainQueue_;
-    core.clock = &clock_;
     core.settings = settings_.get();
     core.monitor = monitor_;
     core.database = database_.get();
@@ -130,7 +129,7 @@ class Agent {
     core.mcpSwitch = mcpSwitch_.get();
     AppDelegate::Options coreOptions;
     coreOptions.intervalOverride = options_.interval;
-    delegate_ = std::make_unique<AppDelegate>(std::move(core), coreOptions);
+    delegate_ = std::make_unique<AppDelegate>(std::move(core), clock_, coreOptions);
     // A client reading --json is watching, so it gets the focused interval.
     delegate_->setWatched(options_.json);
 
@@ -217,9 +216,9 @@ class Agent {
   QuorelPaths paths_;
   std::shared_ptr<spdlog::logger> log_;
   SystemClock clock_;
-  SerialQueue mainQueue_{"com.quorel.main"};
-  SerialQueue pollQueue_{"com.quorel.poll"};
-  SerialQueue httpQueue_{kMCPTransportQueueLabel};
+  SerialQueue mainQueue_{"com.quorel.main", clock_};
+  SerialQueue pollQueue_{"com.quorel.poll", clock_};
+  SerialQueue httpQueue_{kMCPTransportQueueLabel, clock_};
   asio::signal_set signals_;
   std::unique_ptr<FilePreferenceStore> preferences_;
   std::unique_ptr<SettingsManager> settings_;

@@ -16,8 +16,8 @@ using Json = nlohmann::ordered_json;
 class SettingsManagerTest : public ::testing::Test {
  protected:
   MemoryPreferenceStore store;
-  SerialQueue main{"test.main"};
   ManualClock clock;
+  SerialQueue main{"test.main", clock};
 
   Json storedDocument() const { return Json::parse(*store.dataValue(SettingsManager::key)); }
   void storeDocument(const Json& d) { store.setValue(SettingsManager::key, d.dump()); }
@@ -182,8 +182,8 @@ TEST(SettingsManagerFileTest, AgentAdoptsTheCommandLinesSaveAndDoesNotUndoIt) {
       (std::filesystem::temp_directory_path() / "quorel-settings-XXXXXX").string();
   const std::filesystem::path dir = ::mkdtemp(pattern.data());
   const auto file = dir / "defaults.json";
-  SerialQueue main("test.main");
   ManualClock clock;
+  SerialQueue main("test.main", clock);
   {
     FilePreferenceStore agentStore(file);
     SettingsManager agent(agentStore, main, clock);
