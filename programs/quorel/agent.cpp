@@ -64,7 +64,7 @@ class Agent {
         signals_(mainQueue_.context(), SIGINT, SIGTERM, SIGHUP) {}
 
   int run(SandboxSettings scenario) {
-    const auto startedAt = std::chrono::steady_clock::now();
+    const MonotonicTime startedAt = clock_.monotonicNow();
     const double cpuAtStart = cpuSeconds();
 
     // The preference domain is shared with the command line; watching it lets a setting
@@ -150,8 +150,7 @@ class Agent {
     if (thermal_) thermal_->stop();
     monitor_->stop();
     pollQueue_.shutdown();
-    const double elapsed =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - startedAt).count();
+    const double elapsed = std::chrono::duration<double>(clock_.monotonicNow() - startedAt).count();
     const double cpu = cpuSeconds() - cpuAtStart;
     log_->info("stopped after {:.1f} s — used {:.1f} ms of CPU ({:.3f} % of one core)", elapsed,
                cpu * 1000, elapsed > 0 ? cpu / elapsed * 100 : 0.0);

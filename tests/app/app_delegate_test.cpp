@@ -166,8 +166,9 @@ TEST_F(AppDelegateTest, SleepIsRecordedAsAnIntervalAndASecondWakeReplacesTheFirs
   clock.advance(1h);
   sleepWake.handlers.didWake();
   EXPECT_TRUE(delegate->wakeWorkPending());
+  // A second wake within the 10 ms settle delay starts the delay again.
   clock.advance(Seconds{0.005});
-  sleepWake.handlers.didWake();  // within the settle delay: the resume waits for this wake's
+  sleepWake.handlers.didWake();
   clock.advance(Seconds{0.007});
   mainQueue.runPending();
   EXPECT_EQ(delegate->wakeResumeCount(), 0);
