@@ -84,8 +84,9 @@ void waitForTerm() {
 [[noreturn]] void runQuorelServer(int reportFd, const std::filesystem::path& dataDirectory) {
   logging::configure({.level = spdlog::level::warn, .toStderr = true, .file = std::nullopt});
   MapPreferenceStore preferences;
-  SerialQueue mainQueue("main");
-  SerialQueue httpQueue(kMCPTransportQueueLabel);
+  const SystemClock clock;
+  SerialQueue mainQueue("main", clock);
+  SerialQueue httpQueue(kMCPTransportQueueLabel, clock);
   mainQueue.start();
   httpQueue.start();
   std::uint16_t port = 0;

@@ -13,8 +13,8 @@ namespace {
 
 void BM_PollSimulatedMachine(benchmark::State& st) {
   ManualClock clock;
-  SerialQueue pollQueue("bench.poll");
-  SerialQueue mainQueue("bench.main");
+  SerialQueue pollQueue("bench.poll", clock);
+  SerialQueue mainQueue("bench.main", clock);
   auto config = std::make_shared<SandboxConfig>(SandboxSettings{});
   PowerMonitor::Dependencies deps;
   deps.provider = std::make_shared<SandboxPowerProvider>(*config, clock);

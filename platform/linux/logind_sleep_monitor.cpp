@@ -213,7 +213,7 @@ bool LogindSleepMonitor::start(Handlers handlers) {
   }
 
   auto delivery = std::make_shared<Delivery>(std::move(handlers));
-  auto queue = std::make_unique<SerialQueue>("quorel.logind");
+  auto queue = std::make_unique<SerialQueue>("quorel.logind", deliveryQueue_.clock());
   auto connection = std::make_shared<Connection>(queue->context(), std::move(bus), delivery,
                                                  deliveryQueue_, log_, signalsReceived_);
 

@@ -65,7 +65,7 @@ class Agent {
         signals_(mainQueue_.context(), SIGINT, SIGTERM, SIGHUP) {}
 
   int run(SandboxSettings scenario) {
-    const auto startedAt = std::chrono::steady_clock::now();
+    const MonotonicTime startedAt = clock_.monotonicNow();
     const double cpuAtStart = cpuSeconds();
 
     // The preference domain is shared with the command line; watching it lets a setting
@@ -122,7 +122,6 @@ class Agent {
 
     AppDelegate::Dependencies core;
     core.mainQueue = &mainQueue_;
-    core.clock = &clock_;
     core.settings = settings_.get();
     core.monitor = monitor_;
     core.database = database_.get();
@@ -131,7 +130,7 @@ class Agent {
     core.mcpSwitch = mcpSwitch_.get();
     AppDelegate::Options coreOptions;
     coreOptions.intervalOverride = options_.interval;
-    delegate_ = std::make_unique<AppDelegate>(std::move(core), coreOptions);
+    delegate_ = std::make_unique<AppDelegate>(std::move(core), clock_, coreOptions);
     // A client reading --json is watching, so it gets the focused interval.
     delegate_->setWatched(options_.json);
 
@@ -152,8 +151,7 @@ class Agent {
     if (thermal_) thermal_->stop();
     monitor_->stop();
     pollQueue_.shutdown();
-    const double elapsed =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - startedAt).count();
+    const double elapsed = std::chrono::duration<double>(clock_.monotonicNow() - startedAt).count();
     const double cpu = cpuSeconds() - cpuAtStart;
     log_->info("stopped after {:.1f} s — used {:.1f} ms of CPU ({:.3f} % of one core)", elapsed,
                cpu * 1000, elapsed > 0 ? cpu / elapsed * 100 : 0.0);
@@ -218,9 +216,9 @@ class Agent {
   QuorelPaths paths_;
   std::shared_ptr<spdlog::logger> log_;
   SystemClock clock_;
-  SerialQueue mainQueue_{"com.quorel.main"};
-  SerialQueue pollQueue_{"com.quorel.poll"};
-  SerialQueue httpQueue_{kMCPTransportQueueLabel};
+  SerialQueue mainQueue_{"com.quorel.main", clock_};
+  SerialQueue pollQueue_{"com.quorel.poll", clock_};
+  SerialQueue httpQueue_{kMCPTransportQueueLabel, clock_};
   asio::signal_set signals_;
   std::unique_ptr<FilePreferenceStore> preferences_;
   std::unique_ptr<SettingsManager> settings_;

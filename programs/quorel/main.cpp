@@ -2,13 +2,58 @@
 // foreground; subcommands serve people and scripts.
 
 #include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <exception>
 #include <iostream>
+#include <string>
 
 #include "agent.hpp"
 #include "commands.hpp"
+#include "core/logging.hpp"
 #include "core/version.hpp"
 
+static int runMain(int argc, char** argv);
+
+namespace {
+
+// An escaped exception, in words.
+std::string describe(const std::exception_ptr& escaped) {
+  if (!escaped) return "no exception in flight";
+  try {
+    std::rethrow_exception(escaped);
+  } catch (const std::exception& e) {
+    return e.what();
+  } catch (...) {
+    return "something that is not a std::exception";
+  }
+}
+
+// For what cannot be caught: an exception leaving a noexcept function or a thread that is not
+// one of our queues. Says so where the agent logs before the process aborts.
+[[noreturn]] void logAndAbort() {
+  const auto log = quorel::logging::get("quorel");
+  log->critical("terminating: {}", describe(std::current_exception()));
+  log->flush();
+  std::abort();
+}
+
+}  // namespace
+
+// The last resort: nothing that escapes the program's body ends it silently.
 int main(int argc, char** argv) {
+  std::set_terminate(logAndAbort);
+  try {
+    return runMain(argc, argv);
+  } catch (...) {
+    const auto log = quorel::logging::get("quorel");
+    log->critical("stopped by an error nothing else handled: {}",
+                  describe(std::current_exception()));
+    log->flush();
+  }
+  return 1;
+}
+
+static int runMain(int argc, char** argv) {
   CLI::App app{"Quorel: where your laptop's power goes, and what charging does to its battery."};
   app.set_version_flag("--version", "quorel " + std::string(quorel::kQuorelVersion));
   app.require_subcommand(0, 1);

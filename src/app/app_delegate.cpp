@@ -9,8 +9,9 @@
 
 namespace quorel {
 
-AppDelegate::AppDelegate(Dependencies deps, Options options)
+AppDelegate::AppDelegate(Dependencies deps, const Clock& clock, Options options)
     : deps_(std::move(deps)),
+      clock_(clock),
       options_(options),
       log_(logging::get("AppDelegate")),
       self_(std::make_shared<AppDelegate*>(this)) {}
@@ -23,14 +24,14 @@ AppDelegate::~AppDelegate() {
 }
 
 void AppDelegate::launch() {
-  const TimePoint now = deps_.clock->now();
+  const TimePoint now = clock_.now();
   prune(now);
 
   std::weak_ptr<AppDelegate*> weak = self_;
   maintenanceTimer_ =
       deps_.mainQueue->every(options_.maintenancePeriod, options_.maintenancePeriod, [weak] {
         if (auto self = weak.lock()) {
-          (*self)->runDailyDatabaseMaintenanceIfNeeded((*self)->deps_.clock->now());
+          (*self)->runDailyDatabaseMaintenanceIfNeeded((*self)->clock_.now());
         }
       });
 
@@ -102,14 +103,14 @@ void AppDelegate::runDailyDatabaseMaintenanceIfNeeded(TimePoint now) {
 
 void AppDelegate::handleSleep() {
   pendingWakeWork_.cancel();
-  sleepBeganAt_ = deps_.clock->now();
+  sleepBeganAt_ = clock_.now();
   deps_.monitor->stop();
   if (deps_.mcpServer) deps_.mcpServer->stop();
 }
 
 void AppDelegate::handleWake() {
   pendingWakeWork_.cancel();
-  const TimePoint now = deps_.clock->now();
+  const TimePoint now = clock_.now();
   // A clock set back past the sleep's start writes nothing rather than a negative interval.
   if (sleepBeganAt_ && now >= *sleepBeganAt_) {
     if (deps_.database) {
@@ -127,7 +128,7 @@ void AppDelegate::handleWake() {
     ++d.wakeResumeCount_;
     d.deps_.monitor->resumeAfterWake();
     if (d.deps_.mcpSwitch) d.deps_.mcpSwitch->apply();
-    d.runDailyDatabaseMaintenanceIfNeeded(d.deps_.clock->now());
+    d.runDailyDatabaseMaintenanceIfNeeded(d.clock_.now());
   });
 }
 

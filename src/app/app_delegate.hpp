@@ -26,7 +26,6 @@ class AppDelegate {
  public:
   struct Dependencies {
     SerialQueue* mainQueue = nullptr;
-    const Clock* clock = nullptr;
     SettingsManager* settings = nullptr;
     std::shared_ptr<PowerMonitor> monitor;
     // Each optional: absent services are simply not driven.
@@ -47,7 +46,9 @@ class AppDelegate {
   static constexpr double kMaintenanceAgeSeconds = 86400;
   static constexpr int kCapacityRetentionDays = 365;
 
-  AppDelegate(Dependencies deps, Options options);
+  // The clock dates pruning, sleep intervals and the daily maintenance; it must outlive the
+  // delegate.
+  AppDelegate(Dependencies deps, const Clock& clock, Options options);
   ~AppDelegate();
   AppDelegate(const AppDelegate&) = delete;
   AppDelegate& operator=(const AppDelegate&) = delete;
@@ -77,6 +78,7 @@ class AppDelegate {
   void prune(TimePoint now);
 
   Dependencies deps_;
+  const Clock& clock_;
   Options options_;
   std::shared_ptr<spdlog::logger> log_;
   bool watched_ = false;

@@ -10,52 +10,6 @@ namespace quorel {
 
 using Json = nlohmann::ordered_json;
 
-const std::array<std::pair<AppearanceMode, std::string_view>, 3> EnumTexts<AppearanceMode>::cases =
-    {{{AppearanceMode::automatic, "Auto"},
-      {AppearanceMode::light, "Light"},
-      {AppearanceMode::dark, "Dark"}}};
-const std::array<std::pair<ColorBlindMode, std::string_view>, 3> EnumTexts<ColorBlindMode>::cases =
-    {{{ColorBlindMode::off, "Default"},
-      {ColorBlindMode::deuteranopia, "Blue/Orange"},
-      {ColorBlindMode::tritanopia, "Green/Magenta"}}};
-const std::array<std::pair<TemperatureUnit, std::string_view>, 2>
-    EnumTexts<TemperatureUnit>::cases = {
-        {{TemperatureUnit::celsius, "°C"}, {TemperatureUnit::fahrenheit, "°F"}}};
-const std::array<std::pair<TextScale, std::string_view>, 7> EnumTexts<TextScale>::cases = {
-    {{TextScale::xxs, "XXS"},
-     {TextScale::xs, "XS"},
-     {TextScale::s, "S"},
-     {TextScale::m, "M"},
-     {TextScale::l, "L"},
-     {TextScale::xl, "XL"},
-     {TextScale::xxl, "XXL"}}};
-const std::array<std::pair<MenuBarMode, std::string_view>, 6> EnumTexts<MenuBarMode>::cases = {
-    {{MenuBarMode::automatic, "Auto"},
-     {MenuBarMode::wattage, "Wattage"},
-     {MenuBarMode::minimal, "Minimal"},
-     {MenuBarMode::gaugeBattery, "Gauge: Battery"},
-     {MenuBarMode::gaugePowerIn, "Gauge: Power In"},
-     {MenuBarMode::percentage, "Percentage"}}};
-const std::array<std::pair<HistoryTimeScale, std::string_view>, 6>
-    EnumTexts<HistoryTimeScale>::cases = {{{HistoryTimeScale::tenMinutes, "10m"},
-                                           {HistoryTimeScale::oneHour, "1h"},
-                                           {HistoryTimeScale::twelveHours, "12h"},
-                                           {HistoryTimeScale::today, "Today"},
-                                           {HistoryTimeScale::sevenDays, "7d"},
-                                           {HistoryTimeScale::thirtyDays, "30d"}}};
-const std::array<std::pair<CarbonRegion, std::string_view>, 6> EnumTexts<CarbonRegion>::cases = {
-    {{CarbonRegion::usAverage, "US Average"},
-     {CarbonRegion::euAverage, "EU Average"},
-     {CarbonRegion::ukAverage, "UK Average"},
-     {CarbonRegion::australiaAverage, "Australia"},
-     {CarbonRegion::indiaAverage, "India"},
-     {CarbonRegion::chinaAverage, "China"}}};
-const std::array<std::pair<CardTier, std::string_view>, 4> EnumTexts<CardTier>::cases = {
-    {{CardTier::s1x1, "s1x1"},
-     {CardTier::s2x1, "s2x1"},
-     {CardTier::s2x2, "s2x2"},
-     {CardTier::full, "full"}}};
-
 DynamicTypeSize dynamicTypeSize(TextScale scale) {
   switch (scale) {
     case TextScale::xxs:
@@ -81,9 +35,50 @@ namespace {
 // Dates in the document count from 2001-01-01, the platform codec's reference date.
 constexpr double kReferenceDateUnixSeconds = 978307200.0;
 
-std::string_view directionText(CustomAlert::Direction d) {
-  return d == CustomAlert::Direction::rising ? "rising" : "falling";
-}
+// The raw texts of the document's enumerations.
+constexpr EnumTextTable<AppearanceMode, 3> kAppearanceModeTexts{{{
+    {AppearanceMode::automatic, "Auto"},
+    {AppearanceMode::light, "Light"},
+    {AppearanceMode::dark, "Dark"},
+}}};
+constexpr EnumTextTable<ColorBlindMode, 3> kColorBlindModeTexts{{{
+    {ColorBlindMode::off, "Default"},
+    {ColorBlindMode::deuteranopia, "Blue/Orange"},
+    {ColorBlindMode::tritanopia, "Green/Magenta"},
+}}};
+constexpr EnumTextTable<TemperatureUnit, 2> kTemperatureUnitTexts{{{
+    {TemperatureUnit::celsius, "°C"},
+    {TemperatureUnit::fahrenheit, "°F"},
+}}};
+constexpr EnumTextTable<TextScale, 7> kTextScaleTexts{{{
+    {TextScale::xxs, "XXS"},
+    {TextScale::xs, "XS"},
+    {TextScale::s, "S"},
+    {TextScale::m, "M"},
+    {TextScale::l, "L"},
+    {TextScale::xl, "XL"},
+    {TextScale::xxl, "XXL"},
+}}};
+constexpr EnumTextTable<MenuBarMode, 6> kMenuBarModeTexts{{{
+    {MenuBarMode::automatic, "Auto"},
+    {MenuBarMode::wattage, "Wattage"},
+    {MenuBarMode::minimal, "Minimal"},
+    {MenuBarMode::gaugeBattery, "Gauge: Battery"},
+    {MenuBarMode::gaugePowerIn, "Gauge: Power In"},
+    {MenuBarMode::percentage, "Percentage"},
+}}};
+constexpr EnumTextTable<CarbonRegion, 6> kCarbonRegionTexts{{{
+    {CarbonRegion::usAverage, "US Average"},
+    {CarbonRegion::euAverage, "EU Average"},
+    {CarbonRegion::ukAverage, "UK Average"},
+    {CarbonRegion::australiaAverage, "Australia"},
+    {CarbonRegion::indiaAverage, "India"},
+    {CarbonRegion::chinaAverage, "China"},
+}}};
+constexpr EnumTextTable<CustomAlert::Direction, 2> kDirectionTexts{{{
+    {CustomAlert::Direction::rising, "rising"},
+    {CustomAlert::Direction::falling, "falling"},
+}}};
 
 // Thrown inside this file only: decoding stops at the first problem and the caller gets
 // nothing, as the document is all or nothing.
@@ -151,9 +146,9 @@ TimePoint asDate(const Json& v, const char* key) {
   return fromUnixSeconds(asReal(v, key) + kReferenceDateUnixSeconds);
 }
 
-template <class E>
-E asEnum(const Json& v, const char* key) {
-  auto e = fromRawValue<E>(asString(v, key));
+template <class E, std::size_t N>
+E asEnum(const Json& v, const char* key, const EnumTextTable<E, N>& texts) {
+  auto e = texts.parse(asString(v, key));
   if (!e) fail(std::string(key) + " has an unknown value");
   return *e;
 }
@@ -213,14 +208,7 @@ CustomAlert asCustomAlert(const Json& v) {
   CustomAlert a;
   a.id = asUuid(required(v, "id"), "id");
   a.percentage = asInt(required(v, "percentage"), "percentage");
-  const std::string direction = asString(required(v, "direction"), "direction");
-  if (direction == "rising") {
-    a.direction = CustomAlert::Direction::rising;
-  } else if (direction == "falling") {
-    a.direction = CustomAlert::Direction::falling;
-  } else {
-    fail("direction has an unknown value");
-  }
+  a.direction = asEnum(required(v, "direction"), "direction", kDirectionTexts);
   a.enabled = asBool(required(v, "enabled"), "enabled");
   return a;
 }
@@ -253,10 +241,11 @@ QuorelSettings decodeObject(const Json& d, const Clock& clock) {
   s.showInDock = asBool(required(d, "showInDock"), "showInDock");
   s.showInMenuBar = asBool(required(d, "showInMenuBar"), "showInMenuBar");
   s.openDashboardOnLaunch = asBool(required(d, "openDashboardOnLaunch"), "openDashboardOnLaunch");
-  s.appearanceMode = asEnum<AppearanceMode>(required(d, "appearanceMode"), "appearanceMode");
-  s.colorBlindMode = asEnum<ColorBlindMode>(required(d, "colorBlindMode"), "colorBlindMode");
-  s.temperatureUnit = asEnum<TemperatureUnit>(required(d, "temperatureUnit"), "temperatureUnit");
-  s.textScale = asEnum<TextScale>(required(d, "textScale"), "textScale");
+  s.appearanceMode = asEnum(required(d, "appearanceMode"), "appearanceMode", kAppearanceModeTexts);
+  s.colorBlindMode = asEnum(required(d, "colorBlindMode"), "colorBlindMode", kColorBlindModeTexts);
+  s.temperatureUnit =
+      asEnum(required(d, "temperatureUnit"), "temperatureUnit", kTemperatureUnitTexts);
+  s.textScale = asEnum(required(d, "textScale"), "textScale", kTextScaleTexts);
   s.showContainerBorders = asBool(required(d, "showContainerBorders"), "showContainerBorders");
   s.chartSmoothing = asBool(required(d, "chartSmoothing"), "chartSmoothing");
   s.chartStackedComponents =
@@ -268,16 +257,16 @@ QuorelSettings decodeObject(const Json& d, const Clock& clock) {
     s.experimentalClamshellDischargeStored = asBool(*v, "experimentalClamshellDischargeStored");
   }
   // Lenient, so that a document naming a retired style stays readable.
-  s.menuBarMode = fromRawValue<MenuBarMode>(asString(required(d, "menuBarMode"), "menuBarMode"))
+  s.menuBarMode = kMenuBarModeTexts.parse(asString(required(d, "menuBarMode"), "menuBarMode"))
                       .value_or(MenuBarMode::wattage);
   s.menuBarColorEnabled = asBool(required(d, "menuBarColorEnabled"), "menuBarColorEnabled");
   s.popoverSectionOrder = asStringList(required(d, "popoverSectionOrder"), "popoverSectionOrder");
   const auto collapsed = asStringList(required(d, "collapsedSections"), "collapsedSections");
   s.collapsedSections = {collapsed.begin(), collapsed.end()};
   s.historyTimeScale =
-      asEnum<HistoryTimeScale>(required(d, "historyTimeScale"), "historyTimeScale");
+      asEnum(required(d, "historyTimeScale"), "historyTimeScale", kHistoryTimeScaleTexts);
   s.showCarbonFootprint = asBool(required(d, "showCarbonFootprint"), "showCarbonFootprint");
-  s.carbonRegion = asEnum<CarbonRegion>(required(d, "carbonRegion"), "carbonRegion");
+  s.carbonRegion = asEnum(required(d, "carbonRegion"), "carbonRegion", kCarbonRegionTexts);
   s.calendarPredictionEnabled =
       asBool(required(d, "calendarPredictionEnabled"), "calendarPredictionEnabled");
   const Json& alerts = required(d, "customAlertThresholds");
@@ -354,10 +343,10 @@ Json encodeObject(const QuorelSettings& s) {
   d["showInDock"] = s.showInDock;
   d["showInMenuBar"] = s.showInMenuBar;
   d["openDashboardOnLaunch"] = s.openDashboardOnLaunch;
-  d["appearanceMode"] = rawValue(s.appearanceMode);
-  d["colorBlindMode"] = rawValue(s.colorBlindMode);
-  d["temperatureUnit"] = rawValue(s.temperatureUnit);
-  d["textScale"] = rawValue(s.textScale);
+  d["appearanceMode"] = kAppearanceModeTexts.text(s.appearanceMode);
+  d["colorBlindMode"] = kColorBlindModeTexts.text(s.colorBlindMode);
+  d["temperatureUnit"] = kTemperatureUnitTexts.text(s.temperatureUnit);
+  d["textScale"] = kTextScaleTexts.text(s.textScale);
   d["showContainerBorders"] = s.showContainerBorders;
   d["chartSmoothing"] = s.chartSmoothing;
   d["chartStackedComponents"] = s.chartStackedComponents;
@@ -365,19 +354,19 @@ Json encodeObject(const QuorelSettings& s) {
   if (s.experimentalClamshellDischargeStored) {
     d["experimentalClamshellDischargeStored"] = *s.experimentalClamshellDischargeStored;
   }
-  d["menuBarMode"] = rawValue(s.menuBarMode);
+  d["menuBarMode"] = kMenuBarModeTexts.text(s.menuBarMode);
   d["menuBarColorEnabled"] = s.menuBarColorEnabled;
   d["popoverSectionOrder"] = s.popoverSectionOrder;
   d["collapsedSections"] = s.collapsedSections;
-  d["historyTimeScale"] = rawValue(s.historyTimeScale);
+  d["historyTimeScale"] = kHistoryTimeScaleTexts.text(s.historyTimeScale);
   d["showCarbonFootprint"] = s.showCarbonFootprint;
-  d["carbonRegion"] = rawValue(s.carbonRegion);
+  d["carbonRegion"] = kCarbonRegionTexts.text(s.carbonRegion);
   d["calendarPredictionEnabled"] = s.calendarPredictionEnabled;
   Json alerts = Json::array();
   for (const auto& a : s.customAlertThresholds) {
     alerts.push_back(Json{{"id", a.id},
                           {"percentage", a.percentage},
-                          {"direction", directionText(a.direction)},
+                          {"direction", kDirectionTexts.text(a.direction)},
                           {"enabled", a.enabled}});
   }
   d["customAlertThresholds"] = std::move(alerts);

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "core/clock.hpp"
+#include "core/enum_text.hpp"
 #include "core/history_time_scale.hpp"
 #include "core/uuid.hpp"
 
@@ -38,46 +39,18 @@ enum class CarbonRegion {
   indiaAverage,
   chinaAverage
 };
-// A dashboard card's size; its raw text is the case name.
+// A dashboard card's size; its raw text, as dashboardCardTiers holds it, is the case name.
 enum class CardTier { s1x1, s2x1, s2x2, full };
+inline constexpr EnumTextTable<CardTier, 4> kCardTierTexts{{{
+    {CardTier::s1x1, "s1x1"},
+    {CardTier::s2x1, "s2x1"},
+    {CardTier::s2x2, "s2x2"},
+    {CardTier::full, "full"},
+}}};
 
 // The type sizes a text scale maps to.
 enum class DynamicTypeSize { xSmall, small, medium, large, xLarge, xxLarge, xxxLarge };
 DynamicTypeSize dynamicTypeSize(TextScale scale);
-
-// Each enumeration with its raw texts, in case order.
-template <class E>
-struct EnumTexts;
-#define QUOREL_ENUM_TEXTS(E, N)                                       \
-  template <>                                                         \
-  struct EnumTexts<E> {                                               \
-    static const std::array<std::pair<E, std::string_view>, N> cases; \
-  }
-QUOREL_ENUM_TEXTS(AppearanceMode, 3);
-QUOREL_ENUM_TEXTS(ColorBlindMode, 3);
-QUOREL_ENUM_TEXTS(TemperatureUnit, 2);
-QUOREL_ENUM_TEXTS(TextScale, 7);
-QUOREL_ENUM_TEXTS(MenuBarMode, 6);
-QUOREL_ENUM_TEXTS(HistoryTimeScale, 6);
-QUOREL_ENUM_TEXTS(CarbonRegion, 6);
-QUOREL_ENUM_TEXTS(CardTier, 4);
-#undef QUOREL_ENUM_TEXTS
-
-template <class E>
-std::string_view rawValue(E value) {
-  for (const auto& [v, text] : EnumTexts<E>::cases) {
-    if (v == value) return text;
-  }
-  return {};
-}
-
-template <class E>
-std::optional<E> fromRawValue(std::string_view text) {
-  for (const auto& [v, raw] : EnumTexts<E>::cases) {
-    if (raw == text) return v;
-  }
-  return std::nullopt;
-}
 
 // The popover's sections, raw texts in case order.
 inline constexpr std::array<std::string_view, 20> kPopoverSections = {

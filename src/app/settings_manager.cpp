@@ -69,11 +69,11 @@ void SettingsManager::reconcileTiers(const std::vector<CardTierRequirement>& car
   for (const auto& card : cards) {
     auto entry = next.dashboardCardTiers.find(card.id);
     if (entry == next.dashboardCardTiers.end()) continue;
-    const auto tier = fromRawValue<CardTier>(entry->second);
+    const auto tier = kCardTierTexts.parse(entry->second);
     const bool supported = tier && std::find(card.supported.begin(), card.supported.end(), *tier) !=
                                        card.supported.end();
     if (supported) continue;
-    entry->second = std::string(rawValue(card.defaultTier));
+    entry->second = std::string(kCardTierTexts.text(card.defaultTier));
     changed = true;
   }
   if (!changed) return;

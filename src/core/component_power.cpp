@@ -4,31 +4,27 @@
 #include <array>
 #include <cmath>
 
+#include "core/enum_text.hpp"
+
 namespace quorel {
 
 namespace {
-constexpr std::array<std::pair<HistoricalValueQuality, std::string_view>, 6> kQualityNames{{
+constexpr EnumTextTable<HistoricalValueQuality, 6> kQualityNames{{{
     {HistoricalValueQuality::measured, "measured"},
     {HistoricalValueQuality::estimated, "estimated"},
     {HistoricalValueQuality::inferred, "inferred"},
     {HistoricalValueQuality::legacy, "legacy"},
     {HistoricalValueQuality::rejected, "rejected"},
     {HistoricalValueQuality::unavailable, "unavailable"},
-}};
+}}};
 }  // namespace
 
 std::string_view toString(HistoricalValueQuality q) {
-  for (const auto& [quality, name] : kQualityNames) {
-    if (quality == q) return name;
-  }
-  return "unavailable";
+  return kQualityNames.text(q, "unavailable");
 }
 
 std::optional<HistoricalValueQuality> historicalValueQualityFromString(std::string_view s) {
-  for (const auto& [quality, name] : kQualityNames) {
-    if (name == s) return quality;
-  }
-  return std::nullopt;
+  return kQualityNames.parse(s);
 }
 
 ComponentPowerValidation ComponentPowerValidation::unavailable(std::string reason) {

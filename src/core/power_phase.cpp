@@ -1,62 +1,68 @@
 #include "core/power_phase.hpp"
 
-#include <array>
 #include <cstdint>
+
+#include "core/enum_text.hpp"
 
 namespace quorel {
 
-std::string_view toString(ThermalState t) {
-  switch (t) {
-    case ThermalState::nominal:
-      return "nominal";
-    case ThermalState::fair:
-      return "fair";
-    case ThermalState::serious:
-      return "serious";
-    case ThermalState::critical:
-      return "critical";
-  }
-  return "nominal";
-}
-
 namespace {
-struct PhaseNames {
-  PowerPhase phase;
-  std::string_view name;
-  std::string_view label;
-};
-constexpr std::array<PhaseNames, 10> kPhases{{
-    {PowerPhase::draining, "draining", "On Battery"},
-    {PowerPhase::charging, "charging", "Charging"},
-    {PowerPhase::trickleCharge, "trickleCharge", "Plugged In"},
-    {PowerPhase::full, "full", "Fully Charged"},
-    {PowerPhase::onHold, "onHold", "On Hold"},
-    {PowerPhase::chargeLimitHold, "chargeLimitHold", "Charge Limit"},
-    {PowerPhase::thermalHold, "thermalHold", "Thermal Hold"},
-    {PowerPhase::supplementing, "supplementing", "Supplementing"},
-    {PowerPhase::bootSurge, "bootSurge", "Boot Surge"},
-    {PowerPhase::noBattery, "noBattery", "No Battery"},
-}};
+constexpr EnumTextTable<ThermalState, 4> kThermalStateNames{{{
+    {ThermalState::nominal, "nominal"},
+    {ThermalState::fair, "fair"},
+    {ThermalState::serious, "serious"},
+    {ThermalState::critical, "critical"},
+}}};
 
-constexpr std::array<std::pair<PowerSessionMode, std::string_view>, 6> kModes{{
+constexpr EnumTextTable<PowerPhase, 10> kPhaseNames{{{
+    {PowerPhase::draining, "draining"},
+    {PowerPhase::charging, "charging"},
+    {PowerPhase::trickleCharge, "trickleCharge"},
+    {PowerPhase::full, "full"},
+    {PowerPhase::onHold, "onHold"},
+    {PowerPhase::chargeLimitHold, "chargeLimitHold"},
+    {PowerPhase::thermalHold, "thermalHold"},
+    {PowerPhase::supplementing, "supplementing"},
+    {PowerPhase::bootSurge, "bootSurge"},
+    {PowerPhase::noBattery, "noBattery"},
+}}};
+
+constexpr EnumTextTable<PowerPhase, 10> kPhaseLabels{{{
+    {PowerPhase::draining, "On Battery"},
+    {PowerPhase::charging, "Charging"},
+    {PowerPhase::trickleCharge, "Plugged In"},
+    {PowerPhase::full, "Fully Charged"},
+    {PowerPhase::onHold, "On Hold"},
+    {PowerPhase::chargeLimitHold, "Charge Limit"},
+    {PowerPhase::thermalHold, "Thermal Hold"},
+    {PowerPhase::supplementing, "Supplementing"},
+    {PowerPhase::bootSurge, "Boot Surge"},
+    {PowerPhase::noBattery, "No Battery"},
+}}};
+
+constexpr EnumTextTable<PowerSessionMode, 6> kModeNames{{{
     {PowerSessionMode::battery, "battery"},
     {PowerSessionMode::charging, "charging"},
     {PowerSessionMode::holding, "holding"},
     {PowerSessionMode::supplementing, "supplementing"},
     {PowerSessionMode::forceDischarge, "force_discharge"},
     {PowerSessionMode::legacy, "legacy"},
-}};
+}}};
 
 constexpr std::int64_t kThermalReasonBit = 0x2;
 constexpr std::int64_t kChargeLimitMask = 0x80000000000001;
 }  // namespace
 
+std::string_view toString(ThermalState t) {
+  return kThermalStateNames.text(t, "nominal");
+}
+
 std::string_view label(PowerPhase phase) {
-  return kPhases[static_cast<std::size_t>(phase)].label;
+  return kPhaseLabels.text(phase);
 }
 
 std::string_view toString(PowerPhase phase) {
-  return kPhases[static_cast<std::size_t>(phase)].name;
+  return kPhaseNames.text(phase);
 }
 
 PowerPhase phaseFrom(const PowerSnapshot& snapshot, double smoothedWattage,
@@ -85,17 +91,11 @@ PowerPhase phaseFrom(const PowerSnapshot& snapshot, double smoothedWattage,
 }
 
 std::string_view toString(PowerSessionMode mode) {
-  for (const auto& [m, name] : kModes) {
-    if (m == mode) return name;
-  }
-  return "legacy";
+  return kModeNames.text(mode, "legacy");
 }
 
 std::optional<PowerSessionMode> powerSessionModeFromString(std::string_view s) {
-  for (const auto& [m, name] : kModes) {
-    if (name == s) return m;
-  }
-  return std::nullopt;
+  return kModeNames.parse(s);
 }
 
 PowerSessionMode classifySessionMode(PowerPhase phase, bool forceDischargeActive) {

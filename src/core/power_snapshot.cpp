@@ -1,13 +1,11 @@
 #include "core/power_snapshot.hpp"
 
+#include "core/enum_text.hpp"
+
 namespace quorel {
 
 namespace {
-struct ConnectionName {
-  ConnectionType type;
-  std::string_view name;
-};
-constexpr ConnectionName kConnectionNames[] = {
+constexpr EnumTextTable<ConnectionType, 7> kConnectionNames{{{
     {ConnectionType::magsafe3, "magsafe3"},
     {ConnectionType::thunderbolt5, "thunderbolt5"},
     {ConnectionType::thunderbolt4, "thunderbolt4"},
@@ -15,35 +13,26 @@ constexpr ConnectionName kConnectionNames[] = {
     {ConnectionType::usbCPD, "usbCPD"},
     {ConnectionType::usbC, "usbC"},
     {ConnectionType::unknown, "unknown"},
-};
+}}};
+
+constexpr EnumTextTable<CableType, 4> kCableNames{{{
+    {CableType::active, "active"},
+    {CableType::passive, "passive"},
+    {CableType::optical, "optical"},
+    {CableType::magsafe, "magsafe"},
+}}};
 }  // namespace
 
 std::string_view toString(ConnectionType t) {
-  for (const auto& c : kConnectionNames) {
-    if (c.type == t) return c.name;
-  }
-  return "unknown";
+  return kConnectionNames.text(t, "unknown");
 }
 
 std::optional<ConnectionType> connectionTypeFromString(std::string_view s) {
-  for (const auto& c : kConnectionNames) {
-    if (c.name == s) return c.type;
-  }
-  return std::nullopt;
+  return kConnectionNames.parse(s);
 }
 
 std::string_view toString(CableType t) {
-  switch (t) {
-    case CableType::active:
-      return "active";
-    case CableType::passive:
-      return "passive";
-    case CableType::optical:
-      return "optical";
-    case CableType::magsafe:
-      return "magsafe";
-  }
-  return "active";
+  return kCableNames.text(t, "active");
 }
 
 std::optional<SoCResidencyMatrix> SoCResidencyMatrix::fromData(std::span<const std::uint8_t> data) {

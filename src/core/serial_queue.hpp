@@ -2,6 +2,14 @@
 // A serial queue: work posted to it runs one item at a time, in order, on one thread. It is the
 // only concurrency primitive the system uses; the poll loop, the store, the HTTP listener and the
 // main thread are each one SerialQueue. Built on an asio::io_context, kept out of this header.
+//
+// Timers run on the injected clock: whether a delayed job is due is decided by
+// clock.monotonicNow(), so a queue driven by runPending() under a ManualClock fires its timers
+// when the test advances the clock, with no real waiting. A started queue sleeps on one asio
+// timer for the real time left until its earliest deadline.
+//
+// A job that throws does not take the queue down: what escaped is logged at error level with the
+// queue's label (and, for a timer, that it was a timer job), and the next job runs.
 
 #include <atomic>
 #include <functional>
@@ -47,13 +55,16 @@ class TimerHandle {
 
 class SerialQueue {
  public:
-  // The label names the thread (first 15 characters) and the queue in log lines.
-  explicit SerialQueue(std::string label);
+  // The label names the thread (first 15 characters) and the queue in log lines. The clock
+  // must outlive the queue.
+  SerialQueue(std::string label, const Clock& clock);
   ~SerialQueue();
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
   const std::string& label() const { return label_; }
+  // The clock the queue's timers run on.
+  const Clock& clock() const { return clock_; }
 
   // Runs the queue on a thread of its own.
   void start();
@@ -84,6 +95,8 @@ class SerialQueue {
     return result.get();
   }
 
+  // Delays count from clock.monotonicNow() at the call, not from when the queue gets round to
+  // them.
   // Runs `work` once after `delay` unless the returned handle is cancelled or destroyed first.
   [[nodiscard]] TimerHandle after(Seconds delay, std::function<void()> work);
   // Runs `work` once after `delay`; nothing but shutdown() stops it.
@@ -92,20 +105,23 @@ class SerialQueue {
   // drift and does not burst to catch up after a slow tick.
   [[nodiscard]] TimerHandle every(Seconds firstDelay, Seconds period, std::function<void()> tick);
 
-  // Runs, on the calling thread, every job that is ready now. For tests of queues that are
-  // never started, so that they need no threads and no sleeping.
+  // Runs, on the calling thread, every job that is ready now, including every timer whose
+  // deadline is at or before clock.monotonicNow(), and what those jobs post in turn; returns
+  // how many jobs ran. For tests of queues that are never started, so that they need no
+  // threads and no sleeping.
   std::size_t runPending();
 
   // The underlying context, for I/O objects (sockets, signal sets) that must live on this queue.
   asio::io_context& context();
 
  private:
-  // Registers and arms a one-shot (no period) or repeating job.
+  // Books a one-shot (no period) or repeating job and wakes the queue if it is now the first due.
   std::shared_ptr<detail::TimerState> schedule(Seconds firstDelay, std::optional<Seconds> period,
                                                std::function<void()> work);
 
   struct Impl;
   std::string label_;
+  const Clock& clock_;
   std::unique_ptr<Impl> impl_;
 };
 

@@ -2,50 +2,77 @@
 
 #include <array>
 
+#include "core/enum_text.hpp"
+
 namespace quorel {
 
 namespace {
+constexpr EnumTextTable<MacModel, 8> kCaseNames{{{
+    {MacModel::macBookPro, "macBookPro"},
+    {MacModel::macBookAir, "macBookAir"},
+    {MacModel::macBookNeo, "macBookNeo"},
+    {MacModel::macStudio, "macStudio"},
+    {MacModel::macPro, "macPro"},
+    {MacModel::macMini, "macMini"},
+    {MacModel::iMac, "iMac"},
+    {MacModel::unknown, "unknown"},
+}}};
+
+constexpr EnumTextTable<MacModel, 8> kDisplayNames{{{
+    {MacModel::macBookPro, "MacBook Pro"},
+    {MacModel::macBookAir, "MacBook Air"},
+    {MacModel::macBookNeo, "MacBook Neo"},
+    {MacModel::macStudio, "Mac Studio"},
+    {MacModel::macPro, "Mac Pro"},
+    {MacModel::macMini, "Mac mini"},
+    {MacModel::iMac, "iMac"},
+    {MacModel::unknown, "Mac"},
+}}};
+
 struct ModelFacts {
   MacModel model;
-  std::string_view name;
-  std::string_view displayName;
   std::optional<double> maxLoadW;
   bool desktop;
 };
-constexpr std::array<ModelFacts, 8> kModels{{
-    {MacModel::macBookPro, "macBookPro", "MacBook Pro", 140.0, false},
-    {MacModel::macBookAir, "macBookAir", "MacBook Air", 35.0, false},
-    {MacModel::macBookNeo, "macBookNeo", "MacBook Neo", 30.0, false},
-    {MacModel::macStudio, "macStudio", "Mac Studio", 270.0, true},
-    {MacModel::macPro, "macPro", "Mac Pro", 370.0, true},
-    {MacModel::macMini, "macMini", "Mac mini", 155.0, true},
-    {MacModel::iMac, "iMac", "iMac", 143.0, true},
-    {MacModel::unknown, "unknown", "Mac", std::nullopt, false},
+constexpr std::array<ModelFacts, 7> kFacts{{
+    {MacModel::macBookPro, 140.0, false},
+    {MacModel::macBookAir, 35.0, false},
+    {MacModel::macBookNeo, 30.0, false},
+    {MacModel::macStudio, 270.0, true},
+    {MacModel::macPro, 370.0, true},
+    {MacModel::macMini, 155.0, true},
+    {MacModel::iMac, 143.0, true},
 }};
 
-const ModelFacts& facts(MacModel model) {
-  return kModels[static_cast<std::size_t>(model)];
+// Unknown, or a value without a case, has no facts: no load figure and not a desktop.
+const ModelFacts* facts(MacModel model) {
+  for (const auto& f : kFacts) {
+    if (f.model == model) return &f;
+  }
+  return nullptr;
 }
 }  // namespace
 
 std::string_view displayName(MacModel model) {
-  return facts(model).displayName;
+  return kDisplayNames.text(model, "Mac");
 }
+
 std::string_view toString(MacModel model) {
-  return facts(model).name;
-}
-std::optional<double> maxLoadW(MacModel model) {
-  return facts(model).maxLoadW;
-}
-bool isDesktop(MacModel model) {
-  return facts(model).desktop;
+  return kCaseNames.text(model, "unknown");
 }
 
 std::optional<MacModel> macModelFromString(std::string_view caseName) {
-  for (const auto& f : kModels) {
-    if (f.name == caseName) return f.model;
-  }
-  return std::nullopt;
+  return kCaseNames.parse(caseName);
+}
+
+std::optional<double> maxLoadW(MacModel model) {
+  const ModelFacts* f = facts(model);
+  return f ? f->maxLoadW : std::nullopt;
+}
+
+bool isDesktop(MacModel model) {
+  const ModelFacts* f = facts(model);
+  return f && f->desktop;
 }
 
 }  // namespace quorel

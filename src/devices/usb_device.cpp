@@ -5,13 +5,22 @@
 #include <cctype>
 #include <string>
 
+#include "core/enum_text.hpp"
+
 namespace quorel {
 
 namespace {
-constexpr std::array<std::string_view, 7> kSpeedLabels{"USB 1.1", "USB 1.0", "USB 2.0", "USB 3.0",
-                                                       "USB 3.1", "USB 3.2", "USB"};
+constexpr EnumTextTable<USBSpeed, 7> kSpeedLabels{{{
+    {USBSpeed::full, "USB 1.1"},
+    {USBSpeed::low, "USB 1.0"},
+    {USBSpeed::high, "USB 2.0"},
+    {USBSpeed::superSpeed, "USB 3.0"},
+    {USBSpeed::superSpeedPlus, "USB 3.1"},
+    {USBSpeed::superSpeedPlusGen2x2, "USB 3.2"},
+    {USBSpeed::unknown, "USB"},
+}}};
 
-constexpr std::array<std::pair<DeviceType, std::string_view>, 11> kTypeNames{{
+constexpr EnumTextTable<DeviceType, 11> kTypeNames{{{
     {DeviceType::hub, "hub"},
     {DeviceType::storage, "storage"},
     {DeviceType::audio, "audio"},
@@ -23,7 +32,7 @@ constexpr std::array<std::pair<DeviceType, std::string_view>, 11> kTypeNames{{
     {DeviceType::wireless, "wireless"},
     {DeviceType::vendor, "vendor"},
     {DeviceType::unknown, "unknown"},
-}};
+}}};
 
 struct NameRule {
   std::array<std::string_view, 4> words;
@@ -42,7 +51,7 @@ constexpr std::array<NameRule, 7> kNameRules{{
 }  // namespace
 
 std::string_view shortLabel(USBSpeed speed) {
-  return kSpeedLabels[static_cast<std::size_t>(speed)];
+  return kSpeedLabels.text(speed, "USB");
 }
 
 USBSpeed usbSpeedFromRaw(std::optional<std::int64_t> raw) {
@@ -53,17 +62,11 @@ USBSpeed usbSpeedFromRaw(std::optional<std::int64_t> raw) {
 }
 
 std::string_view toString(DeviceType type) {
-  for (const auto& [t, name] : kTypeNames) {
-    if (t == type) return name;
-  }
-  return "unknown";
+  return kTypeNames.text(type, "unknown");
 }
 
 std::optional<DeviceType> deviceTypeFromString(std::string_view raw) {
-  for (const auto& [t, name] : kTypeNames) {
-    if (name == raw) return t;
-  }
-  return std::nullopt;
+  return kTypeNames.parse(raw);
 }
 
 DeviceType deviceTypeFromClass(std::int64_t classCode) {

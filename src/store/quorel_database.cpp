@@ -467,11 +467,11 @@ std::string errnoText(int error) {
 }  // namespace
 
 QuorelDatabase::QuorelDatabase(Options options)
-    : log_(logging::get("db")),
+    : clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()),
+      log_(logging::get("db")),
       dataDirectory_(std::move(options.dataDirectory)),
       databasePathOverride_(std::move(options.databasePathOverride)),
       onCorruption_(std::move(options.onCorruption)),
-      clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()),
       readOnly_(options.readOnly) {
   if (readOnly_) {
     openReadOnly();

@@ -213,7 +213,8 @@ class QuorelDatabase {
   int transaction(const char* sql);
 
   SqliteConnection db_;
-  SerialQueue queue_{"com.quorel.database"};
+  std::shared_ptr<const Clock> clock_;
+  SerialQueue queue_{"com.quorel.database", *clock_};
   std::shared_ptr<spdlog::logger> log_;
   bool corruptionSignaled_ = false;
   bool databaseUnavailable_ = false;
@@ -222,7 +223,6 @@ class QuorelDatabase {
   std::optional<std::filesystem::path> databasePath_;
   std::function<void()> onCorruption_;
   bool queueStarted_ = false;
-  std::shared_ptr<const Clock> clock_;
   std::array<std::uint64_t, 2> energyRevision_{};
   bool readOnly_ = false;
   std::map<EnergyHistoryKey, EnergyHistoryEntry> energyHistoryCache_;

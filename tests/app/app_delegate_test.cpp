@@ -75,12 +75,11 @@ class AppDelegateTest : public ::testing::Test {
     options.wakeSettleDelay = Seconds{0.01};
     AppDelegate::Dependencies d;
     d.mainQueue = &mainQueue;
-    d.clock = &clock;
     d.settings = settings.get();
     d.monitor = monitor;
     d.database = database.get();
     d.sleepWake = &sleepWake;
-    delegate = std::make_unique<AppDelegate>(std::move(d), options);
+    delegate = std::make_unique<AppDelegate>(std::move(d), clock, options);
   }
 
   // Runs the main queue on this thread until `pred` holds (bounded, never a fixed sleep).
@@ -103,8 +102,8 @@ class AppDelegateTest : public ::testing::Test {
 
   fs::path dir_;
   ManualClock clock{fromUnixSeconds(1'800'000'000)};
-  SerialQueue mainQueue{"test.main"};
-  SerialQueue pollQueue{"test.poll"};
+  SerialQueue mainQueue{"test.main", clock};
+  SerialQueue pollQueue{"test.poll", clock};
   MemoryPreferenceStore preferences;
   std::unique_ptr<QuorelDatabase> database;
   std::unique_ptr<SettingsManager> settings;
@@ -167,12 +166,18 @@ TEST_F(AppDelegateTest, SleepIsRecordedAsAnIntervalAndASecondWakeReplacesTheFirs
   clock.advance(1h);
   sleepWake.handlers.didWake();
   EXPECT_TRUE(delegate->wakeWorkPending());
-  sleepWake.handlers.didWake();  // within the settle delay
-  ASSERT_TRUE(runMainUntil([&] { return delegate->wakeResumeCount() > 0; }));
-  // Give a duplicate every chance to run: another posted job lands after any due timer.
-  std::atomic<bool> later{false};
-  mainQueue.asyncAfter(Seconds{0.05}, [&] { later = true; });
-  runMainUntil([&] { return later.load(); });
+  // A second wake within the 10 ms settle delay starts the delay again.
+  clock.advance(Seconds{0.005});
+  sleepWake.handlers.didWake();
+  clock.advance(Seconds{0.007});
+  mainQueue.runPending();
+  EXPECT_EQ(delegate->wakeResumeCount(), 0);
+  clock.advance(Seconds{0.003});
+  mainQueue.runPending();
+  EXPECT_EQ(delegate->wakeResumeCount(), 1);
+  EXPECT_FALSE(delegate->wakeWorkPending());
+  clock.advance(Seconds{1});
+  mainQueue.runPending();
   EXPECT_EQ(delegate->wakeResumeCount(), 1);
   EXPECT_EQ(rows("SELECT start_time = " + std::to_string(toUnixSeconds(slept)) +
                  ", end_time - start_time, status, reason FROM collection_intervals"),

@@ -16,8 +16,9 @@ namespace {
 // The queues here are never started: runPending() returns how many jobs reached a queue, which
 // is how many times its thread would have been woken.
 TEST(BatchedPosterTest, ItemsPostedFromAnotherQueueTravelAsOneJobAfterThatQueuesWork) {
-  SerialQueue source("test.source");
-  SerialQueue target("test.target");
+  const SystemClock clock;
+  SerialQueue source("test.source", clock);
+  SerialQueue target("test.target", clock);
   std::vector<int> seen;
   BatchedPoster<int> poster(target, [&](int& i) {
     EXPECT_TRUE(target.isCurrent());
@@ -34,7 +35,8 @@ TEST(BatchedPosterTest, ItemsPostedFromAnotherQueueTravelAsOneJobAfterThatQueues
 }
 
 TEST(BatchedPosterTest, ItemsPostedWhileADrainRunsAreNotLostAndStartAnother) {
-  SerialQueue target("test.target");
+  const SystemClock clock;
+  SerialQueue target("test.target", clock);
   std::vector<int> seen;
   std::function<void(int)> repost;
   BatchedPoster<int> poster(target, [&](int& i) {
@@ -56,7 +58,8 @@ TEST(BatchedPosterTest, ItemsPostedWhileADrainRunsAreNotLostAndStartAnother) {
 TEST(BatchedPosterTest, ItemsMoveThroughWhole) {
   // Items are moved, not copied, and each reaches the handler once with its contents intact,
   // also after the storage has been handed back and forth between batches.
-  SerialQueue target("test.target");
+  const SystemClock clock;
+  SerialQueue target("test.target", clock);
   std::vector<std::string> seen;
   BatchedPoster<std::unique_ptr<std::string>> poster(
       target, [&](std::unique_ptr<std::string>& s) { seen.push_back(*s); });
@@ -73,7 +76,8 @@ TEST(BatchedPosterTest, ItemsMoveThroughWhole) {
 }
 
 TEST(BatchedPosterTest, ItemsOutliveThePoster) {
-  SerialQueue target("test.target");
+  const SystemClock clock;
+  SerialQueue target("test.target", clock);
   int ran = 0;
   {
     BatchedPoster<int> poster(target, [&](int& i) { ran += i; });
@@ -84,7 +88,8 @@ TEST(BatchedPosterTest, ItemsOutliveThePoster) {
 }
 
 TEST(BatchedPosterTest, EveryItemFromManyThreadsRunsOnceInEachThreadsOrder) {
-  SerialQueue target("test.target");
+  const SystemClock clock;
+  SerialQueue target("test.target", clock);
   target.start();
   constexpr int kThreads = 4;
   constexpr int kEach = 2000;

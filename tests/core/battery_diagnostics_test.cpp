@@ -21,7 +21,7 @@ std::vector<std::uint8_t> littleEndianBlock(const std::vector<std::uint32_t>& ce
   return bytes;
 }
 
-TEST(SoCResidencyMatrixTest, ReadsExactly28LittleEndianCells) {
+TEST(SoCResidencyMatrixTest, ReadsExactly28LittleEndianCellsAndRefusesAnyOtherLength) {
   std::vector<std::uint32_t> cells(28);
   for (std::uint32_t i = 0; i < 28; ++i) cells[i] = i + 1;
   cells[3] = 0x01020304;
@@ -32,15 +32,12 @@ TEST(SoCResidencyMatrixTest, ReadsExactly28LittleEndianCells) {
   EXPECT_EQ(m->hours[0], 1);
   EXPECT_EQ(m->hours[3], 0x01020304);
   EXPECT_EQ(m->hours[27], 4294967295LL);
-}
 
-TEST(SoCResidencyMatrixTest, RefusesABlockOfAnyOtherLength) {
-  auto bytes = littleEndianBlock(std::vector<std::uint32_t>(28, 1));
-  const std::vector<std::uint8_t> shorter(bytes.begin(), bytes.end() - 1);
-  auto longer = bytes;
-  longer.push_back(0);
-  EXPECT_FALSE(SoCResidencyMatrix::fromData(shorter));
-  EXPECT_FALSE(SoCResidencyMatrix::fromData(longer));
+  auto bytes = littleEndianBlock(cells);
+  bytes.push_back(0);
+  EXPECT_FALSE(SoCResidencyMatrix::fromData(bytes));
+  bytes.resize(27 * 4 + 3);
+  EXPECT_FALSE(SoCResidencyMatrix::fromData(bytes));
   EXPECT_FALSE(SoCResidencyMatrix::fromData({}));
 }
 
@@ -154,21 +151,13 @@ TEST(BatteryDiagnosticsTest, AdapterInfoFromChargerFields) {
   s.pdSpecRevision = 2;
   s.chargerVendorID = 0x05AC;
   s.portMaxPower_mW = 96000;
-  s.chargingPortIndex = 1;
   s.cableType = CableType::active;
-  s.dailyMinSoc = 57;
-  s.dailyMaxSoc = 77;
-  s.designCycleCount = 1000;
   auto d = BatteryDiagnostics::from(s);
   ASSERT_TRUE(d.adapterInfo);
   EXPECT_EQ(d.adapterInfo->pdSpecRevision, "3.0");
   EXPECT_TRUE(d.adapterInfo->isAppleSource);
   EXPECT_EQ(d.adapterInfo->portMaxPower_W, 96.0);
-  EXPECT_EQ(d.adapterInfo->chargingPort, 1);
   EXPECT_EQ(d.adapterInfo->cableType, CableType::active);
-  EXPECT_EQ(d.dailyMinSoc, 57);
-  EXPECT_EQ(d.dailyMaxSoc, 77);
-  EXPECT_EQ(d.designCycleCount, 1000);
 
   s.chargerVendorID = 0x291A;
   EXPECT_FALSE(BatteryDiagnostics::from(s).adapterInfo->isAppleSource);
@@ -179,16 +168,6 @@ TEST(BatteryDiagnosticsTest, AdapterInfoFromChargerFields) {
   ASSERT_TRUE(d.adapterInfo);
   EXPECT_FALSE(d.adapterInfo->isAppleSource);
   EXPECT_EQ(d.adapterInfo->pdSpecRevision, std::nullopt);
-}
-
-TEST(ConnectionTypeTest, NamesRoundTrip) {
-  const ConnectionType all[] = {ConnectionType::magsafe3,     ConnectionType::thunderbolt5,
-                                ConnectionType::thunderbolt4, ConnectionType::thunderbolt3,
-                                ConnectionType::usbCPD,       ConnectionType::usbC,
-                                ConnectionType::unknown};
-  for (auto t : all) EXPECT_EQ(connectionTypeFromString(toString(t)), t);
-  EXPECT_EQ(toString(ConnectionType::usbCPD), "usbCPD");
-  EXPECT_EQ(connectionTypeFromString("USB-C"), std::nullopt);
 }
 
 }  // namespace

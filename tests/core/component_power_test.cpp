@@ -89,15 +89,5 @@ TEST(ComponentPowerValidatorTest, NothingReadOrStalledCountersAreUnavailable) {
   EXPECT_EQ(v.rejectionReason, kStalled);
 }
 
-TEST(HistoricalValueQualityTest, StoredTextsRoundTrip) {
-  const char* texts[] = {"measured", "estimated", "inferred", "legacy", "rejected", "unavailable"};
-  for (int tag = 0; tag < 6; ++tag) {
-    const auto q = static_cast<HistoricalValueQuality>(tag);
-    EXPECT_EQ(toString(q), texts[tag]);
-    EXPECT_EQ(historicalValueQualityFromString(texts[tag]), q);
-  }
-  EXPECT_EQ(historicalValueQualityFromString("Measured"), std::nullopt);
-}
-
 }  // namespace
 }  // namespace quorel

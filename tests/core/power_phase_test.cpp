@@ -8,20 +8,6 @@
 namespace quorel {
 namespace {
 
-TEST(PowerPhaseTest, LabelsAndNamesFollowTheCaseOrder) {
-  const char* labels[] = {"On Battery", "Charging",     "Plugged In",   "Fully Charged",
-                          "On Hold",    "Charge Limit", "Thermal Hold", "Supplementing",
-                          "Boot Surge", "No Battery"};
-  const char* names[] = {"draining",  "charging",        "trickleCharge", "full",
-                         "onHold",    "chargeLimitHold", "thermalHold",   "supplementing",
-                         "bootSurge", "noBattery"};
-  for (int tag = 0; tag < 10; ++tag) {
-    const auto phase = static_cast<PowerPhase>(tag);
-    EXPECT_EQ(label(phase), labels[tag]) << "tag " << tag;
-    EXPECT_EQ(toString(phase), names[tag]) << "tag " << tag;
-  }
-}
-
 TEST(PowerPhaseTest, FirstRuleThatFiresDecides) {
   using P = PowerPhase;
   using T = ThermalState;
@@ -107,18 +93,6 @@ TEST(PowerSessionModeTest, ClassifiesEveryPhase) {
     EXPECT_EQ(classifySessionMode(phase, true), PowerSessionMode::forceDischarge)
         << toString(phase);
   }
-}
-
-TEST(PowerSessionModeTest, RawTextsRoundTrip) {
-  const char* texts[] = {"battery",       "charging",        "holding",
-                         "supplementing", "force_discharge", "legacy"};
-  for (int tag = 0; tag < 6; ++tag) {
-    const auto mode = static_cast<PowerSessionMode>(tag);
-    EXPECT_EQ(toString(mode), texts[tag]);
-    EXPECT_EQ(powerSessionModeFromString(texts[tag]), mode);
-  }
-  EXPECT_EQ(powerSessionModeFromString("forceDischarge"), std::nullopt);
-  EXPECT_EQ(powerSessionModeFromString(""), std::nullopt);
 }
 
 }  // namespace

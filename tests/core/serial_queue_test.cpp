@@ -4,10 +4,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include "../support/log_capture.hpp"
 
 namespace quorel {
 namespace {
@@ -18,16 +19,135 @@ using namespace std::chrono_literals;
 // the tests never depend on how long anything takes.
 template <class Pred>
 bool eventually(Pred pred, std::chrono::milliseconds bound = 5000ms) {
-  const auto end = std::chrono::steady_clock::now() + bound;
+  const SystemClock clock;
+  const auto end = clock.monotonicNow() + bound;
   while (!pred()) {
-    if (std::chrono::steady_clock::now() > end) return false;
+    if (clock.monotonicNow() > end) return false;
     std::this_thread::yield();
   }
   return true;
 }
 
+// Timer rules, on a queue that is never started: the test moves the clock and steps the queue.
+class SerialQueueTimerTest : public ::testing::Test {
+ protected:
+  // Moves the clock and runs what became due; returns the jobs run.
+  std::size_t advance(double seconds) {
+    clock.advance(Seconds{seconds});
+    return q.runPending();
+  }
+
+  ManualClock clock;
+  SerialQueue q{"test.timers", clock};
+  std::vector<std::string> ran;
+};
+
+TEST_F(SerialQueueTimerTest, DelayedJobsRunOnceAtTheirDeadlineInDeadlineOrder) {
+  q.asyncAfter(Seconds{2}, [&] { ran.push_back("2s"); });
+  auto handle = q.after(Seconds{1}, [&] {
+    EXPECT_TRUE(q.isCurrent());
+    ran.push_back("1s");
+  });
+  q.asyncAfter(Seconds{2}, [&] { ran.push_back("2s, booked later"); });
+  q.asyncAfter(Seconds{0}, [&] { ran.push_back("now"); });
+  EXPECT_EQ(q.runPending(), 1u);
+  EXPECT_EQ(advance(0.999), 0u);
+  EXPECT_TRUE(handle.pending());
+  EXPECT_EQ(advance(0.001), 1u);
+  EXPECT_FALSE(handle.pending());
+  EXPECT_EQ(advance(5), 2u);
+  EXPECT_EQ(advance(5), 0u);
+  EXPECT_EQ(ran, (std::vector<std::string>{"now", "1s", "2s", "2s, booked later"}));
+}
+
+TEST_F(SerialQueueTimerTest, RepeatingTimerKeepsItsScheduleAndSkipsMissedSlots) {
+  std::vector<double> at;
+  const auto start = clock.monotonicNow();
+  auto timer = q.every(Seconds{1}, Seconds{10}, [&] {
+    at.push_back(std::chrono::duration<double>(clock.monotonicNow() - start).count());
+  });
+  EXPECT_EQ(advance(1), 1u);   // t=1
+  EXPECT_EQ(advance(12), 1u);  // t=13: the tick due at 11, late; the next stays at 21
+  EXPECT_EQ(advance(8), 1u);   // t=21
+  EXPECT_EQ(advance(35), 1u);  // t=56: the tick due at 31 runs; 41 and 51 are skipped
+  EXPECT_EQ(advance(4), 0u);   // t=60
+  EXPECT_EQ(advance(1), 1u);   // t=61
+  EXPECT_EQ(at, (std::vector<double>{1, 13, 21, 56, 61}));
+}
+
+TEST_F(SerialQueueTimerTest, TickThatOverrunsItsPeriodDoesNotBurst) {
+  int ticks = 0;
+  auto timer = q.every(Seconds{0}, Seconds{1}, [&] {
+    if (++ticks == 1) clock.advance(Seconds{3.5});  // the tick itself takes 3.5 periods
+  });
+  EXPECT_EQ(q.runPending(), 1u);
+  EXPECT_EQ(advance(0.4), 0u);  // t=3.9: the slots at 1, 2 and 3 passed during the tick
+  EXPECT_EQ(advance(0.1), 1u);  // t=4
+  EXPECT_EQ(ticks, 2);
+}
+
+TEST_F(SerialQueueTimerTest, CancelledDestroyedOrSelfCancelledTimersNeverRunAgain) {
+  auto cancelled = q.after(Seconds{1}, [&] { ran.push_back("cancelled"); });
+  {
+    auto dropped = q.after(Seconds{1}, [&] { ran.push_back("dropped"); });
+  }
+  TimerHandle self;
+  int ticks = 0;
+  self = q.every(Seconds{1}, Seconds{1}, [&] {
+    ran.push_back("tick");
+    if (++ticks == 2) self.cancel();
+  });
+  auto replaced = q.every(Seconds{1}, Seconds{1}, [&] { ran.push_back("replaced"); });
+  replaced = q.after(Seconds{0.5}, [&] { ran.push_back("replacement"); });
+  cancelled.cancel();
+  cancelled.cancel();
+  EXPECT_FALSE(cancelled.pending());
+  for (int i = 0; i < 5; ++i) advance(1);
+  EXPECT_EQ(ran, (std::vector<std::string>{"replacement", "tick", "tick"}));
+  EXPECT_FALSE(self.pending());
+}
+
+TEST_F(SerialQueueTimerTest, RejectsNonPositivePeriod) {
+  EXPECT_THROW((void)q.every(Seconds{0}, Seconds{0}, [] {}), std::invalid_argument);
+  EXPECT_THROW((void)q.every(Seconds{0}, Seconds{-1}, [] {}), std::invalid_argument);
+}
+
+TEST_F(SerialQueueTimerTest, JobsPostedByTimerJobsAndTimersBookedByJobsRunInTheSameStep) {
+  q.asyncAfter(Seconds{1}, [&] {
+    q.async([&] { ran.push_back("posted by a timer"); });
+    q.asyncAfter(Seconds{0}, [&] { ran.push_back("booked by a timer"); });
+  });
+  EXPECT_EQ(advance(1), 3u);
+  EXPECT_EQ(ran, (std::vector<std::string>{"posted by a timer", "booked by a timer"}));
+}
+
+TEST_F(SerialQueueTimerTest, JobThatThrowsIsLoggedWithTheQueueAndTheNextJobStillRuns) {
+  testing::LogCapture logs;
+  q.async([] { throw std::runtime_error("bad request"); });
+  q.async([&] { ran.push_back("after the job"); });
+  auto timer = q.every(Seconds{1}, Seconds{1}, [&] {
+    ran.push_back("tick");
+    throw 42;
+  });
+  EXPECT_EQ(q.runPending(), 2u);
+  EXPECT_EQ(advance(1), 1u);
+  EXPECT_EQ(advance(1), 1u);
+  EXPECT_EQ(ran, (std::vector<std::string>{"after the job", "tick", "tick"}));
+  const auto lines = logs.lines();
+  ASSERT_EQ(lines.size(), 3u);
+  for (const auto& line : lines) EXPECT_EQ(line.level, spdlog::level::err);
+  EXPECT_EQ(lines[0].message,
+            "a job on queue 'test.timers' threw: bad request — the queue carries on");
+  EXPECT_EQ(lines[1].message,
+            "a timer job on queue 'test.timers' threw something that is not a std::exception — "
+            "the queue carries on");
+}
+
+// Real threads, run under ThreadSanitizer in CI.
+
 TEST(SerialQueueTest, RunsWorkInPostedOrderOnOneThread) {
-  SerialQueue q("test.order");
+  const SystemClock clock;
+  SerialQueue q("test.order", clock);
   q.start();
   std::vector<int> seen;
   std::thread::id worker;
@@ -46,12 +166,14 @@ TEST(SerialQueueTest, RunsWorkInPostedOrderOnOneThread) {
   EXPECT_NE(worker, std::this_thread::get_id());
 }
 
-TEST(SerialQueueTest, SyncReturnsValueAndRefusesItself) {
-  SerialQueue q("test.sync");
+TEST(SerialQueueTest, SyncReturnsValuesAndExceptionsAndRefusesItself) {
+  const SystemClock clock;
+  SerialQueue q("test.sync", clock);
   q.start();
   EXPECT_EQ(q.sync([] { return 42; }), 42);
   EXPECT_FALSE(q.isCurrent());
   EXPECT_TRUE(q.sync([&] { return q.isCurrent(); }));
+  EXPECT_THROW(q.sync([]() -> int { throw std::runtime_error("boom"); }), std::runtime_error);
   std::string error;
   q.sync([&] {
     try {
@@ -63,108 +185,37 @@ TEST(SerialQueueTest, SyncReturnsValueAndRefusesItself) {
   EXPECT_NE(error.find("deadlock"), std::string::npos);
 }
 
-TEST(SerialQueueTest, SyncPropagatesExceptions) {
-  SerialQueue q("test.throw");
+TEST(SerialQueueTest, RunningQueueSurvivesAThrowWakesForTimersAndHonoursCancelFromElsewhere) {
+  testing::LogCapture logs;
+  const SystemClock clock;
+  SerialQueue q("test.every", clock);
   q.start();
-  EXPECT_THROW(q.sync([]() -> int { throw std::runtime_error("boom"); }), std::runtime_error);
-  EXPECT_EQ(q.sync([] { return 1; }), 1);
-}
-
-TEST(SerialQueueTest, CancelledOrDestroyedHandleMeansTheWorkNeverRuns) {
-  SerialQueue q("test.cancel");
-  q.start();
-  std::atomic<int> ran{0};
-  auto handle = q.after(Seconds{0.05}, [&] { ++ran; });
-  EXPECT_TRUE(handle.pending());
-  handle.cancel();
-  EXPECT_FALSE(handle.pending());
-  {
-    auto dropped = q.after(Seconds{0.02}, [&] { ++ran; });
-  }
-  // A later job on the same queue proves both deadlines have long passed.
-  std::atomic<bool> later{false};
-  q.asyncAfter(Seconds{0.1}, [&] { later = true; });
-  ASSERT_TRUE(eventually([&] { return later.load(); }));
-  EXPECT_EQ(ran.load(), 0);
-}
-
-TEST(SerialQueueTest, DelayedWorkRunsOnceOnTheQueue) {
-  SerialQueue q("test.after");
-  q.start();
-  std::atomic<int> ran{0};
-  std::atomic<bool> onQueue{false};
-  auto handle = q.after(Seconds{0.001}, [&] {
-    onQueue = q.isCurrent();
-    ++ran;
-  });
-  ASSERT_TRUE(eventually([&] { return ran.load() == 1; }));
-  EXPECT_TRUE(onQueue.load());
-  EXPECT_FALSE(handle.pending());
-  q.sync([] {});
-  EXPECT_EQ(ran.load(), 1);
-}
-
-TEST(SerialQueueTest, RepeatingTimerFiresImmediatelyThenRepeatsUntilCancelled) {
-  SerialQueue q("test.every");
-  q.start();
+  q.async([] { throw std::runtime_error("bad tick"); });
   std::atomic<int> ticks{0};
-  auto timer = q.every(Seconds{0}, Seconds{0.005}, [&] { ++ticks; });
-  ASSERT_TRUE(eventually([&] { return ticks.load() >= 3; }));
+  std::atomic<bool> onQueue{true};
+  auto timer = q.every(Seconds{0}, Seconds{0.001}, [&] {
+    if (!q.isCurrent()) onQueue = false;
+    ++ticks;
+  });
+  std::atomic<bool> once{false};
+  auto oneShot = q.after(Seconds{0.002}, [&] { once = true; });
+  ASSERT_TRUE(eventually([&] { return ticks.load() >= 3 && once.load(); }));
   timer.cancel();
-  // After cancel() returns and the queue has drained, no further tick may start.
+  // A tick already running may finish; after the queue has drained, none may start.
   q.sync([] {});
   const int atCancel = ticks.load();
   std::atomic<bool> later{false};
-  q.asyncAfter(Seconds{0.03}, [&] { later = true; });
+  q.asyncAfter(Seconds{0.01}, [&] { later = true; });
   ASSERT_TRUE(eventually([&] { return later.load(); }));
   EXPECT_EQ(ticks.load(), atCancel);
-}
-
-TEST(SerialQueueTest, TimerCancelledFromItsOwnTickStops) {
-  SerialQueue q("test.selfcancel");
-  q.start();
-  std::atomic<int> ticks{0};
-  TimerHandle timer;
-  std::mutex m;
-  {
-    std::lock_guard lock(m);
-    timer = q.every(Seconds{0}, Seconds{0.001}, [&] {
-      if (++ticks == 2) {
-        std::lock_guard inner(m);
-        timer.cancel();
-      }
-    });
-  }
-  ASSERT_TRUE(eventually([&] { return ticks.load() >= 2; }));
-  std::atomic<bool> later{false};
-  q.asyncAfter(Seconds{0.02}, [&] { later = true; });
-  ASSERT_TRUE(eventually([&] { return later.load(); }));
-  EXPECT_EQ(ticks.load(), 2);
-}
-
-TEST(SerialQueueTest, RejectsNonPositivePeriod) {
-  SerialQueue q("test.period");
-  EXPECT_THROW((void)q.every(Seconds{0}, Seconds{0}, [] {}), std::invalid_argument);
-}
-
-TEST(SerialQueueTest, RunPendingDrivesAnUnstartedQueueOnTheCallingThread) {
-  SerialQueue q("test.manual");
-  int ran = 0;
-  bool current = false;
-  q.async([&] {
-    ++ran;
-    current = q.isCurrent();
-  });
-  EXPECT_EQ(ran, 0);
-  EXPECT_EQ(q.runPending(), 1u);
-  EXPECT_EQ(ran, 1);
-  EXPECT_TRUE(current);
-  EXPECT_FALSE(q.isCurrent());
-  EXPECT_EQ(q.runPending(), 0u);
+  EXPECT_TRUE(onQueue.load());
+  EXPECT_FALSE(oneShot.pending());
+  EXPECT_TRUE(logs.contains("a job on queue 'test.every' threw: bad tick — the queue carries on"));
 }
 
 TEST(SerialQueueTest, ShutdownFailsWaitingSyncInsteadOfHanging) {
-  auto q = std::make_unique<SerialQueue>("test.shutdown");
+  const SystemClock clock;
+  auto q = std::make_unique<SerialQueue>("test.shutdown", clock);
   SerialQueue* queue = q.get();  // the caller never touches the owning pointer
   // Never started: the sync below can only end through shutdown dropping its job.
   std::atomic<bool> calling{false};
@@ -185,12 +236,23 @@ TEST(SerialQueueTest, ShutdownFailsWaitingSyncInsteadOfHanging) {
   EXPECT_TRUE(threw.load());
 }
 
-TEST(SerialQueueTest, MainQueueRunsOnCallerUntilShutdown) {
-  SerialQueue mainQueue("test.main");
-  std::thread poster([&] { mainQueue.async([&] { mainQueue.shutdown(); }); });
+TEST(SerialQueueTest, MainQueueRunsPostedWorkOnTheCallerUntilShutdown) {
+  const SystemClock clock;
+  SerialQueue mainQueue("test.main", clock);
+  std::thread::id ranOn;
+  bool current = false;
+  std::thread poster([&] {
+    mainQueue.async([&] {
+      ranOn = std::this_thread::get_id();
+      current = mainQueue.isCurrent();
+      mainQueue.shutdown();
+    });
+  });
   mainQueue.run();  // returns once the posted job shuts it down
   poster.join();
-  SUCCEED();
+  EXPECT_EQ(ranOn, std::this_thread::get_id());
+  EXPECT_TRUE(current);
+  EXPECT_FALSE(mainQueue.isCurrent());
 }
 
 }  // namespace

@@ -68,7 +68,8 @@ TEST_F(MCPCommandsTest, StatusWhenEnabledButNothingAnswers) {
 }
 
 TEST_F(MCPCommandsTest, StatusOfARunningServerNeverPrintsTheToken) {
-  SerialQueue main("main"), http(kMCPTransportQueueLabel);
+  const SystemClock clock;
+  SerialQueue main("main", clock), http(kMCPTransportQueueLabel, clock);
   main.start();
   http.start();
   {

@@ -94,7 +94,8 @@ class MCPHTTPTransportTest : public ::testing::Test {
     EXPECT_TRUE(a.closed);
   }
 
-  SerialQueue http_{"com.quorel.mcp.http"};
+  SystemClock clock_;
+  SerialQueue http_{"com.quorel.mcp.http", clock_};
   std::function<void(JSONRPCRequest, MCPHTTPTransport::Reply)> route_ = echo;
   std::unique_ptr<MCPHTTPTransport> transport_;
   std::mutex mutex_;

@@ -106,8 +106,9 @@ class MCPServerTest : public ::testing::Test {
 
   ScratchDirectory dir_;
   MapPreferenceStore prefs_;
-  SerialQueue main_{"main"};
-  SerialQueue http_{kMCPTransportQueueLabel};
+  SystemClock clock_;
+  SerialQueue main_{"main", clock_};
+  SerialQueue http_{kMCPTransportQueueLabel, clock_};
   std::unique_ptr<MCPServer> server_;
   std::unique_ptr<MCPServerSwitch> switch_;
   int stateChanges_ = 0;  // touched on the main queue only

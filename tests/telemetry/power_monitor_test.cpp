@@ -132,8 +132,8 @@ class PowerMonitorTest : public ::testing::Test {
   }
 
   ManualClock clock;
-  SerialQueue pollQueue{"test.poll"};
-  SerialQueue mainQueue{"test.main"};
+  SerialQueue pollQueue{"test.poll", clock};
+  SerialQueue mainQueue{"test.main", clock};
   std::shared_ptr<ScriptedProvider> primary;
   std::shared_ptr<ScriptedProvider> fallback;
   std::shared_ptr<RecordingSpy> recorder;
@@ -496,8 +496,8 @@ class PowerMonitorThreadedTest : public ::testing::Test {
 
 TEST_F(PowerMonitorThreadedTest, IntervalChangeTicksAtOnceAndStopEndsTicking) {
   SystemClock clock;
-  SerialQueue pollQueue("test.poll.t");
-  SerialQueue mainQueue("test.main.t");
+  SerialQueue pollQueue("test.poll.t", clock);
+  SerialQueue mainQueue("test.main.t", clock);
   pollQueue.start();
   mainQueue.start();
   auto provider = std::make_shared<ScriptedProvider>(clock);

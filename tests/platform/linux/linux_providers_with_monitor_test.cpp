@@ -37,8 +37,8 @@ class LinuxProvidersWithMonitorTest : public ::testing::Test {
 
   SysfsTree tree{"energy-pack"};
   ManualClock clock;
-  SerialQueue pollQueue{"test.poll"};
-  SerialQueue mainQueue{"test.main"};
+  SerialQueue pollQueue{"test.poll", clock};
+  SerialQueue mainQueue{"test.main", clock};
   std::shared_ptr<PowerMonitor> monitor;
   std::vector<PowerState> states;
 };

@@ -172,7 +172,8 @@ TEST(LinuxThermalMonitorTest, StartSamplesOnTheGivenQueue) {
   SysfsTree tree;
   writeZone(tree, 0, "cpu", 88000, {trip("passive", 85)});
   LinuxThermalMonitor monitor(tree.thermal());
-  SerialQueue queue("test.thermal");
+  const SystemClock clock;
+  SerialQueue queue("test.thermal", clock);
   monitor.start(queue, Seconds{3600});
   EXPECT_EQ(monitor.currentThermalState(), ThermalState::nominal);
   queue.runPending();

@@ -174,10 +174,11 @@ class LogindSleepMonitorTest : public ::testing::Test {
     if (!bus_) GTEST_SKIP() << "no private message bus: " << why;
   }
   std::unique_ptr<PrivateBus> bus_;
+  const SystemClock clock_;
 };
 
 TEST_F(LogindSleepMonitorTest, DeliversSleepAndWakeInOrderOnTheDeliveryQueue) {
-  SerialQueue main("test.main");
+  SerialQueue main("test.main", clock_);
   main.start();
   Recorder recorder;
   LogindSleepMonitor monitor(main, bus_->address());
@@ -200,7 +201,7 @@ TEST_F(LogindSleepMonitorTest, DeliversSleepAndWakeInOrderOnTheDeliveryQueue) {
 
 TEST_F(LogindSleepMonitorTest, HeedsOnlyWellFormedSignalsFromLogind) {
   testing::LogCapture logs;
-  SerialQueue main("test.main");
+  SerialQueue main("test.main", clock_);
   Recorder recorder;
   LogindSleepMonitor monitor(main, bus_->address());
   ASSERT_TRUE(monitor.start(recorder.handlers(main)));
@@ -223,7 +224,7 @@ TEST_F(LogindSleepMonitorTest, HeedsOnlyWellFormedSignalsFromLogind) {
 }
 
 TEST_F(LogindSleepMonitorTest, NoHandlerRunsAfterStopEvenIfAlreadyPosted) {
-  SerialQueue main("test.main");
+  SerialQueue main("test.main", clock_);
   Recorder recorder;
   auto monitor = std::make_unique<LogindSleepMonitor>(main, bus_->address());
   ASSERT_TRUE(monitor->start(recorder.handlers(main)));
@@ -241,7 +242,7 @@ TEST_F(LogindSleepMonitorTest, NoHandlerRunsAfterStopEvenIfAlreadyPosted) {
 }
 
 TEST_F(LogindSleepMonitorTest, StartsAgainAfterStopWithTheNewHandlers) {
-  SerialQueue main("test.main");
+  SerialQueue main("test.main", clock_);
   Recorder first;
   Recorder second;
   LogindSleepMonitor monitor(main, bus_->address());
@@ -263,7 +264,7 @@ TEST_F(LogindSleepMonitorTest, StartsAgainAfterStopWithTheNewHandlers) {
 
 TEST_F(LogindSleepMonitorTest, ABusThatGoesAwayIsReportedOnceAndStopStillWorks) {
   testing::LogCapture logs;
-  SerialQueue main("test.main");
+  SerialQueue main("test.main", clock_);
   Recorder recorder;
   LogindSleepMonitor monitor(main, bus_->address());
   ASSERT_TRUE(monitor.start(recorder.handlers(main)));
@@ -281,7 +282,8 @@ TEST(LogindSleepMonitorWithoutBus, StartFailsWithOneWarningAndTheAgentGoesOn) {
        {"unix:path=/nonexistent/quorel-test/bus_socket", "not a bus address"}) {
     SCOPED_TRACE(address);
     testing::LogCapture logs;
-    SerialQueue main("test.main");
+    const SystemClock clock;
+    SerialQueue main("test.main", clock);
     Recorder recorder;
     LogindSleepMonitor monitor(main, address);
     EXPECT_FALSE(monitor.start(recorder.handlers(main)));
