@@ -11,26 +11,6 @@
 namespace quorel {
 namespace {
 
-TEST(SandboxSettingsTest, InitialScenario) {
-  const SandboxSettings s;
-  EXPECT_FALSE(s.enabled);
-  EXPECT_EQ(s.powerSource, SandboxPowerSource::battery);
-  EXPECT_EQ(s.connectionType, ConnectionType::thunderbolt4);
-  EXPECT_EQ(s.adapterWatts, 96);
-  EXPECT_EQ(s.batteryPercentage, 72.0);
-  EXPECT_EQ(s.batteryHealth, 94.0);
-  EXPECT_EQ(s.cycleCount, 187);
-  EXPECT_EQ(s.temperature, 34.5);
-  EXPECT_FALSE(s.isCharging);
-  EXPECT_EQ(s.systemLoad, SandboxLoadPreset::medium);
-  EXPECT_EQ(s.wattageOverride, std::nullopt);
-  EXPECT_EQ(s.thermalState, SandboxThermalState::nominal);
-  EXPECT_EQ(s.macModel, MacModel::macBookPro);
-  EXPECT_EQ(s.monitorName, "Studio Display");
-  EXPECT_EQ(s.dockName, "CalDigit TS4");
-  EXPECT_TRUE(s.simulatedUSBDevices().empty());
-}
-
 TEST(SandboxSettingsTest, EffectiveWattageBySource) {
   SandboxSettings s;
   s.systemLoad = SandboxLoadPreset::light;  // 8 W
