@@ -217,14 +217,5 @@ TEST_F(SandboxPowerProviderTest, DesktopModelHasNoBattery) {
   }
 }
 
-TEST_F(SandboxPowerProviderTest, ScenarioChangesShowOnTheNextRead) {
-  const auto first = fetch();
-  clock.advance(2s);
-  scenario([](SandboxSettings& c) { c.systemLoad = SandboxLoadPreset::idle; });
-  const auto second = fetch();
-  EXPECT_EQ(second.instantAmperage_mA, -202);  // -3 W
-  EXPECT_EQ(secondsBetween(first.timestamp, second.timestamp), 2.0);
-}
-
 }  // namespace
 }  // namespace quorel
