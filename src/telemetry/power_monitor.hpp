@@ -8,11 +8,9 @@
 // sides read, and is never held across a provider, sampler or recorder call.
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "core/clock.hpp"
@@ -31,7 +29,7 @@ class logger;
 
 namespace quorel {
 
-// What the recording stage is given on each tick (only when database recording is not skipped).
+// What the recording stage is given on each tick (only while the sources record history).
 struct RecordingTick {
   const PowerSnapshot& snapshot;
   const PowerState& state;
