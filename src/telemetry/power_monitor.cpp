@@ -99,7 +99,7 @@ PowerMonitor::PowerMonitor(Dependencies deps, const Clock& clock)
       mainQueue_(*deps.mainQueue),
       recorder_(std::move(deps.recorder)),
       log_(logging::get("PowerMonitor")),
-      sources_(std::move(deps.sources)),
+      sources_(std::make_shared<const PowerSources>(std::move(deps.sources))),
       lastWakeTime_(clock_.now()) {}
 
 PowerMonitor::~PowerMonitor() {
@@ -270,7 +270,8 @@ void PowerMonitor::failedTick() {
 
 void PowerMonitor::poll() {
   const TickSettings settings = tickSettings();
-  const std::optional<PowerSnapshot> snapshot = readSnapshot(settings.sources);
+  const PowerSources& sources = *settings.sources;
+  const std::optional<PowerSnapshot> snapshot = readSnapshot(sources);
   if (!snapshot) {
     failedTick();
     return;
@@ -283,7 +284,7 @@ void PowerMonitor::poll() {
 
   const SmoothedReading smoothed = smooth(snap, rawWatts, settings.interval, now);
   const ComponentReading component =
-      sampleComponents(settings.sources.componentSampler.get(), consumptionWatts(snap, rawWatts),
+      sampleComponents(sources.componentSampler.get(), consumptionWatts(snap, rawWatts),
                        settings.componentInterval, now);
   appendHistories(snap, smoothed.wattage, component, now);
 
@@ -291,11 +292,10 @@ void PowerMonitor::poll() {
   state.smoothedWattage = smoothed.wattage;
   state.timeRemaining_min = smoothed.timeRemaining_min;
   state.componentPower = component.validation.value;
-  classify(state, snap, settings.sources.thermalSource.get(), now);
-  state.systemPowerRails =
-      sampleRails(settings.sources.railReader.get(), settings.componentInterval, now);
+  classify(state, snap, sources.thermalSource.get(), now);
+  state.systemPowerRails = sampleRails(sources.railReader.get(), settings.componentInterval, now);
 
-  if (settings.sources.recordHistory && recorder_) {
+  if (sources.recordHistory && recorder_) {
     recorder_->record(RecordingTick{snap, state, component.validation, component.fresh, now},
                       settings.forceDischargeActive);
   }
@@ -483,12 +483,13 @@ PowerMonitor::Diagnostics PowerMonitor::diagnosticsOnPollQueue() const {
 
 PowerSources PowerMonitor::sources() const {
   std::lock_guard lock(stateLock_);
-  return sources_;
+  return *sources_;
 }
 void PowerMonitor::setSources(PowerSources sources) {
+  auto next = std::make_shared<const PowerSources>(std::move(sources));
   {
     std::lock_guard lock(stateLock_);
-    std::swap(sources_, sources);
+    std::swap(sources_, next);
   }
   // The previous set is released here, outside the lock.
 }

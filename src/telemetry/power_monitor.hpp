@@ -131,7 +131,8 @@ class PowerMonitor : public std::enable_shared_from_this<PowerMonitor> {
 
   // The shared fields one tick works with, copied under the lock once.
   struct TickSettings {
-    PowerSources sources;
+    // Shared, not copied: a tick takes the set with one reference.
+    std::shared_ptr<const PowerSources> sources;
     Seconds interval{30};
     double componentInterval = kHiddenComponentSampleInterval;
     bool forceDischargeActive = false;
@@ -179,7 +180,7 @@ class PowerMonitor : public std::enable_shared_from_this<PowerMonitor> {
 
   // Guarded by stateLock_.
   mutable std::mutex stateLock_;
-  PowerSources sources_;
+  std::shared_ptr<const PowerSources> sources_;
   bool popoverOpen_ = false;
   Seconds pollingInterval_{30};
   bool componentCardVisible_ = false;
