@@ -5,7 +5,7 @@
 
 #include "core/power_history.hpp"
 #include "core/serial_queue.hpp"
-#include "platform/sandbox/sandbox_power_provider.hpp"
+#include "platform/sandbox/sandbox_power_sources.hpp"
 #include "telemetry/power_monitor.hpp"
 
 namespace quorel {
@@ -17,12 +17,10 @@ void BM_PollSimulatedMachine(benchmark::State& st) {
   SerialQueue mainQueue("bench.main", clock);
   auto config = std::make_shared<SandboxConfig>(SandboxSettings{});
   PowerMonitor::Dependencies deps;
-  deps.provider = std::make_shared<SandboxPowerProvider>(*config, clock);
-  deps.clock = &clock;
+  deps.sources = sandboxPowerSources(*config, clock);
   deps.pollQueue = &pollQueue;
   deps.mainQueue = &mainQueue;
-  auto monitor = PowerMonitor::create(std::move(deps));
-  monitor->setSkipDatabaseRecording(true);
+  auto monitor = PowerMonitor::create(std::move(deps), clock);
   monitor->setPollingInterval(Seconds{2});
   monitor->setPopoverOpen(st.range(0) != 0);
   for (auto _ : st) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "core/enum_text.hpp"
 #include "core/logging.hpp"
 #include "platform/linux/power_supply_scan.hpp"
 
@@ -217,31 +218,23 @@ std::vector<std::string> parseBehaviours(std::string_view text,
 }  // namespace
 
 std::string_view toString(CapacityConversion conversion) {
-  switch (conversion) {
-    case CapacityConversion::none:
-      return "none";
-    case CapacityConversion::reportsCharge:
-      return "reportsCharge";
-    case CapacityConversion::viaVoltageMinDesign:
-      return "viaVoltageMinDesign";
-    case CapacityConversion::viaVoltageMaxDesign:
-      return "viaVoltageMaxDesign";
-    case CapacityConversion::viaVoltageNow:
-      return "viaVoltageNow";
-  }
-  return "none";
+  static constexpr EnumTextTable<CapacityConversion, 5> kNames{{{
+      {CapacityConversion::none, "none"},
+      {CapacityConversion::reportsCharge, "reportsCharge"},
+      {CapacityConversion::viaVoltageMinDesign, "viaVoltageMinDesign"},
+      {CapacityConversion::viaVoltageMaxDesign, "viaVoltageMaxDesign"},
+      {CapacityConversion::viaVoltageNow, "viaVoltageNow"},
+  }}};
+  return kNames.text(conversion, "none");
 }
 
 std::string_view toString(CurrentSource source) {
-  switch (source) {
-    case CurrentSource::currentNow:
-      return "currentNow";
-    case CurrentSource::powerNow:
-      return "powerNow";
-    case CurrentSource::none:
-      return "none";
-  }
-  return "none";
+  static constexpr EnumTextTable<CurrentSource, 3> kNames{{{
+      {CurrentSource::currentNow, "currentNow"},
+      {CurrentSource::powerNow, "powerNow"},
+      {CurrentSource::none, "none"},
+  }}};
+  return kNames.text(source, "none");
 }
 
 std::vector<std::string> PowerSupplyDiagnostics::notes() const {

@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "core/enum_text.hpp"
+
 namespace quorel {
 
 namespace {
@@ -20,16 +22,19 @@ std::string joinNames(const std::vector<std::string>& names) {
 }  // namespace
 
 PowerSupplyType parsePowerSupplyType(std::string_view text) {
+  // A BrickID is the USB-like dock charger of some tablets.
+  static constexpr EnumTextTable<PowerSupplyType, 6> kTypes{{{
+      {PowerSupplyType::battery, "Battery"},
+      {PowerSupplyType::mains, "Mains"},
+      {PowerSupplyType::ups, "UPS"},
+      {PowerSupplyType::wireless, "Wireless"},
+      {PowerSupplyType::usb, "USB"},
+      {PowerSupplyType::usb, "BrickID"},
+  }}};
   text = sysfs::trim(text);
-  if (text == "Battery") return PowerSupplyType::battery;
-  if (text == "Mains") return PowerSupplyType::mains;
-  if (text == "UPS") return PowerSupplyType::ups;
-  if (text == "Wireless") return PowerSupplyType::wireless;
-  // Older kernels give each USB charger flavour its own type (USB_DCP, USB_C, USB_PD, ...);
-  // a BrickID is the USB-like dock charger of some tablets.
-  if (text == "USB" || text.substr(0, 4) == "USB_" || text == "BrickID") {
-    return PowerSupplyType::usb;
-  }
+  if (auto type = kTypes.parse(text)) return *type;
+  // Older kernels give each USB charger flavour its own type (USB_DCP, USB_C, USB_PD, ...).
+  if (text.substr(0, 4) == "USB_") return PowerSupplyType::usb;
   return PowerSupplyType::unknown;
 }
 

@@ -8,36 +8,24 @@ namespace quorel {
 
 namespace {
 struct LoadRow {
-  std::string_view name;
-  std::string_view raw;
+  SandboxLoadPreset preset;
   double load;
   ComponentPower components;
 };
 constexpr std::array<LoadRow, 5> kLoads{{
-    {"idle", "Idle", 3, {1.2, 0.3, 0.5, 0, 1.0, true}},
-    {"light", "Light", 8, {2.5, 1.0, 2.0, 0, 2.5, true}},
-    {"medium", "Medium", 18, {3.0, 4.0, 6.0, 0.5, 4.5, true}},
-    {"heavy", "Heavy", 35, {4.0, 10.0, 14.0, 1.0, 6.0, true}},
-    {"extreme", "Extreme", 65, {5.0, 18.0, 28.0, 3.0, 11.0, true}},
+    {SandboxLoadPreset::idle, 3, {1.2, 0.3, 0.5, 0, 1.0, true}},
+    {SandboxLoadPreset::light, 8, {2.5, 1.0, 2.0, 0, 2.5, true}},
+    {SandboxLoadPreset::medium, 18, {3.0, 4.0, 6.0, 0.5, 4.5, true}},
+    {SandboxLoadPreset::heavy, 35, {4.0, 10.0, 14.0, 1.0, 6.0, true}},
+    {SandboxLoadPreset::extreme, 65, {5.0, 18.0, 28.0, 3.0, 11.0, true}},
 }};
 
-constexpr std::array<std::pair<std::string_view, std::string_view>, 5> kSources{{
-    {"battery", "Battery"},
-    {"acCharging", "AC (Charging)"},
-    {"acFull", "AC (Full)"},
-    {"acOnHold", "AC (On Hold)"},
-    {"acSupplementing", "AC (Supplementing)"},
-}};
-
-constexpr std::array<std::pair<std::string_view, std::string_view>, 4> kThermal{{
-    {"nominal", "Nominal"},
-    {"fair", "Fair"},
-    {"serious", "Serious"},
-    {"critical", "Critical"},
-}};
-
+// A preset cast from an unlisted integer reads as the medium one.
 const LoadRow& row(SandboxLoadPreset p) {
-  return kLoads[static_cast<std::size_t>(p)];
+  for (const LoadRow& r : kLoads) {
+    if (r.preset == p) return r;
+  }
+  return kLoads[2];
 }
 
 struct SimulatedDevice {
@@ -71,25 +59,6 @@ const std::array<SimulatedDevice, 7> kDevices{{
      "Realtek", 3034, 33107, 900, 360, USBSpeed::superSpeed, DeviceType::network},
 }};
 }  // namespace
-
-std::string_view rawText(SandboxPowerSource s) {
-  return kSources[static_cast<std::size_t>(s)].second;
-}
-std::string_view toString(SandboxPowerSource s) {
-  return kSources[static_cast<std::size_t>(s)].first;
-}
-std::string_view rawText(SandboxLoadPreset p) {
-  return row(p).raw;
-}
-std::string_view toString(SandboxLoadPreset p) {
-  return row(p).name;
-}
-std::string_view rawText(SandboxThermalState t) {
-  return kThermal[static_cast<std::size_t>(t)].second;
-}
-std::string_view toString(SandboxThermalState t) {
-  return kThermal[static_cast<std::size_t>(t)].first;
-}
 
 double systemLoadWatts(SandboxLoadPreset preset) {
   return row(preset).load;

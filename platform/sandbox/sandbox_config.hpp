@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/component_power.hpp"
+#include "core/enum_text.hpp"
 #include "core/power_phase.hpp"
 #include "core/power_snapshot.hpp"
 #include "devices/mac_model.hpp"
@@ -24,14 +25,59 @@ enum class SandboxPowerSource { battery, acCharging, acFull, acOnHold, acSupplem
 enum class SandboxLoadPreset { idle, light, medium, heavy, extreme };
 enum class SandboxThermalState { nominal, fair, serious, critical };
 
-// Raw texts: "Battery", "AC (Charging)", ...; "Idle", "Light", ...; "Nominal", "Fair", ...
-std::string_view rawText(SandboxPowerSource source);
-std::string_view rawText(SandboxLoadPreset preset);
-std::string_view rawText(SandboxThermalState state);
-// Case names: "battery", "acCharging", ...
-std::string_view toString(SandboxPowerSource source);
-std::string_view toString(SandboxLoadPreset preset);
-std::string_view toString(SandboxThermalState state);
+// Each choice by its case name ("acCharging") and by the text a person reads ("AC (Charging)");
+// scenario files accept either.
+inline constexpr EnumTextTable<SandboxPowerSource, 5> kSandboxPowerSourceNames{{{
+    {SandboxPowerSource::battery, "battery"},
+    {SandboxPowerSource::acCharging, "acCharging"},
+    {SandboxPowerSource::acFull, "acFull"},
+    {SandboxPowerSource::acOnHold, "acOnHold"},
+    {SandboxPowerSource::acSupplementing, "acSupplementing"},
+}}};
+inline constexpr EnumTextTable<SandboxPowerSource, 5> kSandboxPowerSourceTexts{{{
+    {SandboxPowerSource::battery, "Battery"},
+    {SandboxPowerSource::acCharging, "AC (Charging)"},
+    {SandboxPowerSource::acFull, "AC (Full)"},
+    {SandboxPowerSource::acOnHold, "AC (On Hold)"},
+    {SandboxPowerSource::acSupplementing, "AC (Supplementing)"},
+}}};
+inline constexpr EnumTextTable<SandboxLoadPreset, 5> kSandboxLoadPresetNames{{{
+    {SandboxLoadPreset::idle, "idle"},
+    {SandboxLoadPreset::light, "light"},
+    {SandboxLoadPreset::medium, "medium"},
+    {SandboxLoadPreset::heavy, "heavy"},
+    {SandboxLoadPreset::extreme, "extreme"},
+}}};
+inline constexpr EnumTextTable<SandboxLoadPreset, 5> kSandboxLoadPresetTexts{{{
+    {SandboxLoadPreset::idle, "Idle"},
+    {SandboxLoadPreset::light, "Light"},
+    {SandboxLoadPreset::medium, "Medium"},
+    {SandboxLoadPreset::heavy, "Heavy"},
+    {SandboxLoadPreset::extreme, "Extreme"},
+}}};
+inline constexpr EnumTextTable<SandboxThermalState, 4> kSandboxThermalStateNames{{{
+    {SandboxThermalState::nominal, "nominal"},
+    {SandboxThermalState::fair, "fair"},
+    {SandboxThermalState::serious, "serious"},
+    {SandboxThermalState::critical, "critical"},
+}}};
+inline constexpr EnumTextTable<SandboxThermalState, 4> kSandboxThermalStateTexts{{{
+    {SandboxThermalState::nominal, "Nominal"},
+    {SandboxThermalState::fair, "Fair"},
+    {SandboxThermalState::serious, "Serious"},
+    {SandboxThermalState::critical, "Critical"},
+}}};
+
+// The case name, for logs and test traces.
+inline std::string_view toString(SandboxPowerSource s) {
+  return kSandboxPowerSourceNames.text(s, "battery");
+}
+inline std::string_view toString(SandboxLoadPreset p) {
+  return kSandboxLoadPresetNames.text(p, "medium");
+}
+inline std::string_view toString(SandboxThermalState t) {
+  return kSandboxThermalStateNames.text(t, "nominal");
+}
 
 // What a load preset stands for, in watts.
 double systemLoadWatts(SandboxLoadPreset preset);

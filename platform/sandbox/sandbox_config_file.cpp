@@ -20,95 +20,75 @@ namespace {
 using nlohmann::json;
 
 // A choice as the file may name it: by its text or by its case name.
-template <class E>
-struct Choice {
-  E value;
-  std::string_view caseName;
-  std::string_view text;
+template <class E, std::size_t N>
+struct Choices {
+  EnumTextTable<E, N> texts;
+  EnumTextTable<E, N> caseNames;
+
+  std::optional<E> pick(std::string_view given) const {
+    if (auto e = texts.parse(given)) return e;
+    return caseNames.parse(given);
+  }
+
+  std::string describe() const {
+    std::string quoted;
+    std::string names;
+    for (std::size_t i = 0; i < N; ++i) {
+      if (i > 0) {
+        quoted += ", ";
+        names += ", ";
+      }
+      quoted += fmt::format("\"{}\"", texts.entries[i].second);
+      names += caseNames.text(texts.entries[i].first);
+    }
+    return fmt::format("one of {} (or the case names {})", quoted, names);
+  }
 };
 
+// A table of the texts another library gives its enumeration through a function.
 template <class E, std::size_t N>
-std::optional<E> pick(const std::array<Choice<E>, N>& choices, std::string_view given) {
-  for (const auto& c : choices) {
-    if (c.text == given || c.caseName == given) return c.value;
-  }
-  return std::nullopt;
+EnumTextTable<E, N> tableOf(const std::array<E, N>& all, std::string_view (*text)(E)) {
+  EnumTextTable<E, N> table{};
+  for (std::size_t i = 0; i < N; ++i) table.entries[i] = {all[i], text(all[i])};
+  return table;
 }
 
-template <class E, std::size_t N>
-std::string describe(const std::array<Choice<E>, N>& choices) {
-  std::string texts;
-  std::string names;
-  for (const auto& c : choices) {
-    if (!texts.empty()) {
-      texts += ", ";
-      names += ", ";
-    }
-    texts += fmt::format("\"{}\"", c.text);
-    names += c.caseName;
-  }
-  return fmt::format("one of {} (or the case names {})", texts, names);
-}
-
-template <class E, std::size_t N>
-std::array<Choice<E>, N> choicesOf(const std::array<E, N>& all, std::string_view (*caseName)(E),
-                                   std::string_view (*text)(E)) {
-  std::array<Choice<E>, N> out{};
-  for (std::size_t i = 0; i < N; ++i) out[i] = {all[i], caseName(all[i]), text(all[i])};
-  return out;
-}
-
-std::string_view powerSourceName(SandboxPowerSource s) {
-  return toString(s);
-}
-std::string_view powerSourceText(SandboxPowerSource s) {
-  return rawText(s);
-}
-std::string_view loadName(SandboxLoadPreset p) {
-  return toString(p);
-}
-std::string_view loadText(SandboxLoadPreset p) {
-  return rawText(p);
-}
-std::string_view thermalName(SandboxThermalState t) {
-  return toString(t);
-}
-std::string_view thermalText(SandboxThermalState t) {
-  return rawText(t);
+std::string_view modelText(MacModel m) {
+  return displayName(m);
 }
 std::string_view modelName(MacModel m) {
   return toString(m);
 }
-std::string_view modelText(MacModel m) {
-  return displayName(m);
+std::string_view connectionName(ConnectionType t) {
+  return toString(t);
 }
 
-const auto kPowerSources = choicesOf<SandboxPowerSource, 5>(
-    {SandboxPowerSource::battery, SandboxPowerSource::acCharging, SandboxPowerSource::acFull,
-     SandboxPowerSource::acOnHold, SandboxPowerSource::acSupplementing},
-    powerSourceName, powerSourceText);
-const auto kLoads = choicesOf<SandboxLoadPreset, 5>(
-    {SandboxLoadPreset::idle, SandboxLoadPreset::light, SandboxLoadPreset::medium,
-     SandboxLoadPreset::heavy, SandboxLoadPreset::extreme},
-    loadName, loadText);
-const auto kThermalStates =
-    choicesOf<SandboxThermalState, 4>({SandboxThermalState::nominal, SandboxThermalState::fair,
-                                       SandboxThermalState::serious, SandboxThermalState::critical},
-                                      thermalName, thermalText);
-const auto kModels = choicesOf<MacModel, 8>(
-    {MacModel::macBookPro, MacModel::macBookAir, MacModel::macBookNeo, MacModel::macStudio,
-     MacModel::macPro, MacModel::macMini, MacModel::iMac, MacModel::unknown},
-    modelName, modelText);
+constexpr Choices<SandboxPowerSource, 5> kPowerSources{kSandboxPowerSourceTexts,
+                                                       kSandboxPowerSourceNames};
+constexpr Choices<SandboxLoadPreset, 5> kLoads{kSandboxLoadPresetTexts, kSandboxLoadPresetNames};
+constexpr Choices<SandboxThermalState, 4> kThermalStates{kSandboxThermalStateTexts,
+                                                         kSandboxThermalStateNames};
+constexpr std::array<MacModel, 8> kAllModels{
+    MacModel::macBookPro, MacModel::macBookAir, MacModel::macBookNeo, MacModel::macStudio,
+    MacModel::macPro,     MacModel::macMini,    MacModel::iMac,       MacModel::unknown};
+const Choices<MacModel, 8> kModels{tableOf(kAllModels, modelText), tableOf(kAllModels, modelName)};
 // How a charger reaches the machine, as the readout names it.
-const std::array<Choice<ConnectionType>, 7> kConnections{{
-    {ConnectionType::magsafe3, "magsafe3", "MagSafe 3"},
-    {ConnectionType::thunderbolt5, "thunderbolt5", "Thunderbolt 5"},
-    {ConnectionType::thunderbolt4, "thunderbolt4", "Thunderbolt 4"},
-    {ConnectionType::thunderbolt3, "thunderbolt3", "Thunderbolt 3"},
-    {ConnectionType::usbCPD, "usbCPD", "USB-C PD"},
-    {ConnectionType::usbC, "usbC", "USB-C"},
-    {ConnectionType::unknown, "unknown", "External"},
-}};
+constexpr EnumTextTable<ConnectionType, 7> kConnectionTexts{{{
+    {ConnectionType::magsafe3, "MagSafe 3"},
+    {ConnectionType::thunderbolt5, "Thunderbolt 5"},
+    {ConnectionType::thunderbolt4, "Thunderbolt 4"},
+    {ConnectionType::thunderbolt3, "Thunderbolt 3"},
+    {ConnectionType::usbCPD, "USB-C PD"},
+    {ConnectionType::usbC, "USB-C"},
+    {ConnectionType::unknown, "External"},
+}}};
+const Choices<ConnectionType, 7> kConnections{
+    kConnectionTexts,
+    tableOf(std::array<ConnectionType, 7>{ConnectionType::magsafe3, ConnectionType::thunderbolt5,
+                                          ConnectionType::thunderbolt4,
+                                          ConnectionType::thunderbolt3, ConnectionType::usbCPD,
+                                          ConnectionType::usbC, ConnectionType::unknown},
+            connectionName)};
 
 // Each setting's reader returns what is allowed when the value is refused.
 using Reader = std::function<std::optional<std::string>(const json&, SandboxSettings&)>;
@@ -163,15 +143,15 @@ Reader text(std::string SandboxSettings::*field) {
 }
 
 template <class E, std::size_t N>
-Reader choice(E SandboxSettings::*field, const std::array<Choice<E>, N>& choices) {
+Reader choice(E SandboxSettings::*field, const Choices<E, N>& choices) {
   return [field, &choices](const json& v, SandboxSettings& s) -> std::optional<std::string> {
     if (v.is_string()) {
-      if (auto e = pick(choices, v.get_ref<const std::string&>())) {
+      if (auto e = choices.pick(v.get_ref<const std::string&>())) {
         s.*field = *e;
         return std::nullopt;
       }
     }
-    return describe(choices);
+    return choices.describe();
   };
 }
 

@@ -121,25 +121,4 @@ std::optional<PowerSnapshot> SandboxPowerProvider::fetchSnapshot() {
   return snapshotFor(config_.values(), clock_.now());
 }
 
-std::optional<ComponentPower> SandboxPowerProvider::simulatedComponentPower() const {
-  return componentPower(config_.values().systemLoad);
-}
-
-std::optional<ThermalState> SandboxPowerProvider::simulatedThermalState() const {
-  return platformThermalState(config_.values().thermalState);
-}
-
-std::optional<SystemPowerRails> SandboxPowerProvider::simulatedSystemPowerRails() const {
-  const SandboxSettings c = config_.values();
-  const bool onBattery = c.powerSource == SandboxPowerSource::battery;
-  SystemPowerRails rails;
-  rails.systemTotalWatts = systemLoadWatts(c.systemLoad);
-  rails.batteryWatts = std::fabs(c.effectiveWattage());
-  if (!onBattery) rails.dcInWatts = static_cast<double>(c.adapterWatts);
-  rails.thunderboltLeftWatts = onBattery ? 0.0 : 2.4;
-  rails.thunderboltRightWatts = 0.0;
-  rails.pdBrightnessWatts = 0.4;
-  return rails;
-}
-
 }  // namespace quorel

@@ -1,6 +1,6 @@
 #pragma once
-// The simulated machine as a power source: complete readings, component power, rails and a
-// thermal state, all derived from the current scenario. Never fails to read.
+// The simulated machine's battery and adapter readings, derived from the current scenario. Never
+// fails to read. Its component, rail and thermal sources are in sandbox_power_sources.hpp.
 
 #include <optional>
 
@@ -18,10 +18,6 @@ class SandboxPowerProvider final : public PowerDataProvider {
       : config_(config), clock_(clock) {}
 
   std::optional<PowerSnapshot> fetchSnapshot() override;
-  bool isSimulated() const override { return true; }
-  std::optional<ComponentPower> simulatedComponentPower() const override;
-  std::optional<ThermalState> simulatedThermalState() const override;
-  std::optional<SystemPowerRails> simulatedSystemPowerRails() const override;
 
   // The pure core of fetchSnapshot, for one set of settings at one time.
   static PowerSnapshot snapshotFor(const SandboxSettings& settings, TimePoint now);

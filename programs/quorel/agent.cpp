@@ -24,7 +24,7 @@
 #include "platform/linux/power_supply_scan.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
 #include "platform/sandbox/sandbox_config_file.hpp"
-#include "platform/sandbox/sandbox_power_provider.hpp"
+#include "platform/sandbox/sandbox_power_sources.hpp"
 #include "store/corruption_report.hpp"
 #include "store/quorel_database.hpp"
 #include "telemetry/power_monitor.hpp"
@@ -86,25 +86,22 @@ class Agent {
     log_->info("{}", choice.description);
 
     PowerMonitor::Dependencies deps;
-    deps.clock = &clock_;
     deps.pollQueue = &pollQueue_;
     deps.mainQueue = &mainQueue_;
     if (choice.useLinuxProvider) {
-      deps.provider = std::make_shared<LinuxPowerSupplyProvider>(powerSupplyRoot, clock_);
-      deps.fallbackProvider =
+      deps.sources.provider = std::make_shared<LinuxPowerSupplyProvider>(powerSupplyRoot, clock_);
+      deps.sources.fallbackProvider =
           std::make_shared<LinuxPowerSourceFallbackProvider>(powerSupplyRoot, clock_);
       thermal_ = std::make_shared<LinuxThermalMonitor>(sysfs::thermalClassPath(options_.sysfsRoot));
-      deps.thermalSource = thermal_;
+      deps.sources.thermalSource = thermal_;
       recordingStore_ = std::make_unique<QuorelDatabaseRecordingStore>(*database_);
       deps.recorder = std::make_shared<PowerRecorder>(*recordingStore_, clock_);
     } else {
       scenario.enabled = true;
       sandbox_ = std::make_unique<SandboxConfig>(scenario);
-      deps.provider = std::make_shared<SandboxPowerProvider>(*sandbox_, clock_);
+      deps.sources = sandboxPowerSources(*sandbox_, clock_);
     }
-    monitor_ = PowerMonitor::create(std::move(deps));
-    // The simulated machine must leave nothing behind in the history store.
-    monitor_->setSkipDatabaseRecording(!choice.useLinuxProvider);
+    monitor_ = PowerMonitor::create(std::move(deps), clock_);
     monitor_->setOnStateUpdate(
         [this](const PowerState& state, const PowerMonitor::HistorySnapshot&) { publish(state); });
     if (sandbox_) {

@@ -2,6 +2,7 @@
 // The seams through which the monitor reads the machine. Real adapters live under platform/;
 // the simulated machine and the tests' scripted sources implement the same contracts.
 
+#include <memory>
 #include <optional>
 
 #include "core/clock.hpp"
@@ -12,18 +13,13 @@
 namespace quorel {
 
 // A source of battery and adapter readings. Called on the poll queue only; must not block for
-// long. A real provider implements fetchSnapshot alone.
+// long.
 class PowerDataProvider {
  public:
   virtual ~PowerDataProvider() = default;
 
   // Absent when nothing could be read on this tick; the monitor counts that as a failed tick.
   virtual std::optional<PowerSnapshot> fetchSnapshot() = 0;
-
-  virtual bool isSimulated() const { return false; }
-  virtual std::optional<ComponentPower> simulatedComponentPower() const { return std::nullopt; }
-  virtual std::optional<ThermalState> simulatedThermalState() const { return std::nullopt; }
-  virtual std::optional<SystemPowerRails> simulatedSystemPowerRails() const { return std::nullopt; }
 };
 
 // Per-component power measured across an interval (energy counters).
@@ -49,6 +45,21 @@ class ThermalStateSource {
  public:
   virtual ~ThermalStateSource() = default;
   virtual ThermalState currentThermalState() const = 0;
+};
+
+// One machine's complete set of sources. The monitor swaps them as a whole, so that no tick mixes
+// readings of the real machine with those of the simulated one, and no simulated tick is stored.
+struct PowerSources {
+  std::shared_ptr<PowerDataProvider> provider;
+  // Asked from the third consecutive failed tick on; may be null.
+  std::shared_ptr<PowerDataProvider> fallbackProvider;
+  // Each optional: a machine without the source simply reports the figure as unavailable. The
+  // sampler, the reader and the providers are called on the poll queue only.
+  std::shared_ptr<ComponentPowerSampler> componentSampler;
+  std::shared_ptr<PowerRailReader> railReader;
+  std::shared_ptr<const ThermalStateSource> thermalSource;
+  // False for the simulated machine, which must leave nothing behind in the history store.
+  bool recordHistory = true;
 };
 
 }  // namespace quorel

@@ -16,28 +16,90 @@ constexpr double kWakeReanchorWindowSeconds = 5.0;
 constexpr double kWakeReanchorRetrySeconds = 1.0;
 constexpr double kStopWaitSeconds = 2.0;
 constexpr long kFallbackAfterFailures = 3;
+// Below this a gauge that has just woken is taken to be reporting its idle current, not the
+// machine's draw.
+constexpr double kWakeNearZeroWatts = 0.5;
+// A component figure older than this is not stored as fresh, whatever the cadence.
+constexpr double kComponentFreshSeconds = 30;
+// Energy counters are read across this window.
+constexpr Seconds kComponentSampleWindow{0.05};
 
 std::optional<double> milliToUnit(const std::optional<std::int64_t>& v) {
   if (!v) return std::nullopt;
   return static_cast<double>(*v) / 1000.0;
 }
-}  // namespace
 
-std::shared_ptr<PowerMonitor> PowerMonitor::create(Dependencies deps) {
-  return std::shared_ptr<PowerMonitor>(new PowerMonitor(std::move(deps)));
+// What the machine itself draws: input minus what goes into the pack, or on battery what comes
+// out of it. Absent on external power without an input figure.
+std::optional<double> consumptionWatts(const PowerSnapshot& snap, double rawWatts) {
+  if (snap.systemPowerIn_mW) {
+    return std::max(0.0, static_cast<double>(*snap.systemPowerIn_mW) / 1000.0 - rawWatts);
+  }
+  if (!snap.externalConnected) return std::max(0.0, -rawWatts);
+  return std::nullopt;
 }
 
-PowerMonitor::PowerMonitor(Dependencies deps)
-    : clock_(*deps.clock),
+bool sourceFlagsChanged(const PowerSnapshot& before, const PowerSnapshot& after) {
+  return before.externalConnected != after.externalConnected ||
+         before.isCharging != after.isCharging || before.fullyCharged != after.fullyCharged;
+}
+
+// The snapshot's own figures in the units the state publishes; the tick adds what it derives.
+PowerState stateFrom(const PowerSnapshot& snap) {
+  PowerState state;
+  if (snap.maxCapacity_mAh >= 1) {
+    state.batteryPercentage = static_cast<double>(snap.currentCapacity_mAh) /
+                              static_cast<double>(snap.maxCapacity_mAh) * 100.0;
+  } else if (snap.iopsPercent) {
+    state.batteryPercentage = static_cast<double>(*snap.iopsPercent);
+  }
+  state.iopsPercent = snap.iopsPercent;
+  if (snap.designCapacity_mAh >= 1) {
+    state.batteryHealth = static_cast<double>(snap.nominalCapacity_mAh) /
+                          static_cast<double>(snap.designCapacity_mAh) * 100.0;
+  }
+  state.cycleCount = snap.cycleCount;
+  state.batterySerial = snap.batterySerial;
+  state.temperature_C = static_cast<double>(snap.temperature_cC) / 100.0;
+  state.isCharging = snap.isCharging;
+  state.externalConnected = snap.externalConnected;
+  state.fullyCharged = snap.fullyCharged;
+  state.batteryInstalled = snap.batteryInstalled;
+  state.adapterWatts = snap.adapterWatts;
+  if (snap.adapterCurrent_mA && snap.adapterVoltage_mV) {
+    state.adapterActualWatts = static_cast<double>(*snap.adapterCurrent_mA) *
+                               static_cast<double>(*snap.adapterVoltage_mV) / 1e6;
+  }
+  state.timestamp = snap.timestamp;
+  state.voltage_mV = snap.voltage_mV;
+  state.instantAmperage_mA = snap.instantAmperage_mA;
+  state.currentCapacity_mAh = snap.currentCapacity_mAh;
+  state.maxCapacity_mAh = snap.maxCapacity_mAh;
+  state.designCapacity_mAh = snap.designCapacity_mAh;
+  state.adapterCurrent_mA = snap.adapterCurrent_mA;
+  state.adapterVoltage_mV = snap.adapterVoltage_mV;
+  state.systemPowerIn_W = milliToUnit(snap.systemPowerIn_mW);
+  state.systemLoad_W = milliToUnit(snap.systemLoad_mW);
+  state.systemCurrentIn_mA = snap.systemCurrentIn_mA;
+  state.systemVoltageIn_mV = snap.systemVoltageIn_mV;
+  state.connectionType = snap.connectionType;
+  state.diagnostics = BatteryDiagnostics::from(snap);
+  state.wallPowerEstimate_W = milliToUnit(snap.wallPowerEstimate_mW);
+  return state;
+}
+}  // namespace
+
+std::shared_ptr<PowerMonitor> PowerMonitor::create(Dependencies deps, const Clock& clock) {
+  return std::shared_ptr<PowerMonitor>(new PowerMonitor(std::move(deps), clock));
+}
+
+PowerMonitor::PowerMonitor(Dependencies deps, const Clock& clock)
+    : clock_(clock),
       pollQueue_(*deps.pollQueue),
       mainQueue_(*deps.mainQueue),
-      fallbackProvider_(std::move(deps.fallbackProvider)),
-      componentSampler_(std::move(deps.componentSampler)),
-      railReader_(std::move(deps.railReader)),
-      thermalSource_(std::move(deps.thermalSource)),
       recorder_(std::move(deps.recorder)),
       log_(logging::get("PowerMonitor")),
-      provider_(std::move(deps.provider)),
+      sources_(std::make_shared<const PowerSources>(std::move(deps.sources))),
       lastWakeTime_(clock_.now()) {}
 
 PowerMonitor::~PowerMonitor() {
@@ -75,32 +137,15 @@ void PowerMonitor::reseedHistoryFromDatabase() {
 
 void PowerMonitor::seedHistoryFromDatabase() {
   if (!recorder_) return;
-  for (const HistorySeedSample& s : recorder_->seedSamples(clock_.now())) {
-    history_.append(s.wattage, s.timestamp);
-    const std::pair<const std::optional<double>*, PowerHistory*> rings[] = {
-        {&s.powerInW, &systemPowerInHistory_},
-        {&s.systemLoadW, &systemLoadHistory_},
-        {&s.ecpuW, &ecpuHistory_},
-        {&s.pcpuW, &pcpuHistory_},
-        {&s.gpuW, &gpuHistory_},
-        {&s.aneW, &aneHistory_},
-        {&s.dramW, &dramHistory_},
-    };
-    for (const auto& [value, ring] : rings) {
-      if (*value) ring->append(**value, s.timestamp);
-    }
-  }
+  for (const HistorySeedSample& s : recorder_->seedSamples(clock_.now())) histories_.seed(s);
 }
 
 // Energy counters report a difference; one early sample gives them a baseline so that the first
 // real tick already has a figure.
 void PowerMonitor::seedComponentPowerBaseline() {
-  auto current = provider();
-  if ((current && current->isSimulated()) || !componentSampler_ ||
-      !componentSampler_->isAvailable() || lastComponentPower_) {
-    return;
-  }
-  if (auto sampled = componentSampler_->sample(Seconds{0.05})) lastComponentPower_ = sampled;
+  const std::shared_ptr<ComponentPowerSampler> sampler = sources().componentSampler;
+  if (!sampler || !sampler->isAvailable() || lastComponentPower_) return;
+  if (auto sampled = sampler->sample(kComponentSampleWindow)) lastComponentPower_ = sampled;
 }
 
 void PowerMonitor::stop() {
@@ -158,8 +203,10 @@ void PowerMonitor::resetSmoothingOnPollQueue(TimePoint at) {
   wattageEMA_.reset();
   timeEMA_.reset();
   lastWakeTime_ = at;
-  lastIOReportTime_.reset();
+  lastComponentSampleTime_.reset();
   lastComponentPower_.reset();
+  // A new scenario or a woken machine shows its rails at once, not a cadence later.
+  lastRailSampleTime_.reset();
 }
 
 void PowerMonitor::clearInMemoryHistories() {
@@ -167,15 +214,13 @@ void PowerMonitor::clearInMemoryHistories() {
   pollQueue_.async([weak] {
     auto self = weak.lock();
     if (!self) return;
-    for (PowerHistory* h : {&self->history_, &self->systemPowerInHistory_,
-                            &self->systemLoadHistory_, &self->ecpuHistory_, &self->pcpuHistory_,
-                            &self->gpuHistory_, &self->aneHistory_, &self->dramHistory_}) {
-      *h = PowerHistory();
-    }
+    self->histories_.clear();
     self->lastSnapshot_.reset();
     self->lastHistoryTime_.reset();
-    self->lastIOReportTime_.reset();
+    self->lastComponentSampleTime_.reset();
     self->lastComponentPower_.reset();
+    self->lastRailSampleTime_.reset();
+    self->lastSystemPowerRails_.reset();
     if (self->recorder_) self->recorder_->discardSession();
     self->wattageEMA_.reset();
     self->timeEMA_.reset();
@@ -216,28 +261,59 @@ void PowerMonitor::scheduleWakeReanchorRetry() {
 void PowerMonitor::failedTick() {
   if (consecutiveFailures_ == 1 || consecutiveFailures_ % 10 == 0) {
     log_->error(
-        "both primary and fallback providers returned nil ({} consecutive failures) — UI data "
-        "is stale",
+        "both primary and fallback providers returned no reading ({} consecutive failures) — "
+        "published data is stale",
         consecutiveFailures_);
   }
   if (wakeReanchorDeadline_) scheduleWakeReanchorRetry();
 }
 
 void PowerMonitor::poll() {
-  // 1. Copy the shared fields; no lock is held across any call below.
-  std::shared_ptr<PowerDataProvider> provider;
-  bool skipRecording = false;
-  Seconds interval{30};
-  {
-    std::lock_guard lock(stateLock_);
-    provider = provider_;
-    skipRecording = skipDatabaseRecording_;
-    interval = pollingInterval_;
+  const TickSettings settings = tickSettings();
+  const PowerSources& sources = *settings.sources;
+  const std::optional<PowerSnapshot> snapshot = readSnapshot(sources);
+  if (!snapshot) {
+    failedTick();
+    return;
   }
+  const PowerSnapshot& snap = *snapshot;
+  const double rawWatts =
+      static_cast<double>(snap.voltage_mV) * static_cast<double>(snap.instantAmperage_mA) / 1e6;
+  const TimePoint now = clock_.now();
+  if (awaitingWakeReanchor(rawWatts, now)) return;
 
-  // 2-5. Primary first on every tick, so recovery is automatic; the fallback from the third
-  // consecutive failure on.
-  std::optional<PowerSnapshot> snapshot = provider ? provider->fetchSnapshot() : std::nullopt;
+  const SmoothedReading smoothed = smooth(snap, rawWatts, settings.interval, now);
+  const ComponentReading component =
+      sampleComponents(sources.componentSampler.get(), consumptionWatts(snap, rawWatts),
+                       settings.componentInterval, now);
+  appendHistories(snap, smoothed.wattage, component, now);
+
+  PowerState state = stateFrom(snap);
+  state.smoothedWattage = smoothed.wattage;
+  state.timeRemaining_min = smoothed.timeRemaining_min;
+  state.componentPower = component.validation.value;
+  classify(state, snap, sources.thermalSource.get(), now);
+  state.systemPowerRails = sampleRails(sources.railReader.get(), settings.componentInterval, now);
+
+  if (sources.recordHistory && recorder_) {
+    recorder_->record(RecordingTick{snap, state, component.validation, component.fresh, now},
+                      settings.forceDischargeActive);
+  }
+  publish(std::move(state), settings.watched);
+}
+
+PowerMonitor::TickSettings PowerMonitor::tickSettings() const {
+  std::lock_guard lock(stateLock_);
+  return {sources_, pollingInterval_,
+          componentCardVisible_ ? kVisibleComponentSampleInterval : kHiddenComponentSampleInterval,
+          forceDischargeActive_, popoverOpen_};
+}
+
+// The primary is asked first on every tick, so that recovery needs nothing; the fallback only
+// from the third consecutive failure on.
+std::optional<PowerSnapshot> PowerMonitor::readSnapshot(const PowerSources& sources) {
+  std::optional<PowerSnapshot> snapshot =
+      sources.provider ? sources.provider->fetchSnapshot() : std::nullopt;
   if (snapshot) {
     if (usingFallback_) {
       log_->info("primary provider recovered after {} failures — disengaging fallback",
@@ -245,222 +321,110 @@ void PowerMonitor::poll() {
       usingFallback_ = false;
     }
     consecutiveFailures_ = 0;
-  } else {
-    ++consecutiveFailures_;
-    if (consecutiveFailures_ >= kFallbackAfterFailures) {
-      snapshot = fallbackProvider_ ? fallbackProvider_->fetchSnapshot() : std::nullopt;
-      if (!usingFallback_) {
-        log_->info("primary provider failed for {} ticks — engaging IOPS fallback",
-                   consecutiveFailures_);
-        usingFallback_ = true;
-      }
-    }
+    return snapshot;
   }
-  if (!snapshot) {
-    failedTick();
-    return;
+  ++consecutiveFailures_;
+  if (consecutiveFailures_ < kFallbackAfterFailures) return std::nullopt;
+  if (!usingFallback_) {
+    log_->info("primary provider failed for {} ticks — engaging fallback provider",
+               consecutiveFailures_);
+    usingFallback_ = true;
   }
-  const PowerSnapshot& snap = *snapshot;
+  return sources.fallbackProvider ? sources.fallbackProvider->fetchSnapshot() : std::nullopt;
+}
 
-  // 6.
-  const double rawWatts =
-      static_cast<double>(snap.voltage_mV) * static_cast<double>(snap.instantAmperage_mA) / 1e6;
-
-  // 7-8. A gauge that has just woken reports near-zero current; anchoring on it would be wrong.
-  const TimePoint tickTime = clock_.now();
-  if (wakeReanchorDeadline_ && tickTime < *wakeReanchorDeadline_ && std::fabs(rawWatts) < 0.5) {
+// A gauge that has just woken reports near-zero current for a moment; anchoring the fresh
+// averages on it would be wrong, so such a reading is retried until the window closes.
+bool PowerMonitor::awaitingWakeReanchor(double rawWatts, TimePoint now) {
+  if (wakeReanchorDeadline_ && now < *wakeReanchorDeadline_ &&
+      std::fabs(rawWatts) < kWakeNearZeroWatts) {
     scheduleWakeReanchorRetry();
-    return;
+    return true;
   }
   wakeReanchorDeadline_.reset();
   wakeReanchorRetryWork_.cancel();
+  return false;
+}
 
-  // 9-10.
-  if (lastSnapshot_ && (lastSnapshot_->externalConnected != snap.externalConnected ||
-                        lastSnapshot_->isCharging != snap.isCharging ||
-                        lastSnapshot_->fullyCharged != snap.fullyCharged)) {
+PowerMonitor::SmoothedReading PowerMonitor::smooth(const PowerSnapshot& snap, double rawWatts,
+                                                   Seconds interval, TimePoint now) {
+  // Plugging in or out starts both averages afresh, so the new figure shows at once.
+  if (lastSnapshot_ && sourceFlagsChanged(*lastSnapshot_, snap)) {
     wattageEMA_.reset();
     timeEMA_.reset();
   }
   lastSnapshot_ = snap;
-
-  // 11-12.
+  // An average older than a few intervals (a late timer, a machine that slept) restarts.
   const Seconds maxDt{std::max(2.5 * interval.count(), 60.0)};
-  const double smoothedWattage = wattageEMA_.update(rawWatts, tickTime, maxDt);
-  std::optional<std::int64_t> timeRemaining = snap.timeRemaining_min;
+  SmoothedReading reading{wattageEMA_.update(rawWatts, now, maxDt), snap.timeRemaining_min};
+  // Below one minute the gauge states a condition (empty, full), not an estimate to average.
   if (snap.timeRemaining_min && *snap.timeRemaining_min >= 1) {
-    timeRemaining = static_cast<std::int64_t>(
-        std::trunc(timeEMA_.update(static_cast<double>(*snap.timeRemaining_min), tickTime, maxDt)));
+    reading.timeRemaining_min = static_cast<std::int64_t>(
+        std::trunc(timeEMA_.update(static_cast<double>(*snap.timeRemaining_min), now, maxDt)));
   }
+  return reading;
+}
 
-  // 13-14.
-  const TimePoint now = clock_.now();
-  bool cardVisible = false;
-  {
-    std::lock_guard lock(stateLock_);
-    cardVisible = componentCardVisible_;
-  }
-  const double componentInterval =
-      cardVisible ? kVisibleComponentSampleInterval : kHiddenComponentSampleInterval;
-  std::optional<double> consumption;
-  if (snap.systemPowerIn_mW) {
-    consumption = std::max(0.0, static_cast<double>(*snap.systemPowerIn_mW) / 1000.0 - rawWatts);
-  } else if (!snap.externalConnected) {
-    consumption = std::max(0.0, -rawWatts);
-  }
-
-  // 15-16. Component sampling runs on its own cadence, decoupled from the tick.
-  bool componentFresh = false;
-  ComponentPowerValidation validation =
-      ComponentPowerValidation::unavailable("IOReport component telemetry unavailable");
-  const bool simulated = provider && provider->isSimulated();
-  if (lastIOReportTime_ && secondsBetween(*lastIOReportTime_, now) < componentInterval) {
-    componentFresh = secondsBetween(*lastIOReportTime_, now) < 30;
-    validation = ComponentPowerValidator::validate(lastComponentPower_, consumption);
-  } else {
-    std::optional<std::optional<ComponentPower>> sampled;
-    if (simulated) {
-      sampled = provider->simulatedComponentPower();
-    } else if (componentSampler_ && componentSampler_->isAvailable()) {
-      sampled = componentSampler_->sample(Seconds{0.05});
-    }
-    if (sampled) {
-      validation = ComponentPowerValidator::validate(*sampled, consumption);
-      lastIOReportTime_ = now;
-      componentFresh = true;
-      lastComponentPower_ = validation.value;
+// Energy counters are read on a cadence of their own, decoupled from the tick; in between, the
+// last figure is validated again against this tick's consumption.
+PowerMonitor::ComponentReading PowerMonitor::sampleComponents(ComponentPowerSampler* sampler,
+                                                              std::optional<double> consumptionW,
+                                                              double cadence, TimePoint now) {
+  if (lastComponentSampleTime_) {
+    const double age = secondsBetween(*lastComponentSampleTime_, now);
+    if (age < cadence) {
+      return {ComponentPowerValidator::validate(lastComponentPower_, consumptionW),
+              age < kComponentFreshSeconds};
     }
   }
+  if (!sampler || !sampler->isAvailable()) {
+    return {ComponentPowerValidator::validate(std::nullopt, consumptionW), false};
+  }
+  // A failed sample counts as sampled: it is retried a cadence later, not on every tick.
+  ComponentReading reading{
+      ComponentPowerValidator::validate(sampler->sample(kComponentSampleWindow), consumptionW),
+      true};
+  lastComponentSampleTime_ = now;
+  lastComponentPower_ = reading.validation.value;
+  return reading;
+}
 
-  // 17. History runs on a 30-second cadence regardless of the timer.
-  if (!lastHistoryTime_ || secondsBetween(*lastHistoryTime_, now) >= kHistoryTimeInterval) {
-    lastHistoryTime_ = now;
-    history_.append(smoothedWattage, now);
-    if (auto w = milliToUnit(snap.systemPowerIn_mW)) systemPowerInHistory_.append(*w, now);
-    if (auto w = milliToUnit(snap.systemLoad_mW)) systemLoadHistory_.append(*w, now);
-    if (validation.value && componentFresh) {
-      const ComponentPower& c = *validation.value;
-      if (c.cpuAndMemoryAvailable) {
-        ecpuHistory_.append(c.ecpuWatts, now);
-        pcpuHistory_.append(c.pcpuWatts, now);
-      }
-      gpuHistory_.append(c.gpuWatts, now);
-      aneHistory_.append(c.aneWatts, now);
-      if (c.cpuAndMemoryAvailable) dramHistory_.append(c.dramWatts, now);
-    }
-  }
+// The histories keep a 30-second cadence whatever the timer's interval.
+void PowerMonitor::appendHistories(const PowerSnapshot& snap, double smoothedWattage,
+                                   const ComponentReading& component, TimePoint now) {
+  if (lastHistoryTime_ && secondsBetween(*lastHistoryTime_, now) < kHistoryTimeInterval) return;
+  lastHistoryTime_ = now;
+  histories_.append(snap, smoothedWattage,
+                    component.fresh ? component.validation.value : std::nullopt, now);
+}
 
-  // 18-21.
-  BatteryDiagnostics diagnostics = BatteryDiagnostics::from(snap);
-  ThermalState thermal = ThermalState::nominal;
-  if (auto simulatedThermal = provider ? provider->simulatedThermalState() : std::nullopt) {
-    thermal = *simulatedThermal;
-  } else if (thermalSource_) {
-    thermal = thermalSource_->currentThermalState();
-  }
-  const PowerPhase phase =
-      phaseFrom(snap, smoothedWattage, {thermal, secondsBetween(lastWakeTime_, now)});
-  const auto calculated = calculateTimeRemaining(snap, phase, smoothedWattage, history_.last(20));
+void PowerMonitor::classify(PowerState& state, const PowerSnapshot& snap,
+                            const ThermalStateSource* thermal, TimePoint now) const {
+  state.thermalState = thermal ? thermal->currentThermalState() : ThermalState::nominal;
+  state.phase = phaseFrom(snap, state.smoothedWattage,
+                          {state.thermalState, secondsBetween(lastWakeTime_, now)});
+  state.calculatedTimeRemaining_min = calculateTimeRemaining(
+      snap, state.phase, state.smoothedWattage, histories_.recentWattage(20));
+}
 
-  // 22.
-  PowerState state;
-  state.smoothedWattage = smoothedWattage;
-  if (snap.maxCapacity_mAh >= 1) {
-    state.batteryPercentage = static_cast<double>(snap.currentCapacity_mAh) /
-                              static_cast<double>(snap.maxCapacity_mAh) * 100.0;
-  } else if (snap.iopsPercent) {
-    state.batteryPercentage = static_cast<double>(*snap.iopsPercent);
-  }
-  state.iopsPercent = snap.iopsPercent;
-  if (snap.designCapacity_mAh >= 1) {
-    state.batteryHealth = static_cast<double>(snap.nominalCapacity_mAh) /
-                          static_cast<double>(snap.designCapacity_mAh) * 100.0;
-  }
-  state.cycleCount = snap.cycleCount;
-  state.batterySerial = snap.batterySerial;
-  state.temperature_C = static_cast<double>(snap.temperature_cC) / 100.0;
-  state.isCharging = snap.isCharging;
-  state.externalConnected = snap.externalConnected;
-  state.fullyCharged = snap.fullyCharged;
-  state.batteryInstalled = snap.batteryInstalled;
-  state.timeRemaining_min = timeRemaining;
-  state.adapterWatts = snap.adapterWatts;
-  if (snap.adapterCurrent_mA && snap.adapterVoltage_mV) {
-    state.adapterActualWatts = static_cast<double>(*snap.adapterCurrent_mA) *
-                               static_cast<double>(*snap.adapterVoltage_mV) / 1e6;
-  }
-  state.phase = phase;
-  state.timestamp = snap.timestamp;
-  state.voltage_mV = snap.voltage_mV;
-  state.instantAmperage_mA = snap.instantAmperage_mA;
-  state.currentCapacity_mAh = snap.currentCapacity_mAh;
-  state.maxCapacity_mAh = snap.maxCapacity_mAh;
-  state.designCapacity_mAh = snap.designCapacity_mAh;
-  state.adapterCurrent_mA = snap.adapterCurrent_mA;
-  state.adapterVoltage_mV = snap.adapterVoltage_mV;
-  state.systemPowerIn_W = milliToUnit(snap.systemPowerIn_mW);
-  state.systemLoad_W = milliToUnit(snap.systemLoad_mW);
-  state.systemCurrentIn_mA = snap.systemCurrentIn_mA;
-  state.systemVoltageIn_mV = snap.systemVoltageIn_mV;
-  state.connectionType = snap.connectionType;
-  state.calculatedTimeRemaining_min = calculated;
-  state.componentPower = validation.value;
-
-  // 23. Rails follow the component cadence on real machines; the simulation is free to read.
-  if (simulated) {
-    lastSystemPowerRails_ = provider->simulatedSystemPowerRails();
-  } else if (!lastRailSampleTime_ ||
-             secondsBetween(*lastRailSampleTime_, now) >= componentInterval) {
-    lastSystemPowerRails_ = railReader_ ? railReader_->sample() : std::nullopt;
+// Rails follow the component cadence: reading them costs as much as reading the counters.
+std::optional<SystemPowerRails> PowerMonitor::sampleRails(PowerRailReader* reader, double cadence,
+                                                          TimePoint now) {
+  if (!lastRailSampleTime_ || secondsBetween(*lastRailSampleTime_, now) >= cadence) {
+    lastSystemPowerRails_ = reader ? reader->sample() : std::nullopt;
     lastRailSampleTime_ = now;
   }
-  state.systemPowerRails = lastSystemPowerRails_;
+  return lastSystemPowerRails_;
+}
 
-  // 24.
-  state.diagnostics = std::move(diagnostics);
-  state.thermalState = thermal;
-  state.wallPowerEstimate_W = milliToUnit(snap.wallPowerEstimate_mW);
-
-  // 25. Recording: nothing is persisted while the simulated machine is in charge.
-  if (!skipRecording && recorder_) {
-    bool forceDischarge = false;
-    {
-      std::lock_guard lock(stateLock_);
-      forceDischarge = forceDischargeActive_;
-    }
-    recorder_->record(RecordingTick{snap, state, validation, componentFresh, now}, forceDischarge);
-  }
-
-  // 26. History copies are made only while somebody looks.
-  bool watched = false;
-  {
-    std::lock_guard lock(stateLock_);
-    watched = popoverOpen_;
-  }
-  HistorySnapshot histories = watched ? buildHistorySnapshot() : HistorySnapshot::empty();
-
-  // 27.
+void PowerMonitor::publish(PowerState state, bool watched) {
+  // History copies are made only while somebody looks.
+  HistorySnapshot histories = watched ? histories_.snapshot() : HistorySnapshot::empty();
   std::weak_ptr<PowerMonitor> weak = weak_from_this();
   mainQueue_.async([weak, state = std::move(state), histories = std::move(histories)] {
     auto self = weak.lock();
     if (self && self->onStateUpdate_) self->onStateUpdate_(state, histories);
   });
-}
-
-PowerMonitor::HistorySnapshot PowerMonitor::buildHistorySnapshot() const {
-  HistorySnapshot h;
-  history_.fillSamples(h.wattageValues, h.wattageTimestamps);
-  systemPowerInHistory_.fillSamples(h.systemPowerInValues, h.systemPowerInTimestamps);
-  systemLoadHistory_.fillSamples(h.systemLoadValues, h.systemLoadTimestamps);
-  const std::pair<const char*, const PowerHistory*> components[] = {
-      {"ECPU", &ecpuHistory_}, {"PCPU", &pcpuHistory_}, {"GPU", &gpuHistory_},
-      {"ANE", &aneHistory_},   {"DRAM", &dramHistory_},
-  };
-  for (const auto& [key, ring] : components) {
-    if (ring->empty()) continue;
-    ring->fillSamples(h.componentData[key], h.componentTimestamps[key]);
-  }
-  return h;
 }
 
 std::optional<std::int64_t> PowerMonitor::calculateTimeRemaining(
@@ -513,16 +477,21 @@ std::optional<std::int64_t> PowerMonitor::calculateTimeRemaining(
 }
 
 PowerMonitor::Diagnostics PowerMonitor::diagnosticsOnPollQueue() const {
-  return {consecutiveFailures_, usingFallback_, wakeReanchorRetryWork_.pending(), history_.count()};
+  return {consecutiveFailures_, usingFallback_, wakeReanchorRetryWork_.pending(),
+          histories_.wattageCount()};
 }
 
-std::shared_ptr<PowerDataProvider> PowerMonitor::provider() const {
+PowerSources PowerMonitor::sources() const {
   std::lock_guard lock(stateLock_);
-  return provider_;
+  return *sources_;
 }
-void PowerMonitor::setProvider(std::shared_ptr<PowerDataProvider> provider) {
-  std::lock_guard lock(stateLock_);
-  provider_ = std::move(provider);
+void PowerMonitor::setSources(PowerSources sources) {
+  auto next = std::make_shared<const PowerSources>(std::move(sources));
+  {
+    std::lock_guard lock(stateLock_);
+    std::swap(sources_, next);
+  }
+  // The previous set is released here, outside the lock.
 }
 bool PowerMonitor::popoverOpen() const {
   std::lock_guard lock(stateLock_);
@@ -531,14 +500,6 @@ bool PowerMonitor::popoverOpen() const {
 void PowerMonitor::setPopoverOpen(bool open) {
   std::lock_guard lock(stateLock_);
   popoverOpen_ = open;
-}
-bool PowerMonitor::skipDatabaseRecording() const {
-  std::lock_guard lock(stateLock_);
-  return skipDatabaseRecording_;
-}
-void PowerMonitor::setSkipDatabaseRecording(bool skip) {
-  std::lock_guard lock(stateLock_);
-  skipDatabaseRecording_ = skip;
 }
 Seconds PowerMonitor::pollingInterval() const {
   std::lock_guard lock(stateLock_);

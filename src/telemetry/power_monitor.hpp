@@ -8,11 +8,9 @@
 // sides read, and is never held across a provider, sampler or recorder call.
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "core/clock.hpp"
@@ -23,6 +21,7 @@
 #include "core/power_state.hpp"
 #include "core/serial_queue.hpp"
 #include "telemetry/power_data_provider.hpp"
+#include "telemetry/power_histories.hpp"
 
 namespace spdlog {
 class logger;
@@ -30,7 +29,7 @@ class logger;
 
 namespace quorel {
 
-// What the recording stage is given on each tick (only when database recording is not skipped).
+// What the recording stage is given on each tick (only while the sources record history).
 struct RecordingTick {
   const PowerSnapshot& snapshot;
   const PowerState& state;
@@ -39,13 +38,6 @@ struct RecordingTick {
   const ComponentPowerValidation& componentValidation;
   bool componentFresh;
   TimePoint now;
-};
-
-// One stored sample, as far as the live histories need it at start.
-struct HistorySeedSample {
-  TimePoint timestamp;
-  double wattage = 0;
-  std::optional<double> powerInW, systemLoadW, ecpuW, pcpuW, gpuW, aneW, dramW;
 };
 
 // The recording stage of the tick: sessions, persisted samples, battery epochs and the capacity
@@ -62,40 +54,20 @@ class PowerRecordingStage {
 
 class PowerMonitor : public std::enable_shared_from_this<PowerMonitor> {
  public:
-  // A copy of the live histories, handed out only while somebody is looking.
-  struct HistorySnapshot {
-    std::vector<double> wattageValues;
-    std::vector<TimePoint> wattageTimestamps;
-    std::vector<double> systemPowerInValues;
-    std::vector<TimePoint> systemPowerInTimestamps;
-    std::vector<double> systemLoadValues;
-    std::vector<TimePoint> systemLoadTimestamps;
-    // Keys "ECPU", "PCPU", "GPU", "ANE", "DRAM", each present only when it holds samples.
-    std::map<std::string, std::vector<double>> componentData;
-    std::map<std::string, std::vector<TimePoint>> componentTimestamps;
-
-    static HistorySnapshot empty() { return {}; }
-    bool operator==(const HistorySnapshot&) const = default;
-  };
+  using HistorySnapshot = PowerHistorySnapshot;
 
   struct Dependencies {
-    std::shared_ptr<PowerDataProvider> provider;
-    // Asked from the third consecutive failed tick on; may be null.
-    std::shared_ptr<PowerDataProvider> fallbackProvider;
-    const Clock* clock = nullptr;
+    PowerSources sources;
     SerialQueue* pollQueue = nullptr;
     SerialQueue* mainQueue = nullptr;
-    // Each optional: a machine without the source simply reports the figure as unavailable.
-    std::unique_ptr<ComponentPowerSampler> componentSampler;
-    std::unique_ptr<PowerRailReader> railReader;
-    std::shared_ptr<const ThermalStateSource> thermalSource;
     std::shared_ptr<PowerRecordingStage> recorder;
   };
 
   using StateCallback = std::function<void(const PowerState&, const HistorySnapshot&)>;
 
   // Created stopped. Use create() so that timers and posted work can hold the monitor weakly.
-  static std::shared_ptr<PowerMonitor> create(Dependencies deps);
+  // `clock` and both queues must outlive the monitor.
+  static std::shared_ptr<PowerMonitor> create(Dependencies deps, const Clock& clock);
   ~PowerMonitor();
   PowerMonitor(const PowerMonitor&) = delete;
   PowerMonitor& operator=(const PowerMonitor&) = delete;
@@ -123,12 +95,11 @@ class PowerMonitor : public std::enable_shared_from_this<PowerMonitor> {
   void poll();
 
   // Locked accessors shared with the main queue.
-  std::shared_ptr<PowerDataProvider> provider() const;
-  void setProvider(std::shared_ptr<PowerDataProvider> provider);
+  PowerSources sources() const;
+  // Takes effect from the next tick; see switchPowerSources for what else a switch resets.
+  void setSources(PowerSources sources);
   bool popoverOpen() const;
   void setPopoverOpen(bool open);
-  bool skipDatabaseRecording() const;
-  void setSkipDatabaseRecording(bool skip);
   Seconds pollingInterval() const;
   // The caller restarts the timer when the value changed.
   void setPollingInterval(Seconds interval);
@@ -152,31 +123,65 @@ class PowerMonitor : public std::enable_shared_from_this<PowerMonitor> {
   Diagnostics diagnosticsOnPollQueue() const;
 
  private:
-  explicit PowerMonitor(Dependencies deps);
+  static constexpr double kHistoryTimeInterval = 30;
+  static constexpr double kHiddenComponentSampleInterval = 20;
+  static constexpr double kVisibleComponentSampleInterval = 5;
+
+  PowerMonitor(Dependencies deps, const Clock& clock);
+
+  // The shared fields one tick works with, copied under the lock once.
+  struct TickSettings {
+    // Shared, not copied: a tick takes the set with one reference.
+    std::shared_ptr<const PowerSources> sources;
+    Seconds interval{30};
+    double componentInterval = kHiddenComponentSampleInterval;
+    bool forceDischargeActive = false;
+    bool watched = false;
+  };
+  struct SmoothedReading {
+    double wattage = 0;
+    std::optional<std::int64_t> timeRemaining_min;
+  };
+  struct ComponentReading {
+    ComponentPowerValidation validation;
+    // Sampled recently enough to be stored and charted as fresh.
+    bool fresh = false;
+  };
+
+  // The stages of poll(), in order.
+  TickSettings tickSettings() const;
+  std::optional<PowerSnapshot> readSnapshot(const PowerSources& sources);
+  bool awaitingWakeReanchor(double rawWatts, TimePoint now);
+  SmoothedReading smooth(const PowerSnapshot& snap, double rawWatts, Seconds interval,
+                         TimePoint now);
+  ComponentReading sampleComponents(ComponentPowerSampler* sampler,
+                                    std::optional<double> consumptionW, double cadence,
+                                    TimePoint now);
+  void appendHistories(const PowerSnapshot& snap, double smoothedWattage,
+                       const ComponentReading& component, TimePoint now);
+  void classify(PowerState& state, const PowerSnapshot& snap, const ThermalStateSource* thermal,
+                TimePoint now) const;
+  std::optional<SystemPowerRails> sampleRails(PowerRailReader* reader, double cadence,
+                                              TimePoint now);
+  void publish(PowerState state, bool watched);
 
   void seedHistoryFromDatabase();
   void seedComponentPowerBaseline();
   void scheduleWakeReanchorRetry();
   void resetSmoothingOnPollQueue(TimePoint at);
   void failedTick();
-  HistorySnapshot buildHistorySnapshot() const;
 
   // Immutable after construction.
   const Clock& clock_;
   SerialQueue& pollQueue_;
   SerialQueue& mainQueue_;
-  std::shared_ptr<PowerDataProvider> fallbackProvider_;
-  std::unique_ptr<ComponentPowerSampler> componentSampler_;
-  std::unique_ptr<PowerRailReader> railReader_;
-  std::shared_ptr<const ThermalStateSource> thermalSource_;
   std::shared_ptr<PowerRecordingStage> recorder_;
   std::shared_ptr<spdlog::logger> log_;
 
   // Guarded by stateLock_.
   mutable std::mutex stateLock_;
-  std::shared_ptr<PowerDataProvider> provider_;
+  std::shared_ptr<const PowerSources> sources_;
   bool popoverOpen_ = false;
-  bool skipDatabaseRecording_ = false;
   Seconds pollingInterval_{30};
   bool componentCardVisible_ = false;
   bool forceDischargeActive_ = false;
@@ -190,22 +195,17 @@ class PowerMonitor : public std::enable_shared_from_this<PowerMonitor> {
   ExponentialMovingAverage timeEMA_{0.1};
   std::optional<TimePoint> wakeReanchorDeadline_;
   TimerHandle wakeReanchorRetryWork_;
-  PowerHistory history_, systemPowerInHistory_, systemLoadHistory_;
-  PowerHistory ecpuHistory_, pcpuHistory_, gpuHistory_, aneHistory_, dramHistory_;
+  PowerHistories histories_;
   std::optional<PowerSnapshot> lastSnapshot_;
   long consecutiveFailures_ = 0;
   bool usingFallback_ = false;
   TimePoint lastWakeTime_;
-  std::optional<TimePoint> lastIOReportTime_;
+  std::optional<TimePoint> lastComponentSampleTime_;
   std::optional<ComponentPower> lastComponentPower_;
   std::optional<SystemPowerRails> lastSystemPowerRails_;
   std::optional<TimePoint> lastRailSampleTime_;
   std::optional<TimePoint> lastHistoryTime_;
   bool historySeeded_ = false;
-
-  static constexpr double kHistoryTimeInterval = 30;
-  static constexpr double kHiddenComponentSampleInterval = 20;
-  static constexpr double kVisibleComponentSampleInterval = 5;
 };
 
 }  // namespace quorel

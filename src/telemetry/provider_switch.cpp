@@ -1,14 +1,16 @@
 #include "telemetry/provider_switch.hpp"
 
+#include <utility>
+
 namespace quorel {
 
-void switchPowerProvider(PowerMonitor& monitor, std::shared_ptr<PowerDataProvider> provider,
-                         bool simulated) {
-  monitor.setProvider(std::move(provider));
-  monitor.setSkipDatabaseRecording(simulated);
-  // Histories from one machine mean nothing on the other. Reseeding from the store on the way
-  // back joins here once the recording stage has a store to read.
+void switchPowerSources(PowerMonitor& monitor, PowerSources sources) {
+  const bool backToTheRealMachine = sources.recordHistory;
+  monitor.setSources(std::move(sources));
+  // Histories from one machine mean nothing on the other; the real machine's come back from
+  // the store.
   monitor.clearInMemoryHistories();
+  if (backToTheRealMachine) monitor.reseedHistoryFromDatabase();
   monitor.resetSmoothing();
   monitor.powerSourceChanged();
 }

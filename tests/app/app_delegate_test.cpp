@@ -55,11 +55,10 @@ class AppDelegateTest : public ::testing::Test {
     settings = std::make_unique<SettingsManager>(preferences, mainQueue, clock);
     provider = std::make_shared<SteadyProvider>(clock);
     PowerMonitor::Dependencies md;
-    md.provider = provider;
-    md.clock = &clock;
+    md.sources.provider = provider;
     md.pollQueue = &pollQueue;
     md.mainQueue = &mainQueue;
-    monitor = PowerMonitor::create(std::move(md));
+    monitor = PowerMonitor::create(std::move(md), clock);
     pollQueue.start();
   }
   ~AppDelegateTest() override {

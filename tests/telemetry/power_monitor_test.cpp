@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "support/log_capture.hpp"
+#include "telemetry/provider_switch.hpp"
 
 namespace quorel {
 namespace {
@@ -49,33 +50,38 @@ class ScriptedProvider : public PowerDataProvider {
     if (last) last->timestamp = clock_.now();
     return last;
   }
-  bool isSimulated() const override { return simulated; }
-  std::optional<ComponentPower> simulatedComponentPower() const override { return component; }
-  std::optional<ThermalState> simulatedThermalState() const override { return thermal; }
 
   std::deque<std::optional<PowerSnapshot>> script;
   std::optional<PowerSnapshot> last;
   std::atomic<int> calls{0};
-  bool simulated = false;
-  std::optional<ComponentPower> component;
-  std::optional<ThermalState> thermal;
 
  private:
   const Clock& clock_;
 };
 
-class CountingSampler : public ComponentPowerSampler {
- public:
-  explicit CountingSampler(int* count, ComponentPower value) : count_(count), value_(value) {}
+// Component, rail and thermal sources that answer what the test set and count their reads.
+struct FixedSampler : ComponentPowerSampler {
+  explicit FixedSampler(ComponentPower v) : value(v) {}
   bool isAvailable() const override { return true; }
   std::optional<ComponentPower> sample(Seconds) override {
-    ++*count_;
-    return value_;
+    ++calls;
+    return value;
   }
-
- private:
-  int* count_;
-  ComponentPower value_;
+  ComponentPower value;
+  int calls = 0;
+};
+struct FixedRails : PowerRailReader {
+  std::optional<SystemPowerRails> sample() override {
+    ++calls;
+    return value;
+  }
+  SystemPowerRails value;
+  int calls = 0;
+};
+struct FixedThermal : ThermalStateSource {
+  explicit FixedThermal(ThermalState s) : state(s) {}
+  ThermalState currentThermalState() const override { return state; }
+  ThermalState state;
 };
 
 class RecordingSpy : public PowerRecordingStage {
@@ -105,19 +111,17 @@ class PowerMonitorTest : public ::testing::Test {
  protected:
   void SetUp() override { build(); }
 
-  void build(std::unique_ptr<ComponentPowerSampler> sampler = nullptr) {
+  void build(std::shared_ptr<ComponentPowerSampler> sampler = nullptr,
+             std::shared_ptr<const ThermalStateSource> thermal = nullptr) {
     primary = std::make_shared<ScriptedProvider>(clock);
     fallback = std::make_shared<ScriptedProvider>(clock);
     recorder = std::make_shared<RecordingSpy>();
     PowerMonitor::Dependencies deps;
-    deps.provider = primary;
-    deps.fallbackProvider = fallback;
-    deps.clock = &clock;
+    deps.sources = {primary, fallback, std::move(sampler), nullptr, std::move(thermal)};
     deps.pollQueue = &pollQueue;
     deps.mainQueue = &mainQueue;
-    deps.componentSampler = std::move(sampler);
     deps.recorder = recorder;
-    monitor = PowerMonitor::create(std::move(deps));
+    monitor = PowerMonitor::create(std::move(deps), clock);
     monitor->setOnStateUpdate([this](const PowerState& s, const PowerMonitor::HistorySnapshot& h) {
       states.push_back(s);
       histories.push_back(h);
@@ -163,7 +167,7 @@ TEST_F(PowerMonitorTest, FallbackEngagesFromTheThirdFailureAndDropsOnRecovery) {
   EXPECT_EQ(fallback->calls.load(), 2) << "the primary stays first in line";
   EXPECT_FALSE(monitor->diagnosticsOnPollQueue().usingFallback);
   EXPECT_EQ(monitor->diagnosticsOnPollQueue().consecutiveFailures, 0);
-  EXPECT_EQ(logs.count("primary provider failed for 3 ticks — engaging IOPS fallback"), 1u);
+  EXPECT_EQ(logs.count("primary provider failed for 3 ticks — engaging fallback provider"), 1u);
   EXPECT_EQ(logs.count("primary provider recovered after 4 failures — disengaging fallback"), 1u);
 }
 
@@ -172,19 +176,18 @@ TEST_F(PowerMonitorTest, BothFailingLogsAtOneAndEveryTenth) {
   fallback->last = std::nullopt;
   for (int i = 0; i < 21; ++i) tick(2s);
   EXPECT_TRUE(states.empty());
-  std::size_t staleLines = 0;
+  std::vector<std::string> stale;
   for (const auto& l : logs.lines()) {
-    if (l.message.find("UI data is stale") != std::string::npos) {
-      ++staleLines;
-      EXPECT_EQ(l.level, spdlog::level::err);
-      EXPECT_EQ(l.logger, "PowerMonitor");
-    }
+    if (l.message.find("data is stale") == std::string::npos) continue;
+    stale.push_back(l.message);
+    EXPECT_EQ(l.level, spdlog::level::err);
   }
-  EXPECT_EQ(staleLines, 3u);  // at 1, 10 and 20
-  EXPECT_EQ(logs.count("both primary and fallback providers returned nil (20 consecutive "
-                       "failures) — UI data is stale"),
-            1u);
-  EXPECT_EQ(logs.count("primary provider failed for 3 ticks — engaging IOPS fallback"), 1u);
+  const auto line = [](int n) {
+    return "both primary and fallback providers returned no reading (" + std::to_string(n) +
+           " consecutive failures) — published data is stale";
+  };
+  EXPECT_EQ(stale, (std::vector<std::string>{line(1), line(10), line(20)}));
+  EXPECT_EQ(logs.count("primary provider failed for 3 ticks — engaging fallback provider"), 1u);
 }
 
 TEST_F(PowerMonitorTest, PlugInResetsBothAveragesBeforeTheNewReading) {
@@ -221,7 +224,7 @@ TEST_F(PowerMonitorTest, AverageBlendsWithinMaxDtAndRestartsBeyondIt) {
   EXPECT_DOUBLE_EQ(states.back().smoothedWattage, -10);
 }
 
-TEST_F(PowerMonitorTest, WakeDropsNearZeroReadingsUntilTheDeadlineThenTrustsThem) {
+TEST_F(PowerMonitorTest, WakeDropsNearZeroReadingsUntilAnchoredOrFiveSecondsPass) {
   primary->last = batterySnapshot(-10, clock.now());
   tick(2s);
   ASSERT_EQ(states.size(), 1u);
@@ -244,103 +247,76 @@ TEST_F(PowerMonitorTest, WakeDropsNearZeroReadingsUntilTheDeadlineThenTrustsThem
   primary->last = batterySnapshot(0.1, clock.now());
   tick(1s);
   EXPECT_EQ(states.size(), published + 2) << "once anchored, small readings are trusted";
-}
 
-TEST_F(PowerMonitorTest, WakeGateExpiresAfterFiveSeconds) {
-  primary->last = batterySnapshot(0.0, clock.now());
+  // Without a real reading the gate closes on its own five seconds after wake.
   monitor->resumeAfterWake();
   pollQueue.runPending();
   mainQueue.runPending();
-  const auto published = states.size();
-  EXPECT_EQ(published, 0u);
   tick(4s);
-  EXPECT_EQ(states.size(), published);
-  tick(2s);  // 6 s after wake
-  EXPECT_EQ(states.size(), published + 1);
-  EXPECT_EQ(states.back().phase, PowerPhase::draining);
+  EXPECT_EQ(states.size(), published + 2);
+  tick(2s);
+  EXPECT_EQ(states.size(), published + 3);
 }
 
 TEST_F(PowerMonitorTest, ComponentCadenceFollowsCardVisibility) {
-  int samples = 0;
-  pollQueue.runPending();
-  build(std::make_unique<CountingSampler>(&samples, ComponentPower{1, 2, 3, 0, 1, true}));
+  auto sampler = std::make_shared<FixedSampler>(ComponentPower{1, 2, 3, 0, 1, true});
+  build(sampler);
   primary->last = batterySnapshot(-15, clock.now());
   tick();
-  EXPECT_EQ(samples, 1);
+  EXPECT_EQ(sampler->calls, 1);
   for (int i = 0; i < 9; ++i) tick(2s);  // 18 s: hidden cadence is 20 s
-  EXPECT_EQ(samples, 1);
+  EXPECT_EQ(sampler->calls, 1);
   tick(2s);
-  EXPECT_EQ(samples, 2);
+  EXPECT_EQ(sampler->calls, 2);
   ASSERT_TRUE(states.back().componentPower.has_value());
   EXPECT_DOUBLE_EQ(states.back().componentPower->gpuWatts, 3);
 
   monitor->setComponentCardVisible(true);
   tick(4s);
-  EXPECT_EQ(samples, 2);
+  EXPECT_EQ(sampler->calls, 2);
   tick(1s);
-  EXPECT_EQ(samples, 3);
+  EXPECT_EQ(sampler->calls, 3);
 }
 
-TEST_F(PowerMonitorTest, NoSamplerMeansUnavailableComponentsAndTheTickGoesOn) {
+TEST_F(PowerMonitorTest, MissingOrRejectedComponentsLeaveTheStateWithoutThem) {
   primary->last = batterySnapshot(-15, clock.now());
-  tick();
-  ASSERT_EQ(states.size(), 1u);
-  EXPECT_FALSE(states[0].componentPower.has_value());
+  tick();  // no sampler at all
   ASSERT_EQ(recorder->entries.size(), 1u);
   EXPECT_EQ(recorder->entries[0].validation.quality, HistoricalValueQuality::unavailable);
-  EXPECT_EQ(recorder->entries[0].validation.rejectionReason,
-            "IOReport component telemetry unavailable");
   EXPECT_FALSE(recorder->entries[0].fresh);
-}
 
-TEST_F(PowerMonitorTest, RejectedComponentIsDroppedFromStateAndPassedAsRejected) {
-  primary->simulated = true;
-  primary->component = ComponentPower{1, 2, 91, 0, 1, true};  // GPU above its 90 W bound
+  build(std::make_shared<FixedSampler>(ComponentPower{1, 2, 91, 0, 1, true}));  // GPU > 90 W
   primary->last = batterySnapshot(-15, clock.now());
   tick();
-  ASSERT_EQ(states.size(), 1u);
-  EXPECT_FALSE(states[0].componentPower.has_value());
-  ASSERT_EQ(recorder->entries.size(), 1u);
+  tick(2s);  // within the cadence: the rejected reading left nothing to reuse
+  ASSERT_EQ(recorder->entries.size(), 2u);
   EXPECT_EQ(recorder->entries[0].validation.quality, HistoricalValueQuality::rejected);
   EXPECT_TRUE(recorder->entries[0].fresh);
-  // Within the cadence the stored value is reused; a rejected reading left nothing to reuse.
-  tick(2s);
-  ASSERT_EQ(recorder->entries.size(), 2u);
   EXPECT_EQ(recorder->entries[1].validation.quality, HistoricalValueQuality::unavailable);
-  EXPECT_EQ(recorder->entries[1].validation.rejectionReason,
-            "IOReport component telemetry unavailable");
+  for (const auto& state : states) EXPECT_FALSE(state.componentPower.has_value());
 }
 
-TEST_F(PowerMonitorTest, HistoryKeepsA30SecondCadenceWhateverTheTimer) {
-  primary->simulated = true;
-  primary->component = ComponentPower{1, 2, 3, 0.5, 1, true};
+TEST_F(PowerMonitorTest, HistoryKeepsA30SecondCadenceAndOnlyMovingCounters) {
+  auto sampler = std::make_shared<FixedSampler>(ComponentPower{1, 2, 3, 0.5, 1, true});
+  build(sampler);
   primary->last = batterySnapshot(-15, clock.now());
   monitor->setPopoverOpen(true);
   tick();
-  for (int i = 0; i < 30; ++i) tick(2s);                          // 60 s at a 2-second timer
-  EXPECT_EQ(monitor->diagnosticsOnPollQueue().historyCount, 3u);  // at 0, 30 and 60 s
-  const auto& h = histories.back();
-  EXPECT_EQ(h.wattageValues.size(), 3u);
+  for (int i = 0; i < 30; ++i) tick(2s);  // 60 s at a 2-second timer
+  auto h = histories.back();
+  EXPECT_EQ(h.wattageValues.size(), 3u);  // at 0, 30 and 60 s
   EXPECT_EQ(h.wattageTimestamps.size(), 3u);
   EXPECT_TRUE(h.systemPowerInValues.empty()) << "no input telemetry on battery";
-  ASSERT_EQ(h.componentData.count("GPU"), 1u);
+  EXPECT_EQ(h.componentData.size(), 5u);
   EXPECT_EQ(h.componentData.at("GPU").size(), 3u);
   EXPECT_EQ(h.componentTimestamps.at("DRAM").size(), 3u);
-  EXPECT_EQ(h.componentData.size(), 5u);
-}
 
-TEST_F(PowerMonitorTest, StalledCpuCountersKeepCpuAndDramOutOfHistory) {
-  primary->simulated = true;
-  primary->component = ComponentPower{1, 2, 3, 0.5, 1, false};
-  primary->last = batterySnapshot(-15, clock.now());
-  monitor->setPopoverOpen(true);
-  tick();
-  const auto& h = histories.back();
-  EXPECT_EQ(h.componentData.count("ECPU"), 0u);
-  EXPECT_EQ(h.componentData.count("PCPU"), 0u);
-  EXPECT_EQ(h.componentData.count("DRAM"), 0u);
-  EXPECT_EQ(h.componentData.count("GPU"), 1u);
-  EXPECT_EQ(h.componentData.count("ANE"), 1u);
+  // Stalled CPU counters keep CPU and DRAM out; GPU and ANE go on.
+  sampler->value.cpuAndMemoryAvailable = false;
+  tick(30s);
+  h = histories.back();
+  for (const char* key : {"ECPU", "PCPU", "DRAM"}) EXPECT_EQ(h.componentData.at(key).size(), 3u);
+  for (const char* key : {"GPU", "ANE"}) EXPECT_EQ(h.componentData.at(key).size(), 4u);
 }
 
 TEST_F(PowerMonitorTest, StartSeedsHistoriesOnceFromTheStore) {
@@ -383,18 +359,70 @@ TEST_F(PowerMonitorTest, HistoryCopiesOnlyWhileWatched) {
   EXPECT_TRUE(histories.back().componentData.empty()) << "keys exist only with samples";
 }
 
-TEST_F(PowerMonitorTest, SkippingRecordingStillFillsHistories) {
-  monitor->setSkipDatabaseRecording(true);
+TEST_F(PowerMonitorTest, ForceDischargeReachesTheRecorder) {
   primary->last = batterySnapshot(-15, clock.now());
   tick();
-  tick(30s);
-  EXPECT_TRUE(recorder->entries.empty());
-  EXPECT_EQ(monitor->diagnosticsOnPollQueue().historyCount, 2u);
-  monitor->setSkipDatabaseRecording(false);
   monitor->setForceDischargeActive(true);
   tick(2s);
+  ASSERT_EQ(recorder->entries.size(), 2u);
+  EXPECT_FALSE(recorder->entries[0].forceDischarge);
+  EXPECT_TRUE(recorder->entries[1].forceDischarge);
+}
+
+// Switching machines swaps every source at once: no tick reads one machine's battery with the
+// other's counters, rails or heat, and the simulated machine stores nothing from its first tick.
+TEST_F(PowerMonitorTest, SwitchingMachinesSwapsTheWholeSetAndOnlyTheRealOneRecords) {
+  auto realSampler = std::make_shared<FixedSampler>(ComponentPower{1, 1, 1, 0, 1, true});
+  build(realSampler, std::make_shared<FixedThermal>(ThermalState::nominal));
+  monitor->setPopoverOpen(true);
+  primary->last = batterySnapshot(-10, clock.now());
+  tick();
   ASSERT_EQ(recorder->entries.size(), 1u);
-  EXPECT_TRUE(recorder->entries[0].forceDischarge);
+
+  PowerSources simulated;
+  auto simProvider = std::make_shared<ScriptedProvider>(clock);
+  simProvider->last = chargingSnapshot(30, clock.now());
+  auto simSampler = std::make_shared<FixedSampler>(ComponentPower{2, 2, 2, 0, 2, true});
+  auto simRails = std::make_shared<FixedRails>();
+  simRails->value.systemTotalWatts = 18;
+  simulated.provider = simProvider;
+  simulated.componentSampler = simSampler;
+  simulated.railReader = simRails;
+  simulated.thermalSource = std::make_shared<FixedThermal>(ThermalState::serious);
+  simulated.recordHistory = false;
+  switchPowerSources(*monitor, simulated);
+  pollQueue.runPending();  // the clearing, the reset and the tick the switch posts
+  mainQueue.runPending();
+  tick(2s);
+
+  EXPECT_EQ(recorder->entries.size(), 1u) << "the simulated machine recorded a tick";
+  EXPECT_EQ(primary->calls.load(), 1);
+  EXPECT_EQ(realSampler->calls, 1);
+  EXPECT_EQ(simSampler->calls, 1) << "the switch starts the counters afresh";
+  const PowerState& s = states.back();
+  EXPECT_DOUBLE_EQ(s.smoothedWattage, 30) << "no average carried over from the other machine";
+  EXPECT_EQ(s.thermalState, ThermalState::serious);
+  EXPECT_EQ(s.componentPower, simSampler->value);
+  ASSERT_TRUE(s.systemPowerRails);
+  EXPECT_EQ(s.systemPowerRails->systemTotalWatts, 18);
+  EXPECT_EQ(histories.back().wattageValues, std::vector<double>{30}) << "histories cleared";
+
+  // A scenario change shows its rails at once, not a cadence later.
+  simRails->value.systemTotalWatts = 65;
+  simulationParametersChanged(*monitor);
+  pollQueue.runPending();
+  mainQueue.runPending();
+  EXPECT_EQ(states.back().systemPowerRails->systemTotalWatts, 65);
+
+  // Back on the real machine: recording resumes and the histories come from the store.
+  const int seedsBefore = recorder->seedRequests;
+  switchPowerSources(*monitor, {primary, fallback, realSampler, nullptr, nullptr});
+  pollQueue.runPending();
+  mainQueue.runPending();
+  EXPECT_EQ(recorder->seedRequests, seedsBefore + 1);
+  EXPECT_EQ(recorder->entries.size(), 2u);
+  EXPECT_EQ(states.back().systemPowerRails, std::nullopt) << "no rails left from the simulation";
+  EXPECT_EQ(states.back().thermalState, ThermalState::nominal);
 }
 
 TEST_F(PowerMonitorTest, StateCarriesDerivedFigures) {
@@ -404,8 +432,8 @@ TEST_F(PowerMonitorTest, StateCarriesDerivedFigures) {
   snap.temperature_cC = 3456;
   snap.wallPowerEstimate_mW = 67200;
   snap.iopsPercent = 63;
+  build(nullptr, std::make_shared<FixedThermal>(ThermalState::fair));
   primary->last = snap;
-  primary->thermal = ThermalState::fair;
   tick();
   const auto& s = states.back();
   EXPECT_DOUBLE_EQ(s.batteryPercentage, 62.5);
@@ -485,9 +513,10 @@ class PowerMonitorThreadedTest : public ::testing::Test {
  protected:
   template <class Pred>
   static bool eventually(Pred pred) {
-    const auto end = std::chrono::steady_clock::now() + 5s;
+    const SystemClock clock;
+    const auto end = clock.monotonicNow() + 5s;
     while (!pred()) {
-      if (std::chrono::steady_clock::now() > end) return false;
+      if (clock.monotonicNow() > end) return false;
       std::this_thread::sleep_for(1ms);
     }
     return true;
@@ -503,11 +532,10 @@ TEST_F(PowerMonitorThreadedTest, IntervalChangeTicksAtOnceAndStopEndsTicking) {
   auto provider = std::make_shared<ScriptedProvider>(clock);
   provider->last = batterySnapshot(-10, clock.now());
   PowerMonitor::Dependencies deps;
-  deps.provider = provider;
-  deps.clock = &clock;
+  deps.sources.provider = provider;
   deps.pollQueue = &pollQueue;
   deps.mainQueue = &mainQueue;
-  auto monitor = PowerMonitor::create(std::move(deps));
+  auto monitor = PowerMonitor::create(std::move(deps), clock);
   std::atomic<int> published{0};
   monitor->setOnStateUpdate(
       [&](const PowerState&, const PowerMonitor::HistorySnapshot&) { ++published; });

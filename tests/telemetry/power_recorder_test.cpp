@@ -159,15 +159,13 @@ TEST_F(PowerRecorderTest, SamplesEveryThirtySecondsWithObservedDurations) {
   EXPECT_EQ(store.samples[0].componentQuality, HistoricalValueQuality::measured);
   EXPECT_EQ(store.samples[0].gpuW, 6.0);
   EXPECT_EQ(store.samples[0].temperatureC, 34.5);
-}
 
-TEST_F(PowerRecorderTest, StaleComponentIsStoredAsNotFresh) {
   fresh = false;
-  tick(0s, PowerPhase::draining, -10);
-  ASSERT_EQ(store.samples.size(), 1u);
-  EXPECT_EQ(store.samples[0].componentQuality, HistoricalValueQuality::unavailable);
-  EXPECT_EQ(store.samples[0].componentRejectionReason, "component sample not fresh");
-  EXPECT_FALSE(store.samples[0].gpuW);
+  tick(30s, PowerPhase::draining, -10);
+  ASSERT_EQ(store.samples.size(), 4u);
+  EXPECT_EQ(store.samples[3].componentQuality, HistoricalValueQuality::unavailable);
+  EXPECT_EQ(store.samples[3].componentRejectionReason, "component sample not fresh");
+  EXPECT_FALSE(store.samples[3].gpuW);
 }
 
 TEST(PowerRecorderSampleTest, QualityLabelsFollowWhatWasMeasured) {

@@ -52,18 +52,6 @@ TEST_F(LinuxPowerSourceFallbackProviderTest, OffersOnlyPercentageFlagsAndEstimat
   EXPECT_EQ(fetchFixture("fuel-gauge"), expected);
 }
 
-TEST_F(LinuxPowerSourceFallbackProviderTest, SurvivesWhereThePrimaryCannotRead) {
-  SysfsTree tree("energy-pack");
-  tree.setProperty("BAT0", "VOLTAGE_NOW", "garbage");
-  tree.setProperty("BAT0", "ENERGY_NOW", "garbage");
-  auto s = fetch(tree.powerSupply());
-  ASSERT_TRUE(s);
-  EXPECT_TRUE(s->batteryInstalled);
-  EXPECT_EQ(s->iopsPercent, 74);
-  EXPECT_EQ(s->voltage_mV, 0);
-  EXPECT_EQ(s->currentCapacity_mAh, 0);
-}
-
 TEST_F(LinuxPowerSourceFallbackProviderTest, ABatteryThatCannotBeReadAtAllLeavesTheAdapter) {
   SysfsTree tree("charge-pack");
   for (const auto& entry : std::filesystem::directory_iterator(tree.powerSupply() / "BAT0")) {

@@ -401,7 +401,7 @@ TEST_F(LinuxPowerSupplyProviderTest, ANewAssumptionIsLoggedWhenItAppears) {
 
 // ---- Charge thresholds -------------------------------------------------------------------
 
-TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsAreReadBesideTheUevent) {
+TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsAreReadBesideTheUeventWhenInRange) {
   LinuxPowerSupplyProvider provider(fixturePath("energy-pack") / "class/power_supply", clock);
   EXPECT_THAT(provider.readChargeControl(),
               ElementsAre(ChargeControlReading{
@@ -409,9 +409,8 @@ TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsAreReadBesideTheUevent) {
 
   LinuxPowerSupplyProvider without(fixturePath("charge-pack") / "class/power_supply", clock);
   EXPECT_THAT(without.readChargeControl(), IsEmpty());
-}
 
-TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsOutOfRangeAreAbsent) {
+  // Out of range is absent; a peripheral's thresholds are not the machine's.
   SysfsTree tree;
   tree.writeSupply("BAT0",
                    {"TYPE=Battery", "VOLTAGE_NOW=12000000", "CHARGE_CONTROL_END_THRESHOLD=60",
@@ -419,8 +418,8 @@ TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsOutOfRangeAreAbsent) {
   tree.write("class/power_supply/BAT0/charge_control_start_threshold", "140\n");
   tree.writeSupply("hidpp_battery_0",
                    {"TYPE=Battery", "SCOPE=Device", "CHARGE_CONTROL_END_THRESHOLD=90"});
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  EXPECT_THAT(provider.readChargeControl(),
+  LinuxPowerSupplyProvider made(tree.powerSupply(), clock);
+  EXPECT_THAT(made.readChargeControl(),
               ElementsAre(ChargeControlReading{
                   "BAT0", std::nullopt, 60, "force-discharge", {"auto", "force-discharge"}}));
 }

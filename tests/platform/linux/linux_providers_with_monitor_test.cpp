@@ -18,13 +18,12 @@ class LinuxProvidersWithMonitorTest : public ::testing::Test {
  protected:
   void SetUp() override {
     PowerMonitor::Dependencies deps;
-    deps.provider = std::make_shared<LinuxPowerSupplyProvider>(tree.powerSupply(), clock);
-    deps.fallbackProvider =
+    deps.sources.provider = std::make_shared<LinuxPowerSupplyProvider>(tree.powerSupply(), clock);
+    deps.sources.fallbackProvider =
         std::make_shared<LinuxPowerSourceFallbackProvider>(tree.powerSupply(), clock);
-    deps.clock = &clock;
     deps.pollQueue = &pollQueue;
     deps.mainQueue = &mainQueue;
-    monitor = PowerMonitor::create(std::move(deps));
+    monitor = PowerMonitor::create(std::move(deps), clock);
     monitor->setOnStateUpdate(
         [this](const PowerState& s, const PowerMonitor::HistorySnapshot&) { states.push_back(s); });
   }

