@@ -84,13 +84,14 @@ void waitForTerm() {
 [[noreturn]] void runQuorelServer(int reportFd, const std::filesystem::path& dataDirectory) {
   logging::configure({.level = spdlog::level::warn, .toStderr = true, .file = std::nullopt});
   MapPreferenceStore preferences;
+  SystemClock clock;
   SerialQueue mainQueue("main");
   SerialQueue httpQueue(kMCPTransportQueueLabel);
   mainQueue.start();
   httpQueue.start();
   std::uint16_t port = 0;
   {
-    MCPServer server(mainQueue, httpQueue, preferences, dataDirectory);
+    MCPServer server(mainQueue, httpQueue, clock, preferences, dataDirectory);
     server.start(0);
     port = server.transport().boundPort().value_or(0);
     (void)!::write(reportFd, &port, sizeof port);

@@ -113,9 +113,9 @@ class Agent {
     }
 
     httpQueue_.start();
-    mcpServer_ =
-        std::make_unique<MCPServer>(mainQueue_, httpQueue_, *preferences_, paths_.dataDirectory,
-                                    MCPServerOptions{.version = "0.1.0", .transport = {}});
+    mcpServer_ = std::make_unique<MCPServer>(mainQueue_, httpQueue_, clock_, *preferences_,
+                                             paths_.dataDirectory,
+                                             MCPServerOptions{.version = "0.1.0", .transport = {}});
     mcpSwitch_ = std::make_unique<MCPServerSwitch>(*mcpServer_, *preferences_, mainQueue_);
     sleepWake_ = std::make_unique<LogindSleepMonitor>(mainQueue_);
 
