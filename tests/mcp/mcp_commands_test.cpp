@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <asio/ip/tcp.hpp>
 #include <fstream>
 
 #include "core/memory_preference_store.hpp"
@@ -14,16 +13,11 @@
 namespace quorel {
 namespace {
 
+using testing::portWithNothingOnIt;
 using testing::ScratchDirectory;
 
 bool startsWith(const std::string& text, const std::string& prefix) {
   return text.rfind(prefix, 0) == 0;
-}
-
-std::uint16_t portWithNothingOnIt() {
-  asio::io_context io;
-  asio::ip::tcp::acceptor a(io, asio::ip::tcp::endpoint(asio::ip::make_address_v4("127.0.0.1"), 0));
-  return a.local_endpoint().port();
 }
 
 class MCPCommandsTest : public ::testing::Test {

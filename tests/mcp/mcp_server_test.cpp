@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 
 #include <asio/ip/tcp.hpp>
-#include <atomic>
 #include <cstdio>
 #include <fstream>
 #include <regex>
@@ -21,6 +20,7 @@ namespace quorel {
 namespace {
 
 using testing::LogCapture;
+using testing::portWithNothingOnIt;
 using testing::post;
 using testing::roundTrip;
 using testing::ScratchDirectory;
@@ -38,12 +38,6 @@ unsigned modeOf(const std::filesystem::path& p) {
   struct stat st {};
   ::stat(p.c_str(), &st);
   return st.st_mode & 0777;
-}
-
-std::uint16_t portWithNothingOnIt() {
-  asio::io_context io;
-  asio::ip::tcp::acceptor a(io, asio::ip::tcp::endpoint(asio::ip::make_address_v4("127.0.0.1"), 0));
-  return a.local_endpoint().port();
 }
 
 // Records what reaches it, and answers like a tool that worked or one that refused.
@@ -155,8 +149,7 @@ TEST_F(MCPServerTest, AFailedTokenWriteStillGivesATokenForThisRun) {
 TEST_F(MCPServerTest, ThePortOutsideTheValidRangeIs8473) {
   auto& server = makeServer();
   EXPECT_EQ(server.currentPort(), 8473);
-  for (nlohmann::json bad :
-       {nlohmann::json(0), nlohmann::json(-1), nlohmann::json(65536), nlohmann::json("9000")}) {
+  for (const auto& bad : nlohmann::json::array({0, -1, 65536, "9000"})) {
     prefs_.setValue(kMCPServerPortKey, bad);
     EXPECT_EQ(server.currentPort(), 8473) << bad;
   }
@@ -177,21 +170,12 @@ TEST_F(MCPServerTest, StartPublishesTheLivePortAndAnswersWithTheTokenFromTheFile
   auto init = roundTrip(port, post(R"({"jsonrpc":"2.0","id":1,"method":"initialize",
                                        "params":{"protocolVersion":"1999-01-01"}})",
                                    auth));
+  EXPECT_EQ(init.body(),
+            R"({"id":1,"jsonrpc":"2.0","result":{"capabilities":{"tools":{}},)"
+            R"("protocolVersion":"2025-06-18","serverInfo":{"name":"quorel","version":"1.2.3"}}})");
   EXPECT_EQ(
-      JSONValue::parse(init.body()),
-      JSONValue::object(
-          {{"jsonrpc", "2.0"},
-           {"id", 1},
-           {"result",
-            JSONValue::object(
-                {{"protocolVersion", "2025-06-18"},
-                 {"serverInfo", JSONValue::object({{"name", "quorel"}, {"version", "1.2.3"}})},
-                 {"capabilities", JSONValue::object({{"tools", JSONValue::object({})}})}})}}))
-      << init.bytes;
-  auto list = roundTrip(port, post(R"({"jsonrpc":"2.0","id":"l","method":"tools/list"})", auth));
-  EXPECT_EQ(JSONRPCResponse::decode(list.body()),
-            JSONRPCResponse::success(JSONValue("l"),
-                                     JSONValue::object({{"tools", JSONValue::array({})}})));
+      roundTrip(port, post(R"({"jsonrpc":"2.0","id":"l","method":"tools/list"})", auth)).body(),
+      R"({"id":"l","jsonrpc":"2.0","result":{"tools":[]}})");
   EXPECT_EQ(roundTrip(port, post(R"({"jsonrpc":"2.0","id":1,"method":"ping"})")).status(),
             "401 Unauthorized");
 
@@ -224,16 +208,19 @@ TEST_F(MCPServerTest, StartingTwiceTouchesNothingTheSecondTime) {
 
 TEST_F(MCPServerTest, AFallbackPortBecomesTheConfiguredPort) {
   asio::io_context io;
-  asio::ip::tcp::acceptor squatter(
-      io, asio::ip::tcp::endpoint(asio::ip::make_address_v4("127.0.0.1"), 0));
+  asio::ip::tcp::acceptor squatter(io, {asio::ip::make_address_v4("127.0.0.1"), 0});
   const auto taken = squatter.local_endpoint().port();
   prefs_.setValue(kMCPServerPortKey, taken);
 
+  LogCapture log;
   auto& server = makeServer();
   server.start(server.currentPort());
   const auto live = server.transport().boundPort();
   ASSERT_TRUE(live);
   EXPECT_NE(*live, taken);
+  EXPECT_FALSE(server.transport().lastStartError());
+  EXPECT_TRUE(log.contains("MCP listener ready on 127.0.0.1:" + std::to_string(*live) +
+                           " (fallback port)"));
   EXPECT_EQ(server.currentPort(), *live);
   EXPECT_EQ(readFile(endpointFile()), "http://127.0.0.1:" + std::to_string(*live) + "/mcp\n");
 
@@ -243,22 +230,12 @@ TEST_F(MCPServerTest, AFallbackPortBecomesTheConfiguredPort) {
   EXPECT_EQ(server.transport().boundPort(), live);
 }
 
-TEST_F(MCPServerTest, StatusTextsInTheirOrderOfPrecedence) {
-  EXPECT_EQ(mcpStatusText(false, true, "x", 1), "Stopped");
-  EXPECT_EQ(mcpStatusText(true, true, "x", 8473), "Running on 127.0.0.1:8473");
-  EXPECT_EQ(mcpStatusText(true, false, "Address already in use", 8473),
-            "Failed to start: Address already in use");
-  EXPECT_EQ(mcpStatusText(true, false, std::nullopt, 8473), "Starting…");
-}
-
 TEST_F(MCPServerTest, RouteAnswersTheProtocolsOwnMethodsAndNotificationsRunNothing) {
   auto registry = std::make_unique<RecordingRegistry>();
   auto* recorded = registry.get();
   makeServer(std::move(registry));
   EXPECT_EQ(routeOnMain(R"({"jsonrpc":"2.0","id":3,"method":"ping"})"),
             JSONRPCResponse::success(JSONValue(3), JSONValue::object({})));
-  EXPECT_EQ(routeOnMain(R"({"jsonrpc":"2.0","id":"i","method":"initialize"})")->result,
-            server_->initializeResult());
   // Methods are matched exactly; a notification's method is unknown once it has an id.
   for (std::string method : {"Ping", "tools/list ", "notifications/initialized"}) {
     EXPECT_EQ(routeOnMain(R"({"jsonrpc":"2.0","id":3,"method":")" + method + "\"}"),
@@ -321,85 +298,67 @@ TEST_F(MCPServerTest, TheSwitchFollowsTheSettingAcrossProcesses) {
 
   // As another process would: the store's observer fires on the writer's thread, and the switch
   // posts the change to the main queue.
-  const auto settle = [&] {
+  const auto set = [&](bool enabled) {
+    prefs_.setValue(kMCPServerEnabledKey, enabled);
     main_.sync([] {});
     main_.sync([] {});
   };
-  prefs_.setValue(kMCPServerEnabledKey, true);
-  settle();
+  set(true);
   ASSERT_TRUE(server.isListening());
   EXPECT_EQ(server.transport().boundPort(), port);
-  prefs_.setValue(kMCPServerEnabledKey, false);
-  settle();
+  set(false);
   EXPECT_FALSE(server.isListening());
 
   // Sleep stops it; wake applies the rule again.
-  prefs_.setValue(kMCPServerEnabledKey, true);
-  settle();
+  set(true);
   server.stop();
   main_.sync([&] { switch_->apply(); });
   EXPECT_TRUE(server.isListening());
 
   // A switch that is gone follows nothing.
   main_.sync([&] { switch_.reset(); });
-  prefs_.setValue(kMCPServerEnabledKey, false);
-  settle();
+  set(false);
   EXPECT_TRUE(server.isListening());
 }
 
-// With no descriptor to spare, neither the token file nor the socket can be opened. The limit
-// is lowered in a process of its own (a death test re-runs the binary for this test alone), so
-// that nothing else in the binary, a sanitizer's runtime included, runs short of descriptors.
-TEST(MCPServerWithoutDescriptorsTest, AListenerThatCannotBeCreatedIsReportedAndLeavesTheSettingOn) {
+TEST_F(MCPServerTest, AListenerThatCannotBeCreatedIsReportedAndLeavesTheSettingOn) {
+  // With no descriptor to spare, neither the token file nor the socket can be opened. The limit
+  // is lowered in a process of its own (the death test runs the binary again for this test
+  // alone), so that nothing else, a sanitizer's runtime included, runs short of descriptors.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto run = [] {
-    ScratchDirectory dir;
-    MemoryPreferenceStore prefs;
-    SystemClock clock;
-    SerialQueue main("main"), http(kMCPTransportQueueLabel);
-    main.start();
-    http.start();
+  const auto run = [&] {
     LogCapture log;
-    int failures = 0;
-    const auto check = [&](bool ok, const char* what) {
-      if (ok) return;
-      std::fprintf(stderr, "failed: %s\n", what);
-      ++failures;
-    };
-    std::atomic<int> stateChanges{0};
-    {
-      MCPServer server(main, http, clock, prefs, dir.path() / "data");
-      server.addStateObserver([&] { ++stateChanges; });
-      prefs.setValue(kMCPServerEnabledKey, true);
-      // Let the queue's reactor exist first, as it does in a running agent.
-      server.start(0);
-      server.stop();
-      rlimit saved{};
-      ::getrlimit(RLIMIT_NOFILE, &saved);
-      const int lowest = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-      ::close(lowest);
-      rlimit tight = saved;
-      tight.rlim_cur = static_cast<rlim_t>(lowest);
-      ::setrlimit(RLIMIT_NOFILE, &tight);
-      server.start(0);
-      ::setrlimit(RLIMIT_NOFILE, &saved);
-      main.sync([] {});
+    auto& server = makeServer();
+    prefs_.setValue(kMCPServerEnabledKey, true);
+    // Let the queue's reactor exist first, as it does in a running agent.
+    server.start(0);
+    server.stop();
+    const int before = stateChanges();
+    rlimit saved{}, tight{};
+    ::getrlimit(RLIMIT_NOFILE, &saved);
+    tight = {static_cast<rlim_t>(::open("/dev/null", O_RDONLY)), saved.rlim_max};
+    ::close(static_cast<int>(tight.rlim_cur));  // the lowest free descriptor, now the limit
+    ::setrlimit(RLIMIT_NOFILE, &tight);
+    server.start(0);
+    ::setrlimit(RLIMIT_NOFILE, &saved);
 
-      const std::string reason = std::make_error_code(std::errc::too_many_files_open).message();
-      check(!server.isListening(), "not listening");
-      check(server.statusText() == "Failed to start: " + reason, "status text");
-      check(log.contains("MCP listener could not be created: " + reason), "creation logged");
-      check(log.contains("MCP server failed to start listener: " + reason), "failure logged");
-      check(prefs.boolValue(kMCPServerEnabledKey), "setting left on");
-      check(stateChanges >= 3, "observers told of the failure after the start and the stop");
-      // The failure clears at the next successful start.
-      server.start(0);
-      check(server.isListening() && !server.transport().lastStartError(), "started again");
-    }
-    http.shutdown();
-    main.shutdown();
-    std::fflush(stderr);
-    std::_Exit(failures);
+    // The death test shows what this process writes to standard error, not its expectations.
+    std::string failed;
+    const auto check = [&](bool ok, const char* what) {
+      if (!ok) failed += std::string(what) + "; ";
+    };
+    const std::string reason = std::make_error_code(std::errc::too_many_files_open).message();
+    check(!server.isListening(), "listening");
+    check(server.statusText() == "Failed to start: " + reason, "status text");
+    check(log.contains("MCP listener could not be created: " + reason), "creation not logged");
+    check(log.contains("MCP server failed to start listener: " + reason), "start not logged");
+    check(prefs_.boolValue(kMCPServerEnabledKey), "setting turned off");
+    check(stateChanges() > before, "observers not told");
+    // The failure clears at the next successful start.
+    server.start(0);
+    check(server.isListening() && !server.transport().lastStartError(), "no second start");
+    std::fputs(failed.c_str(), stderr);
+    std::_Exit(failed.empty() ? 0 : 1);
   };
   EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
 }

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <asio/ip/tcp.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -142,6 +143,14 @@ inline std::string post(const std::string& body, const std::string& extraHeaders
                         const std::string& path = "/mcp") {
   return "POST " + path + " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n" +
          extraHeaders + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+// A port that was free a moment ago.
+inline std::uint16_t portWithNothingOnIt() {
+  asio::io_context io;
+  return asio::ip::tcp::acceptor(io, {asio::ip::make_address_v4("127.0.0.1"), 0})
+      .local_endpoint()
+      .port();
 }
 
 // Waits, bounded, for a condition that another thread brings about.
