@@ -12,26 +12,27 @@
 #include <dirent.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "core/clock.hpp"
 #include "core/logging.hpp"
-#include "core/preference_store.hpp"
+#include "core/memory_preference_store.hpp"
 #include "core/serial_queue.hpp"
 #include "mcp/mcp_server.hpp"
 
@@ -40,30 +41,8 @@ namespace {
 using namespace quorel;
 
 constexpr int kClients = 32;
+const SystemClock kClock;
 const std::string kBody = R"({"jsonrpc":"2.0","id":1,"method":"tools/list"})";
-
-class MapPreferenceStore final : public PreferenceStore {
- public:
-  std::optional<nlohmann::json> value(const std::string& key) const override {
-    std::lock_guard lock(mutex_);
-    auto it = values_.find(key);
-    return it == values_.end() ? std::nullopt : std::optional<nlohmann::json>(it->second);
-  }
-  void setValue(const std::string& key, const nlohmann::json& v) override {
-    std::lock_guard lock(mutex_);
-    values_[key] = v;
-  }
-  void removeValue(const std::string& key) override {
-    std::lock_guard lock(mutex_);
-    values_.erase(key);
-  }
-  std::uint64_t addObserver(Observer) override { return 0; }
-  void removeObserver(std::uint64_t) override {}
-
- private:
-  mutable std::mutex mutex_;
-  std::map<std::string, nlohmann::json> values_;
-};
 
 // ------------------------------------------------------------------------------------------
 // The servers, each in its own process.
@@ -73,34 +52,20 @@ struct Child {
   std::uint16_t port = 0;
 };
 
-void waitForTerm() {
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGTERM);
-  int signal = 0;
-  sigwait(&set, &signal);
-}
-
+// Serves until the benchmark kills it.
 [[noreturn]] void runQuorelServer(int reportFd, const std::filesystem::path& dataDirectory) {
   logging::configure({.level = spdlog::level::warn, .toStderr = true, .file = std::nullopt});
-  MapPreferenceStore preferences;
-  const SystemClock clock;
-  SerialQueue mainQueue("main", clock);
-  SerialQueue httpQueue(kMCPTransportQueueLabel, clock);
+  MemoryPreferenceStore preferences;
+  SerialQueue mainQueue("main", kClock);
+  SerialQueue httpQueue(kMCPTransportQueueLabel, kClock);
   mainQueue.start();
   httpQueue.start();
-  std::uint16_t port = 0;
-  {
-    MCPServer server(mainQueue, httpQueue, preferences, dataDirectory);
-    server.start(0);
-    port = server.transport().boundPort().value_or(0);
-    (void)!::write(reportFd, &port, sizeof port);
-    ::close(reportFd);
-    waitForTerm();
-  }
-  httpQueue.shutdown();
-  mainQueue.shutdown();
-  std::_Exit(0);
+  MCPServer server(mainQueue, httpQueue, kClock, preferences, dataDirectory);
+  server.start(0);
+  const std::uint16_t port = server.transport().boundPort().value_or(0);
+  (void)!::write(reportFd, &port, sizeof port);
+  ::close(reportFd);
+  for (;;) ::pause();
 }
 
 // The reference: accept, read the head and the declared body, write a fixed answer, close.
@@ -149,13 +114,14 @@ Child spawn(Run run) {
   int fds[2];
   if (::pipe(fds) != 0) std::abort();
   Child child;
+  const pid_t parent = ::getpid();
   child.pid = ::fork();
   if (child.pid == 0) {
+    // A parent killed or crashed takes its servers with it; one already gone before this line
+    // is noticed by the check after it.
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) std::_Exit(1);
     ::close(fds[0]);
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);
     run(fds[1]);
   }
   ::close(fds[1]);
@@ -207,7 +173,7 @@ std::string readToken(const std::filesystem::path& dataDirectory) {
 
 // One request on one connection; the latency in seconds, or a negative value on failure.
 double oneRequest(std::uint16_t port, const std::string& request) {
-  const auto begin = std::chrono::steady_clock::now();
+  const MonotonicTime begin = kClock.monotonicNow();
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
@@ -226,8 +192,7 @@ double oneRequest(std::uint16_t port, const std::string& request) {
     received += static_cast<std::size_t>(n);
   }
   ::close(fd);
-  const double seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+  const double seconds = Seconds(kClock.monotonicNow() - begin).count();
   return ok && sawOK ? seconds : -1;
 }
 
@@ -280,6 +245,23 @@ struct Figures {
 };
 
 Child gOurs, gReference;
+
+// Ends the servers and removes their data directory on every way out of main: a return, or
+// exit() from inside the benchmark library. The children inherit it but never run it: they
+// leave by _Exit or by a signal.
+struct ServerCleanup {
+  std::filesystem::path dataDirectory;
+  ~ServerCleanup() {
+    for (Child* child : {&gOurs, &gReference}) {
+      if (child->pid <= 0) continue;
+      ::kill(child->pid, SIGKILL);
+      ::waitpid(child->pid, nullptr, 0);
+      child->pid = -1;
+    }
+    std::error_code ec;
+    if (!dataDirectory.empty()) std::filesystem::remove_all(dataDirectory, ec);
+  }
+};
 std::string gOursRequest, gReferenceRequest;
 std::map<std::string, Figures> gFigures;
 // CPU per request of each server in each round, and their ratio in that round.
@@ -394,17 +376,22 @@ void printSummary() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Fork the servers while this process still has one thread.
-  const auto dataDirectory =
+  // The flags first: --help and a flag that is not known end here, before any server exists.
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+
+  static ServerCleanup cleanup;
+  cleanup.dataDirectory =
       std::filesystem::temp_directory_path() / ("quorel-mcp-bench-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(dataDirectory);
-  gOurs = spawn([&](int fd) { runQuorelServer(fd, dataDirectory); });
+  std::filesystem::create_directories(cleanup.dataDirectory);
+  // Fork the servers while this process still has one thread.
+  gOurs = spawn([&](int fd) { runQuorelServer(fd, cleanup.dataDirectory); });
   gReference = spawn([](int fd) { runReferenceServer(fd); });
   if (gOurs.port == 0 || gReference.port == 0) {
     std::fprintf(stderr, "a server did not start — nothing to measure\n");
     return 1;
   }
-  gOursRequest = postOf(readToken(dataDirectory));
+  gOursRequest = postOf(readToken(cleanup.dataDirectory));
   gReferenceRequest = postOf("unused");
 
   benchmark::RegisterBenchmark("BM_ToolsList_OursAndReference", BM_ToolsList_OursAndReference)
@@ -415,18 +402,8 @@ int main(int argc, char** argv) {
       ->Iterations(1)
       ->UseRealTime()
       ->Unit(benchmark::kMillisecond);
-
-  benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   printSummary();
-
-  for (pid_t pid : {gOurs.pid, gReference.pid}) {
-    ::kill(pid, SIGTERM);
-    if (pid == gReference.pid) ::kill(pid, SIGKILL);
-    ::waitpid(pid, nullptr, 0);
-  }
-  std::error_code ec;
-  std::filesystem::remove_all(dataDirectory, ec);
   return 0;
 }

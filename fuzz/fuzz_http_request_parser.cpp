@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "mcp/mcp_http_transport.hpp"
+#include "mcp/mcp_http_request_parser.hpp"
 
 namespace {
 
@@ -17,12 +17,12 @@ void check(bool condition) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using quorel::MCPHTTPTransport;
+  namespace http = quorel::mcp_http;
   using Kind = quorel::MCPParseResult::Kind;
   const std::string_view bytes(reinterpret_cast<const char*>(data), size);
 
   for (const auto& token : {std::optional<std::string>{}, std::optional<std::string>{"tok"}}) {
-    const auto result = MCPHTTPTransport::parse(bytes, token);
+    const auto result = http::parse(bytes, token);
     check(result.request.has_value() == (result.kind == Kind::request));
     if (result.request) {
       check(result.request->body.size() <= bytes.size());
@@ -31,16 +31,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       for (char c : result.request->method) check(!(c >= 'a' && c <= 'z'));
     }
     if (bytes.find("\r\n\r\n") == std::string_view::npos) check(result.kind == Kind::incomplete);
-    // Parsing is pure: the same bytes give the same answer.
-    check(MCPHTTPTransport::parse(bytes, token) == result);
+    // Parsing is pure: the same bytes give the same answer, and the view the transport acts on
+    // is the same decision.
+    check(http::parse(bytes, token) == result);
+    const auto view = http::parseInPlace(bytes, token);
+    check(view.kind == result.kind);
+    if (result.request) check(view.request.body == result.request->body);
   }
 
   // The helpers never fail on any text.
   const auto half = bytes.substr(0, size / 2);
-  (void)MCPHTTPTransport::isLoopbackHost(bytes);
-  (void)MCPHTTPTransport::isAcceptableContentType(bytes);
-  if (auto bearer = MCPHTTPTransport::bearerToken(bytes)) check(bearer->size() < bytes.size());
-  check(MCPHTTPTransport::constantTimeEquals(bytes, bytes));
-  check(MCPHTTPTransport::constantTimeEquals(half, bytes) == (half == bytes));
+  (void)http::isLoopbackHost(bytes);
+  (void)http::isAcceptableContentType(bytes);
+  if (auto bearer = http::bearerToken(bytes)) check(bearer->size() < bytes.size());
+  check(http::constantTimeEquals(bytes, bytes));
+  check(http::constantTimeEquals(half, bytes) == (half == bytes));
   return 0;
 }

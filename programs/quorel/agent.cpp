@@ -112,7 +112,7 @@ class Agent {
 
     httpQueue_.start();
     mcpServer_ = std::make_unique<MCPServer>(
-        mainQueue_, httpQueue_, *preferences_, paths_.dataDirectory,
+        mainQueue_, httpQueue_, clock_, *preferences_, paths_.dataDirectory,
         MCPServerOptions{.version = std::string(kQuorelVersion), .transport = {}});
     mcpSwitch_ = std::make_unique<MCPServerSwitch>(*mcpServer_, *preferences_, mainQueue_);
     sleepWake_ = std::make_unique<LogindSleepMonitor>(mainQueue_);

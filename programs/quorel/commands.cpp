@@ -47,7 +47,8 @@ int runMcpCommand(const std::string& action, const CommandContext& context) {
   } else if (action == "disable") {
     outcome = runMCPDisableCommand(preferences, paths->dataDirectory);
   } else {
-    outcome = runMCPStatusCommand(preferences, paths->dataDirectory);
+    SystemClock clock;
+    outcome = runMCPStatusCommand(preferences, paths->dataDirectory, clock);
   }
   std::cout << outcome.text;
   return outcome.exitStatus;

@@ -1,8 +1,12 @@
 #include "mcp/json_rpc.hpp"
 
+#include <array>
 #include <cmath>
 #include <exception>
 #include <nlohmann/json.hpp>
+#include <utility>
+
+#include "core/enum_text.hpp"
 
 namespace quorel {
 
@@ -281,26 +285,23 @@ std::optional<JSONRPCResponse> JSONRPCResponse::decode(std::string_view body) {
   return r;
 }
 
+namespace {
+
+constexpr EnumTextTable kMCPMethodNames{std::array{
+    std::pair{MCPMethod::initialize, std::string_view{"initialize"}},
+    std::pair{MCPMethod::toolsList, std::string_view{"tools/list"}},
+    std::pair{MCPMethod::toolsCall, std::string_view{"tools/call"}},
+    std::pair{MCPMethod::ping, std::string_view{"ping"}},
+}};
+
+}  // namespace
+
 std::optional<MCPMethod> mcpMethodFromString(std::string_view name) {
-  for (MCPMethod m :
-       {MCPMethod::initialize, MCPMethod::toolsList, MCPMethod::toolsCall, MCPMethod::ping}) {
-    if (wireName(m) == name) return m;
-  }
-  return std::nullopt;
+  return kMCPMethodNames.parse(name);
 }
 
 std::string_view wireName(MCPMethod method) {
-  switch (method) {
-    case MCPMethod::initialize:
-      return "initialize";
-    case MCPMethod::toolsList:
-      return "tools/list";
-    case MCPMethod::toolsCall:
-      return "tools/call";
-    case MCPMethod::ping:
-      return "ping";
-  }
-  return {};
+  return kMCPMethodNames.text(method);
 }
 
 }  // namespace quorel

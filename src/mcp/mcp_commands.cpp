@@ -42,18 +42,16 @@ struct ProbeAnswer {
   std::string body;
 };
 
-using SteadyClock = std::chrono::steady_clock;
-
-int millisecondsLeft(SteadyClock::time_point deadline) {
+int millisecondsLeft(const Clock& clock, MonotonicTime deadline) {
   const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - SteadyClock::now());
+      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock.monotonicNow());
   return left.count() > 0 ? static_cast<int>(left.count()) : 0;
 }
 
-bool waitFor(int fd, short events, SteadyClock::time_point deadline) {
+bool waitFor(int fd, short events, const Clock& clock, MonotonicTime deadline) {
   pollfd p{fd, events, 0};
   for (;;) {
-    const int r = ::poll(&p, 1, millisecondsLeft(deadline));
+    const int r = ::poll(&p, 1, millisecondsLeft(clock, deadline));
     if (r < 0 && errno == EINTR) continue;
     return r > 0;
   }
@@ -61,9 +59,9 @@ bool waitFor(int fd, short events, SteadyClock::time_point deadline) {
 
 // One POST of a "ping" to the loopback endpoint; absent when nothing answers in time.
 std::optional<ProbeAnswer> probe(std::uint16_t port, const std::optional<std::string>& token,
-                                 Seconds timeout) {
-  const auto deadline =
-      SteadyClock::now() + std::chrono::duration_cast<SteadyClock::duration>(timeout);
+                                 const Clock& clock, Seconds timeout) {
+  const MonotonicTime deadline =
+      clock.monotonicNow() + std::chrono::duration_cast<MonotonicTime::duration>(timeout);
   FileDescriptor fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (fd.get() < 0) return std::nullopt;
   sockaddr_in address{};
@@ -71,7 +69,7 @@ std::optional<ProbeAnswer> probe(std::uint16_t port, const std::optional<std::st
   address.sin_port = htons(port);
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    if (errno != EINPROGRESS || !waitFor(fd.get(), POLLOUT, deadline)) return std::nullopt;
+    if (errno != EINPROGRESS || !waitFor(fd.get(), POLLOUT, clock, deadline)) return std::nullopt;
     int error = 0;
     socklen_t length = sizeof error;
     if (::getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
@@ -89,7 +87,7 @@ std::optional<ProbeAnswer> probe(std::uint16_t port, const std::optional<std::st
     if (n > 0) {
       sent += static_cast<std::size_t>(n);
     } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-      if (!waitFor(fd.get(), POLLOUT, deadline)) return std::nullopt;
+      if (!waitFor(fd.get(), POLLOUT, clock, deadline)) return std::nullopt;
     } else {
       return std::nullopt;
     }
@@ -103,7 +101,7 @@ std::optional<ProbeAnswer> probe(std::uint16_t port, const std::optional<std::st
     } else if (n == 0) {
       break;
     } else if (errno == EAGAIN || errno == EINTR) {
-      if (!waitFor(fd.get(), POLLIN, deadline)) return std::nullopt;
+      if (!waitFor(fd.get(), POLLIN, clock, deadline)) return std::nullopt;
     } else {
       break;
     }
@@ -160,14 +158,14 @@ MCPCommandOutcome runMCPDisableCommand(PreferenceStore& preferences,
 
 MCPCommandOutcome runMCPStatusCommand(const PreferenceStore& preferences,
                                       const std::filesystem::path& dataDirectory,
-                                      Seconds probeTimeout) {
+                                      const Clock& clock, Seconds probeTimeout) {
   const std::uint16_t port = mcpConfiguredPort(preferences);
   const std::string details = connectionLines(port, dataDirectory);
   const std::string where = "127.0.0.1:" + std::to_string(port);
   if (!preferences.boolValue(kMCPServerEnabledKey)) {
     return {mcpStatusText(false, false, std::nullopt, port) + "\n" + details, 0};
   }
-  const auto answer = probe(port, readToken(mcpTokenFile(dataDirectory)), probeTimeout);
+  const auto answer = probe(port, readToken(mcpTokenFile(dataDirectory)), clock, probeTimeout);
   if (!answer) {
     return {"Not running — nothing answers on " + where +
                 "; start the agent with `quorel`, which then starts the server.\n" + details,

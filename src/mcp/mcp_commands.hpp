@@ -24,10 +24,11 @@ MCPCommandOutcome runMCPEnableCommand(PreferenceStore& preferences,
 MCPCommandOutcome runMCPDisableCommand(PreferenceStore& preferences,
                                        const std::filesystem::path& dataDirectory);
 // Prints the status line, the endpoint and the token file. Whether the server runs is learnt
-// by sending it a "ping" with the token from the file, waiting at most `probeTimeout`.
+// by sending it a "ping" with the token from the file, waiting at most `probeTimeout` by
+// `clock`'s monotonic time.
 // Exit status 0 when stopped or running, 1 when enabled but not answering as it should.
 MCPCommandOutcome runMCPStatusCommand(const PreferenceStore& preferences,
                                       const std::filesystem::path& dataDirectory,
-                                      Seconds probeTimeout = Seconds{2.0});
+                                      const Clock& clock, Seconds probeTimeout = Seconds{2.0});
 
 }  // namespace quorel

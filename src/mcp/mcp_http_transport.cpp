@@ -20,6 +20,7 @@
 
 #include "core/batched_poster.hpp"
 #include "core/logging.hpp"
+#include "mcp/mcp_http_request_parser.hpp"
 #include "mcp/text_util.hpp"
 
 namespace quorel {
@@ -31,217 +32,18 @@ using asio::ip::tcp;
 constexpr std::string_view kEncodeFailedBody =
     R"({"jsonrpc":"2.0","id":null,"error":{"code":-32603,"message":"encode failed"}})";
 
-// A base-ten integer as the platform reads one: an optional sign, then digits only.
-std::optional<std::int64_t> parseInteger(std::string_view s) {
-  if (!s.empty() && s.front() == '+') s.remove_prefix(1);
-  if (s.empty() || s.front() == '+') return std::nullopt;
-  std::int64_t value = 0;
-  auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), value);
-  if (ec != std::errc() || end != s.data() + s.size()) return std::nullopt;
-  return value;
-}
+}  // namespace
 
-// The bearer form of an Authorization value, as a view into it.
-std::optional<std::string_view> bearerTokenIn(std::optional<std::string_view> authorization) {
-  if (!authorization) return std::nullopt;
-  const std::string_view trimmed = trimBlanks(*authorization);
-  constexpr std::string_view kPrefix = "bearer ";
-  if (trimmed.size() <= kPrefix.size()) return std::nullopt;
-  if (!equalsIgnoringAsciiCase(trimmed.substr(0, kPrefix.size()), kPrefix)) return std::nullopt;
-  return trimBlanks(trimmed.substr(kPrefix.size()));
-}
-
-bool isLoopbackPeer(const sockaddr_storage& peer) {
-  if (peer.ss_family == AF_INET) {
+bool MCPHTTPTransport::isLoopbackPeer(const sockaddr& peer) {
+  if (peer.sa_family == AF_INET) {
     const auto& v4 = reinterpret_cast<const sockaddr_in&>(peer);
     return (ntohl(v4.sin_addr.s_addr) >> 24) == 127;
   }
-  if (peer.ss_family == AF_INET6) {
+  if (peer.sa_family == AF_INET6) {
     const auto& v6 = reinterpret_cast<const sockaddr_in6&>(peer);
     return IN6_IS_ADDR_LOOPBACK(&v6.sin6_addr) != 0;
   }
   return false;
-}
-
-}  // namespace
-
-// ---------------------------------------------------------------------------------------------
-// Parsing
-
-namespace {
-
-// A parse result whose parts point into the bytes parsed, so that a request read whole is
-// dispatched without copying any of it.
-struct RequestView {
-  std::string_view method;  // as sent; compared without regard to case
-  std::string_view path;
-  std::optional<std::string_view> contentType;
-  std::string_view body;
-};
-
-struct ParsedView {
-  MCPParseResult::Kind kind = MCPParseResult::Kind::incomplete;
-  RequestView request;  // meaningful for Kind::request only
-};
-
-ParsedView parseInPlace(std::string_view data, const std::optional<std::string>& requiredToken) {
-  using Kind = MCPParseResult::Kind;
-  const auto fail = [](Kind kind) { return ParsedView{kind, {}}; };
-  const auto mark = data.find("\r\n\r\n");
-  if (mark == std::string_view::npos) return fail(Kind::incomplete);
-  const std::string_view head = data.substr(0, mark);
-  if (!isValidUTF8(head)) return fail(Kind::badRequest);
-
-  // Lines end at LF; a CR just before an LF belongs to the line end, any other CR to the text.
-  std::size_t at = 0;
-  const auto nextLine = [&]() -> std::optional<std::string_view> {
-    if (at > head.size()) return std::nullopt;
-    const auto lf = head.find('\n', at);
-    std::string_view line = head.substr(at, lf == std::string_view::npos ? lf : lf - at);
-    if (lf != std::string_view::npos && !line.empty() && line.back() == '\r') {
-      line.remove_suffix(1);
-    }
-    at = lf == std::string_view::npos ? head.size() + 1 : lf + 1;
-    return line;
-  };
-
-  // Method, path and a version that is ignored, split on single spaces; no space at all means
-  // there is no path.
-  const std::string_view requestLine = *nextLine();
-  const auto firstSpace = requestLine.find(' ');
-  if (firstSpace == std::string_view::npos) return fail(Kind::badRequest);
-  std::string_view path = requestLine.substr(firstSpace + 1);
-  RequestView request;
-  request.method = requestLine.substr(0, firstSpace);
-  request.path = path.substr(0, path.find(' '));
-
-  std::optional<std::int64_t> declaredLength;
-  bool chunked = false;
-  std::optional<std::string_view> host, origin, authorization, headerToken;
-  while (const auto line = nextLine()) {
-    const auto colon = line->find(':');
-    if (colon == std::string_view::npos) continue;
-    const std::string_view name = trimBlanks(line->substr(0, colon));
-    const std::string_view value = trimBlanks(line->substr(colon + 1));
-    // The names that matter differ in length, so the length alone picks the one to compare.
-    const auto is = [name](std::string_view known) { return equalsIgnoringAsciiCase(name, known); };
-    switch (name.size()) {
-      case 12:
-        if (is("content-type")) request.contentType = value;
-        break;
-      case 14:
-        if (is("content-length")) {
-          auto n = parseInteger(value);
-          if (!n || *n < 0 || *n > MCPHTTPTransport::kMaxContentLength) {
-            return fail(Kind::badRequest);
-          }
-          declaredLength = *n;
-        }
-        break;
-      case 17:
-        if (is("transfer-encoding") && asciiLower(value).find("chunked") != std::string::npos) {
-          chunked = true;
-        }
-        break;
-      case 4:
-        if (is("host")) host = value;
-        break;
-      case 6:
-        if (is("origin")) origin = value;
-        break;
-      case 13:
-        if (is("authorization")) authorization = value;
-        break;
-      case 18:
-        if (is("x-quorel-mcp-token")) headerToken = value;
-        break;
-      default:
-        break;
-    }
-  }
-
-  // No browser-origin request is ever answered, so no cross-origin headers exist either.
-  if (origin) return fail(Kind::forbidden);
-  // A foreign Host is how a DNS-rebinding page reaches a loopback port.
-  if (!MCPHTTPTransport::isLoopbackHost(host)) return fail(Kind::forbidden);
-  if (requiredToken) {
-    auto presented = bearerTokenIn(authorization);
-    if (!presented) presented = headerToken;
-    if (!presented || !MCPHTTPTransport::constantTimeEquals(*presented, *requiredToken)) {
-      return fail(Kind::unauthorized);
-    }
-  }
-  if (chunked) return fail(Kind::badRequest);
-
-  const std::string_view rest = data.substr(mark + 4);
-  if (declaredLength) {
-    const auto length = static_cast<std::size_t>(*declaredLength);
-    if (rest.size() < length) return fail(Kind::incomplete);
-    request.body = rest.substr(0, length);
-  } else {
-    request.body = rest;
-  }
-  return ParsedView{Kind::request, request};
-}
-
-}  // namespace
-
-MCPParseResult MCPHTTPTransport::parse(std::string_view data,
-                                       const std::optional<std::string>& requiredToken) {
-  const ParsedView parsed = parseInPlace(data, requiredToken);
-  if (parsed.kind != MCPParseResult::Kind::request) return {parsed.kind, std::nullopt};
-  const RequestView& view = parsed.request;
-  MCPHTTPRequest request;
-  request.method = asciiUpper(view.method);
-  request.path = std::string(view.path);
-  if (view.contentType) request.contentType = std::string(*view.contentType);
-  request.body = std::string(view.body);
-  return MCPParseResult{parsed.kind, std::move(request)};
-}
-
-bool MCPHTTPTransport::isLoopbackHost(std::optional<std::string_view> value) {
-  if (!value || value->empty()) return true;
-  std::string_view h = *value;
-  std::string_view hostPart;
-  if (h.front() == '[') {
-    const auto close = h.find(']');
-    hostPart = close == std::string_view::npos ? h.substr(1) : h.substr(1, close - 1);
-  } else if (std::count(h.begin(), h.end(), ':') <= 1) {
-    // The first non-empty side of the colon; a value of only a colon stays whole.
-    const auto colon = h.find(':');
-    const std::string_view before = h.substr(0, colon);
-    const std::string_view after =
-        colon == std::string_view::npos ? std::string_view() : h.substr(colon + 1);
-    hostPart = !before.empty() ? before : !after.empty() ? after : h;
-  } else {
-    hostPart = h;  // a bare IPv6 address
-  }
-  return hostPart == "127.0.0.1" || hostPart == "::1" ||
-         equalsIgnoringAsciiCase(hostPart, "localhost");
-}
-
-std::optional<std::string> MCPHTTPTransport::bearerToken(
-    std::optional<std::string_view> authorization) {
-  auto token = bearerTokenIn(authorization);
-  if (!token) return std::nullopt;
-  return std::string(*token);
-}
-
-bool MCPHTTPTransport::constantTimeEquals(std::string_view a, std::string_view b) {
-  const std::size_t n = std::max(a.size(), b.size());
-  unsigned difference = a.size() == b.size() ? 0u : 1u;
-  for (std::size_t i = 0; i < n; ++i) {
-    const auto x = i < a.size() ? static_cast<unsigned char>(a[i]) : 0u;
-    const auto y = i < b.size() ? static_cast<unsigned char>(b[i]) : 0u;
-    difference |= x ^ y;
-  }
-  return difference == 0;
-}
-
-bool MCPHTTPTransport::isAcceptableContentType(std::optional<std::string_view> value) {
-  if (!value || value->empty()) return true;
-  const std::string_view mediaType = value->substr(0, value->find(';'));
-  return equalsIgnoringAsciiCase(trimWhitespace(mediaType), "application/json");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -254,8 +56,6 @@ bool MCPHTTPTransport::isAcceptableContentType(std::optional<std::string_view> v
 // with the reactor, and one timer sweeps the deadlines of those still waiting for their request.
 
 struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::Impl> {
-  using SteadyTime = std::chrono::steady_clock::time_point;
-
   // One slot per connection the cap allows. A slot and its buffers are used again and again,
   // so a connection costs no allocation once the slots have warmed up.
   struct Connection {
@@ -265,7 +65,7 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
     std::optional<tcp::socket> waiter;
     // The limit on the whole request, from accept; it stops applying once answering begins.
     // Set the first time the connection waits, microseconds after accept: most never do.
-    std::optional<SteadyTime> deadline;
+    std::optional<MonotonicTime> deadline;
     bool awaitingRequest = true;
     std::string buffer;
     // The answer and how much of it has gone out.
@@ -284,12 +84,18 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
     std::optional<JSONRPCResponse> response;
   };
 
-  Impl(SerialQueue& q, Route r, MCPHTTPTransportOptions o)
-      : queue(q), route(std::move(r)), options(o), log(logging::get("mcp")) {
+  // The least the sweep timer waits. The timer waits in real time for what the clock says is
+  // left; a clock that does not follow real time (a test's) is read again when it fires, and
+  // without a floor a deadline such a clock holds a hair away would spin the timer.
+  static constexpr std::chrono::milliseconds kSweepFloor{1};
+
+  Impl(SerialQueue& q, const Clock& c, Route r, MCPHTTPTransportOptions o)
+      : queue(q), clock(c), route(std::move(r)), options(o), log(logging::get("mcp")) {
     for (std::size_t i = 0; i < kMaxConnections; ++i) freeSlots[i] = kMaxConnections - 1 - i;
   }
 
   SerialQueue& queue;
+  const Clock& clock;
   const Route route;
   const MCPHTTPTransportOptions options;
   std::shared_ptr<spdlog::logger> log;
@@ -308,7 +114,7 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   // One timer for every deadline; armed for the earliest among connections waiting for bytes.
   // Made with the first connection that waits, when the listener has long created the reactor.
   std::optional<asio::steady_timer> sweep;
-  std::optional<SteadyTime> sweepAt;
+  std::optional<MonotonicTime> sweepAt;
   std::function<void(std::error_code)> onStartError;
   std::optional<std::error_code> lastStartError;
   std::function<void(std::uint16_t)> onListening;
@@ -335,13 +141,13 @@ struct MCPHTTPTransport::Impl : std::enable_shared_from_this<MCPHTTPTransport::I
   bool ensureRegistered(Connection& conn);
   void waitUntil(Connection& conn, tcp::socket::wait_type what);
   void onReadable(Connection& conn);
-  void dispatch(Connection& conn, const RequestView& request);
+  void dispatch(Connection& conn, const mcp_http::RequestView& request);
   void finishRoute(std::uint64_t id, const std::optional<JSONRPCResponse>& response);
   using HeaderList = std::initializer_list<std::pair<std::string_view, std::string_view>>;
   void answer(Connection& conn, std::string_view status, HeaderList headers = {},
               std::string_view body = {});
   void writeRest(Connection& conn);
-  void armSweep(SteadyTime at);
+  void armSweep(MonotonicTime at, MonotonicTime now);
   void sweepDeadlines();
   void cancelConnection(Connection& conn);
   void teardown();
@@ -458,7 +264,7 @@ void MCPHTTPTransport::Impl::acceptPending() {
 void MCPHTTPTransport::Impl::admit(int fd, const sockaddr_storage& peer) {
   // Bound to 127.0.0.1, the listener should see nothing else; a local process could still
   // connect from another of the machine's addresses, and that is refused without a word.
-  if (!isLoopbackPeer(peer)) {
+  if (!isLoopbackPeer(reinterpret_cast<const sockaddr&>(peer))) {
     ::close(fd);
     return;
   }
@@ -492,12 +298,13 @@ void MCPHTTPTransport::Impl::waitUntil(Connection& conn, tcp::socket::wait_type 
     return;
   }
   if (what == tcp::socket::wait_read && conn.awaitingRequest) {
+    // Only a connection that waits for its request reads the clock; most never wait.
+    const MonotonicTime now = clock.monotonicNow();
     if (!conn.deadline) {
       conn.deadline =
-          std::chrono::steady_clock::now() +
-          std::chrono::duration_cast<std::chrono::steady_clock::duration>(options.requestDeadline);
+          now + std::chrono::duration_cast<MonotonicTime::duration>(options.requestDeadline);
     }
-    armSweep(*conn.deadline);
+    armSweep(*conn.deadline, now);
   }
   std::weak_ptr<Impl> weak = weak_from_this();
   conn.waiter->async_wait(what, [weak, id = conn.id, what](std::error_code ec) {
@@ -544,7 +351,7 @@ void MCPHTTPTransport::Impl::onReadable(Connection& conn) {
       }
       bytes = conn.buffer;
     }
-    const ParsedView parsed = parseInPlace(bytes, requiredToken);
+    const mcp_http::ParsedView parsed = mcp_http::parseInPlace(bytes, requiredToken);
     switch (parsed.kind) {
       case MCPParseResult::Kind::incomplete:
         if (ended) {
@@ -571,7 +378,7 @@ void MCPHTTPTransport::Impl::onReadable(Connection& conn) {
   }
 }
 
-void MCPHTTPTransport::Impl::dispatch(Connection& conn, const RequestView& request) {
+void MCPHTTPTransport::Impl::dispatch(Connection& conn, const mcp_http::RequestView& request) {
   std::string_view path = request.path;
   if (const auto q = path.find('?'); q != std::string_view::npos && q > 0) {
     path = path.substr(0, q);
@@ -588,7 +395,7 @@ void MCPHTTPTransport::Impl::dispatch(Connection& conn, const RequestView& reque
     answer(conn, "404 Not Found");
     return;
   }
-  if (!isAcceptableContentType(request.contentType)) {
+  if (!mcp_http::isAcceptableContentType(request.contentType)) {
     answer(conn, "415 Unsupported Media Type");
     return;
   }
@@ -661,11 +468,11 @@ void MCPHTTPTransport::Impl::writeRest(Connection& conn) {
   cancelConnection(conn);
 }
 
-void MCPHTTPTransport::Impl::armSweep(SteadyTime at) {
+void MCPHTTPTransport::Impl::armSweep(MonotonicTime at, MonotonicTime now) {
   if (sweepAt && *sweepAt <= at) return;
   sweepAt = at;
   if (!sweep) sweep.emplace(queue.context());
-  sweep->expires_at(at);
+  sweep->expires_after(std::max<MonotonicTime::duration>(at - now, kSweepFloor));
   std::weak_ptr<Impl> weak = weak_from_this();
   sweep->async_wait([weak](std::error_code ec) {
     auto self = weak.lock();
@@ -676,8 +483,8 @@ void MCPHTTPTransport::Impl::armSweep(SteadyTime at) {
 }
 
 void MCPHTTPTransport::Impl::sweepDeadlines() {
-  const auto now = std::chrono::steady_clock::now();
-  std::optional<SteadyTime> next;
+  const MonotonicTime now = clock.monotonicNow();
+  std::optional<MonotonicTime> next;
   for (Connection& conn : slots) {
     if (conn.id == 0 || !conn.awaitingRequest || !conn.deadline) continue;
     if (*conn.deadline <= now) {
@@ -688,7 +495,7 @@ void MCPHTTPTransport::Impl::sweepDeadlines() {
       next = *conn.deadline;
     }
   }
-  if (next) armSweep(*next);
+  if (next) armSweep(*next, now);
 }
 
 void MCPHTTPTransport::Impl::cancelConnection(Connection& conn) {
@@ -744,8 +551,9 @@ auto MCPHTTPTransport::onQueue(F&& work) const {
   return queue_.sync(std::forward<F>(work));
 }
 
-MCPHTTPTransport::MCPHTTPTransport(SerialQueue& queue, Route route, MCPHTTPTransportOptions options)
-    : queue_(queue), impl_(std::make_shared<Impl>(queue, std::move(route), options)) {
+MCPHTTPTransport::MCPHTTPTransport(SerialQueue& queue, const Clock& clock, Route route,
+                                   MCPHTTPTransportOptions options)
+    : queue_(queue), impl_(std::make_shared<Impl>(queue, clock, std::move(route), options)) {
   std::weak_ptr<Impl> weak = impl_;
   impl_->replies.emplace(queue, [weak](Impl::RoutedReply& reply) {
     if (auto impl = weak.lock()) impl->finishRoute(reply.connection, reply.response);

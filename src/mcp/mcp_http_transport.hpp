@@ -1,8 +1,8 @@
 #pragma once
 // A deliberately small HTTP/1.1 server for the MCP endpoint. It listens on 127.0.0.1 only, takes
-// exactly one request per connection, refuses anything a browser page could send (any Origin, a
-// foreign Host) and anything without the token, hands the decoded JSON-RPC request to the route
-// function, writes one response and closes. It knows nothing of tools or methods.
+// exactly one request per connection, refuses what the request parser refuses (anything a
+// browser page could send, anything without the token), hands the decoded JSON-RPC request to
+// the route function, writes one response and closes. It knows nothing of tools or methods.
 //
 // Threading: every field lives on the transport's serial queue. The public operations enter the
 // queue synchronously (directly when already on it), so the queue must be running. The route
@@ -21,29 +21,15 @@
 #include "core/clock.hpp"
 #include "core/serial_queue.hpp"
 #include "mcp/json_rpc.hpp"
+#include "mcp/mcp_http_request_parser.hpp"
+
+struct sockaddr;
 
 namespace quorel {
 
-// A complete request that passed every check of the parser.
-struct MCPHTTPRequest {
-  std::string method;  // upper case
-  std::string path;    // as sent, query included
-  std::optional<std::string> contentType;
-  std::string body;
-  bool operator==(const MCPHTTPRequest&) const = default;
-};
-
-// What the parser makes of the bytes buffered so far.
-struct MCPParseResult {
-  enum class Kind { incomplete, badRequest, forbidden, unauthorized, request };
-  Kind kind = Kind::incomplete;
-  std::optional<MCPHTTPRequest> request;  // set for Kind::request only
-  bool operator==(const MCPParseResult&) const = default;
-};
-
 struct MCPHTTPTransportOptions {
   // The limit on a whole request, from accept to the last byte; not re-armed by arriving bytes.
-  // Tests shorten it.
+  // Measured on the transport's clock.
   Seconds requestDeadline{15.0};
 };
 
@@ -51,7 +37,6 @@ class MCPHTTPTransport {
  public:
   static constexpr std::size_t kMaxConnections = 32;
   static constexpr std::size_t kMaxBufferedBytes = 1'048'576;
-  static constexpr std::int64_t kMaxContentLength = 1'048'576;
   static constexpr std::size_t kMaxReadBytes = 65'536;
   static constexpr const char* kBindAddress = "127.0.0.1";
   static constexpr std::uint16_t kFallbackPort = 0;
@@ -78,7 +63,9 @@ class MCPHTTPTransport {
   // Answers one decoded request through its Reply; may answer later, from any thread.
   using Route = std::function<void(JSONRPCRequest, Reply)>;
 
-  MCPHTTPTransport(SerialQueue& queue, Route route, MCPHTTPTransportOptions options = {});
+  // Deadlines are decided on `clock`'s monotonic time; the clock must outlive the transport.
+  MCPHTTPTransport(SerialQueue& queue, const Clock& clock, Route route,
+                   MCPHTTPTransportOptions options = {});
   ~MCPHTTPTransport();
   MCPHTTPTransport(const MCPHTTPTransport&) = delete;
   MCPHTTPTransport& operator=(const MCPHTTPTransport&) = delete;
@@ -104,14 +91,10 @@ class MCPHTTPTransport {
   void setOnListening(std::function<void(std::uint16_t)> callback);
   void setOnStartError(std::function<void(std::error_code)> callback);
 
-  // The request parser, pure, exercised without a network.
-  static MCPParseResult parse(std::string_view data,
-                              const std::optional<std::string>& requiredToken);
-  static bool isLoopbackHost(std::optional<std::string_view> host);
-  static std::optional<std::string> bearerToken(std::optional<std::string_view> authorization);
-  // Compares without an early exit, so timing does not reveal how much of a guess was right.
-  static bool constantTimeEquals(std::string_view a, std::string_view b);
-  static bool isAcceptableContentType(std::optional<std::string_view> value);
+  // Whether an accepted peer may be served: any address of 127.0.0.0/8, or ::1. Bound to
+  // 127.0.0.1 the listener should see nothing else, but a local process can connect from
+  // another of the machine's addresses.
+  static bool isLoopbackPeer(const sockaddr& peer);
 
  private:
   template <class F>

@@ -160,7 +160,7 @@ struct MCPServer::Core {
   }
 };
 
-MCPServer::MCPServer(SerialQueue& mainQueue, SerialQueue& transportQueue,
+MCPServer::MCPServer(SerialQueue& mainQueue, SerialQueue& transportQueue, const Clock& clock,
                      PreferenceStore& preferences, std::filesystem::path dataDirectory,
                      MCPServerOptions options, std::unique_ptr<MCPToolRegistry> registry)
     : core_(std::make_shared<Core>(mainQueue, preferences, std::move(dataDirectory),
@@ -177,7 +177,7 @@ MCPServer::MCPServer(SerialQueue& mainQueue, SerialQueue& transportQueue,
   auto routeOnMain = [toMain](JSONRPCRequest request, MCPHTTPTransport::Reply reply) {
     toMain.post({std::move(request), std::move(reply)});
   };
-  transport_ = std::make_unique<MCPHTTPTransport>(transportQueue, std::move(routeOnMain),
+  transport_ = std::make_unique<MCPHTTPTransport>(transportQueue, clock, std::move(routeOnMain),
                                                   core_->options.transport);
   transport_->setOnListening([weak](std::uint16_t port) {
     if (auto core = weak.lock()) {

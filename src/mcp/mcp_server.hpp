@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/clock.hpp"
 #include "core/json_value.hpp"
 #include "core/preference_store.hpp"
 #include "core/serial_queue.hpp"
@@ -55,10 +56,11 @@ class MCPServer {
  public:
   static constexpr const char* stateChangedNotification = "Quorel.mcpServerStateChanged";
 
-  // `registry` defaults to the (still empty) tool catalogue. Does not listen yet.
-  MCPServer(SerialQueue& mainQueue, SerialQueue& transportQueue, PreferenceStore& preferences,
-            std::filesystem::path dataDirectory, MCPServerOptions options = {},
-            std::unique_ptr<MCPToolRegistry> registry = nullptr);
+  // `registry` defaults to the (still empty) tool catalogue; `clock` times the transport's
+  // deadlines and must outlive the server. Does not listen yet.
+  MCPServer(SerialQueue& mainQueue, SerialQueue& transportQueue, const Clock& clock,
+            PreferenceStore& preferences, std::filesystem::path dataDirectory,
+            MCPServerOptions options = {}, std::unique_ptr<MCPToolRegistry> registry = nullptr);
   ~MCPServer();
   MCPServer(const MCPServer&) = delete;
   MCPServer& operator=(const MCPServer&) = delete;

@@ -47,16 +47,13 @@ TEST(JSONRPCRequestTest, AMemberGivenTwiceCountsByItsLastValue) {
   expectDecodes({
       {R"({"jsonrpc":"2.0","method":"a","method":5})", std::nullopt},
       {R"({"jsonrpc":"2.0","method":5,"method":"a"})", request("a")},
-      {R"({"jsonrpc":"2.0","method":"a","method":"b"})", request("b")},
       {R"({"jsonrpc":"2.0","method":"a","method":{"m":"b"}})", std::nullopt},
-      {R"({"jsonrpc":"2.0","method":["a"],"method":"b"})", request("b")},
       {R"({"jsonrpc":"2.0","jsonrpc":null,"method":"m"})", std::nullopt},
       {R"({"jsonrpc":[],"jsonrpc":"1.0","method":"m"})", request("m", {}, {}, "1.0")},
       // An escaped key names the same member as the plain one.
       {R"({"jsonrpc":"2.0","method":"a","meth\u006fd":"b"})", request("b")},
       {R"({"jsonrpc":"2.0","method":"m","id":1,"id":null})", request("m")},
       {R"({"jsonrpc":"2.0","method":"m","id":null,"id":"b"})", request("m", JSONValue("b"))},
-      {R"({"jsonrpc":"2.0","method":"m","id":{"a":1},"id":2})", request("m", JSONValue(2))},
       {R"({"jsonrpc":"2.0","method":"m","params":{"a":1},"params":[2]})",
        request("m", {}, JSONValue::array({2}))},
       {R"({"jsonrpc":"2.0","method":"m","params":[1],"params":null})", request("m")},
@@ -82,18 +79,14 @@ TEST(JSONRPCRequestTest, EachMemberIsKeptOrRefusedByItsKind) {
       {R"({"jsonrpc":"2.0","method":"m","id":"abc","params":[1,{"a":true}],"extra":1})",
        request("m", JSONValue("abc"), JSONValue::array({1, JSONValue::object({{"a", true}})}))},
       {R"({"jsonrpc":"2.0","method":"m","id":1.0})", request("m", JSONValue(1))},
-      {R"({"jsonrpc":"2.0","method":"m","id":-9223372036854775808})",
-       request("m", JSONValue(-9223372036854775808.0))},
       {R"({"jsonrpc":"2.0","method":"m","id":18446744073709551615})",
        request("m", JSONValue(18446744073709551615.0))},
-      {R"({"jsonrpc":"2.0","method":"m","id":25e-1})", request("m", JSONValue(2.5))},
       {R"({"jsonrpc":"2.0","method":"m","id":false})", request("m", JSONValue(false))},
       {R"({"jsonrpc":"2.0","method":"m","id":"\u00e9"})", request("m", JSONValue("\xC3\xA9"))},
       {R"({"jsonrpc":"2.0","method":"m","id":{"n":[1,{"x":null}]}})",
        request("m", JSONValue::object(
                         {{"n", JSONValue::array({1, JSONValue::object({{"x", nullptr}})})}}))},
       {R"({"jsonrpc":"2.0","method":"m","params":"text"})", request("m", {}, JSONValue("text"))},
-      {R"({"jsonrpc":"2.0","method":"m","params":0})", request("m", {}, JSONValue(0))},
   });
 }
 
@@ -138,29 +131,11 @@ TEST(JSONRPCRequestTest, BodiesThatAreNotOneRequestObjectFail) {
   }
 }
 
-TEST(JSONRPCResponseTest, AbsentFieldsAreLeftOutNotWrittenAsNull) {
-  auto parseFailure = JSONRPCResponse::failure(std::nullopt, JSONRPCErrorObject::parseError);
-  const std::string text = parseFailure.encode().value_or("");
-  EXPECT_EQ(text.find("\"id\""), std::string::npos) << text;
-  EXPECT_EQ(JSONValue::parse(text),
-            JSONValue::object(
-                {{"jsonrpc", "2.0"},
-                 {"error", JSONValue::object({{"code", -32700}, {"message", "Parse error"}})}}));
-
-  auto ok = JSONRPCResponse::success(JSONValue(7), JSONValue::object({}));
-  auto written = JSONValue::parse(*ok.encode());
-  ASSERT_TRUE(written);
-  EXPECT_EQ(*written,
-            JSONValue::object({{"jsonrpc", "2.0"}, {"id", 7}, {"result", JSONValue::object({})}}));
-  EXPECT_FALSE(written->find("error"));
-}
-
 TEST(JSONRPCResponseTest, EncodingWritesExactlyTheTextOfTheResponseObject) {
   const JSONRPCErrorObject withData{kJSONRPCInvalidParams, "bad \"x\"", JSONValue("d\n")};
   const JSONRPCResponse cases[] = {
       JSONRPCResponse::success(JSONValue(7), JSONValue::object({{"tools", JSONValue::array({})}})),
       JSONRPCResponse::success(JSONValue("ü-id"), JSONValue(nullptr)),
-      JSONRPCResponse::failure(std::nullopt, JSONRPCErrorObject::parseError),
       JSONRPCResponse::failure(JSONValue(2.5), withData),
       // Not a valid response, but every member at once shows their order.
       JSONRPCResponse{"2.0", JSONValue(1), JSONValue(true), withData},
@@ -174,16 +149,16 @@ TEST(JSONRPCResponseTest, EncodingWritesExactlyTheTextOfTheResponseObject) {
     EXPECT_TRUE(response.encodeTo(appended));
     EXPECT_EQ(appended, "before" + *expected);
   }
-  EXPECT_FALSE(JSONRPCResponse::success(JSONValue(INFINITY), JSONValue(1)).encode());
-}
-
-TEST(JSONRPCResponseTest, AResultThatIsNotFiniteCannotBeEncoded) {
-  auto r = JSONRPCResponse::success(JSONValue(1), JSONValue::object({{"w", std::nan("")}}));
-  EXPECT_FALSE(r.encode());
-  // Half a response is never left behind in a buffer that is being added to.
-  std::string out = "kept";
-  EXPECT_FALSE(r.encodeTo(out));
-  EXPECT_EQ(out, "kept");
+  // A value that is not finite cannot be written, and half a response is never left behind in
+  // a buffer that is being added to.
+  for (const auto& unwritable :
+       {JSONRPCResponse::success(JSONValue(INFINITY), JSONValue(1)),
+        JSONRPCResponse::success(JSONValue(1), JSONValue::object({{"w", std::nan("")}}))}) {
+    EXPECT_FALSE(unwritable.encode());
+    std::string out = "kept";
+    EXPECT_FALSE(unwritable.encodeTo(out));
+    EXPECT_EQ(out, "kept");
+  }
 }
 
 TEST(JSONRPCResponseTest, DecodeReadsWhatEncodeWrites) {
@@ -194,16 +169,6 @@ TEST(JSONRPCResponseTest, DecodeReadsWhatEncodeWrites) {
   EXPECT_EQ(JSONRPCResponse::decode(*success.encode()), success);
   // An error code must be an integer.
   EXPECT_FALSE(JSONRPCResponse::decode(R"({"jsonrpc":"2.0","error":{"code":1.5,"message":"m"}})"));
-}
-
-TEST(MCPMethodTest, NamesMatchExactlyAndCaseSensitively) {
-  EXPECT_EQ(mcpMethodFromString("initialize"), MCPMethod::initialize);
-  EXPECT_EQ(mcpMethodFromString("tools/list"), MCPMethod::toolsList);
-  EXPECT_EQ(mcpMethodFromString("tools/call"), MCPMethod::toolsCall);
-  EXPECT_EQ(mcpMethodFromString("ping"), MCPMethod::ping);
-  for (std::string_view other : {"Ping", "tools/list ", "", "notifications/initialized", "tools"}) {
-    EXPECT_FALSE(mcpMethodFromString(other)) << other;
-  }
 }
 
 }  // namespace

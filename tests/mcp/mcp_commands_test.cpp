@@ -4,32 +4,27 @@
 
 #include <gtest/gtest.h>
 
-#include <asio/ip/tcp.hpp>
 #include <fstream>
 
+#include "core/memory_preference_store.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp_test_support.hpp"
 
 namespace quorel {
 namespace {
 
-using testing::MapPreferenceStore;
+using testing::portWithNothingOnIt;
 using testing::ScratchDirectory;
 
 bool startsWith(const std::string& text, const std::string& prefix) {
   return text.rfind(prefix, 0) == 0;
 }
 
-std::uint16_t portWithNothingOnIt() {
-  asio::io_context io;
-  asio::ip::tcp::acceptor a(io, asio::ip::tcp::endpoint(asio::ip::make_address_v4("127.0.0.1"), 0));
-  return a.local_endpoint().port();
-}
-
 class MCPCommandsTest : public ::testing::Test {
  protected:
   ScratchDirectory dir_;
-  MapPreferenceStore prefs_;
+  MemoryPreferenceStore prefs_;
+  SystemClock clock_;
   std::filesystem::path data() const { return dir_.path() / "data"; }
 };
 
@@ -51,20 +46,17 @@ TEST_F(MCPCommandsTest, EnableAndDisableFlipTheSettingAndSayWhereToConnect) {
   EXPECT_EQ(off.text, "MCP server disabled — a running agent stops it within moments.\n");
 }
 
-TEST_F(MCPCommandsTest, StatusWhenDisabledIsStoppedWithoutProbing) {
-  prefs_.setValue(kMCPServerPortKey, 9001);
-  auto s = runMCPStatusCommand(prefs_, data());
-  EXPECT_EQ(s.exitStatus, 0);
-  EXPECT_TRUE(startsWith(s.text, "Stopped\nHTTP: http://127.0.0.1:9001/mcp\nToken file: "))
-      << s.text;
-}
-
-TEST_F(MCPCommandsTest, StatusWhenEnabledButNothingAnswers) {
-  prefs_.setValue(kMCPServerEnabledKey, true);
+TEST_F(MCPCommandsTest, StatusProbesOnlyWhenEnabled) {
   prefs_.setValue(kMCPServerPortKey, portWithNothingOnIt());
-  auto s = runMCPStatusCommand(prefs_, data());
-  EXPECT_EQ(s.exitStatus, 1);
-  EXPECT_TRUE(startsWith(s.text, "Not running — nothing answers on 127.0.0.1:")) << s.text;
+  auto stopped = runMCPStatusCommand(prefs_, data(), clock_);
+  EXPECT_EQ(stopped.exitStatus, 0);
+  EXPECT_TRUE(startsWith(stopped.text, "Stopped\nHTTP: http://127.0.0.1:")) << stopped.text;
+
+  prefs_.setValue(kMCPServerEnabledKey, true);
+  auto silent = runMCPStatusCommand(prefs_, data(), clock_);
+  EXPECT_EQ(silent.exitStatus, 1);
+  EXPECT_TRUE(startsWith(silent.text, "Not running — nothing answers on 127.0.0.1:"))
+      << silent.text;
 }
 
 TEST_F(MCPCommandsTest, StatusOfARunningServerNeverPrintsTheToken) {
@@ -73,14 +65,14 @@ TEST_F(MCPCommandsTest, StatusOfARunningServerNeverPrintsTheToken) {
   main.start();
   http.start();
   {
-    MCPServer server(main, http, prefs_, data());
+    MCPServer server(main, http, clock_, prefs_, data());
     server.start(0);
     ASSERT_TRUE(server.isListening());
     prefs_.setValue(kMCPServerEnabledKey, true);
     const std::string token = server.loadOrCreateToken();
     const std::string port = std::to_string(server.currentPort());
 
-    auto s = runMCPStatusCommand(prefs_, data());
+    auto s = runMCPStatusCommand(prefs_, data(), clock_);
     EXPECT_EQ(s.exitStatus, 0);
     EXPECT_EQ(s.text, "Running on 127.0.0.1:" + port + "\nHTTP: http://127.0.0.1:" + port +
                           "/mcp\nToken file: " + (data() / "mcp-token").string() + "\n");
@@ -88,7 +80,7 @@ TEST_F(MCPCommandsTest, StatusOfARunningServerNeverPrintsTheToken) {
 
     // A token file changed after the start is refused by the running server.
     std::ofstream(data() / "mcp-token") << "changed\n";
-    auto refused = runMCPStatusCommand(prefs_, data());
+    auto refused = runMCPStatusCommand(prefs_, data(), clock_);
     EXPECT_EQ(refused.exitStatus, 1);
     EXPECT_TRUE(startsWith(refused.text, "Running on 127.0.0.1:" + port + ", but it refuses"))
         << refused.text;

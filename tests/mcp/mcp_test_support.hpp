@@ -1,92 +1,38 @@
 #pragma once
-// What the MCP tests share: an in-memory preference domain, a raw loopback client that speaks
-// bytes rather than HTTP, a log capture and a scratch directory.
+// What the MCP tests share: a raw loopback client that speaks bytes rather than HTTP, a bounded
+// wait for what another thread brings about, and a scratch directory.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <spdlog/sinks/base_sink.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <asio/ip/tcp.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
-#include <map>
-#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "core/logging.hpp"
-#include "core/preference_store.hpp"
+#include "core/clock.hpp"
 #include "support/log_capture.hpp"
 
 namespace quorel::testing {
 
-// A thread-safe map; observers run synchronously inside setValue, on the writer's thread, the
-// way a store notified by another process would call them from its watcher thread.
-class MapPreferenceStore final : public PreferenceStore {
- public:
-  std::optional<nlohmann::json> value(const std::string& key) const override {
-    std::lock_guard lock(mutex_);
-    auto it = values_.find(key);
-    if (it == values_.end()) return std::nullopt;
-    return it->second;
-  }
-  void setValue(const std::string& key, const nlohmann::json& v) override {
-    {
-      std::lock_guard lock(mutex_);
-      values_[key] = v;
-    }
-    notify();
-  }
-  void removeValue(const std::string& key) override {
-    {
-      std::lock_guard lock(mutex_);
-      values_.erase(key);
-    }
-    notify();
-  }
-  std::uint64_t addObserver(Observer observer) override {
-    std::lock_guard lock(mutex_);
-    observers_.emplace(next_, std::move(observer));
-    return next_++;
-  }
-  void removeObserver(std::uint64_t id) override {
-    std::lock_guard lock(mutex_);
-    observers_.erase(id);
-  }
-  std::size_t observerCount() const {
-    std::lock_guard lock(mutex_);
-    return observers_.size();
-  }
-
- private:
-  void notify() {
-    std::vector<Observer> toCall;
-    {
-      std::lock_guard lock(mutex_);
-      for (const auto& [id, o] : observers_) toCall.push_back(o);
-    }
-    for (const auto& o : toCall) o();
-  }
-  mutable std::mutex mutex_;
-  std::map<std::string, nlohmann::json> values_;
-  std::map<std::uint64_t, Observer> observers_;
-  std::uint64_t next_ = 1;
-};
+// Real time, for the safety nets of waits that another thread ends; never what a test decides on.
+inline const SystemClock kRealClock;
 
 class ScratchDirectory {
  public:
-  ScratchDirectory() {
-    std::random_device rd;
-    path_ = std::filesystem::temp_directory_path() /
-            ("quorel-mcp-test-" + std::to_string(::getpid()) + "-" + std::to_string(rd()));
+  ScratchDirectory()
+      : path_(std::filesystem::temp_directory_path() /
+              ("quorel-mcp-test-" + std::to_string(::getpid()) + "-" +
+               std::to_string(std::random_device{}()))) {
     std::filesystem::create_directories(path_);
   }
   ~ScratchDirectory() {
@@ -111,15 +57,10 @@ struct RawAnswer {
     return bytes.substr(9, end - 9);
   }
   std::optional<std::string> header(const std::string& name) const {
-    const auto headEnd = bytes.find("\r\n\r\n");
-    std::size_t at = bytes.find("\r\n");
-    while (at != std::string::npos && at < headEnd) {
-      const auto next = bytes.find("\r\n", at + 2);
-      const std::string line = bytes.substr(at + 2, next - at - 2);
-      if (line.rfind(name + ": ", 0) == 0) return line.substr(name.size() + 2);
-      at = next;
-    }
-    return std::nullopt;
+    const auto at = bytes.find("\r\n" + name + ": ");
+    if (at == std::string::npos || at > bytes.find("\r\n\r\n")) return std::nullopt;
+    const auto begin = at + name.size() + 4;
+    return bytes.substr(begin, bytes.find("\r\n", begin) - begin);
   }
   std::string body() const {
     const auto headEnd = bytes.find("\r\n\r\n");
@@ -136,33 +77,27 @@ struct RawAnswer {
   }
 };
 
-// A client that sends exactly the bytes it is given.
+// A client of 127.0.0.1 that sends exactly the bytes it is given.
 class RawClient {
  public:
   // `from`, when given, is the local address the connection comes from.
-  explicit RawClient(std::uint16_t port, std::optional<in_addr> from = std::nullopt) {
+  explicit RawClient(std::uint16_t port, const char* from = nullptr) {
     fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (from) {
-      sockaddr_in local{};
-      local.sin_family = AF_INET;
-      local.sin_addr = *from;
-      ::bind(fd_, reinterpret_cast<const sockaddr*>(&local), sizeof local);
-    }
     sockaddr_in a{};
     a.sin_family = AF_INET;
+    if (from != nullptr) {
+      ::inet_pton(AF_INET, from, &a.sin_addr);
+      ::bind(fd_, reinterpret_cast<const sockaddr*>(&a), sizeof a);
+    }
     a.sin_port = htons(port);
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     connected_ = ::connect(fd_, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
   }
-  ~RawClient() { close(); }
+  ~RawClient() { ::close(fd_); }
   RawClient(const RawClient&) = delete;
   RawClient& operator=(const RawClient&) = delete;
 
   bool connected() const { return connected_; }
-  void close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-  }
   bool send(const std::string& bytes) {
     for (std::size_t sent = 0; sent < bytes.size();) {
       const ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
@@ -176,14 +111,13 @@ class RawClient {
   // the test depends on).
   RawAnswer readAll(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
     RawAnswer answer;
-    const auto until = std::chrono::steady_clock::now() + limit;
+    const auto until = kRealClock.monotonicNow() + limit;
     char buf[65536];
     for (;;) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          until - std::chrono::steady_clock::now());
-      if (left.count() <= 0) return answer;
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(until - kRealClock.monotonicNow());
       pollfd p{fd_, POLLIN, 0};
-      if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) return answer;
+      if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) return answer;
       const ssize_t n = ::recv(fd_, buf, sizeof buf, 0);
       if (n <= 0) {
         answer.closed = true;
@@ -211,11 +145,19 @@ inline std::string post(const std::string& body, const std::string& extraHeaders
          extraHeaders + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
+// A port that was free a moment ago.
+inline std::uint16_t portWithNothingOnIt() {
+  asio::io_context io;
+  return asio::ip::tcp::acceptor(io, {asio::ip::make_address_v4("127.0.0.1"), 0})
+      .local_endpoint()
+      .port();
+}
+
 // Waits, bounded, for a condition that another thread brings about.
 inline bool eventually(const std::function<bool()>& condition,
                        std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-  const auto until = std::chrono::steady_clock::now() + limit;
-  while (std::chrono::steady_clock::now() < until) {
+  const auto until = kRealClock.monotonicNow() + limit;
+  while (kRealClock.monotonicNow() < until) {
     if (condition()) return true;
     std::this_thread::yield();
   }

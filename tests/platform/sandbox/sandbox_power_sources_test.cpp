@@ -45,8 +45,8 @@ class SandboxSourcesWithMonitorTest : public ::testing::Test {
 
   SandboxConfig config;
   ManualClock clock;
-  SerialQueue pollQueue{"test.poll"};
-  SerialQueue mainQueue{"test.main"};
+  SerialQueue pollQueue{"test.poll", clock};
+  SerialQueue mainQueue{"test.main", clock};
   std::shared_ptr<NoRecording> recorder = std::make_shared<NoRecording>();
   std::shared_ptr<PowerMonitor> monitor;
   std::vector<PowerState> states;
