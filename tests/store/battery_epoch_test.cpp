@@ -20,7 +20,7 @@ class BatteryEpochTest : public ::testing::Test {
     QuorelDatabase::Options options;
     options.dataDirectory = dir_;
     options.databasePathOverride = dir_ / "quorel.db";
-    db = std::make_unique<QuorelDatabase>(std::move(options));
+    db = std::make_unique<QuorelDatabase>(std::move(options), clock);
   }
   std::vector<std::vector<std::string>> rows(const std::string& sql) {
     SqlFile look(dir_ / "quorel.db");
@@ -29,6 +29,7 @@ class BatteryEpochTest : public ::testing::Test {
 
   static TimePoint at(double seconds) { return fromUnixSeconds(1'800'000'000 + seconds); }
 
+  ManualClock clock;
   testing::ScratchDirectory scratch_{"quorel-epochs"};
   const fs::path& dir_ = scratch_.path();
   std::unique_ptr<QuorelDatabase> db;

@@ -38,8 +38,7 @@ class WritesTest : public ::testing::Test {
     return {.dataDirectory = scratch.path(),
             .databasePathOverride = file,
             .onCorruption = [this] { ++corruptionSignals; },
-            .startQueue = startQueue,
-            .clock = clock};
+            .startQueue = startQueue};
   }
   // Runs every write posted so far.
   void drain() { db->queue().runPending(); }
@@ -50,9 +49,9 @@ class WritesTest : public ::testing::Test {
 
   ScratchDirectory scratch{"quorel-writes"};
   fs::path file = scratch.path() / "quorel.db";
-  std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>(fromUnixSeconds(kNow));
+  ManualClock clock{fromUnixSeconds(kNow)};
   int corruptionSignals = 0;
-  std::unique_ptr<QuorelDatabase> db = std::make_unique<QuorelDatabase>(options());
+  std::unique_ptr<QuorelDatabase> db = std::make_unique<QuorelDatabase>(options(), clock);
   std::unique_ptr<SqlFile> observer;
 };
 
@@ -498,7 +497,7 @@ TEST_F(PruneTest, HorizonsMoveWithTheClock) {
   db->pruneOldData(30, 365);
   drain();
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 1);
-  clock->advance(Seconds(10 * kDay + 1));
+  clock.advance(Seconds(10 * kDay + 1));
   db->pruneOldData(30, 365);
   drain();
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM power_samples"), 0);
@@ -525,7 +524,7 @@ TEST_F(PruneTest, AFailingDeleteRollsTheWholePruneBack) {
 
 TEST_F(WritesTest, WritesFromAnotherThreadLandInCallOrder) {
   db.reset();
-  db = std::make_unique<QuorelDatabase>(options(/*startQueue=*/true));
+  db = std::make_unique<QuorelDatabase>(options(/*startQueue=*/true), clock);
   constexpr int kSamples = 400;
   std::thread writer([&] {
     for (int i = 0; i < kSamples; ++i) {
@@ -580,7 +579,7 @@ TEST_F(WritesTest, ACorruptedTableIsSignalledOnceAndItsWritesAreDropped) {
     std::fwrite(junk.data(), 1, junk.size(), f);
     std::fclose(f);
   }
-  db = std::make_unique<QuorelDatabase>(options());
+  db = std::make_unique<QuorelDatabase>(options(), clock);
   ASSERT_EQ(corruptionSignals, 0);
 
   LogCapture logs;
@@ -588,7 +587,11 @@ TEST_F(WritesTest, ACorruptedTableIsSignalledOnceAndItsWritesAreDropped) {
   db->insertSession(sessionFrom(kNow - 60, kNow));
   drain();
   EXPECT_EQ(corruptionSignals, 1);
-  EXPECT_EQ(logs.count("database corruption detected — recommend Settings → Reset Data"), 1u);
+  EXPECT_EQ(linesStartingWith(logs,
+                              "database corruption detected — to start a fresh history, "
+                              "stop quorel and run: rm -f -- '" +
+                                  file.string() + "' "),
+            1u);
   EXPECT_EQ(linesStartingWith(logs, "insertPowerSample step failed: rc=11 "), 3u);
   // Tables that are whole still take their rows.
   EXPECT_EQ(look().integer("SELECT COUNT(*) FROM sessions"), 1);
@@ -596,10 +599,12 @@ TEST_F(WritesTest, ACorruptedTableIsSignalledOnceAndItsWritesAreDropped) {
 
 TEST(UnavailableStoreTest, WritesToAStoreThatCouldNotOpenDoNothing) {
   ScratchDirectory scratch{"quorel-writes"};
+  ManualClock clock;
   QuorelDatabase db({.dataDirectory = scratch.path(),
                      .databasePathOverride = scratch.path() / "no" / "such" / "quorel.db",
                      .onCorruption = [] {},
-                     .startQueue = false});
+                     .startQueue = false},
+                    clock);
   ASSERT_FALSE(db.isAvailable());
   LogCapture logs;
   db.insertPowerSample(sampleAt(kNow));
