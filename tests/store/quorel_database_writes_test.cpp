@@ -600,13 +600,16 @@ TEST_F(WritesTest, ACorruptedTableIsSignalledOnceAndItsWritesAreDropped) {
 TEST(UnavailableStoreTest, WritesToAStoreThatCouldNotOpenDoNothing) {
   ScratchDirectory scratch{"quorel-writes"};
   ManualClock clock;
+  int corruptionSignals = 0;
+  LogCapture logs;
   QuorelDatabase db({.dataDirectory = scratch.path(),
                      .databasePathOverride = scratch.path() / "no" / "such" / "quorel.db",
-                     .onCorruption = [] {},
+                     .onCorruption = [&] { ++corruptionSignals; },
                      .startQueue = false},
                     clock);
   ASSERT_FALSE(db.isAvailable());
-  LogCapture logs;
+  EXPECT_EQ(corruptionSignals, 0) << "an explicit path that cannot be opened is no corruption";
+  EXPECT_EQ(logs.count("failed to open explicit database path"), 1u);
   db.insertPowerSample(sampleAt(kNow));
   db.insertCapacityLog(capacityAt(kNow, 4000, 5000, 120, 80));
   db.insertSession(sessionFrom(kNow - 60, kNow));
@@ -616,7 +619,7 @@ TEST(UnavailableStoreTest, WritesToAStoreThatCouldNotOpenDoNothing) {
   db.insertAIAgentEnergy({energy(0)});
   db.pruneOldData(30, 365);
   EXPECT_EQ(db.queue().runPending(), 7u);
-  EXPECT_TRUE(logs.lines().empty());
+  EXPECT_EQ(logs.lines().size(), 1u) << "nothing but the failed open is logged";
   EXPECT_EQ(db.energyRevision(EnergyHistoryKind::processes), 0u);
   EXPECT_FALSE(fs::exists(scratch.path() / "no"));
 }
