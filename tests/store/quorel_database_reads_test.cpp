@@ -187,24 +187,11 @@ TEST_F(ReadsTest, CoverageCountsSleepApartAndNeverMoreThanTheGapLimitPerRow) {
   EXPECT_EQ(intervals[0].startTime, at(1000)) << "intervals come back unclipped";
 }
 
-TEST_F(ReadsTest, CoverageOfRowsWithoutObservedDurationUsesTheirPredecessorUpToTheGapLimit) {
-  sample(10000, {{"component_quality", std::string("legacy")}});
-  sample(10100, {{"observed_duration_s", 900.0},  // a row speaks for at most 300 s
-                 {"component_quality", std::string("rejected")}});
-  sample(10160, {{"wall_estimate_quality", std::string("rejected")},
-                 {"system_power_quality", std::string("estimated")}});
-  sample(10461);  // 301 s after its predecessor: a gap, no time
-  sample(10500, {{"component_quality", std::string("measured")}});
-  const auto c = db->historicalCoverage(at(9000), at(12000)).value();
-  EXPECT_DOUBLE_EQ(c.collectedSeconds, 300 + 60 + 39);
-  EXPECT_EQ(c.rejectedCount, 2);
-  EXPECT_EQ(c.estimatedCount, 2);
-  EXPECT_DOUBLE_EQ(c.missingSeconds, 3000 - 399);
-}
-
 TEST_F(ReadsTest, CoverageWalkSumsExactlyWhatTheWindowStatementSums) {
-  // Fractional times, ties, gaps, rows with and without observed durations, and every label, so
-  // that any difference in order or rounding from a LAG() window over the same rows shows.
+  // Fractional times, ties, gaps, rows with and without observed durations (those without fall
+  // back on their predecessor, up to the gap limit; none speaks for more than 300 s), and every
+  // label, so that any difference in order or rounding from a LAG() window over the same rows
+  // shows.
   const char* labels[] = {"measured", "estimated", "inferred", "legacy", "rejected", "unavailable"};
   double t = 0;
   for (int i = 0; i < 400; ++i) {
