@@ -79,7 +79,7 @@ class Agent {
     storeOptions.onCorruption = [dir = paths_.dataDirectory] {
       reportCorruptionHeadless(dir, std::cerr);
     };
-    database_ = std::make_unique<QuorelDatabase>(std::move(storeOptions));
+    database_ = std::make_unique<QuorelDatabase>(std::move(storeOptions), clock_);
 
     const auto powerSupplyRoot = sysfs::powerSupplyClassPath(options_.sysfsRoot);
     const PowerSourceChoice choice = choosePowerSource(powerSupplyRoot, options_.sandbox);

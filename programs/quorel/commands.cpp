@@ -102,6 +102,7 @@ int runBatteryReplaced(bool assumeYes, const CommandContext& context) {
     }
   }
 
+  SystemClock clock;
   bool corrupt = false;
   QuorelDatabase::Options options;
   options.dataDirectory = paths->dataDirectory;
@@ -109,9 +110,8 @@ int runBatteryReplaced(bool assumeYes, const CommandContext& context) {
     corrupt = true;
     reportCorruptionHeadless(dir, std::cerr);
   };
-  QuorelDatabase database(std::move(options));
+  QuorelDatabase database(std::move(options), clock);
   if (corrupt || !database.isAvailable()) return 1;
-  SystemClock clock;
   const auto epoch = database.forceNewBatteryEpoch(serial, cycles, design, nominal, clock.now());
   if (!epoch) {
     std::cerr << "quorel: the new battery could not be recorded — see the log above.\n";

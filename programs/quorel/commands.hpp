@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "store/history_command.hpp"
+#include "history_command.hpp"
 
 namespace quorel {
 

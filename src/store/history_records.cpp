@@ -2,35 +2,29 @@
 
 #include <fmt/format.h>
 
-#include <array>
 #include <cmath>
-#include <utility>
+
+#include "core/enum_text.hpp"
 
 namespace quorel {
 
 namespace {
 
-constexpr std::array<std::pair<CollectionIntervalStatus, std::string_view>, 4> kStatuses{{
+constexpr EnumTextTable<CollectionIntervalStatus, 4> kStatuses{{{
     {CollectionIntervalStatus::collected, "collected"},
     {CollectionIntervalStatus::sleep, "sleep"},
     {CollectionIntervalStatus::missing, "missing"},
     {CollectionIntervalStatus::rejected, "rejected"},
-}};
+}}};
 
 }  // namespace
 
 std::string_view toString(CollectionIntervalStatus status) {
-  for (const auto& [s, name] : kStatuses) {
-    if (s == status) return name;
-  }
-  return "missing";
+  return kStatuses.text(status, "missing");
 }
 
 std::optional<CollectionIntervalStatus> collectionIntervalStatusFromString(std::string_view s) {
-  for (const auto& [status, name] : kStatuses) {
-    if (name == s) return status;
-  }
-  return std::nullopt;
+  return kStatuses.parse(s);
 }
 
 std::string SessionRecord::durationText() const {

@@ -1,500 +1,50 @@
+// The history store's life: finding and opening its file, setting the connection up, making or
+// upgrading the schema, and closing it on its own queue.
+
 #include "store/quorel_database.hpp"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <future>
 #include <system_error>
-#include <vector>
 
 #include "core/logging.hpp"
+#include "store/quorel_migrations.hpp"
+#include "store/quorel_schema.hpp"
 
 namespace quorel {
 
 namespace fs = std::filesystem;
 
-namespace {
+static_assert(QuorelDatabase::kSchemaVersion == schema::kVersion);
 
-// The unified log's levels, as spdlog spells them: "default" sits between info and error.
-constexpr auto kDefaultLevel = spdlog::level::warn;
-constexpr auto kFaultLevel = spdlog::level::critical;
-
-// Every statement is the IF NOT EXISTS form of the latest shape, so that it fills in whatever an
-// older file lacks and leaves the rest to the migrations.
-constexpr const char* kCreateStatements[] = {
-    R"(CREATE TABLE IF NOT EXISTS power_samples (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  timestamp REAL NOT NULL CHECK (timestamp >= 0 AND timestamp < 4102444800),
-  wattage REAL,
-  battery_pct REAL CHECK (battery_pct IS NULL OR (battery_pct BETWEEN 0 AND 100)),
-  ecpu_w REAL,
-  pcpu_w REAL,
-  gpu_w REAL,
-  ane_w REAL,
-  dram_w REAL,
-  system_load_w REAL,
-  power_in_w REAL,
-  wall_power_w REAL,
-  thermal_state INTEGER,
-  is_charging INTEGER,
-  external_connected INTEGER,
-  temperature_c REAL,
-  observed_duration_s REAL,
-  component_quality TEXT NOT NULL DEFAULT 'unavailable',
-  system_power_quality TEXT NOT NULL DEFAULT 'unavailable',
-  wall_estimate_quality TEXT NOT NULL DEFAULT 'unavailable',
-  component_rejection_reason TEXT,
-  system_total_w REAL,
-  battery_rail_w REAL,
-  dc_in_w REAL,
-  thunderbolt_left_w REAL,
-  thunderbolt_right_w REAL,
-  pd_brightness_w REAL
-))",
-    "CREATE INDEX IF NOT EXISTS idx_power_samples_ts ON power_samples(timestamp)",
-    R"(CREATE TABLE IF NOT EXISTS capacity_log (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  timestamp REAL NOT NULL CHECK (timestamp >= 0 AND timestamp < 4102444800),
-  nominal_capacity_mah INTEGER CHECK (nominal_capacity_mah IS NULL OR nominal_capacity_mah >= 0),
-  design_capacity_mah INTEGER CHECK (design_capacity_mah IS NULL OR design_capacity_mah > 0),
-  cycle_count INTEGER CHECK (cycle_count IS NULL OR cycle_count >= 0),
-  health_pct REAL,
-  max_temperature_c REAL
-))",
-    "CREATE INDEX IF NOT EXISTS idx_capacity_log_ts ON capacity_log(timestamp)",
-    R"(CREATE TABLE IF NOT EXISTS sessions (
-  id TEXT PRIMARY KEY,
-  start_time REAL CHECK (start_time IS NULL OR (start_time >= 0 AND start_time < 4102444800)),
-  end_time REAL CHECK (end_time IS NULL OR (end_time >= 0 AND end_time < 4102444800)),
-  start_pct REAL CHECK (start_pct IS NULL OR (start_pct BETWEEN 0 AND 100)),
-  end_pct REAL CHECK (end_pct IS NULL OR (end_pct BETWEEN 0 AND 100)),
-  is_charging INTEGER,
-  avg_wattage REAL,
-  total_wh REAL,
-  mode TEXT NOT NULL DEFAULT 'legacy',
-  collected_duration_s REAL NOT NULL DEFAULT 0,
-  missing_duration_s REAL NOT NULL DEFAULT 0,
-  quality TEXT NOT NULL DEFAULT 'legacy',
-  confidence REAL NOT NULL DEFAULT 0,
-  CHECK (end_time IS NULL OR start_time IS NULL OR end_time >= start_time)
-))",
-    "CREATE INDEX IF NOT EXISTS idx_sessions_start_time ON sessions(start_time)",
-    R"(CREATE TABLE IF NOT EXISTS process_energy (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  timestamp REAL NOT NULL,
-  process_name TEXT NOT NULL,
-  avg_cpu REAL NOT NULL,
-  avg_watts REAL NOT NULL,
-  peak_watts REAL,
-  sample_count INTEGER DEFAULT 1,
-  observed_duration_s REAL NOT NULL DEFAULT 0,
-  missing_duration_s REAL NOT NULL DEFAULT 0,
-  energy_wh REAL NOT NULL DEFAULT 0,
-  coverage_ratio REAL,
-  quality TEXT NOT NULL DEFAULT 'legacy',
-  source TEXT NOT NULL DEFAULT 'legacy_sample_average'
-))",
-    "CREATE INDEX IF NOT EXISTS idx_process_energy_ts ON process_energy(timestamp)",
-    "CREATE INDEX IF NOT EXISTS idx_process_energy_name_ts ON process_energy(process_name, "
-    "timestamp)",
-    R"(CREATE TABLE IF NOT EXISTS ai_agent_energy (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  timestamp REAL NOT NULL,
-  agent_id TEXT NOT NULL,
-  avg_cpu REAL NOT NULL,
-  avg_watts REAL NOT NULL,
-  peak_watts REAL,
-  sample_count INTEGER DEFAULT 1,
-  observed_duration_s REAL NOT NULL DEFAULT 0,
-  missing_duration_s REAL NOT NULL DEFAULT 0,
-  energy_wh REAL NOT NULL DEFAULT 0,
-  coverage_ratio REAL,
-  quality TEXT NOT NULL DEFAULT 'legacy',
-  source TEXT NOT NULL DEFAULT 'legacy_sample_average'
-))",
-    "CREATE INDEX IF NOT EXISTS idx_ai_agent_energy_ts ON ai_agent_energy(timestamp)",
-    "CREATE INDEX IF NOT EXISTS idx_ai_agent_energy_agent_ts ON ai_agent_energy(agent_id, "
-    "timestamp)",
-    R"(CREATE TABLE IF NOT EXISTS lifetime_energy_state (
-  id INTEGER PRIMARY KEY CHECK (id = 1),
-  last_ts REAL NOT NULL DEFAULT 0,
-  last_total_w REAL NOT NULL DEFAULT 0,
-  accumulated_wh REAL NOT NULL DEFAULT 0
-))",
-    "INSERT OR IGNORE INTO lifetime_energy_state (id, last_ts, last_total_w, accumulated_wh) "
-    "VALUES (1, 0, 0, 0)",
-    R"(CREATE TABLE IF NOT EXISTS battery_epoch (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  first_seen REAL NOT NULL CHECK (first_seen >= 0 AND first_seen < 4102444800),
-  serial TEXT,
-  baseline_cycle_count INTEGER CHECK (baseline_cycle_count IS NULL OR baseline_cycle_count >= 0),
-  baseline_design_mah INTEGER CHECK (baseline_design_mah IS NULL OR baseline_design_mah > 0),
-  baseline_nominal_mah INTEGER CHECK (baseline_nominal_mah IS NULL OR baseline_nominal_mah >= 0),
-  source TEXT NOT NULL DEFAULT 'initial'
-))",
-    "CREATE INDEX IF NOT EXISTS idx_battery_epoch_first_seen ON battery_epoch(first_seen)",
-    R"(CREATE TABLE IF NOT EXISTS daily_battery_metrics (
-  day_key TEXT PRIMARY KEY,
-  day_start REAL NOT NULL,
-  nominal_capacity_mah REAL,
-  design_capacity_mah REAL,
-  cycle_count INTEGER,
-  health_pct REAL,
-  capacity_sample_count INTEGER NOT NULL DEFAULT 0,
-  avg_temperature_c REAL,
-  max_temperature_c REAL,
-  temperature_observed_s REAL NOT NULL DEFAULT 0,
-  temperature_sample_count INTEGER NOT NULL DEFAULT 0,
-  quality TEXT NOT NULL DEFAULT 'measured'
-))",
-    "CREATE INDEX IF NOT EXISTS idx_daily_battery_metrics_start ON "
-    "daily_battery_metrics(day_start)",
-    R"(CREATE TABLE IF NOT EXISTS collection_intervals (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  start_time REAL NOT NULL CHECK (start_time >= 0 AND start_time < 4102444800),
-  end_time REAL NOT NULL CHECK (end_time >= start_time AND end_time < 4102444800),
-  status TEXT NOT NULL CHECK (status IN ('collected','sleep','missing','rejected')),
-  reason TEXT
-))",
-    "CREATE INDEX IF NOT EXISTS idx_collection_intervals_start ON "
-    "collection_intervals(start_time)",
-    "CREATE INDEX IF NOT EXISTS idx_collection_intervals_end ON collection_intervals(end_time)",
-};
-static_assert(std::size(kCreateStatements) == 21);
-
-// The three tables as they stood when CHECK constraints arrived; rows that break a constraint
-// are left behind by the copy.
-constexpr const char* kV2Statements[] = {
-    R"(CREATE TABLE power_samples_v2 (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  timestamp REAL NOT NULL CHECK (timestamp >= 0 AND timestamp < 4102444800),
-  wattage REAL,
-  battery_pct REAL CHECK (battery_pct IS NULL OR (battery_pct BETWEEN 0 AND 100)),
-  ecpu_w REAL,
-  pcpu_w REAL,
-  gpu_w REAL,
-  ane_w REAL,
-  dram_w REAL,
-  system_load_w REAL,
-  power_in_w REAL,
-  wall_power_w REAL,
-  thermal_state INTEGER,
-  is_charging INTEGER,
-  external_connected INTEGER
-))",
-    R"(INSERT INTO power_samples_v2 (id, timestamp, wattage, battery_pct, ecpu_w, pcpu_w, gpu_w,
-  ane_w, dram_w, system_load_w, power_in_w, wall_power_w, thermal_state, is_charging,
-  external_connected)
-SELECT id, timestamp, wattage, battery_pct, ecpu_w, pcpu_w, gpu_w, ane_w, dram_w, system_load_w,
-  power_in_w, wall_power_w, thermal_state, is_charging, external_connected
-FROM power_samples
-WHERE timestamp >= 0 AND timestamp < 4102444800
-  AND (battery_pct IS NULL OR (battery_pct BETWEEN 0 AND 100)))",
-    "DROP TABLE power_samples",
-    "ALTER TABLE power_samples_v2 RENAME TO power_samples",
-    "CREATE INDEX IF NOT EXISTS idx_power_samples_ts ON power_samples(timestamp)",
-
-    R"(CREATE TABLE capacity_log_v2 (
-  id INTEGER PRIMARY KEY AUTOINCREMENT,
-  timestamp REAL NOT NULL CHECK (timestamp >= 0 AND timestamp < 4102444800),
-  nominal_capacity_mah INTEGER CHECK (nominal_capacity_mah IS NULL OR nominal_capacity_mah >= 0),
-  design_capacity_mah INTEGER CHECK (design_capacity_mah IS NULL OR design_capacity_mah > 0),
-  cycle_count INTEGER CHECK (cycle_count IS NULL OR cycle_count >= 0),
-  health_pct REAL,
-  max_temperature_c REAL
-))",
-    R"(INSERT INTO capacity_log_v2 (id, timestamp, nominal_capacity_mah, design_capacity_mah,
-  cycle_count, health_pct, max_temperature_c)
-SELECT id, timestamp, nominal_capacity_mah, design_capacity_mah, cycle_count, health_pct,
-  max_temperature_c
-FROM capacity_log
-WHERE timestamp >= 0 AND timestamp < 4102444800
-  AND (nominal_capacity_mah IS NULL OR nominal_capacity_mah >= 0)
-  AND (design_capacity_mah IS NULL OR design_capacity_mah > 0)
-  AND (cycle_count IS NULL OR cycle_count >= 0))",
-    "DROP TABLE capacity_log",
-    "ALTER TABLE capacity_log_v2 RENAME TO capacity_log",
-    "CREATE INDEX IF NOT EXISTS idx_capacity_log_ts ON capacity_log(timestamp)",
-
-    R"(CREATE TABLE sessions_v2 (
-  id TEXT PRIMARY KEY,
-  start_time REAL CHECK (start_time IS NULL OR (start_time >= 0 AND start_time < 4102444800)),
-  end_time REAL CHECK (end_time IS NULL OR (end_time >= 0 AND end_time < 4102444800)),
-  start_pct REAL CHECK (start_pct IS NULL OR (start_pct BETWEEN 0 AND 100)),
-  end_pct REAL CHECK (end_pct IS NULL OR (end_pct BETWEEN 0 AND 100)),
-  is_charging INTEGER,
-  avg_wattage REAL,
-  total_wh REAL,
-  CHECK (end_time IS NULL OR start_time IS NULL OR end_time >= start_time)
-))",
-    R"(INSERT INTO sessions_v2 (id, start_time, end_time, start_pct, end_pct, is_charging,
-  avg_wattage, total_wh)
-SELECT id, start_time, end_time, start_pct, end_pct, is_charging, avg_wattage, total_wh
-FROM sessions
-WHERE (start_time IS NULL OR (start_time >= 0 AND start_time < 4102444800))
-  AND (end_time IS NULL OR (end_time >= 0 AND end_time < 4102444800))
-  AND (start_pct IS NULL OR (start_pct BETWEEN 0 AND 100))
-  AND (end_pct IS NULL OR (end_pct BETWEEN 0 AND 100))
-  AND (end_time IS NULL OR start_time IS NULL OR end_time >= start_time))",
-    "DROP TABLE sessions",
-    "ALTER TABLE sessions_v2 RENAME TO sessions",
-    "CREATE INDEX IF NOT EXISTS idx_sessions_start_time ON sessions(start_time)",
-};
-static_assert(std::size(kV2Statements) == 15);
-
-// A run of three or more identical component readings is a counter that had stopped: the first
-// reading is believed, its repeats are not.
-constexpr const char* kV6HealStaleComponents = R"(
-WITH ordered AS (
-  SELECT id, timestamp, ecpu_w, pcpu_w, gpu_w, ane_w, dram_w,
-    LAG(id) OVER w AS prev_id,
-    LAG(ecpu_w) OVER w AS prev_ecpu, LAG(pcpu_w) OVER w AS prev_pcpu,
-    LAG(gpu_w) OVER w AS prev_gpu, LAG(ane_w) OVER w AS prev_ane, LAG(dram_w) OVER w AS prev_dram
-  FROM power_samples
-  WHERE ecpu_w IS NOT NULL OR pcpu_w IS NOT NULL OR gpu_w IS NOT NULL OR ane_w IS NOT NULL
-    OR dram_w IS NOT NULL
-  WINDOW w AS (ORDER BY timestamp, id)
-),
-grouped AS (
-  SELECT id, SUM(CASE WHEN prev_id IS NULL OR ecpu_w IS NOT prev_ecpu OR pcpu_w IS NOT prev_pcpu
-                        OR gpu_w IS NOT prev_gpu OR ane_w IS NOT prev_ane
-                        OR dram_w IS NOT prev_dram
-                      THEN 1 ELSE 0 END)
-             OVER (ORDER BY timestamp, id ROWS UNBOUNDED PRECEDING) AS grp
-  FROM ordered
-),
-groups AS (
-  SELECT grp, COUNT(*) AS n, MIN(id) AS first_id FROM grouped GROUP BY grp
-)
-UPDATE power_samples SET ecpu_w = NULL, pcpu_w = NULL, gpu_w = NULL, ane_w = NULL, dram_w = NULL
-WHERE id IN (SELECT g.id FROM grouped g JOIN groups s ON s.grp = g.grp
-             WHERE s.n >= 3 AND g.id <> s.first_id))";
-
-struct AddedColumn {
-  const char* table;
-  const char* column;
-  const char* definition;
-};
-
-constexpr AddedColumn kV7Columns[] = {
-    {"process_energy", "observed_duration_s", "REAL NOT NULL DEFAULT 0"},
-    {"process_energy", "missing_duration_s", "REAL NOT NULL DEFAULT 0"},
-    {"process_energy", "energy_wh", "REAL NOT NULL DEFAULT 0"},
-    {"process_energy", "coverage_ratio", "REAL"},
-    {"process_energy", "quality", "TEXT NOT NULL DEFAULT 'legacy'"},
-    {"process_energy", "source", "TEXT NOT NULL DEFAULT 'legacy_sample_average'"},
-    {"ai_agent_energy", "observed_duration_s", "REAL NOT NULL DEFAULT 0"},
-    {"ai_agent_energy", "missing_duration_s", "REAL NOT NULL DEFAULT 0"},
-    {"ai_agent_energy", "energy_wh", "REAL NOT NULL DEFAULT 0"},
-    {"ai_agent_energy", "coverage_ratio", "REAL"},
-    {"ai_agent_energy", "quality", "TEXT NOT NULL DEFAULT 'legacy'"},
-    {"ai_agent_energy", "source", "TEXT NOT NULL DEFAULT 'legacy_sample_average'"},
-    {"power_samples", "observed_duration_s", "REAL"},
-    {"power_samples", "component_quality", "TEXT NOT NULL DEFAULT 'unavailable'"},
-    {"power_samples", "system_power_quality", "TEXT NOT NULL DEFAULT 'unavailable'"},
-    {"power_samples", "wall_estimate_quality", "TEXT NOT NULL DEFAULT 'unavailable'"},
-    {"power_samples", "component_rejection_reason", "TEXT"},
-    {"power_samples", "system_total_w", "REAL"},
-    {"power_samples", "battery_rail_w", "REAL"},
-    {"power_samples", "dc_in_w", "REAL"},
-    {"power_samples", "thunderbolt_left_w", "REAL"},
-    {"power_samples", "thunderbolt_right_w", "REAL"},
-    {"power_samples", "pd_brightness_w", "REAL"},
-    {"sessions", "mode", "TEXT NOT NULL DEFAULT 'legacy'"},
-    {"sessions", "collected_duration_s", "REAL NOT NULL DEFAULT 0"},
-    {"sessions", "missing_duration_s", "REAL NOT NULL DEFAULT 0"},
-    {"sessions", "quality", "TEXT NOT NULL DEFAULT 'legacy'"},
-    {"sessions", "confidence", "REAL NOT NULL DEFAULT 0"},
-};
-
-// Positions in kCreateStatements of what later versions introduced: battery_epoch and its index
-// (v5), then daily_battery_metrics, collection_intervals and their indexes (v7) to the end.
-constexpr std::size_t kBatteryEpochTable = 14;
-constexpr std::size_t kBatteryEpochIndex = 15;
-constexpr std::size_t kV7TablesFirst = 16;
-
-// Legacy component readings beyond what any rail can carry were aggregation errors.
-#define QUOREL_V7_OUT_OF_BOUNDS                                                         \
-  "(COALESCE(ecpu_w,0) < 0 OR COALESCE(pcpu_w,0) < 0 OR COALESCE(gpu_w,0) < 0"          \
-  " OR COALESCE(ane_w,0) < 0 OR COALESCE(dram_w,0) < 0"                                 \
-  " OR COALESCE(ecpu_w,0) > 30 OR COALESCE(pcpu_w,0) > 60 OR COALESCE(gpu_w,0) > 90"    \
-  " OR COALESCE(ane_w,0) > 20 OR COALESCE(dram_w,0) > 35"                               \
-  " OR COALESCE(ecpu_w,0) + COALESCE(pcpu_w,0) + COALESCE(gpu_w,0) + COALESCE(ane_w,0)" \
-  " + COALESCE(dram_w,0) > 150)"
-
-#define QUOREL_V7_ENERGY_FIX(table)                                                   \
-  "UPDATE " table                                                                     \
-  " SET observed_duration_s = CASE WHEN sample_count > 0 THEN 60.0 ELSE 0 END,"       \
-  " energy_wh = CASE WHEN sample_count > 0 THEN max(0, avg_watts) / 60.0 ELSE 0 END," \
-  " missing_duration_s = 0, coverage_ratio = NULL, quality = 'legacy',"               \
-  " source = 'legacy_60s_flush_estimate'"                                             \
-  " WHERE observed_duration_s = 0"
-
-#define QUOREL_V7_RECALC(column) \
-  "COALESCE((SELECT r." column " FROM temp.session_v7_recalc r WHERE r.id = sessions.id), 0)"
-#define QUOREL_V7_SPAN "COALESCE(end_time - start_time, 0)"
-
-constexpr const char* kV7DataFixes[] = {
-    "UPDATE power_samples SET"
-    " component_quality = CASE WHEN " QUOREL_V7_OUT_OF_BOUNDS " THEN 'rejected'"
-    " WHEN ecpu_w IS NOT NULL OR pcpu_w IS NOT NULL OR gpu_w IS NOT NULL OR ane_w IS NOT NULL"
-    " OR dram_w IS NOT NULL THEN 'legacy' ELSE 'unavailable' END,"
-    " component_rejection_reason = CASE WHEN " QUOREL_V7_OUT_OF_BOUNDS
-    " THEN 'legacy component aggregate exceeded physical rail bounds' ELSE NULL END,"
-    " system_power_quality = CASE WHEN power_in_w IS NOT NULL OR COALESCE(external_connected,0)=0"
-    " THEN 'inferred' ELSE 'unavailable' END,"
-    " wall_estimate_quality = CASE WHEN wall_power_w IS NULL THEN 'unavailable' ELSE 'legacy' END",
-
-    "UPDATE power_samples SET ecpu_w = NULL, pcpu_w = NULL, gpu_w = NULL, ane_w = NULL,"
-    " dram_w = NULL WHERE " QUOREL_V7_OUT_OF_BOUNDS,
-
-    "UPDATE power_samples SET wall_estimate_quality = 'rejected'"
-    " WHERE wall_power_w IS NOT NULL AND (wall_power_w < COALESCE(power_in_w,0)"
-    " OR wall_power_w < COALESCE(ecpu_w,0) + COALESCE(pcpu_w,0) + COALESCE(gpu_w,0)"
-    " + COALESCE(ane_w,0) + COALESCE(dram_w,0))",
-
-    QUOREL_V7_ENERGY_FIX("process_energy"),
-    QUOREL_V7_ENERGY_FIX("ai_agent_energy"),
-
-    "INSERT OR IGNORE INTO daily_battery_metrics (day_key, day_start, nominal_capacity_mah,"
-    " design_capacity_mah, cycle_count, health_pct, capacity_sample_count, quality)"
-    " SELECT strftime('%Y-%m-%d', timestamp, 'unixepoch', 'localtime'), MIN(timestamp),"
-    " AVG(nominal_capacity_mah), AVG(design_capacity_mah), MAX(cycle_count), AVG(health_pct),"
-    " COUNT(*), 'legacy'"
-    " FROM capacity_log WHERE design_capacity_mah > 0"
-    " GROUP BY strftime('%Y-%m-%d', timestamp, 'unixepoch', 'localtime')",
-
-    // 30 seconds is what one legacy sample stood for.
-    "INSERT INTO daily_battery_metrics (day_key, day_start, avg_temperature_c, max_temperature_c,"
-    " temperature_observed_s, temperature_sample_count, quality)"
-    " SELECT strftime('%Y-%m-%d', timestamp, 'unixepoch', 'localtime'), MIN(timestamp),"
-    " AVG(temperature_c), MAX(temperature_c), COUNT(*) * 30.0, COUNT(*), 'legacy'"
-    " FROM power_samples WHERE temperature_c IS NOT NULL AND temperature_c > 0"
-    " GROUP BY strftime('%Y-%m-%d', timestamp, 'unixepoch', 'localtime')"
-    " ON CONFLICT(day_key) DO UPDATE SET avg_temperature_c = excluded.avg_temperature_c,"
-    " max_temperature_c = excluded.max_temperature_c,"
-    " temperature_observed_s = excluded.temperature_observed_s,"
-    " temperature_sample_count = excluded.temperature_sample_count",
-
-    "DROP TABLE IF EXISTS temp.session_v7_recalc",
-    "CREATE TEMP TABLE session_v7_recalc (id TEXT PRIMARY KEY, wh REAL, collected REAL)",
-
-    // An interval counts only when it is shorter than the gap rule allows; its part before the
-    // session started is cut off.
-    "WITH p AS (SELECT timestamp, wattage,"
-    " LAG(timestamp) OVER (ORDER BY timestamp, id) AS previous_timestamp,"
-    " LAG(wattage) OVER (ORDER BY timestamp, id) AS previous_wattage FROM power_samples)"
-    " INSERT INTO temp.session_v7_recalc (id, wh, collected)"
-    " SELECT s.id,"
-    " COALESCE(SUM(CASE WHEN p.previous_timestamp IS NOT NULL"
-    " AND p.timestamp - p.previous_timestamp > 0 AND p.timestamp - p.previous_timestamp <= 300"
-    " THEN (abs(p.wattage)+abs(p.previous_wattage))*0.5"
-    " * (p.timestamp-max(p.previous_timestamp,s.start_time))/3600.0 END), 0),"
-    " COALESCE(SUM(CASE WHEN p.previous_timestamp IS NOT NULL"
-    " AND p.timestamp - p.previous_timestamp > 0 AND p.timestamp - p.previous_timestamp <= 300"
-    " THEN p.timestamp-max(p.previous_timestamp,s.start_time) END), 0)"
-    " FROM sessions s LEFT JOIN p ON p.timestamp > s.start_time AND p.timestamp <= s.end_time"
-    " GROUP BY s.id",
-
-    "UPDATE sessions SET"
-    " total_wh = " QUOREL_V7_RECALC("wh") ","
-    " collected_duration_s = " QUOREL_V7_RECALC("collected") ","
-    " missing_duration_s = max(0, " QUOREL_V7_SPAN " - " QUOREL_V7_RECALC("collected") "),"
-    " avg_wattage = CASE WHEN " QUOREL_V7_RECALC("collected") " > 0"
-    " THEN " QUOREL_V7_RECALC("wh") " * 3600.0 / " QUOREL_V7_RECALC("collected") " ELSE 0 END,"
-    " mode = CASE WHEN is_charging = 1 THEN 'charging' ELSE 'battery' END,"
-    " quality = CASE WHEN " QUOREL_V7_RECALC("collected") " > 0"
-    " THEN 'inferred' ELSE 'unavailable' END,"
-    " confidence = CASE WHEN " QUOREL_V7_SPAN " > 0"
-    " THEN min(1.0, " QUOREL_V7_RECALC("collected") " / " QUOREL_V7_SPAN ") ELSE 0 END"
-    " WHERE quality = 'legacy'",
-
-    "DROP TABLE IF EXISTS temp.session_v7_recalc",
-};
-static_assert(std::size(kV7DataFixes) == 12);
-
-#undef QUOREL_V7_OUT_OF_BOUNDS
-#undef QUOREL_V7_ENERGY_FIX
-#undef QUOREL_V7_RECALC
-#undef QUOREL_V7_SPAN
-
-// CPU and DRAM counters that read exactly zero for five minutes or more while the machine
-// demonstrably drew power had stalled; the GPU and neural engine counters are separate and stay.
-constexpr const char* kV8HealStalledCounters = R"(
-WITH flagged AS (
-  SELECT id, timestamp,
-    CASE WHEN ecpu_w = 0 AND pcpu_w = 0 AND dram_w = 0
-              AND component_quality IN ('measured', 'legacy')
-              AND (abs(wattage)>=1 OR system_total_w>=1 OR power_in_w>=1)
-         THEN 1 ELSE 0 END AS frozen
-  FROM power_samples
-),
-linked AS (
-  SELECT id, timestamp, frozen,
-    CASE WHEN frozen = 1 AND LAG(frozen) OVER w = 1
-              AND timestamp - LAG(timestamp) OVER w BETWEEN 0 AND 300
-         THEN 0 ELSE 1 END AS starts_run
-  FROM flagged
-  WINDOW w AS (ORDER BY timestamp, id)
-),
-runs AS (
-  SELECT id, timestamp, frozen,
-    SUM(starts_run) OVER (ORDER BY timestamp, id ROWS UNBOUNDED PRECEDING) AS run
-  FROM linked
-),
-stalled AS (
-  SELECT run FROM runs WHERE frozen = 1 GROUP BY run
-  HAVING COUNT(*) >= 10 AND MAX(timestamp) - MIN(timestamp) >= 300
-)
-UPDATE power_samples
-SET ecpu_w = NULL, pcpu_w = NULL, dram_w = NULL, component_quality = 'unavailable',
-    component_rejection_reason = 'CPU and DRAM energy counters stalled'
-WHERE id IN (SELECT id FROM runs WHERE frozen = 1 AND run IN (SELECT run FROM stalled)))";
-
-// A design capacity of 100 mAh or less in a portable machine is a misread, not a battery.
-constexpr const char* kV8HealUndersizedCapacities =
-    "DELETE FROM capacity_log WHERE design_capacity_mah BETWEEN 1 AND 100;"
-    "UPDATE daily_battery_metrics SET nominal_capacity_mah = NULL, design_capacity_mah = NULL,"
-    " health_pct = NULL, capacity_sample_count = 0, quality = 'unavailable'"
-    " WHERE design_capacity_mah BETWEEN 1 AND 100;";
-
-std::string errnoText(int error) {
-  return std::system_category().message(error);
-}
-
-}  // namespace
-
-QuorelDatabase::QuorelDatabase(Options options)
-    : clock_(options.clock ? std::move(options.clock) : std::make_shared<SystemClock>()),
-      log_(logging::get("db")),
+QuorelDatabase::QuorelDatabase(Options options, const Clock& clock)
+    : log_(logging::get("db")),
+      clock_(clock),
+      db_(log_, std::move(options.onCorruption)),
+      queue_("com.quorel.database", clock),
       dataDirectory_(std::move(options.dataDirectory)),
       databasePathOverride_(std::move(options.databasePathOverride)),
-      onCorruption_(std::move(options.onCorruption)),
       readOnly_(options.readOnly) {
   if (readOnly_) {
     openReadOnly();
-    if (options.startQueue) {
-      queue_.start();
-      queueStarted_ = true;
+  } else {
+    openDatabase();
+    if (db_) {
+      db_.execute("PRAGMA journal_mode = WAL");
+      db_.execute("PRAGMA busy_timeout = 3000");
+      db_.execute("PRAGMA synchronous = NORMAL");
+      db_.execute("PRAGMA wal_autocheckpoint = 1000");
+      db_.execute("PRAGMA secure_delete = ON");
     }
-    return;
-  }
-  openDatabase();
-  if (db_) {
-    execute("PRAGMA journal_mode = WAL");
-    execute("PRAGMA busy_timeout = 3000");
-    execute("PRAGMA synchronous = NORMAL");
-    execute("PRAGMA wal_autocheckpoint = 1000");
-    execute("PRAGMA secure_delete = ON");
-  }
-  // After the WAL pragma, since only then do the companion files exist.
-  tightenFilePermissions();
-  if (db_) {
-    createTables();
-    runMigrations();
-    prepareCachedStatements();
+    // After the WAL pragma, since only then do the companion files exist.
+    tightenFilePermissions();
+    if (db_) {
+      for (const char* sql : schema::createStatements()) db_.execute(sql);
+      migrateSchema(db_, *log_);
+      prepareCachedStatements();
+    }
   }
   if (options.startQueue) {
     queue_.start();
@@ -517,7 +67,7 @@ QuorelDatabase::~QuorelDatabase() {
 
 void QuorelDatabase::close() {
   statements_ = {};
-  db_.reset();
+  db_.close();
 }
 
 std::optional<fs::path> QuorelDatabase::databaseFolder() const {
@@ -525,54 +75,43 @@ std::optional<fs::path> QuorelDatabase::databaseFolder() const {
   return dataDirectory_;
 }
 
+void QuorelDatabase::markUnavailable(std::string reason) {
+  databaseUnavailable_ = true;
+  unavailableReason_ = std::move(reason);
+}
+
 void QuorelDatabase::openDatabase() {
   if (databasePathOverride_) {
     databasePath_ = *databasePathOverride_;
-    sqlite3* raw = nullptr;
-    const int rc = sqlite3_open(databasePathOverride_->c_str(), &raw);
-    SqliteConnection handle(raw);
-    if (rc != SQLITE_OK) {
+    if (db_.openReadWrite(*databasePathOverride_, /*createPrivate=*/false) != 0) {
       log_->error("failed to open explicit database path");
-      databaseUnavailable_ = true;
-      return;
+      markUnavailable("cannot open " + databasePath_->string() + ": " + db_.openFailure());
     }
-    db_ = std::move(handle);
     return;
   }
   if (!dataDirectory_) {
-    log_->log(kFaultLevel, "cannot locate Application Support directory");
-    databaseUnavailable_ = true;
-    signalCorruption();
+    log_->critical(
+        "cannot locate the data directory ($XDG_DATA_HOME/quorel, else ~/.local/share/quorel) — "
+        "set HOME or pass --data-dir DIR");
+    markUnavailable("no data directory could be located");
+    db_.signalCorruption();
     return;
   }
   std::error_code ec;
   if (!fs::exists(*dataDirectory_, ec)) {
     fs::create_directories(*dataDirectory_, ec);
     if (ec) {
-      log_->log(kFaultLevel, "createDirectory failed at {} — {}", dataDirectory_->string(),
-                ec.message());
+      log_->critical("createDirectory failed at {} — {}", dataDirectory_->string(), ec.message());
     }
   }
   const fs::path file = *dataDirectory_ / kFileName;
   databasePath_ = file;
-  // SQLite gives its -wal and -shm companions the mode of the main file, so a main file born
-  // private keeps the whole set private from the first byte.
-  if (const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); fd >= 0) {
-    ::close(fd);
+  if (const int rc = db_.openReadWrite(file, /*createPrivate=*/true); rc != 0) {
+    log_->critical("failed to open database at {} rc={} msg={}", file.string(), rc,
+                   db_.openFailure());
+    markUnavailable("cannot open " + file.string() + ": " + db_.openFailure());
+    db_.signalCorruption();
   }
-  sqlite3* raw = nullptr;
-  const int rc = sqlite3_open(file.c_str(), &raw);
-  SqliteConnection handle(raw);
-  if (rc != SQLITE_OK) {
-    const char* message = handle ? sqlite3_errmsg(handle.get()) : "<no handle>";
-    log_->log(kFaultLevel, "failed to open database at {} rc={} msg={}", file.string(), rc,
-              message);
-    handle.reset();
-    databaseUnavailable_ = true;
-    signalCorruption();
-    return;
-  }
-  db_ = std::move(handle);
 }
 
 void QuorelDatabase::openReadOnly() {
@@ -580,21 +119,18 @@ void QuorelDatabase::openReadOnly() {
                   : dataDirectory_      ? std::optional(*dataDirectory_ / kFileName)
                                         : std::nullopt;
   if (!databasePath_) {
-    databaseUnavailable_ = true;
+    markUnavailable("no data directory could be located");
     return;
   }
-  sqlite3* raw = nullptr;
-  const int rc = sqlite3_open_v2(databasePath_->c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
-  SqliteConnection handle(raw);
-  if (rc != SQLITE_OK) {
+  if (const int rc = db_.openReadOnly(*databasePath_); rc != 0) {
     log_->error("failed to open database read-only at {} rc={} msg={}", databasePath_->string(), rc,
-                handle ? sqlite3_errmsg(handle.get()) : "<no handle>");
-    databaseUnavailable_ = true;
+                db_.openFailure());
+    markUnavailable("cannot open " + databasePath_->string() +
+                    " for reading: " + db_.openFailure());
     return;
   }
-  db_ = std::move(handle);
   // The agent may be writing at the same moment; wait for it as a writer would.
-  execute("PRAGMA busy_timeout = 3000");
+  db_.execute("PRAGMA busy_timeout = 3000");
 }
 
 void QuorelDatabase::tightenFilePermissions() {
@@ -603,190 +139,16 @@ void QuorelDatabase::tightenFilePermissions() {
   const fs::path& directory = *dataDirectory_;
   if (::chmod(directory.c_str(), 0700) != 0) {
     log_->error("tightenFilePermissions: dir chmod 0700 failed at {} — {}", directory.string(),
-                errnoText(errno));
+                std::system_category().message(errno));
   }
-  for (const char* name : {"quorel.db", "quorel.db-wal", "quorel.db-shm"}) {
-    const fs::path file = directory / name;
+  for (const fs::path& file : databaseFileSet(directory / kFileName)) {
     std::error_code ec;
     if (!fs::exists(file, ec)) continue;
     if (::chmod(file.c_str(), 0600) != 0) {
       log_->error("tightenFilePermissions: file chmod 0600 failed at {} — {}", file.string(),
-                  errnoText(errno));
+                  std::system_category().message(errno));
     }
   }
-}
-
-void QuorelDatabase::createTables() {
-  for (const char* sql : kCreateStatements) execute(sql);
-}
-
-void QuorelDatabase::execute(const char* sql) {
-  if (!db_) return;
-  char* message = nullptr;
-  if (sqlite3_exec(db_.get(), sql, nullptr, nullptr, &message) != SQLITE_OK) {
-    log_->error("SQL error: {}", message ? message : "unknown error");
-  }
-  sqlite3_free(message);
-}
-
-int QuorelDatabase::exec(const std::string& sql) {
-  return sqlite3_exec(db_.get(), sql.c_str(), nullptr, nullptr, nullptr);
-}
-
-bool QuorelDatabase::columnExists(std::string_view table, std::string_view column) {
-  int rc = SQLITE_OK;
-  const std::string sql = "PRAGMA table_info(" + std::string(table) + ")";
-  auto statement = prepareStatement(db_.get(), sql.c_str(), rc);
-  if (!statement) return false;
-  while (sqlite3_step(statement.get()) == SQLITE_ROW) {
-    const auto* name = sqlite3_column_text(statement.get(), 1);
-    if (name && column == reinterpret_cast<const char*>(name)) return true;
-  }
-  return false;
-}
-
-void QuorelDatabase::runMigrations() {
-  int current = 0;
-  {
-    int rc = SQLITE_OK;
-    auto statement = prepareStatement(db_.get(), "PRAGMA user_version", rc);
-    if (statement && sqlite3_step(statement.get()) == SQLITE_ROW) {
-      current = sqlite3_column_int(statement.get(), 0);
-    }
-  }
-  if (current == kSchemaVersion) return;
-  if (current > kSchemaVersion) {
-    log_->log(kFaultLevel,
-              "on-disk schema v{} is newer than app v{} — downgrade detected; running with "
-              "potential write skew",
-              current, kSchemaVersion);
-    return;
-  }
-  log_->info("migrating schema from v{} to v{}", current, kSchemaVersion);
-  if (exec("BEGIN TRANSACTION") != SQLITE_OK) {
-    log_->error("failed to BEGIN migration transaction");
-    return;
-  }
-  bool passed = true;
-  for (int version = current + 1; version <= kSchemaVersion && passed; ++version) {
-    passed = runMigrationStep(version);
-  }
-  if (passed) {
-    execute(("PRAGMA user_version = " + std::to_string(kSchemaVersion)).c_str());
-    execute("COMMIT");
-  }
-  // A COMMIT that failed leaves the transaction open; closing it here keeps later writes from
-  // piling into a transaction that will never end.
-  if (!passed || sqlite3_get_autocommit(db_.get()) == 0) execute("ROLLBACK");
-}
-
-bool QuorelDatabase::runMigrationStep(int version) {
-  switch (version) {
-    case 1:
-      return true;
-    case 2: {
-      std::string message;
-      const int rc = applyV2SchemaCHECKs(message);
-      if (rc != SQLITE_OK) logSqliteError(rc, "v2 migration step failed: " + message);
-      return rc == SQLITE_OK;
-    }
-    case 3: {
-      if (columnExists("power_samples", "temperature_c")) return true;
-      const int rc = exec("ALTER TABLE power_samples ADD COLUMN temperature_c REAL");
-      if (rc != SQLITE_OK) logSqliteError(rc, "add column power_samples.temperature_c");
-      return rc == SQLITE_OK;
-    }
-    case 4: {
-      const int rc = exec(
-          "UPDATE lifetime_energy_state SET last_ts = 0, last_total_w = 0, accumulated_wh = 0 "
-          "WHERE id = 1");
-      if (rc != SQLITE_OK) logSqliteError(rc, "v4 migration reset lifetime_energy_state");
-      return rc == SQLITE_OK;
-    }
-    case 5: {
-      int rc = exec(kCreateStatements[kBatteryEpochTable]);
-      if (rc == SQLITE_OK) rc = exec(kCreateStatements[kBatteryEpochIndex]);
-      if (rc != SQLITE_OK) logSqliteError(rc, "v5 migration create battery_epoch");
-      return rc == SQLITE_OK;
-    }
-    case 6: {
-      const int rc = exec(kV6HealStaleComponents);
-      if (rc != SQLITE_OK) logSqliteError(rc, "v6 migration heal stale component power");
-      return rc == SQLITE_OK;
-    }
-    case 7:
-      return applyV7HistoricalQualitySchema();
-    case 8:
-      // Nothing is logged here: a failure rolls the whole migration back for the next start.
-      return exec(kV8HealStalledCounters) == SQLITE_OK &&
-             exec(kV8HealUndersizedCapacities) == SQLITE_OK;
-    default:
-      log_->error("no migration defined for v{}", version);
-      return false;
-  }
-}
-
-int QuorelDatabase::applyV2SchemaCHECKs(std::string& message) {
-  for (const char* sql : kV2Statements) {
-    char* error = nullptr;
-    const int rc = sqlite3_exec(db_.get(), sql, nullptr, nullptr, &error);
-    if (rc != SQLITE_OK) {
-      message = error ? error : "unknown";
-      sqlite3_free(error);
-      return rc;
-    }
-  }
-  return SQLITE_OK;
-}
-
-bool QuorelDatabase::applyV7HistoricalQualitySchema() {
-  for (const auto& added : kV7Columns) {
-    if (columnExists(added.table, added.column)) continue;
-    const std::string sql = std::string("ALTER TABLE ") + added.table + " ADD COLUMN " +
-                            added.column + " " + added.definition;
-    if (const int rc = exec(sql); rc != SQLITE_OK) {
-      logSqliteError(rc, std::string("add column ") + added.table + "." + added.column);
-      return false;
-    }
-  }
-  for (std::size_t i = kV7TablesFirst; i < std::size(kCreateStatements); ++i) {
-    if (const int rc = exec(kCreateStatements[i]); rc != SQLITE_OK) {
-      logSqliteError(rc, "v7 create quality tables");
-      return false;
-    }
-  }
-  for (const char* sql : kV7DataFixes) {
-    if (const int rc = exec(sql); rc != SQLITE_OK) {
-      logSqliteError(rc, "v7 historical data fix");
-      return false;
-    }
-  }
-  return true;
-}
-
-void QuorelDatabase::logSqliteError(int rc, std::string_view context) {
-  const char* message = db_ ? sqlite3_errmsg(db_.get()) : "<no handle>";
-  switch (rc & 0xff) {
-    case SQLITE_BUSY:
-    case SQLITE_LOCKED:
-      log_->log(kDefaultLevel, "{} transient: rc={} msg={}", context, rc, message);
-      return;
-    case SQLITE_CORRUPT:
-    case SQLITE_NOTADB:
-      log_->error("{} failed: rc={} msg={}", context, rc, message);
-      signalCorruption();
-      return;
-    default:
-      log_->error("{} failed: rc={} msg={}", context, rc, message);
-      return;
-  }
-}
-
-void QuorelDatabase::signalCorruption() {
-  if (corruptionSignaled_) return;
-  corruptionSignaled_ = true;
-  log_->log(kFaultLevel, "database corruption detected — recommend Settings → Reset Data");
-  if (onCorruption_) onCorruption_();
 }
 
 }  // namespace quorel

@@ -5,9 +5,7 @@
 //
 // Threading: the constructor does its work on the calling thread, before anyone else can reach
 // the object; afterwards the connection is touched only on queue(). Failures never throw: the
-// store becomes unavailable and every later operation does nothing.
-
-#include <sqlite3.h>
+// store becomes unavailable, every later write does nothing and every later read reports why.
 
 #include <array>
 #include <cstdint>
@@ -22,11 +20,13 @@
 #include <vector>
 
 #include "core/clock.hpp"
+#include "core/result.hpp"
 #include "core/serial_queue.hpp"
 #include "store/battery_epoch.hpp"
+#include "store/database_files.hpp"
 #include "store/history_read_records.hpp"
 #include "store/history_records.hpp"
-#include "store/sqlite_handle.hpp"
+#include "store/sqlite_connection.hpp"
 
 namespace spdlog {
 class logger;
@@ -37,7 +37,7 @@ namespace quorel {
 class QuorelDatabase {
  public:
   static constexpr int kSchemaVersion = 8;
-  static constexpr const char* kFileName = "quorel.db";
+  static constexpr const char* kFileName = kDatabaseFileName;
 
   struct Options {
     // The data directory ($XDG_DATA_HOME/quorel, or the --data-dir flag); the database is
@@ -54,16 +54,14 @@ class QuorelDatabase {
     // Starts the queue's thread once start-up is done. Tests leave it stopped and drive the
     // queue with runPending().
     bool startQueue = true;
-    // The wall clock behind retention horizons (tests pass a ManualClock); null means the
-    // system clock.
-    std::shared_ptr<const Clock> clock = std::make_shared<SystemClock>();
     // Opens an existing file for reading only (the history command beside a running agent):
     // nothing is created, migrated, tightened or prepared for writing, a missing file leaves the
     // store unavailable, and no corruption is signalled for it.
     bool readOnly = false;
   };
 
-  explicit QuorelDatabase(Options options);
+  // `clock` gives the wall time behind retention horizons; it must outlive the object.
+  QuorelDatabase(Options options, const Clock& clock);
   ~QuorelDatabase();
   QuorelDatabase(const QuorelDatabase&) = delete;
   QuorelDatabase& operator=(const QuorelDatabase&) = delete;
@@ -73,18 +71,18 @@ class QuorelDatabase {
 
   // False once the file could not be located or opened; it stays so until the next start.
   bool isAvailable() const { return !databaseUnavailable_; }
+  // Why the store is unavailable, e.g. "cannot open /x/quorel.db: unable to open database file";
+  // empty while it is available.
+  const std::string& unavailableReason() const { return unavailableReason_; }
   // The file in use (the override, or "quorel.db" in the data directory); absent when no data
   // directory could be located.
   const std::optional<std::filesystem::path>& databasePath() const { return databasePath_; }
   // The folder to show someone who must remove a damaged file.
   std::optional<std::filesystem::path> databaseFolder() const;
 
-  // The one classifier of SQLite failures: busy and locked are transient, corrupt and not-a-
-  // database signal corruption (once), everything else is logged as an error. Call on queue().
-  void logSqliteError(int rc, std::string_view context);
-
   // The write path. Each call copies its record onto queue() and returns at once; writes run in
-  // call order. A failed write is logged through logSqliteError and dropped, never retried, and
+  // call order. A failed write is logged through the connection's classifier of SQLite failures
+  // (SqliteConnection::logError) and dropped, never retried, and
   // an unavailable store (or a statement that could not be prepared) drops it silently.
   //
   // Stores the sample after qualityChecked, then folds its temperature into its local day.
@@ -121,40 +119,45 @@ class QuorelDatabase {
                                                    TimePoint at);
 
   // The read path. Each read runs on queue(): from another thread it waits for the queue, from
-  // work already on the queue (or while the queue has never been started) it runs in place. An
-  // unavailable store, or a statement that cannot be prepared, gives the empty answer.
+  // work already on the queue (or while the queue has never been started) it runs in place.
+  // The reads that answer people and tools give a Result: a failed read carries SQLite's words
+  // (logged through the classifier as well), an unavailable store "the database is not
+  // available: <why>", so that neither looks like a period without data.
   //
   // Samples of [from, to], time ascending, thinned to max(maxPoints, 2) with gaps marked.
-  std::vector<PowerSample> queryPowerSamples(TimePoint from, TimePoint to, int maxPoints);
+  Result<std::vector<PowerSample>> queryPowerSamples(TimePoint from, TimePoint to, int maxPoints);
   // Every interval that touches [from, to], unclipped, by start time.
-  std::vector<CollectionIntervalRecord> queryCollectionIntervals(TimePoint from, TimePoint to);
+  Result<std::vector<CollectionIntervalRecord>> queryCollectionIntervals(TimePoint from,
+                                                                         TimePoint to);
   // Collected, sleeping and missing seconds of the period (in either order), with counts of
   // rejected and estimated rows. A row speaks for at most 300 seconds.
-  HistoricalCoverageSummary historicalCoverage(TimePoint from, TimePoint to);
+  Result<HistoricalCoverageSummary> historicalCoverage(TimePoint from, TimePoint to);
   // Newest first.
-  std::vector<SessionRecord> queryRecentSessions(int limit);
+  Result<std::vector<SessionRecord>> queryRecentSessions(int limit);
   // Days with a health reading and a design capacity, oldest first.
-  std::vector<DailyBatteryMetric> queryDailyBatteryMetrics();
+  Result<std::vector<DailyBatteryMetric>> queryDailyBatteryMetrics();
   // Derived from the daily metrics, one entry per day; the raw log is not read.
-  std::vector<CapacityLogEntry> queryCapacityLog();
+  Result<std::vector<CapacityLogEntry>> queryCapacityLog();
   // The topN identifiers by energy in [from, to], each with a series of at most about
   // maxPoints buckets: duration-weighted centre time and mean watts.
-  EnergySeries queryProcessEnergy(TimePoint from, TimePoint to, int maxPoints, int topN);
-  EnergySeries queryAIAgentEnergy(TimePoint from, TimePoint to, int maxPoints, int topN);
+  Result<EnergySeries> queryProcessEnergy(TimePoint from, TimePoint to, int maxPoints, int topN);
+  Result<EnergySeries> queryAIAgentEnergy(TimePoint from, TimePoint to, int maxPoints, int topN);
   // Ranked by energy. `table` and `identifierColumn` must be "process_energy" and
-  // "process_name" or "ai_agent_energy" and "agent_id"; any other pair gives nothing.
-  std::vector<TrackedEnergySummary> queryTrackedEnergySummaries(std::string_view table,
-                                                                std::string_view identifierColumn,
-                                                                TimePoint from, TimePoint to,
-                                                                int limit);
+  // "process_name" or "ai_agent_energy" and "agent_id"; any other pair is refused as an error.
+  Result<std::vector<TrackedEnergySummary>> queryTrackedEnergySummaries(
+      std::string_view table, std::string_view identifierColumn, TimePoint from, TimePoint to,
+      int limit);
   // The charts' view of process or agent energy, reused while neither this connection nor
-  // another one changed the rows and the window still holds the same records.
+  // another one changed the rows and the window still holds the same records. A store that
+  // cannot answer gives the empty snapshot: a chart has no one to tell.
   EnergyHistorySnapshot cachedEnergyHistory(EnergyHistoryKind kind, EnergyHistoryWindow window,
                                             TimePoint from, TimePoint to);
   // Everything the machine drew, integrated incrementally: only rows after the stored
   // checkpoint are read. A read-only store computes the same sum without moving the checkpoint.
-  double totalComponentEnergy_Wh();
-  std::optional<PowerSampleDateRange> powerSampleDateRange();
+  Result<double> totalComponentEnergy_Wh();
+  // The first and last sample times; absent while there is no sample.
+  Result<std::optional<PowerSampleDateRange>> powerSampleDateRange();
+  // Absent when the store is unavailable, cannot be read, or holds no sample.
   std::optional<TimePoint> oldestPowerSampleDate();
   DatabaseInfo databaseInfo();
   // The file's user_version; absent when the store is unavailable or the file is not a database.
@@ -171,18 +174,8 @@ class QuorelDatabase {
  private:
   void openDatabase();
   void openReadOnly();
+  void markUnavailable(std::string reason);
   void tightenFilePermissions();
-  void createTables();
-  void runMigrations();
-  bool runMigrationStep(int version);
-  // Runs `sql` and logs "SQL error: ..." on failure, without classifying it.
-  void execute(const char* sql);
-  // sqlite3_exec on the handle; returns the result code and leaves the message for logging.
-  int exec(const std::string& sql);
-  bool columnExists(std::string_view table, std::string_view column);
-  int applyV2SchemaCHECKs(std::string& message);
-  bool applyV7HistoricalQualitySchema();
-  void signalCorruption();
   void close();
   void prepareCachedStatements();
   void upsertDailyTemperature(const PowerSample& sample);
@@ -198,30 +191,33 @@ class QuorelDatabase {
     if (!queueStarted_ || queue_.isCurrent()) return work();
     return queue_.sync(std::forward<F>(work));
   }
-  // Prepares `sql`, binds `bounds` in order and steps to its one row; null, with "<context>
-  // prepare" or "<context> step" logged, when there is no row to read.
-  SqliteStatement rowOnQueue(const std::string& sql, std::string_view context,
-                             std::initializer_list<std::optional<double>> bounds = {});
-  std::vector<CollectionIntervalRecord> collectionIntervalsOnQueue(double from, double to);
-  EnergySeries energySeriesOnQueue(EnergyHistoryKind kind, double from, double to, int maxPoints,
-                                   int topN);
-  std::vector<TrackedEnergySummary> trackedEnergySummariesOnQueue(EnergyHistoryKind kind,
-                                                                  double from, double to,
-                                                                  int limit);
+  // "the database is not available: <why>".
+  Error unavailableError() const;
+  // Logs a failed read through the classifier and returns SQLite's words for it.
+  Error readFailure(int rc, std::string_view context);
+  // Prepares `sql`, binds `bounds` in order and steps to its one row; the statement positioned on
+  // it, or an error (logged as "<context> prepare" or "<context> step") when there is none.
+  Result<SqliteStatement> rowOnQueue(const std::string& sql, std::string_view context,
+                                     std::initializer_list<std::optional<double>> bounds = {});
+  Result<std::vector<CollectionIntervalRecord>> collectionIntervalsOnQueue(double from, double to);
+  Result<EnergySeries> energySeriesOnQueue(EnergyHistoryKind kind, double from, double to,
+                                           int maxPoints, int topN);
+  Result<std::vector<TrackedEnergySummary>> trackedEnergySummariesOnQueue(EnergyHistoryKind kind,
+                                                                          double from, double to,
+                                                                          int limit);
   EnergyHistoryEntry buildEnergyHistory(EnergyHistoryKind kind, TimePoint from, TimePoint to);
   // Runs BEGIN, COMMIT or ROLLBACK; the result code of sqlite3_exec.
   int transaction(const char* sql);
 
-  SqliteConnection db_;
-  std::shared_ptr<const Clock> clock_;
-  SerialQueue queue_{"com.quorel.database", *clock_};
   std::shared_ptr<spdlog::logger> log_;
-  bool corruptionSignaled_ = false;
+  const Clock& clock_;
+  SqliteConnection db_;
+  SerialQueue queue_;
   bool databaseUnavailable_ = false;
+  std::string unavailableReason_;
   std::optional<std::filesystem::path> dataDirectory_;
   std::optional<std::filesystem::path> databasePathOverride_;
   std::optional<std::filesystem::path> databasePath_;
-  std::function<void()> onCorruption_;
   bool queueStarted_ = false;
   std::array<std::uint64_t, 2> energyRevision_{};
   bool readOnly_ = false;

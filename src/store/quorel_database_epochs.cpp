@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/enum_text.hpp"
 #include "store/quorel_database.hpp"
 #include "store/sqlite_binder.hpp"
 
@@ -15,6 +16,12 @@ constexpr const char* kInsertEpoch =
     "INSERT INTO battery_epoch (first_seen, serial, baseline_cycle_count, baseline_design_mah, "
     "baseline_nominal_mah, source) VALUES (?, ?, ?, ?, ?, ?)";
 
+constexpr EnumTextTable<BatteryEpochSource, 3> kSources{{{
+    {BatteryEpochSource::initial, "initial"},
+    {BatteryEpochSource::automatic, "auto"},
+    {BatteryEpochSource::manual, "manual"},
+}}};
+
 std::optional<std::string> nonEmpty(std::optional<std::string> serial) {
   if (serial && serial->empty()) return std::nullopt;
   return serial;
@@ -22,21 +29,11 @@ std::optional<std::string> nonEmpty(std::optional<std::string> serial) {
 }  // namespace
 
 std::string_view toString(BatteryEpochSource source) {
-  switch (source) {
-    case BatteryEpochSource::initial:
-      return "initial";
-    case BatteryEpochSource::automatic:
-      return "auto";
-    case BatteryEpochSource::manual:
-      return "manual";
-  }
-  return "initial";
+  return kSources.text(source, "initial");
 }
 
 BatteryEpochSource batteryEpochSourceFromString(std::string_view text) {
-  if (text == "auto") return BatteryEpochSource::automatic;
-  if (text == "manual") return BatteryEpochSource::manual;
-  return BatteryEpochSource::initial;
+  return kSources.parse(text).value_or(BatteryEpochSource::initial);
 }
 
 std::optional<BatteryEpoch> QuorelDatabase::latestBatteryEpochOnQueue() {
@@ -44,7 +41,7 @@ std::optional<BatteryEpoch> QuorelDatabase::latestBatteryEpochOnQueue() {
   int rc = SQLITE_OK;
   SqliteStatement statement = prepareStatement(db_.get(), kLatestEpoch, rc);
   if (!statement) {
-    logSqliteError(rc, "latestBatteryEpoch prepare");
+    db_.logError(rc, "latestBatteryEpoch prepare");
     return std::nullopt;
   }
   if (sqlite3_step(statement.get()) != SQLITE_ROW) return std::nullopt;
@@ -66,7 +63,7 @@ std::optional<BatteryEpoch> QuorelDatabase::insertBatteryEpochOnQueue(const Batt
   // Rare enough that caching the statement would buy nothing.
   SqliteStatement statement = prepareStatement(db_.get(), kInsertEpoch, rc);
   if (!statement) {
-    logSqliteError(rc, "insertBatteryEpoch prepare");
+    db_.logError(rc, "insertBatteryEpoch prepare");
     return std::nullopt;
   }
   sqlite3_stmt* s = statement.get();
@@ -79,7 +76,7 @@ std::optional<BatteryEpoch> QuorelDatabase::insertBatteryEpochOnQueue(const Batt
       .text(toString(epoch.source));
   rc = sqlite3_step(s);
   if (rc != SQLITE_DONE) {
-    logSqliteError(rc, "insertBatteryEpoch step");
+    db_.logError(rc, "insertBatteryEpoch step");
     return std::nullopt;
   }
   BatteryEpoch stored = epoch;

@@ -8,7 +8,7 @@
 #include <string>
 #include <utility>
 
-#include "store/local_day.hpp"
+#include "core/local_time.hpp"
 #include "store/quorel_database.hpp"
 #include "store/sample_quality_gate.hpp"
 #include "store/sqlite_binder.hpp"
@@ -110,12 +110,12 @@ void QuorelDatabase::prepareCachedStatements() {
   for (const auto& [slot, sqlAndContext] : all) {
     int rc = SQLITE_OK;
     *slot = prepareStatement(db_.get(), sqlAndContext.first, rc);
-    if (!*slot) logSqliteError(rc, sqlAndContext.second);
+    if (!*slot) db_.logError(rc, sqlAndContext.second);
   }
 }
 
 int QuorelDatabase::transaction(const char* sql) {
-  return sqlite3_exec(db_.get(), sql, nullptr, nullptr, nullptr);
+  return db_.exec(sql);
 }
 
 // The blocks below capture `this`: the queue belongs to the object, and the destructor closes
@@ -155,7 +155,7 @@ void QuorelDatabase::insertPowerSample(const PowerSample& sample) {
         .real(s.thunderboltRightW)
         .real(s.pdBrightnessW);
     if (const int rc = sqlite3_step(statement); rc != SQLITE_DONE) {
-      logSqliteError(rc, "insertPowerSample step");
+      db_.logError(rc, "insertPowerSample step");
       return;
     }
     upsertDailyTemperature(s);
@@ -178,7 +178,7 @@ void QuorelDatabase::upsertDailyTemperature(const PowerSample& sample) {
       .real(*sample.temperatureC)
       .real(duration);
   if (const int rc = sqlite3_step(statement); rc != SQLITE_DONE) {
-    logSqliteError(rc, "upsertDailyTemperature step");
+    db_.logError(rc, "upsertDailyTemperature step");
   }
 }
 
@@ -194,7 +194,7 @@ void QuorelDatabase::insertCapacityLog(const CapacityLogEntry& entry) {
         .real(entry.healthPct)
         .real(entry.maxTemperature_C);
     if (const int rc = sqlite3_step(statement); rc != SQLITE_DONE) {
-      logSqliteError(rc, "insertCapacityLog step");
+      db_.logError(rc, "insertCapacityLog step");
       return;
     }
     upsertDailyCapacity(entry);
@@ -213,7 +213,7 @@ void QuorelDatabase::upsertDailyCapacity(const CapacityLogEntry& entry) {
       .integer(entry.cycleCount)
       .real(entry.healthPct);
   if (const int rc = sqlite3_step(statement); rc != SQLITE_DONE) {
-    logSqliteError(rc, "upsertDailyCapacity step");
+    db_.logError(rc, "upsertDailyCapacity step");
   }
 }
 
@@ -236,7 +236,7 @@ void QuorelDatabase::insertSession(const SessionRecord& record) {
         .text(toString(record.quality))
         .real(std::min(atLeastZero(record.confidence), 1.0));
     if (const int rc = sqlite3_step(statement); rc != SQLITE_DONE) {
-      logSqliteError(rc, "insertSession step");
+      db_.logError(rc, "insertSession step");
     }
   });
 }
@@ -250,12 +250,12 @@ void QuorelDatabase::insertCollectionInterval(TimePoint from, TimePoint to,
     int rc = SQLITE_OK;
     auto statement = prepareStatement(db_.get(), kInsertCollectionInterval, rc);
     if (!statement) {
-      logSqliteError(rc, "insertCollectionInterval prepare");
+      db_.logError(rc, "insertCollectionInterval prepare");
       return;
     }
     Binder(statement.get()).time(from).time(to).text(toString(status)).optionalText(reason);
     if (rc = sqlite3_step(statement.get()); rc != SQLITE_DONE) {
-      logSqliteError(rc, "insertCollectionInterval step");
+      db_.logError(rc, "insertCollectionInterval step");
     }
   });
 }
@@ -281,7 +281,7 @@ void QuorelDatabase::insertEnergyBatch(EnergyHistoryKind kind,
   const std::string name = processes ? "insertProcessEnergy" : "insertAIAgentEnergy";
 
   if (const int rc = transaction("BEGIN TRANSACTION"); rc != SQLITE_OK) {
-    logSqliteError(rc, name + " BEGIN");
+    db_.logError(rc, name + " BEGIN");
     return;
   }
   // A failure does not stop the loop: every bad record of the batch gets its own log line.
@@ -302,7 +302,7 @@ void QuorelDatabase::insertEnergyBatch(EnergyHistoryKind kind,
         .text(toString(record.quality))
         .text(record.source);
     if (const int rc = sqlite3_step(statement); rc != SQLITE_DONE) {
-      logSqliteError(rc, name + " step");
+      db_.logError(rc, name + " step");
       failed = true;
     }
   }
@@ -313,7 +313,7 @@ void QuorelDatabase::insertEnergyBatch(EnergyHistoryKind kind,
     return;
   }
   if (const int rc = transaction("COMMIT"); rc != SQLITE_OK) {
-    logSqliteError(rc, name + " COMMIT");
+    db_.logError(rc, name + " COMMIT");
     transaction("ROLLBACK");
     return;
   }
@@ -324,14 +324,14 @@ void QuorelDatabase::pruneOldData(int retentionDays, int capacityRetentionDays) 
   queue_.async([this, retentionDays, capacityRetentionDays] {
     energyHistoryCache_.clear();
     if (!db_) return;
-    const double now = toUnixSeconds(clock_->now());
+    const double now = toUnixSeconds(clock_.now());
     const double retentionCutoff = now + retentionDays * -kSecondsPerDay;
     // Keeping samples forever keeps the capacity history too.
     const double capacityCutoff =
         retentionDays >= 1 ? now + capacityRetentionDays * -kSecondsPerDay : 0;
 
     if (const int rc = transaction("BEGIN TRANSACTION"); rc != SQLITE_OK) {
-      logSqliteError(rc, "pruneOldData BEGIN");
+      db_.logError(rc, "pruneOldData BEGIN");
       return;
     }
     const double staleCapacityCutoff = now - 86400.0;
@@ -361,13 +361,13 @@ void QuorelDatabase::pruneOldData(int retentionDays, int capacityRetentionDays) 
       int rc = SQLITE_OK;
       auto statement = prepareStatement(db_.get(), sql.c_str(), rc);
       if (!statement) {
-        logSqliteError(rc, "prune prepare");
+        db_.logError(rc, "prune prepare");
         failed = true;
         continue;
       }
       sqlite3_bind_double(statement.get(), 1, cutoff);
       if (rc = sqlite3_step(statement.get()); rc != SQLITE_DONE) {
-        logSqliteError(rc, "prune step");
+        db_.logError(rc, "prune step");
         failed = true;
       }
     }
@@ -376,11 +376,11 @@ void QuorelDatabase::pruneOldData(int retentionDays, int capacityRetentionDays) 
       return;
     }
     if (const int rc = transaction("COMMIT"); rc != SQLITE_OK) {
-      logSqliteError(rc, "pruneOldData COMMIT");
+      db_.logError(rc, "pruneOldData COMMIT");
       transaction("ROLLBACK");
       return;
     }
-    execute("PRAGMA wal_checkpoint(TRUNCATE)");
+    db_.execute("PRAGMA wal_checkpoint(TRUNCATE)");
   });
 }
 

@@ -2,41 +2,34 @@
 
 #include <fmt/format.h>
 
-#include <cmath>
-#include <ctime>
+#include <array>
 #include <string>
 
+#include "core/local_time.hpp"
 #include "store/history_records.hpp"
-#include "store/local_day.hpp"
 
 namespace quorel {
 
 namespace {
 
-std::tm localTime(TimePoint t) {
-  const auto whole = static_cast<std::time_t>(std::floor(toUnixSeconds(t)));
-  std::tm local{};
-  ::tzset();
-  ::localtime_r(&whole, &local);
-  return local;
-}
+// The C locale's abbreviations, which is what the agent has always printed.
+constexpr std::array<const char*, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                 "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
 std::string endText(TimePoint t, const DayIdentity& today, const DayIdentity& yesterday) {
-  const std::tm local = localTime(t);
+  const LocalDateTime local = localDateTime(t);
   const DayIdentity day = dayIdentity(t);
   std::string label;
   if (day.key == today.key) {
     label = "Today";
   } else if (day.key == yesterday.key) {
     label = "Yesterday";
+  } else if (local.month >= 1 && local.month <= 12) {
+    label = fmt::format("{} {}", kMonths[static_cast<std::size_t>(local.month - 1)], local.day);
   } else {
-    char buffer[32];
-    std::strftime(buffer, sizeof buffer, "%b %d", &local);
-    label = buffer;
-    // "Mar 04" reads better as "Mar 4".
-    if (label.size() > 4 && label[4] == '0') label.erase(4, 1);
+    label = "?";
   }
-  return fmt::format("{} {:02d}:{:02d}", label, local.tm_hour, local.tm_min);
+  return fmt::format("{} {:02d}:{:02d}", label, local.hour, local.minute);
 }
 
 }  // namespace

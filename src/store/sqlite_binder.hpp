@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "core/clock.hpp"
+#include "core/component_power.hpp"
 
 namespace quorel {
 
@@ -99,6 +100,12 @@ class ColumnReader {
     return std::string(reinterpret_cast<const char*>(raw), static_cast<std::size_t>(size));
   }
   std::string text() { return optionalText().value_or(std::string()); }
+  // A stored quality label; an absent or unknown one reads as unavailable.
+  HistoricalValueQuality quality() {
+    const auto label = optionalText();
+    if (!label) return HistoricalValueQuality::unavailable;
+    return historicalValueQualityFromString(*label).value_or(HistoricalValueQuality::unavailable);
+  }
 
  private:
   sqlite3_stmt* statement_;

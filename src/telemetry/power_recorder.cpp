@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cmath>
 
+#include "core/local_time.hpp"
 #include "core/logging.hpp"
 #include "core/uuid.hpp"
-#include "store/local_day.hpp"
 
 namespace quorel {
 

@@ -24,7 +24,7 @@ std::optional<BatteryEpoch> QuorelDatabaseRecordingStore::reconcileBatteryEpoch(
 std::vector<PowerSample> QuorelDatabaseRecordingStore::queryPowerSamples(TimePoint from,
                                                                          TimePoint to,
                                                                          int maxPoints) {
-  return database_.queryPowerSamples(from, to, maxPoints);
+  return database_.queryPowerSamples(from, to, maxPoints).valueOr({});
 }
 
 }  // namespace quorel

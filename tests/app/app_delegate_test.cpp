@@ -51,7 +51,7 @@ class AppDelegateTest : public ::testing::Test {
     QuorelDatabase::Options options;
     options.dataDirectory = dir_;
     options.databasePathOverride = dir_ / "quorel.db";
-    database = std::make_unique<QuorelDatabase>(std::move(options));
+    database = std::make_unique<QuorelDatabase>(std::move(options), clock);
     settings = std::make_unique<SettingsManager>(preferences, mainQueue, clock);
     provider = std::make_shared<SteadyProvider>(clock);
     PowerMonitor::Dependencies md;

@@ -1,18 +1,15 @@
-// The pure parts of the write path: the storage gate, the local day and the record texts.
+// The pure parts of the write path: the storage gate and the record texts.
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 #include <optional>
 #include <string>
 
 #include "store/history_records.hpp"
-#include "store/local_day.hpp"
 #include "store/sample_quality_gate.hpp"
-#include "support/zone_guard.hpp"
 
 namespace quorel {
 namespace {
@@ -111,38 +108,6 @@ TEST(SessionRecordTest, DurationTextTruncatesToWholeMinutes) {
   EXPECT_EQ(after(3600), "1h 0m");
   EXPECT_EQ(after(3 * 3600 + 7 * 60 + 59), "3h 7m");
   EXPECT_EQ(after(-120), "0m");
-}
-
-TEST(CollectionIntervalStatusTest, TextsRoundTripAndUnknownTextDecodesToNothing) {
-  for (auto status : {CollectionIntervalStatus::collected, CollectionIntervalStatus::sleep,
-                      CollectionIntervalStatus::missing, CollectionIntervalStatus::rejected}) {
-    EXPECT_EQ(collectionIntervalStatusFromString(toString(status)), status);
-  }
-  EXPECT_EQ(toString(CollectionIntervalStatus::sleep), "sleep");
-  EXPECT_EQ(collectionIntervalStatusFromString("Sleep"), std::nullopt);
-}
-
-using testing::ZoneGuard;
-
-TEST(DayIdentityTest, DaysAreLocalAndFollowAChangeOfZone) {
-  // 2026-03-01T20:00:00Z
-  const TimePoint evening = fromUnixSeconds(1'772'395'200);
-  ZoneGuard zone("UTC0");
-  EXPECT_EQ(dayIdentity(evening), (DayIdentity{"2026-03-01", 1'772'323'200}));
-  // Ten hours east it is already the next morning, and that day began at 14:00 UTC.
-  zone.set("XST-10");
-  EXPECT_EQ(dayIdentity(evening), (DayIdentity{"2026-03-02", 1'772'323'200 + 14 * 3600}));
-  // Five hours west, the same evening is still the first.
-  zone.set("YST5");
-  EXPECT_EQ(dayIdentity(evening), (DayIdentity{"2026-03-01", 1'772'323'200 + 5 * 3600}));
-}
-
-TEST(DayIdentityTest, StartOfADayWithADaylightSavingChangeIsItsLocalMidnight) {
-  ZoneGuard zone("EST5EDT,M3.2.0,M11.1.0");
-  // 2026-03-08 is the change to summer time; at 23:00 local (EDT) it is 03:00Z next day.
-  const DayIdentity day = dayIdentity(fromUnixSeconds(1'773'025'200));
-  EXPECT_EQ(day.key, "2026-03-08");
-  EXPECT_EQ(day.start, 1'772'946'000);  // 05:00Z, midnight EST
 }
 
 }  // namespace

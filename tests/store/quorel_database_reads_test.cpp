@@ -34,7 +34,6 @@ class ReadsTest : public ::testing::Test {
             .databasePathOverride = file,
             .onCorruption = {},
             .startQueue = startQueue,
-            .clock = std::make_shared<ManualClock>(at(0)),
             .readOnly = readOnly};
   }
   // A store on some other file, with no data directory to tighten.
@@ -65,105 +64,101 @@ class ReadsTest : public ::testing::Test {
 
   ScratchDirectory scratch{"quorel-reads"};
   fs::path file = scratch.path() / "quorel.db";
-  std::unique_ptr<QuorelDatabase> db = std::make_unique<QuorelDatabase>(options());
+  ManualClock clock{at(0)};
+  std::unique_ptr<QuorelDatabase> db = std::make_unique<QuorelDatabase>(options(), clock);
   std::unique_ptr<SqlFile> raw;
 };
 
-TEST_F(ReadsTest, EmptyAndUnavailableStoresGiveEmptyAnswers) {
-  QuorelDatabase unavailable(
-      elsewhere(scratch.path() / "no" / "such" / "dir" / "quorel.db", false));
-  ASSERT_FALSE(unavailable.isAvailable());
-  for (QuorelDatabase* store : {db.get(), &unavailable}) {
-    EXPECT_TRUE(store->queryPowerSamples(at(-1e6), at(1e6), 100).empty());
-    EXPECT_TRUE(store->queryCollectionIntervals(at(-1e6), at(1e6)).empty());
-    const auto coverage = store->historicalCoverage(at(0), at(3600));
-    EXPECT_EQ(coverage.sleepingSeconds, 0);
-    EXPECT_EQ(coverage.collectedSeconds, 0);
-    EXPECT_EQ(coverage.coverageRatio(), 0);
-    EXPECT_TRUE(store->queryRecentSessions(10).empty());
-    EXPECT_TRUE(store->queryDailyBatteryMetrics().empty());
-    EXPECT_TRUE(store->queryCapacityLog().empty());
-    EXPECT_TRUE(store->queryProcessEnergy(at(0), at(3600), 200, 6).empty());
-    EXPECT_TRUE(store->queryAIAgentEnergy(at(0), at(3600), 200, 6).empty());
-    EXPECT_TRUE(
-        store->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(3600), 10)
-            .empty());
-    EXPECT_EQ(
-        store->cachedEnergyHistory(EnergyHistoryKind::agents,
-                                   EnergyHistoryWindow::rolling(Seconds(3600)), at(0), at(3600)),
-        EnergyHistorySnapshot{});
-    EXPECT_EQ(store->totalComponentEnergy_Wh(), 0);
-    EXPECT_FALSE(store->powerSampleDateRange());
-    EXPECT_FALSE(store->oldestPowerSampleDate());
-    EXPECT_EQ(store->databaseInfo().sampleCount, 0);
-  }
+TEST_F(ReadsTest, AnEmptyStoreAnswersEmptilyAndAnUnavailableOneSaysWhy) {
+  EXPECT_TRUE(db->queryPowerSamples(at(-1e6), at(1e6), 100).value().empty());
+  EXPECT_TRUE(db->queryCollectionIntervals(at(-1e6), at(1e6)).value().empty());
+  EXPECT_EQ(db->historicalCoverage(at(0), at(3600)).value().missingSeconds, 3600);
+  EXPECT_TRUE(db->queryRecentSessions(10).value().empty());
+  EXPECT_TRUE(db->queryCapacityLog().value().empty());
+  EXPECT_TRUE(db->queryProcessEnergy(at(0), at(3600), 200, 6).value().empty());
+  EXPECT_TRUE(db->queryTrackedEnergySummaries("ai_agent_energy", "agent_id", at(0), at(3600), 10)
+                  .value()
+                  .empty());
+  EXPECT_EQ(db->totalComponentEnergy_Wh().value(), 0);
+  EXPECT_EQ(db->powerSampleDateRange().value(), std::nullopt);
+  EXPECT_FALSE(db->oldestPowerSampleDate());
   EXPECT_GT(db->databaseInfo().bytes, 0u);
-  EXPECT_EQ(unavailable.databaseInfo().bytes, 0u);
+
+  const fs::path nowhere = scratch.path() / "no" / "such" / "dir" / "quorel.db";
+  QuorelDatabase unavailable(elsewhere(nowhere, false), clock);
+  ASSERT_FALSE(unavailable.isAvailable());
+  const Error why{"the database is not available: cannot open " + nowhere.string() +
+                  ": unable to open database file"};
+  EXPECT_EQ(unavailable.queryPowerSamples(at(0), at(1), 10).error(), why);
+  EXPECT_EQ(unavailable.historicalCoverage(at(0), at(1)).error(), why);
+  EXPECT_EQ(unavailable.queryRecentSessions(1).error(), why);
+  EXPECT_EQ(unavailable.queryDailyBatteryMetrics().error(), why);
+  EXPECT_EQ(unavailable.queryAIAgentEnergy(at(0), at(1), 2, 2).error(), why);
+  EXPECT_EQ(unavailable.totalComponentEnergy_Wh().error(), why);
+  EXPECT_EQ(unavailable.powerSampleDateRange().error(), why);
+  EXPECT_EQ(
+      unavailable.cachedEnergyHistory(EnergyHistoryKind::agents,
+                                      EnergyHistoryWindow::rolling(Seconds(3600)), at(0), at(3600)),
+      EnergyHistorySnapshot{});
+  EXPECT_EQ(unavailable.databaseInfo(), DatabaseInfo{});
 }
 
-TEST_F(ReadsTest, SamplesReadEveryColumnByPositionWithinInclusiveBounds) {
+TEST_F(ReadsTest, AFailedReadCarriesSQLitesWordsAndLeavesTheOtherReadsAlone) {
+  sample(0, {{"wattage", -1.0}});
+  sql().exec("DROP TABLE sessions");
+  sql().exec("DROP TABLE collection_intervals");
+  EXPECT_EQ(db->queryRecentSessions(5).error().message, "no such table: sessions");
+  EXPECT_EQ(db->historicalCoverage(at(0), at(60)).error().message,
+            "no such table: collection_intervals")
+      << "coverage needs the sleep intervals as well as the samples";
+  EXPECT_EQ(db->queryPowerSamples(at(0), at(1), 5).value().size(), 1u);
+  EXPECT_EQ(db->queryTrackedEnergySummaries("sessions", "id", at(0), at(1), 5).error().message,
+            "sessions.id is not an energy table");
+  // A lifetime total that could not be read does not move the checkpoint.
+  sql().exec("ALTER TABLE power_samples RENAME TO old_samples");
+  EXPECT_FALSE(db->totalComponentEnergy_Wh());
+  EXPECT_EQ(sql().real("SELECT last_ts FROM lifetime_energy_state"), 0.0);
+}
+
+TEST_F(ReadsTest, SamplesComeBackAsWrittenWithinInclusiveBounds) {
+  PowerSample full;
+  full.timestamp = at(0);
+  full.wattage = -7.5;
+  full.batteryPct = 81.25;
+  full.ecpuW = 0.5;
+  full.gpuW = 2.0;
+  full.systemLoadW = 9.0;
+  full.powerInW = 20.0;
+  full.wallPowerW = 23.0;
+  full.thermalState = 2;
+  full.isCharging = true;
+  full.externalConnected = true;
+  full.temperatureC = 31.5;
+  full.observedDurationS = 30.0;
+  full.componentQuality = HistoricalValueQuality::measured;
+  full.systemPowerQuality = HistoricalValueQuality::inferred;
+  full.wallEstimateQuality = HistoricalValueQuality::estimated;
+  full.systemTotalW = 11.0;
+  full.batteryRailW = 1.0;
+  full.dcInW = 19.0;
+  full.thunderboltLeftW = 0.25;
+  full.thunderboltRightW = 0.0;
+  full.pdBrightnessW = 3.0;
+  db->insertPowerSample(full);
+  db->queue().runPending();
   sample(-1, {{"wattage", -5.0}});
-  sample(0, {{"wattage", -7.5},
-             {"battery_pct", 81.25},
-             {"ecpu_w", 0.5},
-             {"gpu_w", 2.0},
-             {"system_load_w", 9.0},
-             {"power_in_w", 20.0},
-             {"wall_power_w", 23.0},
-             {"thermal_state", std::int64_t{2}},
-             {"is_charging", std::int64_t{1}},
-             {"external_connected", std::int64_t{1}},
-             {"temperature_c", 31.5},
-             {"observed_duration_s", 30.0},
-             {"component_quality", std::string("measured")},
-             {"system_power_quality", std::string("inferred")},
-             {"wall_estimate_quality", std::string("someday")},
-             {"component_rejection_reason", std::string("why not")},
-             {"system_total_w", 11.0},
-             {"battery_rail_w", 1.0},
-             {"dc_in_w", 19.0},
-             {"thunderbolt_left_w", 0.25},
-             {"thunderbolt_right_w", 0.0},
-             {"pd_brightness_w", 3.0}});
-  sample(400, {{"wattage", -6.0}});
+  sample(400, {{"wattage", -6.0}, {"wall_estimate_quality", std::string("someday")}});
   sample(401, {{"wattage", -6.0}});
 
-  const auto samples = db->queryPowerSamples(at(0), at(400), 100);
+  const auto samples = db->queryPowerSamples(at(0), at(400), 100).value();
   ASSERT_EQ(samples.size(), 2u);
-  PowerSample expected;
-  expected.timestamp = at(0);
-  expected.wattage = -7.5;
-  expected.batteryPct = 81.25;
-  expected.ecpuW = 0.5;
-  expected.gpuW = 2.0;
-  expected.systemLoadW = 9.0;
-  expected.powerInW = 20.0;
-  expected.wallPowerW = 23.0;
-  expected.thermalState = 2;
-  expected.isCharging = true;
-  expected.externalConnected = true;
-  expected.temperatureC = 31.5;
-  expected.observedDurationS = 30.0;
-  expected.componentQuality = HistoricalValueQuality::measured;
-  expected.systemPowerQuality = HistoricalValueQuality::inferred;
-  expected.wallEstimateQuality = HistoricalValueQuality::unavailable;
-  expected.componentRejectionReason = "why not";
-  expected.systemTotalW = 11.0;
-  expected.batteryRailW = 1.0;
-  expected.dcInW = 19.0;
-  expected.thunderboltLeftW = 0.25;
-  expected.thunderboltRightW = 0.0;
-  expected.pdBrightnessW = 3.0;
-  EXPECT_EQ(samples[0], expected);
+  EXPECT_EQ(samples[0], full);
   EXPECT_TRUE(samples[1].precededByGap) << "400 s after the first sample of the range";
-  EXPECT_FALSE(samples[1].ecpuW);
+  EXPECT_EQ(samples[1].wallEstimateQuality, HistoricalValueQuality::unavailable);
   EXPECT_EQ(db->powerHistoryReads(), 1u);
 
-  EXPECT_EQ(db->queryPowerSamples(at(-10), at(1000), 1).size(), 2u);
-  const auto range = db->powerSampleDateRange();
-  ASSERT_TRUE(range);
-  EXPECT_EQ(range->first, at(-1));
-  EXPECT_EQ(range->last, at(401));
+  EXPECT_EQ(db->queryPowerSamples(at(-10), at(1000), 1).value().size(), 2u);
+  EXPECT_EQ(db->powerSampleDateRange().value(), (PowerSampleDateRange{at(-1), at(401)}));
   EXPECT_EQ(db->oldestPowerSampleDate(), at(-1));
   EXPECT_EQ(db->databaseInfo().sampleCount, 4);
 }
@@ -178,38 +173,25 @@ TEST_F(ReadsTest, CoverageCountsSleepApartAndNeverMoreThanTheGapLimitPerRow) {
   sql().insert(
       "collection_intervals",
       {{"start_time", kT0 + 1000}, {"end_time", kT0 + 1100}, {"status", std::string("missing")}});
-  const auto c = db->historicalCoverage(at(0), at(3600));
+  const auto c = db->historicalCoverage(at(0), at(3600)).value();
   EXPECT_DOUBLE_EQ(c.collectedSeconds, 900);
   EXPECT_DOUBLE_EQ(c.sleepingSeconds, 1800);
   EXPECT_DOUBLE_EQ(c.missingSeconds, 900);
   EXPECT_DOUBLE_EQ(c.coverageRatio(), 0.5);
-  EXPECT_EQ(db->historicalCoverage(at(3600), at(0)), c);
-  EXPECT_EQ(db->historicalCoverage(at(60), at(60)), HistoricalCoverageSummary{});
+  EXPECT_EQ(db->historicalCoverage(at(3600), at(0)).value(), c);
+  EXPECT_EQ(db->historicalCoverage(at(60), at(60)).value(), HistoricalCoverageSummary{});
 
-  const auto intervals = db->queryCollectionIntervals(at(1050), at(1060));
+  const auto intervals = db->queryCollectionIntervals(at(1050), at(1060)).value();
   ASSERT_EQ(intervals.size(), 1u);
   EXPECT_EQ(intervals[0].status, CollectionIntervalStatus::missing);
   EXPECT_EQ(intervals[0].startTime, at(1000)) << "intervals come back unclipped";
 }
 
-TEST_F(ReadsTest, CoverageOfRowsWithoutObservedDurationUsesTheirPredecessorUpToTheGapLimit) {
-  sample(10000, {{"component_quality", std::string("legacy")}});
-  sample(10100, {{"observed_duration_s", 900.0},  // a row speaks for at most 300 s
-                 {"component_quality", std::string("rejected")}});
-  sample(10160, {{"wall_estimate_quality", std::string("rejected")},
-                 {"system_power_quality", std::string("estimated")}});
-  sample(10461);  // 301 s after its predecessor: a gap, no time
-  sample(10500, {{"component_quality", std::string("measured")}});
-  const auto c = db->historicalCoverage(at(9000), at(12000));
-  EXPECT_DOUBLE_EQ(c.collectedSeconds, 300 + 60 + 39);
-  EXPECT_EQ(c.rejectedCount, 2);
-  EXPECT_EQ(c.estimatedCount, 2);
-  EXPECT_DOUBLE_EQ(c.missingSeconds, 3000 - 399);
-}
-
 TEST_F(ReadsTest, CoverageWalkSumsExactlyWhatTheWindowStatementSums) {
-  // Fractional times, ties, gaps, rows with and without observed durations, and every label, so
-  // that any difference in order or rounding from a LAG() window over the same rows shows.
+  // Fractional times, ties, gaps, rows with and without observed durations (those without fall
+  // back on their predecessor, up to the gap limit; none speaks for more than 300 s), and every
+  // label, so that any difference in order or rounding from a LAG() window over the same rows
+  // shows.
   const char* labels[] = {"measured", "estimated", "inferred", "legacy", "rejected", "unavailable"};
   double t = 0;
   for (int i = 0; i < 400; ++i) {
@@ -245,7 +227,7 @@ TEST_F(ReadsTest, CoverageWalkSumsExactlyWhatTheWindowStatementSums) {
   const std::int64_t rejected = sqlite3_column_int64(statement, 1);
   const std::int64_t estimated = sqlite3_column_int64(statement, 2);
   sqlite3_finalize(statement);
-  const auto c = db->historicalCoverage(fromUnixSeconds(from), fromUnixSeconds(to));
+  const auto c = db->historicalCoverage(fromUnixSeconds(from), fromUnixSeconds(to)).value();
   EXPECT_EQ(c.collectedSeconds, windowSum);
   EXPECT_EQ(c.rejectedCount, rejected);
   EXPECT_EQ(c.estimatedCount, estimated);
@@ -277,7 +259,7 @@ TEST_F(ReadsTest, SessionsNewestFirstWithUnknownLabelsDecodedToTheirDefaults) {
   session("1B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", 7000, 7059, "Battery", "great");
   session("2B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", -9000, -8000, std::nullopt, std::nullopt);
 
-  const auto sessions = db->queryRecentSessions(10);
+  const auto sessions = db->queryRecentSessions(10).value();
   ASSERT_EQ(sessions.size(), 3u);
   EXPECT_EQ(sessions[0].id, "1B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F");
   EXPECT_EQ(sessions[0].mode, PowerSessionMode::legacy) << "text is compared exactly";
@@ -293,7 +275,7 @@ TEST_F(ReadsTest, SessionsNewestFirstWithUnknownLabelsDecodedToTheirDefaults) {
   EXPECT_EQ(sessions[2].mode, PowerSessionMode::legacy) << "the column default";
 
   // The limit counts rows before the bad id is skipped.
-  EXPECT_EQ(db->queryRecentSessions(2).size(), 1u);
+  EXPECT_EQ(db->queryRecentSessions(2).value().size(), 1u);
 }
 
 TEST_F(ReadsTest, DailyMetricsKeepDaysWithHealthAndDesignAndRoundCapacities) {
@@ -323,7 +305,7 @@ TEST_F(ReadsTest, DailyMetricsKeepDaysWithHealthAndDesignAndRoundCapacities) {
   day("2027-01-18", 3 * 86400, {{"health_pct", 90.0}, {"design_capacity_mah", 0.0}});
   day("2027-01-19", 4 * 86400, {{"health_pct", 90.0}});
 
-  const auto metrics = db->queryDailyBatteryMetrics();
+  const auto metrics = db->queryDailyBatteryMetrics().value();
   ASSERT_EQ(metrics.size(), 2u);
   EXPECT_EQ(metrics[0].dayStart, at(0));
   EXPECT_EQ(metrics[0].maxObservedTemperature_C, 35.0);
@@ -339,7 +321,7 @@ TEST_F(ReadsTest, DailyMetricsKeepDaysWithHealthAndDesignAndRoundCapacities) {
 
   // The capacity log is the daily table seen as readings; the raw log is not read.
   sql().insert("capacity_log", {{"timestamp", kT0 + 50}, {"design_capacity_mah", 1}});
-  const auto log = db->queryCapacityLog();
+  const auto log = db->queryCapacityLog().value();
   ASSERT_EQ(log.size(), 2u);
   EXPECT_EQ(log[0], (CapacityLogEntry{at(0), 4600, 5000, 100, 92.0, 35.0}));
   EXPECT_DOUBLE_EQ(log[1].maxTemperature_C, 30.0) << "the average stands in for a missing max";
@@ -360,7 +342,7 @@ TEST_F(ReadsTest, RankingsAndBucketedSeriesWeighByObservedTime) {
   energy(table, 99999, "later", {{"avg_watts", 50.0}, {"energy_wh", 99.0}});
 
   // A one-hour window in 3 buckets of 1200 s.
-  const auto series = db->queryProcessEnergy(at(0), at(3600), 3, 2);
+  const auto series = db->queryProcessEnergy(at(0), at(3600), 3, 2).value();
   ASSERT_EQ(series.size(), 2u);
   ASSERT_EQ(series.at("build").size(), 2u);
   EXPECT_DOUBLE_EQ(toUnixSeconds(series.at("build")[0].time), kT0 + (0 * 30 + 60 * 90) / 120.0);
@@ -369,9 +351,9 @@ TEST_F(ReadsTest, RankingsAndBucketedSeriesWeighByObservedTime) {
   ASSERT_EQ(series.at("editor").size(), 1u);
   EXPECT_EQ(series.at("editor")[0], (EnergyPoint{at(150), 5.0})) << "plain averages";
 
-  EXPECT_TRUE(db->queryAIAgentEnergy(at(0), at(3600), 3, 2).empty());
+  EXPECT_TRUE(db->queryAIAgentEnergy(at(0), at(3600), 3, 2).value().empty());
   energy("ai_agent_energy", 10, "claude-code", {{"avg_watts", 3.0}, {"energy_wh", 1.0}});
-  EXPECT_EQ(db->queryAIAgentEnergy(at(0), at(3600), 3, 2).size(), 1u);
+  EXPECT_EQ(db->queryAIAgentEnergy(at(0), at(3600), 3, 2).value().size(), 1u);
 }
 
 TEST_F(ReadsTest, SummariesTakeTheWorstQualityAndFallBackToDurationsForCoverage) {
@@ -407,7 +389,7 @@ TEST_F(ReadsTest, SummariesTakeTheWorstQualityAndFallBackToDurationsForCoverage)
           {"quality", std::string("whatever")}});
 
   const auto s =
-      db->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(100), 10);
+      db->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(100), 10).value();
   ASSERT_EQ(s.size(), 3u);
   EXPECT_EQ(s[0].identifier, "mostly-measured");
   EXPECT_DOUBLE_EQ(s[0].energyWh, 10.0);
@@ -422,12 +404,11 @@ TEST_F(ReadsTest, SummariesTakeTheWorstQualityAndFallBackToDurationsForCoverage)
   EXPECT_EQ(s[2].quality, HistoricalValueQuality::unavailable);
   EXPECT_DOUBLE_EQ(s[2].coverageRatio, 1.0);
 
-  EXPECT_EQ(
-      db->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(100), 1).size(),
-      1u);
-  EXPECT_TRUE(db->queryTrackedEnergySummaries("sessions", "id", at(0), at(100), 10).empty());
-  EXPECT_TRUE(
-      db->queryTrackedEnergySummaries("process_energy", "agent_id", at(0), at(100), 10).empty());
+  EXPECT_EQ(db->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(100), 1)
+                .value()
+                .size(),
+            1u);
+  EXPECT_FALSE(db->queryTrackedEnergySummaries("process_energy", "agent_id", at(0), at(100), 10));
 }
 
 TEST_F(ReadsTest, EnergyHistoryCacheIsReusedUntilRowsChangeOrTheWindowReachesNewOnes) {
@@ -503,41 +484,42 @@ TEST_F(ReadsTest, LifetimeTotalReadsOnlyNewRowsAndSkipsGapsAndUnknownAdapterStat
   sample(0, {{"wattage", -10.0}});
   sample(360, {{"wattage", -10.0}});  // 360 s: a gap, nothing
   sample(660, {{"wattage", -10.0}});  // 300 s: counted
-  const double first = db->totalComponentEnergy_Wh();
+  const double first = db->totalComponentEnergy_Wh().value();
   EXPECT_NEAR(first, 300 * 10 / 3600.0, 1e-12);
   EXPECT_EQ(sql().real("SELECT last_ts FROM lifetime_energy_state"), kT0 + 660);
 
   // Old rows are never read again: deleting them changes nothing.
   sql().exec("DELETE FROM power_samples");
-  EXPECT_DOUBLE_EQ(db->totalComponentEnergy_Wh(), first);
+  EXPECT_DOUBLE_EQ(db->totalComponentEnergy_Wh().value(), first);
 
   // A new row pairs with the checkpoint. On AC the total is power in minus battery flow.
   sample(690, {{"wattage", 5.0}, {"power_in_w", 25.0}, {"external_connected", std::int64_t{1}}});
-  const double second = db->totalComponentEnergy_Wh();
+  const double second = db->totalComponentEnergy_Wh().value();
   EXPECT_NEAR(second - first, 30 * (10 + 20) * 0.5 / 3600.0, 1e-12);
 
   // Connected without a power-in reading is unknown: neither neighbouring stretch counts.
   sample(720, {{"wattage", 5.0}, {"external_connected", std::int64_t{1}}});
   sample(750, {{"wattage", -4.0}});
-  EXPECT_DOUBLE_EQ(db->totalComponentEnergy_Wh(), second);
+  EXPECT_DOUBLE_EQ(db->totalComponentEnergy_Wh().value(), second);
   sample(780, {{"wattage", -4.0}});
-  EXPECT_NEAR(db->totalComponentEnergy_Wh() - second, 30 * 4 / 3600.0, 1e-12);
+  EXPECT_NEAR(db->totalComponentEnergy_Wh().value() - second, 30 * 4 / 3600.0, 1e-12);
 }
 
 TEST_F(ReadsTest, ReadOnlyStoreReadsWithoutWritingAndRefusesAMissingFile) {
   sample(0, {{"wattage", -36.0}});
   sample(10, {{"wattage", -36.0}});
   {
-    QuorelDatabase reader(options(/*readOnly=*/true));
+    QuorelDatabase reader(options(/*readOnly=*/true), clock);
     ASSERT_TRUE(reader.isAvailable());
-    EXPECT_EQ(reader.queryPowerSamples(at(0), at(10), 10).size(), 2u);
-    EXPECT_NEAR(reader.totalComponentEnergy_Wh(), 0.1, 1e-12);
-    EXPECT_NEAR(reader.totalComponentEnergy_Wh(), 0.1, 1e-12) << "a read-only sum never moves";
+    EXPECT_EQ(reader.queryPowerSamples(at(0), at(10), 10).value().size(), 2u);
+    EXPECT_NEAR(reader.totalComponentEnergy_Wh().value(), 0.1, 1e-12);
+    EXPECT_NEAR(reader.totalComponentEnergy_Wh().value(), 0.1, 1e-12)
+        << "a read-only sum never moves";
   }
   EXPECT_EQ(sql().real("SELECT last_ts FROM lifetime_energy_state"), 0.0);
 
   const fs::path missing = scratch.path() / "elsewhere" / "quorel.db";
-  QuorelDatabase absent(elsewhere(missing, true));
+  QuorelDatabase absent(elsewhere(missing, true), clock);
   EXPECT_FALSE(absent.isAvailable());
   EXPECT_FALSE(fs::exists(missing.parent_path()));
 
@@ -545,7 +527,7 @@ TEST_F(ReadsTest, ReadOnlyStoreReadsWithoutWritingAndRefusesAMissingFile) {
   const fs::path old = scratch.path() / "old.db";
   { SqlFile(old).exec("CREATE TABLE power_samples (id INTEGER PRIMARY KEY, timestamp REAL)"); }
   {
-    QuorelDatabase reader(elsewhere(old, true));
+    QuorelDatabase reader(elsewhere(old, true), clock);
     EXPECT_TRUE(reader.isAvailable());
   }
   EXPECT_EQ(SqlFile(old).integer("PRAGMA user_version"), 0);
@@ -554,14 +536,14 @@ TEST_F(ReadsTest, ReadOnlyStoreReadsWithoutWritingAndRefusesAMissingFile) {
 
 TEST_F(ReadsTest, ReadsWaitForARunningQueueAndRunInPlaceOnIt) {
   db.reset();
-  db = std::make_unique<QuorelDatabase>(options(false, /*startQueue=*/true));
+  db = std::make_unique<QuorelDatabase>(options(false, /*startQueue=*/true), clock);
   sample(0, {{"wattage", -1.0}});
   db->insertCollectionInterval(at(0), at(100), CollectionIntervalStatus::sleep, std::nullopt);
   // Posted before the read: the read, waiting its turn on the queue, sees the write.
-  EXPECT_EQ(db->queryCollectionIntervals(at(0), at(100)).size(), 1u);
+  EXPECT_EQ(db->queryCollectionIntervals(at(0), at(100)).value().size(), 1u);
   const auto fromQueue = db->queue().sync([&] { return db->databaseInfo().sampleCount; });
   EXPECT_EQ(fromQueue, 1);
-  std::thread other([&] { EXPECT_EQ(db->queryPowerSamples(at(0), at(1), 5).size(), 1u); });
+  std::thread other([&] { EXPECT_EQ(db->queryPowerSamples(at(0), at(1), 5).value().size(), 1u); });
   other.join();
 }
 

@@ -11,8 +11,10 @@
 #include <random>
 #include <sstream>
 
+#include "core/logging.hpp"
 #include "store/corruption_report.hpp"
 #include "store/fixtures/legacy_database.hpp"
+#include "store/sqlite_connection.hpp"
 #include "store/sqlite_test_support.hpp"
 #include "support/log_capture.hpp"
 
@@ -71,6 +73,7 @@ class QuorelDatabaseTest : public ::testing::Test {
   fs::path dataDir = temp.path() / "share" / "quorel";
   fs::path dbFile = dataDir / "quorel.db";
   int corruptionSignals = 0;
+  ManualClock clock;
 
   QuorelDatabase::Options atDefaultLocation() {
     return {.dataDirectory = dataDir,
@@ -85,18 +88,23 @@ class QuorelDatabaseTest : public ::testing::Test {
             .startQueue = false};
   }
   fs::path freshDatabase() {
-    QuorelDatabase db(atDefaultLocation());
+    QuorelDatabase db(atDefaultLocation(), clock);
     return dbFile;
+  }
+  // What the store logs, once, when the file at the default location is damaged.
+  std::string corruptionLine() const {
+    return "database corruption detected — to start a fresh history, stop quorel and run: rm -f "
+           "-- '" +
+           dbFile.string() + "' '" + dbFile.string() + "-wal' '" + dbFile.string() + "-shm'";
   }
 };
 
 TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentVersionPrivateModesAndWal) {
   {
-    QuorelDatabase db(atDefaultLocation());
+    QuorelDatabase db(atDefaultLocation(), clock);
     EXPECT_TRUE(db.isAvailable());
     EXPECT_EQ(db.databasePath(), dbFile);
     EXPECT_EQ(db.databaseFolder(), dataDir);
-    EXPECT_EQ(db.queue().label(), "com.quorel.database");
     EXPECT_EQ(modeOf(dataDir), 0700u);
     for (const char* name : {"quorel.db", "quorel.db-wal", "quorel.db-shm"}) {
       ASSERT_TRUE(fs::exists(dataDir / name)) << name;
@@ -107,55 +115,9 @@ TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentVersionPrivateModesAndWal) {
   SqlFile file(dbFile);
   EXPECT_EQ(file.integer("PRAGMA user_version"), 8);
   EXPECT_EQ(file.text("PRAGMA journal_mode"), "wal");
-  EXPECT_EQ(
-      file.rows("SELECT id, last_ts, last_total_w, accumulated_wh FROM lifetime_energy_state"),
-      (std::vector<std::vector<std::string>>{{"1", "0.0", "0.0", "0.0"}}));
 
   // Its tables, columns and indexes are pinned by the version 7 fixture, written by hand in the
   // current shape: MigrationTest.CarriesTheFileToTheCurrentSchemaAndFixesItsRows/v7 compares them.
-}
-
-TEST_F(QuorelDatabaseTest, FreshFileEnforcesEveryCheck) {
-  freshDatabase();
-  SqlFile db(dbFile);
-  struct Case {
-    const char* sql;
-    bool accepted;
-  };
-  const Case cases[] = {
-      {"INSERT INTO power_samples (timestamp, battery_pct) VALUES (0, NULL)", true},
-      {"INSERT INTO power_samples (timestamp, battery_pct) VALUES (4102444799, 100)", true},
-      {"INSERT INTO power_samples (timestamp) VALUES (4102444800)", false},
-      {"INSERT INTO power_samples (timestamp) VALUES (-0.5)", false},
-      {"INSERT INTO power_samples (timestamp) VALUES (NULL)", false},
-      {"INSERT INTO power_samples (timestamp, battery_pct) VALUES (1, 100.5)", false},
-      {"INSERT INTO power_samples (timestamp, battery_pct) VALUES (1, -1)", false},
-      {"INSERT INTO capacity_log (timestamp, nominal_capacity_mah, design_capacity_mah, "
-       "cycle_count) VALUES (1, 0, 1, 0)",
-       true},
-      {"INSERT INTO capacity_log (timestamp, design_capacity_mah) VALUES (1, 0)", false},
-      {"INSERT INTO capacity_log (timestamp, nominal_capacity_mah) VALUES (1, -1)", false},
-      {"INSERT INTO capacity_log (timestamp, cycle_count) VALUES (1, -1)", false},
-      {"INSERT INTO sessions (id, start_time, end_time) VALUES ('a', 10, 10)", true},
-      {"INSERT INTO sessions (id, start_time, end_time) VALUES ('b', 10, 9)", false},
-      {"INSERT INTO sessions (id, start_time, end_time) VALUES ('c', NULL, 9)", true},
-      {"INSERT INTO sessions (id, start_pct) VALUES ('d', 101)", false},
-      {"INSERT INTO sessions (id, end_time) VALUES ('e', 4102444800)", false},
-      {"INSERT INTO lifetime_energy_state (id) VALUES (2)", false},
-      {"INSERT INTO battery_epoch (first_seen, baseline_design_mah) VALUES (1, 0)", false},
-      {"INSERT INTO battery_epoch (first_seen, baseline_cycle_count) VALUES (1, -1)", false},
-      {"INSERT INTO battery_epoch (first_seen) VALUES (1)", true},
-      {"INSERT INTO collection_intervals (start_time, end_time, status) VALUES (5, 5, 'sleep')",
-       true},
-      {"INSERT INTO collection_intervals (start_time, end_time, status) VALUES (5, 4, 'sleep')",
-       false},
-      {"INSERT INTO collection_intervals (start_time, end_time, status) VALUES (5, 6, 'awake')",
-       false},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(db.tryExec(c.sql) == SQLITE_OK, c.accepted) << c.sql;
-  }
-  EXPECT_EQ(db.text("SELECT source FROM battery_epoch"), "initial");
 }
 
 TEST_F(QuorelDatabaseTest, ReopeningACurrentFileChangesNothing) {
@@ -167,7 +129,7 @@ TEST_F(QuorelDatabaseTest, ReopeningACurrentFileChangesNothing) {
         "(1, 1, 1, 1, 1, 1), (2, 1, 1, 1, 1, 1), (3, 1, 1, 1, 1, 1)");
   }
   LogCapture logs;
-  QuorelDatabase again(atDefaultLocation());
+  QuorelDatabase again(atDefaultLocation(), clock);
   SqlFile db(dbFile);
   EXPECT_EQ(db.integer("SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL"), 3);
   for (const auto& line : logs.lines())
@@ -179,7 +141,7 @@ TEST_F(QuorelDatabaseTest, VersionZeroFileWithOldTablesEndsLikeAFreshOne) {
   const fs::path old = temp.path() / "v0.db";
   testing::buildLegacyDatabase(old, 1);
   SqlFile(old).exec("PRAGMA user_version = 0");
-  { QuorelDatabase db(atPath(old)); }
+  { QuorelDatabase db(atPath(old), clock); }
   EXPECT_EQ(schemaOf(old), fresh);
   EXPECT_EQ(SqlFile(old).integer("PRAGMA user_version"), 8);
 }
@@ -192,7 +154,7 @@ TEST_P(MigrationTest, CarriesTheFileToTheCurrentSchemaAndFixesItsRows) {
   const fs::path file = temp.path() / ("v" + std::to_string(version) + ".db");
   testing::buildLegacyDatabase(file, version);
   LogCapture logs;
-  { QuorelDatabase db(atPath(file)); }
+  { QuorelDatabase db(atPath(file), clock); }
   EXPECT_EQ(corruptionSignals, 0);
   EXPECT_EQ(logs.count("migrating schema from v" + std::to_string(version) + " to v8"), 1u);
   EXPECT_EQ(schemaOf(file), fresh);
@@ -373,7 +335,7 @@ TEST_F(QuorelDatabaseTest, AFailingStepLeavesTheFileAtItsOldVersionWithAllItsDat
   const auto componentRows =
       SqlFile(file).integer("SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL");
   LogCapture logs;
-  { QuorelDatabase db(atPath(file)); }
+  { QuorelDatabase db(atPath(file), clock); }
   {
     SqlFile db(file);
     EXPECT_EQ(db.integer("PRAGMA user_version"), 2);
@@ -397,7 +359,7 @@ TEST_F(QuorelDatabaseTest, AFailingStepLeavesTheFileAtItsOldVersionWithAllItsDat
 
   // The next start tries again from the old version.
   SqlFile(file).exec("DROP TRIGGER refuse_heal");
-  { QuorelDatabase db(atPath(file)); }
+  { QuorelDatabase db(atPath(file), clock); }
   EXPECT_EQ(SqlFile(file).integer("PRAGMA user_version"), 8);
 }
 
@@ -413,7 +375,7 @@ TEST_F(QuorelDatabaseTest, NewerFileIsLeftAsItIs) {
   }
   const auto before = schemaOf(dbFile);
   LogCapture logs;
-  { QuorelDatabase db(atDefaultLocation()); }
+  { QuorelDatabase db(atDefaultLocation(), clock); }
   SqlFile db(dbFile);
   EXPECT_EQ(db.integer("PRAGMA user_version"), 9);
   EXPECT_EQ(schemaOf(dbFile), before);
@@ -435,43 +397,52 @@ TEST_F(QuorelDatabaseTest, RandomBytesSignalCorruptionOnceAndStayUntouched) {
   }
   LogCapture logs;
   {
-    QuorelDatabase db(atDefaultLocation());
+    QuorelDatabase db(atDefaultLocation(), clock);
     EXPECT_EQ(corruptionSignals, 1);
     // Later failures of any statement on the same file say nothing new.
-    db.logSqliteError(SQLITE_NOTADB, "insert sample");
-    db.logSqliteError(SQLITE_CORRUPT, "insert sample");
+    db.insertPowerSample({});
+    db.queue().runPending();
+    EXPECT_FALSE(db.queryRecentSessions(5));
   }
   EXPECT_EQ(corruptionSignals, 1);
-  EXPECT_EQ(logs.count("database corruption detected — recommend Settings → Reset Data"), 1u);
+  EXPECT_EQ(logs.count(corruptionLine()), 1u);
   EXPECT_EQ(bytesOf(dbFile), noise);
   EXPECT_FALSE(fs::exists(dataDir / "quorel.db-wal") &&
                fs::file_size(dataDir / "quorel.db-wal") > 0);
 }
 
 TEST_F(QuorelDatabaseTest, SqliteErrorsAreClassifiedByResultCode) {
-  QuorelDatabase db(atDefaultLocation());
+  SqliteConnection db(logging::get("db"), [this] { ++corruptionSignals; });
+  ASSERT_EQ(db.openReadWrite(dbFile.parent_path() / "x.db", /*createPrivate=*/false),
+            SQLITE_CANTOPEN)
+      << "the data directory does not exist yet";
+  fs::create_directories(dataDir);
+  ASSERT_EQ(db.openReadWrite(dbFile, /*createPrivate=*/true), SQLITE_OK);
+  EXPECT_EQ(modeOf(dbFile), 0600u);
   LogCapture logs;
-  db.logSqliteError(SQLITE_BUSY, "insert sample");
-  db.logSqliteError(SQLITE_LOCKED, "insert sample");
-  db.logSqliteError(SQLITE_CONSTRAINT, "insert session");
+  db.logError(SQLITE_BUSY, "insert sample");
+  db.logError(SQLITE_LOCKED, "insert sample");
+  db.logError(SQLITE_CONSTRAINT, "insert session");
   EXPECT_EQ(corruptionSignals, 0);
-  db.logSqliteError(SQLITE_CORRUPT, "read history");
+  db.logError(SQLITE_CORRUPT, "read history");
   EXPECT_EQ(corruptionSignals, 1);
-  db.logSqliteError(SQLITE_NOTADB, "read history");
-  db.logSqliteError(SQLITE_CORRUPT_INDEX, "read history");
+  db.logError(SQLITE_NOTADB, "read history");
+  db.logError(SQLITE_CORRUPT_INDEX, "read history");
   EXPECT_EQ(corruptionSignals, 1);
 
-  const auto lines = logs.lines();
-  ASSERT_GE(lines.size(), 7u);
-  EXPECT_THAT(lines[0].message, StartsWith("insert sample transient: rc=5 msg="));
-  EXPECT_EQ(lines[0].level, spdlog::level::warn);
-  EXPECT_THAT(lines[1].message, StartsWith("insert sample transient: rc=6 msg="));
-  EXPECT_THAT(lines[2].message, StartsWith("insert session failed: rc=19 msg="));
-  EXPECT_EQ(lines[2].level, spdlog::level::err);
-  EXPECT_THAT(lines[3].message, StartsWith("read history failed: rc=11 msg="));
-  EXPECT_EQ(lines[4].message, "database corruption detected — recommend Settings → Reset Data");
-  EXPECT_EQ(lines[4].level, spdlog::level::critical);
-  EXPECT_THAT(lines[5].message, StartsWith("read history failed: rc=26 msg="));
+  using Line = std::pair<spdlog::level::level_enum, std::string>;
+  std::vector<Line> lines;
+  for (const auto& line : logs.lines()) lines.emplace_back(line.level, line.message);
+  using spdlog::level::critical, spdlog::level::err, spdlog::level::warn;
+  EXPECT_EQ(lines, (std::vector<Line>{
+                       {warn, "insert sample transient: rc=5 msg=not an error"},
+                       {warn, "insert sample transient: rc=6 msg=not an error"},
+                       {err, "insert session failed: rc=19 msg=not an error"},
+                       {err, "read history failed: rc=11 msg=not an error"},
+                       {critical, corruptionLine()},
+                       {err, "read history failed: rc=26 msg=not an error"},
+                       {err, "read history failed: rc=779 msg=not an error"},
+                   }));
 }
 
 TEST_F(QuorelDatabaseTest, NoDataDirectoryMeansUnavailableAndOneSignal) {
@@ -479,18 +450,15 @@ TEST_F(QuorelDatabaseTest, NoDataDirectoryMeansUnavailableAndOneSignal) {
   QuorelDatabase db({.dataDirectory = std::nullopt,
                      .databasePathOverride = std::nullopt,
                      .onCorruption = [this] { ++corruptionSignals; },
-                     .startQueue = false});
+                     .startQueue = false},
+                    clock);
   EXPECT_FALSE(db.isAvailable());
   EXPECT_EQ(corruptionSignals, 1);
-  EXPECT_EQ(logs.count("cannot locate Application Support directory"), 1u);
-}
-
-TEST_F(QuorelDatabaseTest, UnopenableExplicitPathIsUnavailableWithoutSignal) {
-  LogCapture logs;
-  QuorelDatabase db(atPath(temp.path() / "missing" / "dir" / "x.db"));
-  EXPECT_FALSE(db.isAvailable());
-  EXPECT_EQ(corruptionSignals, 0);
-  EXPECT_EQ(logs.count("failed to open explicit database path"), 1u);
+  EXPECT_EQ(logs.count("cannot locate the data directory ($XDG_DATA_HOME/quorel, else "
+                       "~/.local/share/quorel) — set HOME or pass --data-dir DIR"),
+            1u);
+  EXPECT_EQ(db.queryPowerSamples(clock.now(), clock.now(), 10).error().message,
+            "the database is not available: no data directory could be located");
 }
 
 TEST_F(QuorelDatabaseTest, UnopenableDefaultLocationSignalsCorruption) {
@@ -502,7 +470,8 @@ TEST_F(QuorelDatabaseTest, UnopenableDefaultLocationSignalsCorruption) {
   QuorelDatabase db({.dataDirectory = blocker / "quorel",
                      .databasePathOverride = std::nullopt,
                      .onCorruption = [this] { ++corruptionSignals; },
-                     .startQueue = false});
+                     .startQueue = false},
+                    clock);
   EXPECT_FALSE(db.isAvailable());
   EXPECT_EQ(corruptionSignals, 1);
   bool createLogged = false;
@@ -522,22 +491,31 @@ TEST_F(QuorelDatabaseTest, UnopenableDefaultLocationSignalsCorruption) {
   EXPECT_TRUE(openLogged);
 }
 
-TEST(CorruptionReportTest, HeadlessReportLogsAndPrintsTitleTextAndFolder) {
+TEST(CorruptionReportTest, HeadlessReportNamesTheFolderAndTheCommandThatClearsIt) {
   LogCapture logs;
   std::ostringstream err;
-  reportCorruptionHeadless(fs::path("/home/u/.local/share/quorel"), err);
+  reportCorruptionHeadless(fs::path("/home/u/.local/share/it's"), err);
   EXPECT_EQ(err.str(),
             "Quorel's history database is unreadable\n"
-            "Quorel can keep running, but new samples and history won't be saved. Showing the "
-            "database folder lets you remove the damaged files and relaunch Quorel to start "
-            "fresh.\n"
-            "Database folder: /home/u/.local/share/quorel\n");
+            "Quorel can keep running, but new samples and history won't be saved. To start "
+            "fresh, stop quorel, remove the damaged files with the command below and start "
+            "quorel again.\n"
+            "Database folder: /home/u/.local/share/it's\n"
+            "rm -f -- '/home/u/.local/share/it'\\''s/quorel.db' "
+            "'/home/u/.local/share/it'\\''s/quorel.db-wal' "
+            "'/home/u/.local/share/it'\\''s/quorel.db-shm'\n");
   const auto lines = logs.lines();
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].level, spdlog::level::err);
   EXPECT_THAT(lines[0].message, StartsWith("Quorel's history database is unreadable — Quorel can "
                                            "keep running"));
-  EXPECT_THAT(lines[0].message, HasSubstr("/home/u/.local/share/quorel"));
+  EXPECT_THAT(lines[0].message, HasSubstr("rm -f -- '/home/u/.local/share/it'"));
+
+  std::ostringstream nowhere;
+  reportCorruptionHeadless(std::nullopt, nowhere);
+  EXPECT_THAT(nowhere.str(), HasSubstr("Database folder: (none could be located — set "
+                                       "XDG_DATA_HOME or pass --data-dir)\n"));
+  EXPECT_THAT(nowhere.str(), ::testing::Not(HasSubstr("rm -f")));
 }
 
 }  // namespace

@@ -1,16 +1,13 @@
 #pragma once
 // `quorel history`: looking back through the store from a shell, on a read-only connection, so
-// it works with or without a running agent. The JSON shapes are the MCP read tools' own, built by
-// the same functions, so a script sees what an assistant sees.
+// it works with or without a running agent. With --json it prints the shapes of
+// store/history_json.hpp, the ones the assistants' tools give.
 
 #include <filesystem>
 #include <optional>
 #include <string>
 
 #include "core/clock.hpp"
-#include "core/json_value.hpp"
-#include "store/history_read_records.hpp"
-#include "store/history_records.hpp"
 
 namespace quorel {
 
@@ -26,7 +23,8 @@ struct HistoryCommandArguments {
 };
 
 struct HistoryCommandResult {
-  int exitStatus = 0;  // 0 done, 1 the database could not be read, 2 bad arguments
+  // 0 done (an empty history included), 1 the history could not be read, 2 bad arguments.
+  int exitStatus = 0;
   std::string output;  // for standard output
   std::string error;   // for standard error, a sentence
 };
@@ -35,19 +33,5 @@ struct HistoryCommandResult {
 HistoryCommandResult runHistoryCommand(const HistoryCommandArguments& arguments,
                                        const std::filesystem::path& databasePath,
                                        const Clock& clock);
-
-// ISO-8601 internet date-time with or without fractional seconds, "Z" or a numeric offset.
-std::optional<TimePoint> parseIso8601(std::string_view text);
-
-// The shapes shared with the MCP read tools. Absent or non-finite numbers are null.
-namespace history_json {
-JSONValue coverage(const HistoricalCoverageSummary& summary);
-JSONValue sample(const PowerSample& sample);
-JSONValue session(const SessionRecord& session);
-JSONValue dailyMetric(const DailyBatteryMetric& metric);
-// One ranked process (key "app") or agent (key "agent").
-JSONValue trackedEnergy(const TrackedEnergySummary& summary, double currentWatts,
-                        const char* identifierKey);
-}  // namespace history_json
 
 }  // namespace quorel

@@ -1,12 +1,13 @@
-// `quorel history` against files built with plain SQL: refusals, missing files, and the JSON
-// shapes shared with the MCP read tools.
+// `quorel history` against files built with plain SQL: refusals, files that cannot be read, and
+// the JSON shapes shared with the assistants' tools.
 
-#include "store/history_command.hpp"
+#include "programs/quorel/history_command.hpp"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
 
+#include "core/json_value.hpp"
 #include "store/quorel_database.hpp"
 #include "store/sqlite_test_support.hpp"
 
@@ -17,6 +18,8 @@ namespace fs = std::filesystem;
 using testing::SqlFile;
 
 constexpr double kT0 = 1'800'000'000;  // 2027-01-15T08:00:00Z
+constexpr const char* kQuestions[] = {"samples", "coverage", "sessions", "daily",
+                                      "apps",    "agents",   "lifetime"};
 
 class HistoryCommandTest : public ::testing::Test {
  protected:
@@ -25,7 +28,7 @@ class HistoryCommandTest : public ::testing::Test {
     o.dataDirectory = std::nullopt;
     o.databasePathOverride = file();
     o.startQueue = false;
-    QuorelDatabase made(std::move(o));  // a current schema, then closed
+    QuorelDatabase made(std::move(o), clock);  // a current schema, then closed
   }
   fs::path file() const { return scratch.path() / "quorel.db"; }
   HistoryCommandResult run(HistoryCommandArguments a) {
@@ -51,37 +54,56 @@ TEST_F(HistoryCommandTest, BadArgumentsAreRefusedWithASentenceBeforeAnythingIsOp
             "2026-11-22T10:15:30Z or 2026-11-22T11:15:30.250+01:00.");
   EXPECT_EQ(run({.subcommand = "samples", .to = "2027-01-15T08:00:00"}).exitStatus, 2)
       << "a time without a zone";
-  EXPECT_EQ(run({.subcommand = "samples", .to = "2027-02-30T08:00:00Z"}).exitStatus, 2);
   r = run({.subcommand = "samples", .points = "12x"});
   EXPECT_EQ(r.exitStatus, 2);
   EXPECT_EQ(r.error,
             "--points \"12x\" is not a whole number of at least 1 — give a count such "
             "as 240.");
-  EXPECT_EQ(run({.subcommand = "sessions", .limit = "0"}).exitStatus, 2);
+  r = run({.subcommand = "sessions", .limit = "0"});
+  EXPECT_EQ(r.exitStatus, 2);
+  EXPECT_NE(r.error.find("such as 20."), std::string::npos) << "the sessions' own default";
   EXPECT_EQ(run({.subcommand = "everything"}).exitStatus, 2);
 }
 
-TEST_F(HistoryCommandTest, MissingOrUnreadableDatabaseSaysWhereItLooked) {
-  fs::remove(file());
-  auto r = run({.subcommand = "lifetime"});
-  EXPECT_EQ(r.exitStatus, 1);
-  EXPECT_NE(r.error.find(file().string()), std::string::npos) << r.error;
-  EXPECT_FALSE(fs::exists(file())) << "looking must not create it";
-
-  std::ofstream(file()) << "this is not a database, just some text long enough to be a header";
-  r = run({.subcommand = "lifetime"});
-  EXPECT_EQ(r.exitStatus, 1);
-  EXPECT_EQ(r.error.rfind("Cannot read the history database at " + file().string(), 0), 0u);
+TEST_F(HistoryCommandTest, AnEmptyHealthyStoreAnswersEveryQuestionEmptily) {
+  for (const char* question : kQuestions) {
+    const auto r = run({.subcommand = question, .json = true});
+    EXPECT_EQ(r.exitStatus, 0) << question << ": " << r.error;
+    EXPECT_TRUE(r.error.empty()) << question;
+    EXPECT_TRUE(JSONValue::parse(r.output)) << question;
+  }
+  const JSONValue v = parsed(run({.subcommand = "lifetime", .json = true}));
+  EXPECT_EQ(v.member("lifetime_wh"), JSONValue(0));
+  EXPECT_EQ(v.member("lifetime_from"), JSONValue(nullptr));
+  EXPECT_EQ(parsed(run({.subcommand = "sessions", .json = true})).member("count"), JSONValue(0));
+  EXPECT_EQ(run({.subcommand = "daily"}).exitStatus, 0);
 }
 
-TEST_F(HistoryCommandTest, TimesReadWithAndWithoutFractionsAndOffsets) {
-  EXPECT_EQ(parseIso8601("2027-01-15T08:00:00Z"), fromUnixSeconds(kT0));
-  EXPECT_EQ(parseIso8601("2027-01-15T08:00:00.250Z"), fromUnixSeconds(kT0 + 0.25));
-  EXPECT_EQ(parseIso8601("2027-01-15T09:30:00+01:30"), fromUnixSeconds(kT0));
-  EXPECT_EQ(parseIso8601("2027-01-15T03:00:00-05:00"), fromUnixSeconds(kT0));
-  EXPECT_FALSE(parseIso8601("2027-01-15T08:00:00.Z"));
-  EXPECT_FALSE(parseIso8601("2027-01-15 08:00:00Z"));
-  EXPECT_FALSE(parseIso8601(""));
+TEST_F(HistoryCommandTest, AHistoryThatCannotBeReadIsAFailureNotAnEmptyAnswer) {
+  const std::string prefix = "the history could not be read: ";
+  // A table gone from under the read-only connection: that question fails, the others answer.
+  SqlFile(file()).exec("DROP TABLE sessions");
+  auto r = run({.subcommand = "sessions", .json = true});
+  EXPECT_EQ(r.exitStatus, 1);
+  EXPECT_TRUE(r.output.empty());
+  EXPECT_EQ(r.error, prefix + "no such table: sessions (" + file().string() + ")");
+  EXPECT_EQ(run({.subcommand = "daily", .json = true}).exitStatus, 0);
+
+  // Bytes that are no database at all fail every question the same way.
+  std::ofstream(file(), std::ios::trunc)
+      << "this is not a database, just some text long enough to be a header";
+  for (const char* question : kQuestions) {
+    r = run({.subcommand = question});
+    EXPECT_EQ(r.exitStatus, 1) << question;
+    EXPECT_EQ(r.error, prefix + "file is not a database (" + file().string() + ")") << question;
+  }
+
+  fs::remove(file());
+  r = run({.subcommand = "lifetime"});
+  EXPECT_EQ(r.exitStatus, 1);
+  EXPECT_EQ(r.error.rfind(prefix + "there is no history database at " + file().string(), 0), 0u)
+      << r.error;
+  EXPECT_FALSE(fs::exists(file())) << "looking must not create it";
 }
 
 TEST_F(HistoryCommandTest, SamplesJsonHasTheToolsKeysWithNullsForAbsentFigures) {
@@ -98,32 +120,30 @@ TEST_F(HistoryCommandTest, SamplesJsonHasTheToolsKeysWithNullsForAbsentFigures) 
     sql.insert("power_samples", {{"timestamp", kT0 - 600}, {"wattage", -6.0}});  // before
   }
   const JSONValue v = parsed(run({.subcommand = "samples", .json = true}));
-  EXPECT_EQ(v.member("available"), JSONValue(true));
   EXPECT_EQ(v.member("from"), JSONValue("2027-01-15T08:00:00.000Z")) << "an hour before now";
   EXPECT_EQ(v.member("to"), JSONValue("2027-01-15T09:00:00.000Z"));
   EXPECT_EQ(v.member("count"), JSONValue(2));
   const auto* samples = v.find("samples")->arrayValue();
   ASSERT_EQ(samples->size(), 2u);
   const JSONValue& s = (*samples)[0];
-  EXPECT_EQ(s.objectValue()->size(), 25u);
   EXPECT_EQ(s.member("t"), JSONValue("2027-01-15T08:10:00.000Z"));
   EXPECT_EQ(s.member("component_sum_w"), JSONValue(2.0));
   EXPECT_EQ(s.member("ecpu_w"), JSONValue(nullptr));
   EXPECT_EQ(s.member("component_quality"), JSONValue("measured"));
   EXPECT_EQ(s.member("system_power_quality"), JSONValue("unavailable"));
-  EXPECT_EQ(s.member("charging"), JSONValue(false));
   EXPECT_EQ((*samples)[1].member("component_sum_w"), JSONValue(nullptr));
 
   const JSONValue coverage = *v.member("coverage");
   EXPECT_EQ(coverage.member("collected_s"), JSONValue(60.0));
   EXPECT_EQ(coverage.member("missing_s"), JSONValue(3540.0));
-  EXPECT_EQ(coverage.member("sleep_s"), JSONValue(0.0));
-  EXPECT_EQ(coverage.member("rejected_values"), JSONValue(0));
   EXPECT_EQ(coverage.member("confidence"), coverage.member("ratio"));
   EXPECT_EQ(parsed(run({.subcommand = "coverage", .json = true})), coverage);
 
-  EXPECT_EQ(parsed(run({.subcommand = "samples", .points = "1", .json = true})).member("count"),
-            JSONValue(2));
+  const auto table = run({.subcommand = "samples", .from = "2027-01-15T08:10:15Z"});
+  EXPECT_EQ(table.exitStatus, 0);
+  EXPECT_NE(table.output.find("2027-01-15T08:10:30.000Z      -6.00"), std::string::npos)
+      << table.output;
+  EXPECT_EQ(table.output.find("08:10:00"), std::string::npos) << "--from bounds the table";
 }
 
 TEST_F(HistoryCommandTest, AppsRankOverADayWithCurrentPowerFromTheLastMinuteAndAHalf) {
@@ -152,7 +172,6 @@ TEST_F(HistoryCommandTest, AppsRankOverADayWithCurrentPowerFromTheLastMinuteAndA
   EXPECT_EQ(top.member("app"), JSONValue("compiler"));
   EXPECT_EQ(top.member("wh"), JSONValue(5.2));
   EXPECT_EQ(top.member("current_w"), JSONValue(12.0));
-  EXPECT_EQ(top.member("source"), JSONValue("cpu_package_apportionment"));
   EXPECT_EQ((*apps)[1].member("current_w"), JSONValue(0));
   EXPECT_EQ(parsed(run({.subcommand = "apps", .limit = "1", .json = true}))
                 .find("apps")
@@ -161,19 +180,7 @@ TEST_F(HistoryCommandTest, AppsRankOverADayWithCurrentPowerFromTheLastMinuteAndA
             1u);
   EXPECT_EQ(
       parsed(run({.subcommand = "agents", .json = true})).find("agents")->arrayValue()->size(), 0u);
-
-  const auto table = run({.subcommand = "apps"});
-  EXPECT_EQ(table.exitStatus, 0);
-  EXPECT_NE(table.output.find("compiler"), std::string::npos);
-}
-
-TEST_F(HistoryCommandTest, LifetimeOfAnEmptyStoreHasNullBounds) {
-  const JSONValue v = parsed(run({.subcommand = "lifetime", .json = true}));
-  EXPECT_EQ(v.member("lifetime_wh"), JSONValue(0));
-  EXPECT_EQ(v.member("lifetime_from"), JSONValue(nullptr));
-  EXPECT_EQ(v.member("lifetime_quality"), JSONValue("inferred"));
-  EXPECT_EQ(parsed(run({.subcommand = "sessions", .json = true})).member("count"), JSONValue(0));
-  EXPECT_EQ(parsed(run({.subcommand = "daily", .json = true})).member("count"), JSONValue(0));
+  EXPECT_NE(run({.subcommand = "apps"}).output.find("compiler"), std::string::npos);
 }
 
 }  // namespace

@@ -1,0 +1,140 @@
+#include "store/history_json.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+namespace quorel::history_json {
+
+namespace {
+
+JSONValue number(std::optional<double> value) {
+  if (!value || !std::isfinite(*value)) return nullptr;
+  return *value;
+}
+
+JSONValue text(const std::optional<std::string>& value) {
+  if (!value) return nullptr;
+  return *value;
+}
+
+JSONValue time(const std::optional<TimePoint>& t) {
+  if (!t) return nullptr;
+  return formatIso8601(*t);
+}
+
+}  // namespace
+
+JSONValue coverage(const HistoricalCoverageSummary& s) {
+  const double ratio = s.coverageRatio();
+  double confidence = 0;
+  if (s.collectedSeconds > 0) {
+    confidence = ratio - std::min(0.5, 0.01 * static_cast<double>(s.rejectedCount)) -
+                 std::min(0.25, 0.002 * static_cast<double>(s.estimatedCount));
+    confidence = std::clamp(confidence, 0.0, 1.0);
+  }
+  return JSONValue::object({{"ratio", number(ratio)},
+                            {"confidence", number(confidence)},
+                            {"collected_s", number(s.collectedSeconds)},
+                            {"sleep_s", number(s.sleepingSeconds)},
+                            {"missing_s", number(s.missingSeconds)},
+                            {"rejected_values", static_cast<double>(s.rejectedCount)},
+                            {"estimated_values", static_cast<double>(s.estimatedCount)}});
+}
+
+JSONValue sample(const PowerSample& s) {
+  std::optional<double> componentSum;
+  for (const auto& part : {s.ecpuW, s.pcpuW, s.gpuW, s.aneW, s.dramW}) {
+    if (part) componentSum = componentSum.value_or(0) + *part;
+  }
+  return JSONValue::object({{"t", formatIso8601(s.timestamp)},
+                            {"watts", number(s.wattage)},
+                            {"battery_pct", number(s.batteryPct)},
+                            {"ecpu_w", number(s.ecpuW)},
+                            {"pcpu_w", number(s.pcpuW)},
+                            {"gpu_w", number(s.gpuW)},
+                            {"ane_w", number(s.aneW)},
+                            {"dram_w", number(s.dramW)},
+                            {"component_sum_w", number(componentSum)},
+                            {"component_quality", toString(s.componentQuality)},
+                            {"component_rejection_reason", text(s.componentRejectionReason)},
+                            {"power_in_w", number(s.powerInW)},
+                            {"system_power_quality", toString(s.systemPowerQuality)},
+                            {"apple_wall_energy_estimate_raw_w", number(s.wallPowerW)},
+                            {"wall_estimate_quality", toString(s.wallEstimateQuality)},
+                            {"observed_duration_s", number(s.observedDurationS)},
+                            {"system_total_rail_w", number(s.systemTotalW)},
+                            {"battery_rail_w", number(s.batteryRailW)},
+                            {"dc_in_rail_w", number(s.dcInW)},
+                            {"thunderbolt_left_rail_w", number(s.thunderboltLeftW)},
+                            {"thunderbolt_right_rail_w", number(s.thunderboltRightW)},
+                            {"pd_brightness_rail_w", number(s.pdBrightnessW)},
+                            {"charging", s.isCharging},
+                            {"external_connected", s.externalConnected},
+                            {"temperature_c", number(s.temperatureC)}});
+}
+
+JSONValue session(const SessionRecord& s) {
+  const double seen = s.collectedDuration_s + s.missingDuration_s;
+  return JSONValue::object(
+      {{"start", formatIso8601(s.startTime)},
+       {"end", formatIso8601(s.endTime)},
+       {"duration_min", number(std::round(secondsBetween(s.startTime, s.endTime) / 60.0))},
+       {"start_pct", number(s.startPct)},
+       {"end_pct", number(s.endPct)},
+       {"charging", s.isCharging},
+       {"mode", toString(s.mode)},
+       {"avg_watts", number(s.avgWattage)},
+       {"total_wh", number(s.totalWh)},
+       {"battery_energy_wh", number(s.totalWh)},
+       {"collected_duration_s", number(s.collectedDuration_s)},
+       {"missing_duration_s", number(s.missingDuration_s)},
+       {"coverage_ratio", number(seen > 0 ? s.collectedDuration_s / seen : 0)},
+       {"confidence", number(s.confidence)},
+       {"quality", toString(s.quality)},
+       {"energy_definition", "absolute battery-side energy over collected intervals"}});
+}
+
+JSONValue dailyMetric(const DailyBatteryMetric& m) {
+  return JSONValue::object({{"t", formatIso8601(m.dayStart)},
+                            {"nominal_mah", m.nominalCapacity_mAh},
+                            {"design_mah", m.designCapacity_mAh},
+                            {"cycle_count", m.cycleCount},
+                            {"health_pct", number(m.healthPct)},
+                            {"average_temperature_c", number(m.averageTemperature_C)},
+                            {"max_observed_temperature_c", number(m.maxObservedTemperature_C)},
+                            {"capacity_sample_count", m.capacitySampleCount},
+                            {"temperature_observed_s", number(m.temperatureObservedDuration_s)},
+                            {"temperature_sample_count", m.temperatureSampleCount},
+                            {"quality", toString(m.quality)}});
+}
+
+JSONValue trackedEnergy(const TrackedEnergySummary& s, double currentWatts,
+                        const char* identifierKey) {
+  return JSONValue::object({{identifierKey, s.identifier},
+                            {"wh", number(s.energyWh)},
+                            {"avg_w", number(s.averageWatts)},
+                            {"peak_w", number(s.peakWatts)},
+                            {"current_w", number(currentWatts)},
+                            {"observed_duration_s", number(s.observedDuration_s)},
+                            {"missing_duration_s", number(s.missingDuration_s)},
+                            {"coverage_ratio", number(s.coverageRatio)},
+                            {"quality", toString(s.quality)},
+                            {"source", "cpu_package_apportionment"}});
+}
+
+JSONValue lifetime(double total_Wh, const std::optional<PowerSampleDateRange>& range,
+                   const HistoricalCoverageSummary& rangeCoverage) {
+  return JSONValue::object(
+      {{"available", true},
+       {"lifetime_wh", number(total_Wh)},
+       {"lifetime_definition",
+        "gap-aware trapezoidal integral of inferred whole-system consumption; intervals over "
+        "300 seconds and unavailable AC input are excluded"},
+       {"lifetime_quality", "inferred"},
+       {"lifetime_from", time(range ? std::optional(range->first) : std::nullopt)},
+       {"lifetime_to", time(range ? std::optional(range->last) : std::nullopt)},
+       {"lifetime_collection_coverage", coverage(rangeCoverage)}});
+}
+
+}  // namespace quorel::history_json
