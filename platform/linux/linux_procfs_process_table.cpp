@@ -39,31 +39,26 @@ class FileDescriptor {
   int fd_;
 };
 
-// Reads until end of file, or `size` bytes. Returns the count, or -1 on a read error (procfs
-// answers ESRCH once the process has ended between open and read).
-ssize_t readFully(int fd, char* buffer, std::size_t size) {
-  std::size_t total = 0;
-  while (total < size) {
-    const ssize_t n = ::read(fd, buffer + total, size - total);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (n == 0) break;
-    total += static_cast<std::size_t>(n);
+// One read, retried only when interrupted. Returns -1 on a read error (procfs answers ESRCH
+// once the process has ended between open and read). A short count means end of file: procfs
+// writes a stat line whole into a buffer large enough for it, and a regular file (a captured
+// tree) stops short only at its end; not asking again saves a system call per process.
+ssize_t readOnce(int fd, char* buffer, std::size_t size) {
+  while (true) {
+    const ssize_t n = ::read(fd, buffer, size);
+    if (n >= 0 || errno != EINTR) return n;
   }
-  return static_cast<ssize_t>(total);
 }
 
 // Appends the rest of the file to `text`, up to `limit` bytes in all.
 bool readRest(int fd, std::string& text, std::size_t limit) {
+  // Read until the end here: cmdline comes from the process's memory a page at a time.
   char chunk[kStatBufferSize];
   while (text.size() < limit) {
-    const ssize_t n = readFully(fd, chunk, std::min(sizeof chunk, limit - text.size()));
+    const ssize_t n = readOnce(fd, chunk, std::min(sizeof chunk, limit - text.size()));
     if (n < 0) return false;
     if (n == 0) break;
     text.append(chunk, static_cast<std::size_t>(n));
-    if (static_cast<std::size_t>(n) < sizeof chunk) break;
   }
   return true;
 }
@@ -243,7 +238,7 @@ void LinuxProcfsProcessTable::refreshSystemFacts() const {
     if (fd >= 0) {
       FileDescriptor guard(fd);
       char buffer[kStatBufferSize];
-      const ssize_t n = readFully(fd, buffer, sizeof buffer);
+      const ssize_t n = readOnce(fd, buffer, sizeof buffer);
       present = n > 0 && procfs::isKernelThreadParent({buffer, static_cast<std::size_t>(n)});
     }
   }
@@ -287,7 +282,7 @@ std::optional<ProcessStat> LinuxProcfsProcessTable::readStat(ProcessId pid) cons
   if (fd < 0) return std::nullopt;
   FileDescriptor guard(fd);
   char buffer[kStatBufferSize];
-  const ssize_t n = readFully(fd, buffer, sizeof buffer);
+  const ssize_t n = readOnce(fd, buffer, sizeof buffer);
   if (n <= 0) return std::nullopt;
   const auto length = static_cast<std::size_t>(n);
   if (length < sizeof buffer) {
