@@ -1,0 +1,217 @@
+// Cost of one sampling pass over the process table: list the pids and read every process's
+// stat. Beside it, in the same run, the floor a pass could reach: every stat file kept open and
+// only read again from its start. Keeping a thousand files open is not an option for the agent
+// (descriptor limits, pids reused behind an open file), so the floor is only the yardstick: the
+// table's pass should stay within 1.3 times it.
+
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "core/clock.hpp"
+#include "platform/linux/linux_procfs_process_table.hpp"
+
+namespace {
+
+using quorel::LinuxProcfsProcessTable;
+using quorel::ProcessId;
+
+constexpr int kProcesses = 1000;
+
+// A generated procfs of `kProcesses` processes, laid out as the kernel does, with stat lines of
+// realistic length and a mix of names (spaces and parentheses among them) and kernel threads.
+class GeneratedProcTree {
+ public:
+  GeneratedProcTree() {
+    std::random_device random;
+    root_ = std::filesystem::temp_directory_path() /
+            ("quorel-proc-bench-" + std::to_string(random()) + std::to_string(random()));
+    std::filesystem::create_directories(root_);
+    write("stat", "cpu  10132153 290696 3084719 46828483 16683 0 25195 0 0 0\nbtime 1795445428\n");
+    std::filesystem::create_symlink("1", root_ / "self");
+    std::filesystem::create_directories(root_ / "sys" / "kernel");
+    std::mt19937 numbers(7);
+    const char* names[] = {"bash",
+                           "node",
+                           "Web Content",
+                           "my prog) (x",
+                           "kworker/3:2-events",
+                           "python3",
+                           "systemd-journal",
+                           "gnome-shell"};
+    for (int i = 0; i < kProcesses; ++i) {
+      const int pid = i == 0 ? 1 : i == 1 ? 2 : 100 + i * 7;
+      const bool kernel = i % 5 == 1;
+      const std::string name = i == 1 ? "kthreadd" : names[i % 8];
+      const unsigned long flags = kernel ? 0x208040 : 0x400100;
+      const int ppid = i < 2 ? 0 : kernel ? 2 : 1;
+      const std::string line =
+          std::to_string(pid) + " (" + name + ") S " + std::to_string(ppid) + " " +
+          std::to_string(pid) + " " + std::to_string(pid) + " 34817 " + std::to_string(pid) + " " +
+          std::to_string(flags) + " " + std::to_string(numbers() % 100000) + " 0 12 0 " +
+          std::to_string(numbers() % 1000000) + " " + std::to_string(numbers() % 100000) +
+          " 0 0 20 0 4 0 " + std::to_string(24 + numbers() % 5000000) +
+          " 1249550336 41250 18446744073709551615 94274067419136 94274067439017 "
+          "140728902011280 0 0 0 0 4096 134234626 0 0 0 17 1 0 0 0 0 0 94274067455024 "
+          "94274067456640 94275096457216 140728902015627 140728902015647 140728902015647 "
+          "140728902017003 0\n";
+      const std::string dir = std::to_string(pid);
+      write(dir + "/stat", line);
+      write(dir + "/comm", name + "\n");
+      write(dir + "/cmdline", kernel ? "" : name + std::string("\0--flag\0", 8));
+      pids_.push_back(pid);
+    }
+  }
+  ~GeneratedProcTree() {
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
+  }
+  GeneratedProcTree(const GeneratedProcTree&) = delete;
+  GeneratedProcTree& operator=(const GeneratedProcTree&) = delete;
+
+  const std::filesystem::path& root() const { return root_; }
+
+ private:
+  void write(const std::string& relative, const std::string& content) {
+    const auto path = root_ / relative;
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::trunc | std::ios::binary) << content;
+  }
+
+  std::filesystem::path root_;
+  std::vector<ProcessId> pids_;
+};
+
+const GeneratedProcTree& generatedTree() {
+  static const GeneratedProcTree tree;
+  return tree;
+}
+
+// The table's pass: what the process sampler does every interval.
+std::uint64_t tablePass(const LinuxProcfsProcessTable& table) {
+  std::uint64_t total = 0;
+  for (ProcessId pid : table.listPids()) {
+    if (const auto stat = table.readStat(pid)) total += stat->cpuTime_ns;
+  }
+  return total;
+}
+
+// The floor: the same listing and parsing, but every stat file opened once and kept, so a pass
+// pays only a pread per process.
+class KeptOpenReference {
+ public:
+  explicit KeptOpenReference(const LinuxProcfsProcessTable& table, std::filesystem::path root)
+      : table_(table), root_(std::move(root)) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+      limit.rlim_cur = limit.rlim_max;
+      ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+    for (ProcessId pid : table.listPids()) {
+      const int fd = ::open((root_ / std::to_string(pid) / "stat").c_str(), O_RDONLY | O_CLOEXEC);
+      if (fd >= 0) open_.push_back({pid, fd});
+    }
+    context_ = {table.ticksPerSecond(), table.bootTime_s(), true};
+  }
+  ~KeptOpenReference() {
+    for (const auto& file : open_) ::close(file.fd);
+  }
+  KeptOpenReference(const KeptOpenReference&) = delete;
+  KeptOpenReference& operator=(const KeptOpenReference&) = delete;
+
+  std::size_t size() const { return open_.size(); }
+
+  std::uint64_t pass() const {
+    // The listing stays: a sampler that keeps files open still has to find new processes.
+    benchmark::DoNotOptimize(table_.listPids());
+    std::uint64_t total = 0;
+    char buffer[4096];
+    for (const auto& file : open_) {
+      const ssize_t n = ::pread(file.fd, buffer, sizeof buffer, 0);
+      if (n <= 0) continue;
+      const auto stat =
+          quorel::procfs::parseStat({buffer, static_cast<std::size_t>(n)}, file.pid, context_);
+      if (stat) total += stat->cpuTime_ns;
+    }
+    return total;
+  }
+
+ private:
+  struct OpenStat {
+    ProcessId pid;
+    int fd;
+  };
+  const LinuxProcfsProcessTable& table_;
+  std::filesystem::path root_;
+  std::vector<OpenStat> open_;
+  quorel::procfs::StatContext context_;
+};
+
+void tablePassOver(benchmark::State& state, const std::filesystem::path& root) {
+  const LinuxProcfsProcessTable table(root);
+  for (auto _ : state) benchmark::DoNotOptimize(tablePass(table));
+  state.counters["processes"] = static_cast<double>(table.listPids().size());
+}
+
+void keptOpenPassOver(benchmark::State& state, const std::filesystem::path& root) {
+  const LinuxProcfsProcessTable table(root);
+  const KeptOpenReference reference(table, root);
+  for (auto _ : state) benchmark::DoNotOptimize(reference.pass());
+  state.counters["processes"] = static_cast<double>(reference.size());
+}
+
+void BM_TablePass_Generated1000(benchmark::State& state) {
+  tablePassOver(state, generatedTree().root());
+}
+void BM_KeptOpenPass_Generated1000(benchmark::State& state) {
+  keptOpenPassOver(state, generatedTree().root());
+}
+
+// Both passes taken in turn inside one loop, so that load from other work on the machine falls
+// on both alike; the ratio is the figure to watch.
+void BM_TableOverKeptOpen_Generated1000(benchmark::State& state) {
+  const auto& root = generatedTree().root();
+  const LinuxProcfsProcessTable table(root);
+  const KeptOpenReference reference(table, root);
+  const quorel::SystemClock clock;
+  double tableSeconds = 0;
+  double referenceSeconds = 0;
+  for (auto _ : state) {
+    const auto start = clock.monotonicNow();
+    benchmark::DoNotOptimize(tablePass(table));
+    const auto middle = clock.monotonicNow();
+    benchmark::DoNotOptimize(reference.pass());
+    const auto end = clock.monotonicNow();
+    tableSeconds += std::chrono::duration<double>(middle - start).count();
+    referenceSeconds += std::chrono::duration<double>(end - middle).count();
+  }
+  const auto passes = static_cast<double>(state.iterations());
+  state.counters["table_us"] = tableSeconds / passes * 1e6;
+  state.counters["kept_open_us"] = referenceSeconds / passes * 1e6;
+  state.counters["ratio"] = referenceSeconds > 0 ? tableSeconds / referenceSeconds : 0;
+}
+
+// The same over this machine's own procfs, where the kernel formats each line on every read.
+void BM_TablePass_ThisMachine(benchmark::State& state) {
+  tablePassOver(state, "/proc");
+}
+void BM_KeptOpenPass_ThisMachine(benchmark::State& state) {
+  keptOpenPassOver(state, "/proc");
+}
+
+}  // namespace
+
+BENCHMARK(BM_TablePass_Generated1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KeptOpenPass_Generated1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TableOverKeptOpen_Generated1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_TablePass_ThisMachine)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_KeptOpenPass_ThisMachine)->Unit(benchmark::kMicrosecond);
+
+BENCHMARK_MAIN();
