@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "energy/process_text.hpp"
+#include "platform/linux/file_descriptor.hpp"
 
 namespace quorel {
 
@@ -24,20 +25,6 @@ constexpr std::size_t kStatBufferSize = 4096;
 // nothing (it reads the first few arguments) and keeps a hostile process from costing memory.
 constexpr std::size_t kMaxArgumentBlock = 256 * 1024;
 constexpr std::string_view kDeletedSuffix = " (deleted)";
-
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 // One read, retried only when interrupted. Returns -1 on a read error (procfs answers ESRCH
 // once the process has ended between open and read). A short count means end of file: procfs

@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <charconv>
 
+#include "platform/linux/file_descriptor.hpp"
+
 namespace quorel::sysfs {
 
 namespace {
@@ -17,20 +19,6 @@ namespace {
 // Attributes are at most a page; a uevent is a few hundred bytes. Anything much larger is not
 // a sysfs file, and is refused rather than read whole.
 constexpr std::size_t kMaxFileSize = 64 * 1024;
-
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 class DirectoryHandle {
  public:
