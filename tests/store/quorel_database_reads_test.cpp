@@ -70,38 +70,20 @@ class ReadsTest : public ::testing::Test {
   std::unique_ptr<SqlFile> raw;
 };
 
-TEST_F(ReadsTest, AnEmptyStoreAnswersEmptilyAndAnUnavailableOneSaysWhy) {
+TEST_F(ReadsTest, AnEmptyStoreAnswersEmptily) {
+  // What a store that could not open answers is in the writes' tests.
   EXPECT_TRUE(db->queryPowerSamples(at(-1e6), at(1e6), 100).value().empty());
   EXPECT_TRUE(db->queryCollectionIntervals(at(-1e6), at(1e6)).value().empty());
   EXPECT_EQ(db->historicalCoverage(at(0), at(3600)).value().missingSeconds, 3600);
   EXPECT_TRUE(db->queryRecentSessions(10).value().empty());
   EXPECT_TRUE(db->queryCapacityLog().value().empty());
   EXPECT_TRUE(db->queryProcessEnergy(at(0), at(3600), 200, 6).value().empty());
-  EXPECT_TRUE(db->queryTrackedEnergySummaries("ai_agent_energy", "agent_id", at(0), at(3600), 10)
-                  .value()
-                  .empty());
+  EXPECT_TRUE(
+      db->queryTrackedEnergySummaries("ai_agent_energy", "agent_id", at(0), at(1), 9)->empty());
   EXPECT_EQ(db->totalComponentEnergy_Wh().value(), 0);
   EXPECT_EQ(db->powerSampleDateRange().value(), std::nullopt);
   EXPECT_FALSE(db->oldestPowerSampleDate());
   EXPECT_GT(db->databaseInfo().bytes, 0u);
-
-  const fs::path nowhere = scratch.path() / "no" / "such" / "dir" / "quorel.db";
-  QuorelDatabase unavailable(elsewhere(nowhere, false), clock);
-  ASSERT_FALSE(unavailable.isAvailable());
-  const Error why{"the database is not available: cannot open " + nowhere.string() +
-                  ": unable to open database file"};
-  EXPECT_EQ(unavailable.queryPowerSamples(at(0), at(1), 10).error(), why);
-  EXPECT_EQ(unavailable.historicalCoverage(at(0), at(1)).error(), why);
-  EXPECT_EQ(unavailable.queryRecentSessions(1).error(), why);
-  EXPECT_EQ(unavailable.queryDailyBatteryMetrics().error(), why);
-  EXPECT_EQ(unavailable.queryAIAgentEnergy(at(0), at(1), 2, 2).error(), why);
-  EXPECT_EQ(unavailable.totalComponentEnergy_Wh().error(), why);
-  EXPECT_EQ(unavailable.powerSampleDateRange().error(), why);
-  EXPECT_EQ(
-      unavailable.cachedEnergyHistory(EnergyHistoryKind::agents,
-                                      EnergyHistoryWindow::rolling(Seconds(3600)), at(0), at(3600)),
-      EnergyHistorySnapshot{});
-  EXPECT_EQ(unavailable.databaseInfo(), DatabaseInfo{});
 }
 
 TEST_F(ReadsTest, AFailedReadCarriesSQLitesWordsAndLeavesTheOtherReadsAlone) {
@@ -146,13 +128,10 @@ TEST_F(ReadsTest, SamplesComeBackWithinInclusiveBoundsWithGapsAndUnknownLabelsMa
 TEST_F(ReadsTest, CoverageCountsSleepApartAndNeverMoreThanTheGapLimitPerRow) {
   // One hour: 30 minutes asleep, 15 minutes of samples each standing for 30 s.
   for (int i = 0; i < 30; ++i) sample(60 + 30.0 * i, {{"observed_duration_s", 30.0}});
-  sql().insert(
-      "collection_intervals",
-      {{"start_time", kT0 + 1800}, {"end_time", kT0 + 5400}, {"status", std::string("sleep")}});
-  // A missing interval is no sleep, and one outside the period does not count.
-  sql().insert(
-      "collection_intervals",
-      {{"start_time", kT0 + 1000}, {"end_time", kT0 + 1100}, {"status", std::string("missing")}});
+  // A missing interval is no sleep, and sleep outside the period does not count.
+  sql().exec(
+      "INSERT INTO collection_intervals (start_time, end_time, status) VALUES "
+      "(1800001800, 1800005400, 'sleep'), (1800001000, 1800001100, 'missing')");
   const auto c = db->historicalCoverage(at(0), at(3600)).value();
   EXPECT_DOUBLE_EQ(c.collectedSeconds, 900);
   EXPECT_DOUBLE_EQ(c.sleepingSeconds, 1800);
@@ -185,32 +164,25 @@ TEST_F(ReadsTest, CoverageWalkSumsExactlyWhatTheWindowStatementSums) {
   }
   const double from = kT0 + 500;
   const double to = kT0 + t + 100000;  // long enough that nothing caps the sum
-  // Read as a double straight from SQLite: a printed form would round away the last bits.
-  const std::string reference = fmt::format(
-      "WITH ordered AS (SELECT timestamp, observed_duration_s, component_quality,"
-      " system_power_quality, wall_estimate_quality,"
-      " LAG(timestamp) OVER (ORDER BY timestamp) AS previous_timestamp"
-      " FROM power_samples WHERE timestamp BETWEEN {0:.17g} AND {1:.17g})"
-      " SELECT COALESCE(SUM(CASE WHEN observed_duration_s > 0"
-      " THEN min(observed_duration_s,300) WHEN previous_timestamp IS NOT NULL"
-      " AND timestamp-previous_timestamp BETWEEN 0 AND 300"
-      " THEN timestamp-previous_timestamp ELSE 0 END),0),"
-      " COALESCE(SUM(component_quality='rejected' OR wall_estimate_quality='rejected'),0),"
-      " COALESCE(SUM(component_quality IN ('estimated','inferred','legacy')"
-      " OR system_power_quality IN ('estimated','inferred','legacy')),0) FROM ordered",
-      from, to);
-  sqlite3_stmt* statement = nullptr;
-  ASSERT_EQ(sqlite3_prepare_v2(sql().handle(), reference.c_str(), -1, &statement, nullptr),
-            SQLITE_OK);
-  ASSERT_EQ(sqlite3_step(statement), SQLITE_ROW);
-  const double windowSum = sqlite3_column_double(statement, 0);
-  const std::int64_t rejected = sqlite3_column_int64(statement, 1);
-  const std::int64_t estimated = sqlite3_column_int64(statement, 2);
-  sqlite3_finalize(statement);
   const auto c = db->historicalCoverage(fromUnixSeconds(from), fromUnixSeconds(to)).value();
-  EXPECT_EQ(c.collectedSeconds, windowSum);
-  EXPECT_EQ(c.rejectedCount, rejected);
-  EXPECT_EQ(c.estimatedCount, estimated);
+  // Compared inside SQLite: a printed sum would round away the last bits.
+  EXPECT_EQ(sql().rows(fmt::format(
+                "WITH ordered AS (SELECT timestamp, observed_duration_s, component_quality,"
+                " system_power_quality, wall_estimate_quality,"
+                " LAG(timestamp) OVER (ORDER BY timestamp) AS previous_timestamp"
+                " FROM power_samples WHERE timestamp BETWEEN {0:.17g} AND {1:.17g})"
+                " SELECT COALESCE(SUM(CASE WHEN observed_duration_s > 0"
+                " THEN min(observed_duration_s,300) WHEN previous_timestamp IS NOT NULL"
+                " AND timestamp-previous_timestamp BETWEEN 0 AND 300"
+                " THEN timestamp-previous_timestamp ELSE 0 END),0) = {2:.17g},"
+                " COALESCE(SUM(component_quality='rejected' OR wall_estimate_quality='rejected'),0)"
+                " = {3}, COALESCE(SUM(component_quality IN ('estimated','inferred','legacy')"
+                " OR system_power_quality IN ('estimated','inferred','legacy')),0) = {4}"
+                " FROM ordered",
+                from, to, c.collectedSeconds, c.rejectedCount, c.estimatedCount)),
+            (std::vector<std::vector<std::string>>{{"1", "1", "1"}}))
+      << "collected " << c.collectedSeconds << ", rejected " << c.rejectedCount << ", estimated "
+      << c.estimatedCount;
   EXPECT_GT(c.rejectedCount, 0);
   EXPECT_GT(c.estimatedCount, 0);
 }
@@ -236,12 +208,9 @@ TEST_F(ReadsTest, SessionsNewestFirstWithUnknownLabelsDecodedToTheirDefaults) {
   EXPECT_EQ(sessions[0].id, "1B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F");
   EXPECT_EQ(sessions[0].mode, PowerSessionMode::legacy) << "text is compared exactly";
   EXPECT_EQ(sessions[0].quality, HistoricalValueQuality::unavailable);
-  EXPECT_EQ(sessions[1].mode, PowerSessionMode::forceDischarge);
-  EXPECT_EQ(sessions[1].quality, HistoricalValueQuality::measured);
-  EXPECT_EQ(sessions[1].startTime, at(0));
-  EXPECT_DOUBLE_EQ(sessions[1].totalWh, 12.0);
-  EXPECT_DOUBLE_EQ(sessions[1].missingDuration_s, 600.0);
-  EXPECT_DOUBLE_EQ(sessions[1].confidence, 0.8);
+  EXPECT_EQ(sessions[1], (SessionRecord{"0B6F1C9E-2D4A-4E7B-9C1D-3A5B7C9D1E2F", at(0), at(3725), 90,
+                                        70, false, 8.5, 12, PowerSessionMode::forceDischarge, 3000,
+                                        600, HistoricalValueQuality::measured, 0.8}));
   EXPECT_EQ(sessions[2].mode, PowerSessionMode::legacy) << "the column default";
 
   // The limit counts rows before the bad id is skipped.
@@ -262,17 +231,12 @@ TEST_F(ReadsTest, DailyMetricsKeepDaysWithHealthAndDesignAndRoundCapacities) {
 
   const auto metrics = db->queryDailyBatteryMetrics().value();
   ASSERT_EQ(metrics.size(), 2u);
-  EXPECT_EQ(metrics[0].dayStart, at(0));
-  EXPECT_EQ(metrics[0].maxObservedTemperature_C, 35.0);
-  EXPECT_EQ(metrics[0].quality, HistoricalValueQuality::measured);
-  EXPECT_DOUBLE_EQ(metrics[0].temperatureObservedDuration_s, 600);
-  EXPECT_EQ(metrics[0].temperatureSampleCount, 20);
-  EXPECT_EQ(metrics[1].nominalCapacity_mAh, 4501);
-  EXPECT_EQ(metrics[1].designCapacity_mAh, 5000);
-  EXPECT_EQ(metrics[1].cycleCount, 101);
-  EXPECT_EQ(metrics[1].capacitySampleCount, 3);
-  EXPECT_FALSE(metrics[1].maxObservedTemperature_C);
-  EXPECT_EQ(metrics[1].quality, HistoricalValueQuality::unavailable);
+  using Q = HistoricalValueQuality;
+  EXPECT_EQ(metrics[0],
+            (DailyBatteryMetric{at(0), 4600, 5000, 100, 92, 29, 35, 0, 600, 20, Q::measured}));
+  EXPECT_EQ(metrics[1], (DailyBatteryMetric{at(86400), 4501, 5000, 101, 90, 30, std::nullopt, 3, 0,
+                                            0, Q::unavailable}))
+      << "capacities are rounded, an unknown label is unavailable";
 
   // The capacity log is the daily table seen as readings; the raw log is not read.
   sql().insert("capacity_log", {{"timestamp", kT0 + 50}, {"design_capacity_mah", 1}});
@@ -329,23 +293,19 @@ TEST_F(ReadsTest, SummariesTakeTheWorstQualityAndFallBackToDurationsForCoverage)
   const auto s =
       db->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(100), 10).value();
   ASSERT_EQ(s.size(), 3u);
-  EXPECT_EQ(s[0].identifier, "mostly-measured");
-  EXPECT_DOUBLE_EQ(s[0].energyWh, 10.0);
-  EXPECT_DOUBLE_EQ(s[0].observedDuration_s, 120.0);
-  EXPECT_DOUBLE_EQ(s[0].averageWatts, 10.0 * 3600 / 120.0);
-  EXPECT_DOUBLE_EQ(s[0].peakWatts, 11.0);
-  EXPECT_DOUBLE_EQ(s[0].coverageRatio, (0.5 * 90 + 1.0 * 30) / 120.0);
-  EXPECT_EQ(s[0].quality, HistoricalValueQuality::legacy);
+  // 10 Wh over 120 s observed; coverage weighed by observed time.
+  EXPECT_EQ(s[0],
+            (TrackedEnergySummary{"mostly-measured", 10, 120, 0, 10.0 * 3600 / 120, 11,
+                                  (0.5 * 90 + 1.0 * 30) / 120, HistoricalValueQuality::legacy}));
   EXPECT_EQ(s[1].identifier, "bad");
   EXPECT_EQ(s[1].quality, HistoricalValueQuality::rejected);
   EXPECT_DOUBLE_EQ(s[1].coverageRatio, 60.0 / 80.0);
   EXPECT_EQ(s[2].quality, HistoricalValueQuality::unavailable);
   EXPECT_DOUBLE_EQ(s[2].coverageRatio, 1.0);
 
-  EXPECT_EQ(db->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(100), 1)
-                .value()
-                .size(),
-            1u);
+  EXPECT_EQ(
+      db->queryTrackedEnergySummaries("process_energy", "process_name", at(0), at(100), 1)->size(),
+      1u);
   EXPECT_FALSE(db->queryTrackedEnergySummaries("process_energy", "agent_id", at(0), at(100), 10));
 }
 

@@ -466,31 +466,44 @@ TEST_F(WritesTest, ACorruptedTableIsSignalledOnceAndItsWritesAreDropped) {
   EXPECT_EQ(count("sessions"), 1);
 }
 
-TEST(UnavailableStoreTest, WritesToAStoreThatCouldNotOpenDoNothing) {
-  ScratchDirectory scratch{"quorel-writes"};
-  ManualClock clock;
-  int corruptionSignals = 0;
+TEST_F(WritesTest, AStoreThatCouldNotOpenWritesNothingAndReadsSayWhy) {
+  const fs::path nowhere = scratch.path() / "no" / "such" / "quorel.db";
   LogCapture logs;
-  QuorelDatabase db({.dataDirectory = scratch.path(),
-                     .databasePathOverride = scratch.path() / "no" / "such" / "quorel.db",
-                     .onCorruption = [&] { ++corruptionSignals; },
-                     .startQueue = false},
-                    clock);
-  ASSERT_FALSE(db.isAvailable());
+  QuorelDatabase closed({.dataDirectory = scratch.path(),
+                         .databasePathOverride = nowhere,
+                         .onCorruption = [&] { ++corruptionSignals; },
+                         .startQueue = false},
+                        clock);
+  ASSERT_FALSE(closed.isAvailable());
   EXPECT_EQ(corruptionSignals, 0) << "an explicit path that cannot be opened is no corruption";
   EXPECT_EQ(logs.count("failed to open explicit database path"), 1u);
-  db.insertPowerSample(sampleAt(kNow));
-  db.insertCapacityLog(capacityAt(kNow, 4000, 5000, 120, 80));
-  db.insertSession(sessionFrom(kNow - 60, kNow));
-  db.insertCollectionInterval(fromUnixSeconds(kNow), fromUnixSeconds(kNow + 1),
-                              CollectionIntervalStatus::missing, std::nullopt);
-  db.insertProcessEnergy({energy(0)});
-  db.insertAIAgentEnergy({energy(0)});
-  db.pruneOldData(30, 365);
-  EXPECT_EQ(db.queue().runPending(), 7u);
+  closed.insertPowerSample(sampleAt(kNow));
+  closed.insertCapacityLog(capacityAt(kNow, 4000, 5000, 120, 80));
+  closed.insertSession(sessionFrom(kNow - 60, kNow));
+  closed.insertCollectionInterval(fromUnixSeconds(kNow), fromUnixSeconds(kNow + 1),
+                                  CollectionIntervalStatus::missing, std::nullopt);
+  closed.insertProcessEnergy({energy(0)});
+  closed.insertAIAgentEnergy({energy(0)});
+  closed.pruneOldData(30, 365);
+  EXPECT_EQ(closed.queue().runPending(), 7u);
   EXPECT_EQ(logs.lines().size(), 1u) << "nothing but the failed open is logged";
-  EXPECT_EQ(db.energyRevision(EnergyHistoryKind::processes), 0u);
+  EXPECT_EQ(closed.energyRevision(EnergyHistoryKind::processes), 0u);
   EXPECT_FALSE(fs::exists(scratch.path() / "no"));
+
+  const Error why{"the database is not available: cannot open " + nowhere.string() +
+                  ": unable to open database file"};
+  const TimePoint from = fromUnixSeconds(kNow), to = fromUnixSeconds(kNow + 3600);
+  EXPECT_EQ(closed.queryPowerSamples(from, to, 10).error(), why);
+  EXPECT_EQ(closed.historicalCoverage(from, to).error(), why);
+  EXPECT_EQ(closed.queryRecentSessions(1).error(), why);
+  EXPECT_EQ(closed.queryDailyBatteryMetrics().error(), why);
+  EXPECT_EQ(closed.queryAIAgentEnergy(from, to, 2, 2).error(), why);
+  EXPECT_EQ(closed.totalComponentEnergy_Wh().error(), why);
+  EXPECT_EQ(closed.powerSampleDateRange().error(), why);
+  EXPECT_EQ(closed.cachedEnergyHistory(EnergyHistoryKind::agents,
+                                       EnergyHistoryWindow::rolling(Seconds(3600)), from, to),
+            EnergyHistorySnapshot{});
+  EXPECT_EQ(closed.databaseInfo(), DatabaseInfo{});
 }
 
 }  // namespace
