@@ -47,16 +47,21 @@ class SqlFile {
   void insert(const std::string& table,
               const std::vector<std::pair<std::string, SqlValue>>& values) {
     std::string columns;
-    std::string marks;
+    std::vector<SqlValue> cells;
     for (const auto& [name, value] : values) {
       columns += (columns.empty() ? "" : ", ") + name;
-      marks += marks.empty() ? "?" : ", ?";
+      cells.push_back(value);
     }
+    insert(table, columns, cells);
+  }
+  // `columns` as in SQL, "a, b, c", with one value for each.
+  void insert(const std::string& table, const std::string& columns,
+              const std::vector<SqlValue>& values) {
+    std::string marks = "?";
+    for (std::size_t i = 1; i < values.size(); ++i) marks += ", ?";
     sqlite3_stmt* statement =
         prepare("INSERT INTO " + table + " (" + columns + ") VALUES (" + marks + ")");
-    int index = 0;
-    for (const auto& [name, value] : values) {
-      ++index;
+    for (int index = 1; const auto& value : values) {
       if (const auto* i = std::get_if<std::int64_t>(&value)) {
         sqlite3_bind_int64(statement, index, *i);
       } else if (const auto* d = std::get_if<double>(&value)) {
@@ -65,6 +70,7 @@ class SqlFile {
         sqlite3_bind_text(statement, index, s->c_str(), static_cast<int>(s->size()),
                           SQLITE_TRANSIENT);
       }
+      ++index;
     }
     const int rc = sqlite3_step(statement);
     sqlite3_finalize(statement);
