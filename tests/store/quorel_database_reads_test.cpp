@@ -70,7 +70,7 @@ class ReadsTest : public ::testing::Test {
   std::unique_ptr<SqlFile> raw;
 };
 
-TEST_F(ReadsTest, AnEmptyStoreAnswersEmptily) {
+TEST_F(ReadsTest, AnEmptyStoreAnswersEmptilyAndAFailedReadCarriesSQLitesWords) {
   // What a store that could not open answers is in the writes' tests.
   EXPECT_TRUE(db->queryPowerSamples(at(-1e6), at(1e6), 100).value().empty());
   EXPECT_TRUE(db->queryCollectionIntervals(at(-1e6), at(1e6)).value().empty());
@@ -84,9 +84,7 @@ TEST_F(ReadsTest, AnEmptyStoreAnswersEmptily) {
   EXPECT_EQ(db->powerSampleDateRange().value(), std::nullopt);
   EXPECT_FALSE(db->oldestPowerSampleDate());
   EXPECT_GT(db->databaseInfo().bytes, 0u);
-}
 
-TEST_F(ReadsTest, AFailedReadCarriesSQLitesWordsAndLeavesTheOtherReadsAlone) {
   sample(0, {{"wattage", -1.0}});
   sql().exec("DROP TABLE sessions");
   sql().exec("DROP TABLE collection_intervals");
