@@ -318,18 +318,20 @@ TEST_F(ReadsTest, EnergyHistoryCacheIsReusedUntilRowsChangeOrTheWindowReachesNew
   ASSERT_EQ(first.summaries.size(), 1u);
   EXPECT_DOUBLE_EQ(first.summaries.at("build").energyWh, 1.0);
 
+  // How many builds there have been after asking for the window from `from` to `to`.
+  const auto builds = [&](double from, double to,
+                          EnergyHistoryKind k = EnergyHistoryKind::processes) {
+    db->cachedEnergyHistory(k, window, at(from), at(to));
+    return db->energyHistoryBuilds();
+  };
   // Slid forward without dropping the first row or reaching the next one: the same answer.
   EXPECT_EQ(db->cachedEnergyHistory(kind, window, at(50), at(3650)), first);
   EXPECT_EQ(db->energyHistoryBuilds(), 1u);
   // Reaching the next row, or dropping the first one, builds anew.
-  db->cachedEnergyHistory(kind, window, at(1500), at(5100));
-  EXPECT_EQ(db->energyHistoryBuilds(), 2u);
-  db->cachedEnergyHistory(kind, window, at(1500), at(5100));
-  EXPECT_EQ(db->energyHistoryBuilds(), 2u);
-  db->cachedEnergyHistory(kind, window, at(4000), at(7600));
-  EXPECT_EQ(db->energyHistoryBuilds(), 2u) << "still holds the row at 5000 s and nothing else";
-  db->cachedEnergyHistory(kind, window, at(5050), at(8650));
-  EXPECT_EQ(db->energyHistoryBuilds(), 3u) << "the row at 5000 s left the window";
+  EXPECT_EQ(builds(1500, 5100), 2u);
+  EXPECT_EQ(builds(1500, 5100), 2u);
+  EXPECT_EQ(builds(4000, 7600), 2u) << "still holds the row at 5000 s and nothing else";
+  EXPECT_EQ(builds(5050, 8650), 3u) << "the row at 5000 s left the window";
 
   // Another connection's write changes data_version.
   energy("process_energy", 7000, "build", 12.0, 1.5);
@@ -340,39 +342,31 @@ TEST_F(ReadsTest, EnergyHistoryCacheIsReusedUntilRowsChangeOrTheWindowReachesNew
   // This connection's own flush raises the revision, although the window has not moved.
   db->insertProcessEnergy({});
   db->queue().runPending();
-  db->cachedEnergyHistory(kind, window, at(5050), at(8650));
-  EXPECT_EQ(db->energyHistoryBuilds(), 5u);
+  EXPECT_EQ(builds(5050, 8650), 5u);
   // The agents' cache is a different entry, and the processes' revision does not touch it.
-  db->cachedEnergyHistory(EnergyHistoryKind::agents, window, at(4000), at(7600));
-  EXPECT_EQ(db->energyHistoryBuilds(), 6u);
-  db->cachedEnergyHistory(EnergyHistoryKind::agents, window, at(4000), at(7600));
-  EXPECT_EQ(db->energyHistoryBuilds(), 6u);
+  EXPECT_EQ(builds(4000, 7600, EnergyHistoryKind::agents), 6u);
+  EXPECT_EQ(builds(4000, 7600, EnergyHistoryKind::agents), 6u);
 
   // Pruning empties the cache even when it deletes nothing.
   db->pruneOldData(0, 365);
   db->queue().runPending();
-  db->cachedEnergyHistory(EnergyHistoryKind::agents, window, at(4000), at(7600));
-  EXPECT_EQ(db->energyHistoryBuilds(), 7u);
+  EXPECT_EQ(builds(4000, 7600, EnergyHistoryKind::agents), 7u);
 }
 
 TEST_F(ReadsTest, SeventeenthWindowEvictsTheEntryWithTheEarliestEnd) {
   energy("process_energy", 100, "build", 10.0, 1.0);
-  const auto kind = EnergyHistoryKind::processes;
+  const auto builds = [&](EnergyHistoryWindow window, double end) {
+    db->cachedEnergyHistory(EnergyHistoryKind::processes, window, at(0), at(end));
+    return db->energyHistoryBuilds();
+  };
+  const auto day = [&](int d) { return EnergyHistoryWindow::day(at(-86400.0 * d)); };
   // Sixteen day windows; the one ending first is day 5, not the first one asked for.
-  for (int d = 0; d < 16; ++d) {
-    const double end = d == 5 ? 10 : 1000 + d;
-    db->cachedEnergyHistory(kind, EnergyHistoryWindow::day(at(-86400.0 * d)), at(0), at(end));
-  }
+  for (int d = 0; d < 16; ++d) builds(day(d), d == 5 ? 10 : 1000 + d);
   ASSERT_EQ(db->energyHistoryBuilds(), 16u);
-  db->cachedEnergyHistory(kind, EnergyHistoryWindow::day(at(-86400.0 * 5)), at(0), at(10));
-  EXPECT_EQ(db->energyHistoryBuilds(), 16u) << "sixteen fit";
-
-  db->cachedEnergyHistory(kind, EnergyHistoryWindow::rolling(Seconds(60)), at(0), at(2000));
-  EXPECT_EQ(db->energyHistoryBuilds(), 17u);
-  db->cachedEnergyHistory(kind, EnergyHistoryWindow::day(at(0)), at(0), at(1000));
-  EXPECT_EQ(db->energyHistoryBuilds(), 17u) << "the first window asked for is still cached";
-  db->cachedEnergyHistory(kind, EnergyHistoryWindow::day(at(-86400.0 * 5)), at(0), at(10));
-  EXPECT_EQ(db->energyHistoryBuilds(), 18u) << "day 5 ended first and was evicted";
+  EXPECT_EQ(builds(day(5), 10), 16u) << "sixteen fit";
+  EXPECT_EQ(builds(EnergyHistoryWindow::rolling(Seconds(60)), 2000), 17u);
+  EXPECT_EQ(builds(day(0), 1000), 17u) << "the first window asked for is still cached";
+  EXPECT_EQ(builds(day(5), 10), 18u) << "day 5 ended first and was evicted";
 }
 
 TEST_F(ReadsTest, LifetimeTotalReadsOnlyNewRowsAndSkipsGapsAndUnknownAdapterState) {
