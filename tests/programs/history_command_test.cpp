@@ -24,11 +24,9 @@ constexpr const char* kQuestions[] = {"samples", "coverage", "sessions", "daily"
 class HistoryCommandTest : public ::testing::Test {
  protected:
   HistoryCommandTest() {
-    QuorelDatabase::Options o;
-    o.dataDirectory = std::nullopt;
-    o.databasePathOverride = file();
-    o.startQueue = false;
-    QuorelDatabase made(std::move(o), clock);  // a current schema, then closed
+    // A current schema, then closed.
+    QuorelDatabase made({.dataDirectory = {}, .databasePathOverride = file(), .onCorruption = {}},
+                        clock);
   }
   fs::path file() const { return scratch.path() / "quorel.db"; }
   HistoryCommandResult run(HistoryCommandArguments a) {
@@ -107,18 +105,13 @@ TEST_F(HistoryCommandTest, AHistoryThatCannotBeReadIsAFailureNotAnEmptyAnswer) {
 }
 
 TEST_F(HistoryCommandTest, SamplesJsonHasTheToolsKeysWithNullsForAbsentFigures) {
-  {
-    SqlFile sql(file());
-    sql.insert("power_samples", {{"timestamp", kT0 + 600},
-                                 {"wattage", -6.5},
-                                 {"battery_pct", 80.0},
-                                 {"gpu_w", 1.5},
-                                 {"dram_w", 0.5},
-                                 {"observed_duration_s", 30.0},
-                                 {"component_quality", std::string("measured")}});
-    sql.insert("power_samples", {{"timestamp", kT0 + 630}, {"wattage", -6.0}});
-    sql.insert("power_samples", {{"timestamp", kT0 - 600}, {"wattage", -6.0}});  // before
-  }
+  // The last one is before the default hour.
+  SqlFile(file()).exec(
+      "INSERT INTO power_samples (timestamp, wattage, battery_pct, gpu_w, dram_w, "
+      "observed_duration_s, component_quality) VALUES "
+      "(1800000600, -6.5, 80, 1.5, 0.5, 30, 'measured'), "
+      "(1800000630, -6, NULL, NULL, NULL, NULL, 'unavailable'), "
+      "(1799999400, -6, NULL, NULL, NULL, NULL, 'unavailable')");
   const JSONValue v = parsed(run({.subcommand = "samples", .json = true}));
   EXPECT_EQ(v.member("from"), JSONValue("2027-01-15T08:00:00.000Z")) << "an hour before now";
   EXPECT_EQ(v.member("to"), JSONValue("2027-01-15T09:00:00.000Z"));
@@ -147,24 +140,14 @@ TEST_F(HistoryCommandTest, SamplesJsonHasTheToolsKeysWithNullsForAbsentFigures) 
 }
 
 TEST_F(HistoryCommandTest, AppsRankOverADayWithCurrentPowerFromTheLastMinuteAndAHalf) {
-  {
-    SqlFile sql(file());
-    auto row = [&](double offset, const char* name, double watts, double wh) {
-      sql.insert("process_energy", {{"timestamp", kT0 + offset},
-                                    {"process_name", std::string(name)},
-                                    {"avg_cpu", 1.0},
-                                    {"avg_watts", watts},
-                                    {"peak_watts", watts},
-                                    {"observed_duration_s", 60.0},
-                                    {"energy_wh", wh},
-                                    {"coverage_ratio", 1.0},
-                                    {"quality", std::string("measured")}});
-    };
-    row(-20 * 3600, "compiler", 30, 5.0);  // within the default day
-    row(3600 - 30, "compiler", 12, 0.2);   // within the last 90 seconds
-    row(-3600, "editor", 3, 0.05);
-    row(-30 * 3600, "ancient", 99, 50.0);  // older than a day
-  }
+  // Within the default day; within the last 90 seconds; within the day; older than a day.
+  SqlFile(file()).exec(
+      "INSERT INTO process_energy (timestamp, process_name, avg_cpu, avg_watts, peak_watts, "
+      "observed_duration_s, energy_wh, coverage_ratio, quality) VALUES "
+      "(1799928000, 'compiler', 1, 30, 30, 60, 5.0, 1, 'measured'), "
+      "(1800003570, 'compiler', 1, 12, 12, 60, 0.2, 1, 'measured'), "
+      "(1799996400, 'editor', 1, 3, 3, 60, 0.05, 1, 'measured'), "
+      "(1799892000, 'ancient', 1, 99, 99, 60, 50.0, 1, 'measured')");
   const JSONValue v = parsed(run({.subcommand = "apps", .json = true}));
   const auto* apps = v.find("apps")->arrayValue();
   ASSERT_EQ(apps->size(), 2u);

@@ -61,12 +61,7 @@ TEST(HistoricalPowerDownsampler, ThousandSamplesFillTheBudgetInOrderWithEndsAndE
   EXPECT_EQ(std::adjacent_find(t.begin(), t.end()), t.end()) << "a sample kept twice";
   EXPECT_EQ(out.front().timestamp, input.front().timestamp);
   EXPECT_EQ(out.back().timestamp, input.back().timestamp);
-  EXPECT_TRUE(keeps(out, input[499]));
-  EXPECT_TRUE(keeps(out, input[500]));
-  EXPECT_TRUE(keeps(out, input[777]));
-  EXPECT_TRUE(keeps(out, input[320]));
-  EXPECT_TRUE(keeps(out, input[321]));
-  EXPECT_TRUE(keeps(out, input[322]));
+  for (int i : {499, 500, 777, 320, 321, 322}) EXPECT_TRUE(keeps(out, input[i])) << i;
 }
 
 TEST(HistoricalPowerDownsampler, GapSurvivesWhenItsOwnSamplesAreThinnedAway) {
@@ -113,17 +108,13 @@ TEST(HistoricalPowerDownsampler, SmallSeriesComeBackWholeWithGapsMarked) {
 
 TEST(HistoricalPowerDownsampler, ExtremesOfComponentsAndRailsSurvive) {
   auto samples = series(600);
-  for (auto& s : samples) {
-    s.gpuW = 1.0;
-    s.systemTotalW = 12.0;
-  }
+  for (auto& s : samples) s.gpuW = 1.0, s.systemTotalW = 12.0;
   samples[111].gpuW = 25.0;
   samples[444].systemTotalW = 2.0;
   samples[222].gpuW = std::numeric_limits<double>::quiet_NaN();  // never an extreme
   const auto out = HistoricalPowerDownsampler::downsample(samples, 100);
   ASSERT_EQ(out.size(), 100u);
-  EXPECT_TRUE(keeps(out, samples[111]));
-  EXPECT_TRUE(keeps(out, samples[444]));
+  for (int i : {111, 444}) EXPECT_TRUE(keeps(out, samples[i])) << i;
 }
 
 TEST(HistoricalPowerDownsampler, SignFlipsOfBatteryPowerSurviveButNoiseAroundZeroIsNotAFlip) {
@@ -131,9 +122,7 @@ TEST(HistoricalPowerDownsampler, SignFlipsOfBatteryPowerSurviveButNoiseAroundZer
   samples[100].wattage = 0.3;  // within the dead band
   samples[250].wattage = 5.0;  // a real flip, both sides
   const auto out = HistoricalPowerDownsampler::downsample(samples, 40);
-  EXPECT_TRUE(keeps(out, samples[249]));
-  EXPECT_TRUE(keeps(out, samples[250]));
-  EXPECT_TRUE(keeps(out, samples[251]));
+  for (int i : {249, 250, 251}) EXPECT_TRUE(keeps(out, samples[i])) << i;
 }
 
 TEST(HistoricalEnergyMath, TrapezoidOverCollectedPairsOnly) {

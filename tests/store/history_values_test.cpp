@@ -67,16 +67,10 @@ TEST(QualityCheckedTest, ComponentBoundsAndTheWallFloor) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     PowerSample s;
-    s.ecpuW = c.rails[0];
-    s.pcpuW = c.rails[1];
-    s.gpuW = c.rails[2];
-    s.aneW = c.rails[3];
-    s.dramW = c.rails[4];
-    s.componentQuality = Q::measured;
-    s.wallEstimateQuality = Q::estimated;
-    s.systemTotalW = c.systemTotal_W;
-    s.powerInW = c.powerIn_W;
-    s.wallPowerW = c.wall_W;
+    s.ecpuW = c.rails[0], s.pcpuW = c.rails[1], s.gpuW = c.rails[2];
+    s.aneW = c.rails[3], s.dramW = c.rails[4];
+    s.componentQuality = Q::measured, s.wallEstimateQuality = Q::estimated;
+    s.systemTotalW = c.systemTotal_W, s.powerInW = c.powerIn_W, s.wallPowerW = c.wall_W;
     PowerSample out = qualityChecked(s);
     PowerSample expected = s;
     if (c.componentsRejected) {

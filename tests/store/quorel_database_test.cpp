@@ -26,7 +26,8 @@ using ::testing::HasSubstr;
 using testing::LogCapture;
 using testing::ScratchDirectory;
 using testing::SqlFile;
-using ::testing::StartsWith;
+using Row = std::vector<std::string>;
+using Rows = std::vector<Row>;
 
 unsigned modeOf(const fs::path& p) {
   struct stat st {};
@@ -34,38 +35,37 @@ unsigned modeOf(const fs::path& p) {
   return st.st_mode & 0777;
 }
 
-std::string bytesOf(const fs::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
-// Columns as "name type notnull default pk", in table order.
-std::vector<std::string> columnsOf(const SqlFile& db, const std::string& table) {
-  std::vector<std::string> out;
-  for (const auto& r : db.rows("PRAGMA table_xinfo(" + table + ")")) {
-    out.push_back(r[1] + " " + r[2] + " " + r[3] + " " + r[4] + " " + r[5]);
+// Whether a line at `level` (any, if none) starts with `prefix`; SQLite's own words follow what
+// the store writes.
+bool logged(const LogCapture& logs, std::optional<spdlog::level::level_enum> level,
+            const std::string& prefix) {
+  for (const auto& line : logs.lines()) {
+    if (line.level == level.value_or(line.level) && line.message.rfind(prefix, 0) == 0) return true;
   }
-  return out;
+  return false;
 }
 
 // Tables with their columns, and indexes with their columns: everything two files must agree on.
-std::map<std::string, std::vector<std::string>> schemaOf(const fs::path& file) {
+std::map<std::string, Rows> schemaOf(const fs::path& file) {
   SqlFile db(file);
-  std::map<std::string, std::vector<std::string>> schema;
+  std::map<std::string, Rows> schema;
   for (const auto& r : db.rows("SELECT name, type, tbl_name FROM sqlite_master WHERE name NOT "
-                               "LIKE 'sqlite_%' ORDER BY name")) {
-    if (r[1] == "table") {
-      schema["table " + r[0]] = columnsOf(db, r[0]);
-    } else if (r[1] == "index") {
-      std::vector<std::string> columns{"on " + r[2]};
-      for (const auto& c : db.rows("PRAGMA index_info(" + r[0] + ")")) columns.push_back(c[2]);
-      schema["index " + r[0]] = columns;
-    }
+                               "LIKE 'sqlite_%' AND type IN ('table', 'index') ORDER BY name")) {
+    const bool table = r[1] == "table";
+    schema[r[1] + " " + r[0]] =
+        db.rows(table ? "PRAGMA table_xinfo(" + r[0] + ")" : "PRAGMA index_info(" + r[0] + ")");
+    if (!table) schema[r[1] + " " + r[0]].push_back({"on " + r[2]});
   }
   return schema;
 }
+
+// Three identical component readings: the kind the v6 step heals, so a rerun of it would show.
+void insertIdenticalReadings(const fs::path& file) {
+  SqlFile(file).exec(
+      "INSERT INTO power_samples (timestamp, ecpu_w, pcpu_w, gpu_w, ane_w, dram_w) VALUES "
+      "(1, 1, 1, 1, 1, 1), (2, 1, 1, 1, 1, 1), (3, 1, 1, 1, 1, 1)");
+}
+const char* kReadingsLeft = "SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL";
 
 class QuorelDatabaseTest : public ::testing::Test {
  protected:
@@ -75,31 +75,29 @@ class QuorelDatabaseTest : public ::testing::Test {
   int corruptionSignals = 0;
   ManualClock clock;
 
-  QuorelDatabase::Options atDefaultLocation() {
-    return {.dataDirectory = dataDir,
-            .databasePathOverride = std::nullopt,
-            .onCorruption = [this] { ++corruptionSignals; },
-            .startQueue = false};
-  }
-  QuorelDatabase::Options atPath(const fs::path& file) {
-    return {.dataDirectory = file.parent_path(),
+  // At the default location inside `directory`, or at `file`.
+  QuorelDatabase::Options options(std::optional<fs::path> file = {},
+                                  std::optional<fs::path> directory = {}) {
+    return {.dataDirectory = file ? file->parent_path() : directory,
             .databasePathOverride = file,
             .onCorruption = [this] { ++corruptionSignals; },
             .startQueue = false};
   }
+  QuorelDatabase::Options atDefaultLocation() { return options({}, dataDir); }
   fs::path freshDatabase() {
     QuorelDatabase db(atDefaultLocation(), clock);
     return dbFile;
   }
   // What the store logs, once, when the file at the default location is damaged.
   std::string corruptionLine() const {
+    const std::string f = dbFile.string();
     return "database corruption detected — to start a fresh history, stop quorel and run: rm -f "
            "-- '" +
-           dbFile.string() + "' '" + dbFile.string() + "-wal' '" + dbFile.string() + "-shm'";
+           f + "' '" + f + "-wal' '" + f + "-shm'";
   }
 };
 
-TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentVersionPrivateModesAndWal) {
+TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentVersionPrivateModesAndWalAndReopensUnchanged) {
   {
     QuorelDatabase db(atDefaultLocation(), clock);
     EXPECT_TRUE(db.isAvailable());
@@ -112,28 +110,16 @@ TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentVersionPrivateModesAndWal) {
     }
   }
   EXPECT_EQ(corruptionSignals, 0);
-  SqlFile file(dbFile);
-  EXPECT_EQ(file.integer("PRAGMA user_version"), 8);
-  EXPECT_EQ(file.text("PRAGMA journal_mode"), "wal");
-
+  EXPECT_EQ(SqlFile(dbFile).integer("PRAGMA user_version"), 8);
+  EXPECT_EQ(SqlFile(dbFile).text("PRAGMA journal_mode"), "wal");
   // Its tables, columns and indexes are pinned by the version 7 fixture, written by hand in the
-  // current shape: MigrationTest.CarriesTheFileToTheCurrentSchemaAndFixesItsRows/v7 compares them.
-}
+  // current shape: MigrationTest compares them.
 
-TEST_F(QuorelDatabaseTest, ReopeningACurrentFileChangesNothing) {
-  freshDatabase();
-  {
-    SqlFile db(dbFile);
-    db.exec(
-        "INSERT INTO power_samples (timestamp, ecpu_w, pcpu_w, gpu_w, ane_w, dram_w) VALUES "
-        "(1, 1, 1, 1, 1, 1), (2, 1, 1, 1, 1, 1), (3, 1, 1, 1, 1, 1)");
-  }
+  insertIdenticalReadings(dbFile);
   LogCapture logs;
   QuorelDatabase again(atDefaultLocation(), clock);
-  SqlFile db(dbFile);
-  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL"), 3);
-  for (const auto& line : logs.lines())
-    EXPECT_THAT(line.message, ::testing::Not(HasSubstr("migrating")));
+  EXPECT_EQ(SqlFile(dbFile).integer(kReadingsLeft), 3);
+  for (const auto& line : logs.lines()) EXPECT_THAT(line.message, Not(HasSubstr("migrating")));
 }
 
 TEST_F(QuorelDatabaseTest, VersionZeroFileWithOldTablesEndsLikeAFreshOne) {
@@ -141,7 +127,7 @@ TEST_F(QuorelDatabaseTest, VersionZeroFileWithOldTablesEndsLikeAFreshOne) {
   const fs::path old = temp.path() / "v0.db";
   testing::buildLegacyDatabase(old, 1);
   SqlFile(old).exec("PRAGMA user_version = 0");
-  { QuorelDatabase db(atPath(old), clock); }
+  { QuorelDatabase db(options(old), clock); }
   EXPECT_EQ(schemaOf(old), fresh);
   EXPECT_EQ(SqlFile(old).integer("PRAGMA user_version"), 8);
 }
@@ -154,7 +140,7 @@ TEST_P(MigrationTest, CarriesTheFileToTheCurrentSchemaAndFixesItsRows) {
   const fs::path file = temp.path() / ("v" + std::to_string(version) + ".db");
   testing::buildLegacyDatabase(file, version);
   LogCapture logs;
-  { QuorelDatabase db(atPath(file), clock); }
+  { QuorelDatabase db(options(file), clock); }
   EXPECT_EQ(corruptionSignals, 0);
   EXPECT_EQ(logs.count("migrating schema from v" + std::to_string(version) + " to v8"), 1u);
   EXPECT_EQ(schemaOf(file), fresh);
@@ -167,43 +153,37 @@ TEST_P(MigrationTest, CarriesTheFileToTheCurrentSchemaAndFixesItsRows) {
               " FROM power_samples WHERE timestamp = " + std::to_string(T0 + dt))
         .at(0);
   };
-  using Row = std::vector<std::string>;
-  EXPECT_EQ(db.integer("PRAGMA user_version"), 8);
-
-  // v2: rows that broke a constraint are gone, the others kept their ids.
+  auto count = [&](const std::string& where) {
+    return db.integer("SELECT COUNT(*) FROM " + where);
+  };
+  // v2: rows that broke a constraint are gone, the others kept their ids; v5: epochs survive;
+  // v8: the capacity readings of 100 and 50 mAh went.
   EXPECT_EQ(
-      db.integer("SELECT COUNT(*) FROM power_samples WHERE battery_pct > 100 OR timestamp < 0 "
-                 "OR timestamp >= 4102444800"),
-      0);
-  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM power_samples"),
-            5 + 6 + 7 + 10 + 9 + 10 + 9 + 11 + 10);
-  EXPECT_EQ(db.integer("SELECT MIN(id) FROM power_samples"), 1);
-  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM sessions"), 4);
-  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM capacity_log"), 3);  // 100 and 50 mAh went in v8
-  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM capacity_log WHERE design_capacity_mah <= 0 OR "
-                       "nominal_capacity_mah < 0 OR cycle_count < 0"),
-            0);
+      db.rows("SELECT (SELECT user_version FROM pragma_user_version), (SELECT COUNT(*) FROM "
+              "power_samples WHERE battery_pct > 100 OR timestamp < 0 OR timestamp >= "
+              "4102444800), (SELECT COUNT(*) FROM power_samples), (SELECT MIN(id) FROM "
+              "power_samples), (SELECT COUNT(*) FROM sessions), (SELECT COUNT(*) FROM capacity_log "
+              "WHERE design_capacity_mah <= 0 OR nominal_capacity_mah < 0 OR cycle_count < 0), "
+              "(SELECT COUNT(*) FROM capacity_log), (SELECT COUNT(*) FROM battery_epoch)"),
+      (Rows{{"8", "0", "77", "1", "4", "0", "3", version >= 5 ? "1" : "0"}}));
 
   // v3: the temperature column exists; values only where the file had them.
   EXPECT_EQ(at(0, "temperature_c"), Row{version >= 3 ? "30.0" : "NULL"});
 
   // v4: the lifetime checkpoint restarts from zero, once.
-  const Row lifetime = version < 4 ? Row{"0.0", "0.0", "0.0"} : Row{"1699963300.0", "4.5", "6.75"};
   EXPECT_EQ(db.rows("SELECT last_ts, last_total_w, accumulated_wh FROM lifetime_energy_state"),
-            std::vector<Row>{lifetime});
-
-  // v5: epochs survive.
-  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM battery_epoch"), version >= 5 ? 1 : 0);
+            (Rows{version < 4 ? Row{"0.0", "0.0", "0.0"} : Row{"1699963300.0", "4.5", "6.75"}}));
 
   // v6: three identical readings keep the first; two identical readings both stay.
   const std::string components = "ecpu_w, pcpu_w, gpu_w, ane_w, dram_w";
-  EXPECT_EQ(at(3600, components), (Row{"1.0", "2.0", "3.0", "0.5", "0.25"}));
-  const Row stale = version < 6 ? Row{"NULL", "NULL", "NULL", "NULL", "NULL"}
-                                : Row{"1.0", "2.0", "3.0", "0.5", "0.25"};
-  EXPECT_EQ(at(3630, components), stale);
-  EXPECT_EQ(at(3660, components), stale);
-  EXPECT_EQ(at(3690, components), (Row{"1.0", "2.0", "3.0", "0.5", "0.3"}));
-  EXPECT_EQ(at(3720, components), (Row{"1.0", "2.0", "3.0", "0.5", "0.3"}));
+  const Row read{"1.0", "2.0", "3.0", "0.5", "0.25"};
+  EXPECT_EQ(at(3600, components), read);
+  for (double dt : {3630, 3660}) {
+    EXPECT_EQ(at(dt, components), version < 6 ? Row(5, "NULL") : read) << dt;
+  }
+  for (double dt : {3690, 3720}) {
+    EXPECT_EQ(at(dt, components), (Row{"1.0", "2.0", "3.0", "0.5", "0.3"})) << dt;
+  }
 
   // v7: labels, rejected components and wall estimates, energy buckets, daily rows, sessions.
   const std::string labels =
@@ -225,26 +205,27 @@ TEST_P(MigrationTest, CarriesTheFileToTheCurrentSchemaAndFixesItsRows) {
     EXPECT_EQ(at(7380, labels), (Row{"legacy", "NULL", "inferred", "legacy"}));
     EXPECT_EQ(at(0, labels), (Row{"unavailable", "NULL", "inferred", "unavailable"}));
 
-    for (const auto& table : {"process_energy", "ai_agent_energy"}) {
-      EXPECT_EQ(
-          db.rows(std::string("SELECT observed_duration_s, round(energy_wh, 6), "
-                              "missing_duration_s, coverage_ratio, quality, source FROM ") +
-                  table + " ORDER BY id"),
-          (std::vector<Row>{{"60.0", "0.1", "0.0", "NULL", "legacy", "legacy_60s_flush_estimate"},
-                            {"0.0", "0.0", "0.0", "NULL", "legacy", "legacy_60s_flush_estimate"},
-                            {"60.0", "0.0", "0.0", "NULL", "legacy", "legacy_60s_flush_estimate"},
-                            {"0.0", "0.0", "0.0", "NULL", "legacy", "legacy_60s_flush_estimate"}}))
+    // Observed duration, energy and missing duration, then the same coverage and labels on each.
+    Rows buckets{{"60.0", "0.1", "0.0"},
+                 {"0.0", "0.0", "0.0"},
+                 {"60.0", "0.0", "0.0"},
+                 {"0.0", "0.0", "0.0"}};
+    for (auto& r : buckets) r.insert(r.end(), {"NULL", "legacy", "legacy_60s_flush_estimate"});
+    for (const std::string table : {"process_energy", "ai_agent_energy"}) {
+      EXPECT_EQ(db.rows("SELECT observed_duration_s, round(energy_wh, 6), missing_duration_s, "
+                        "coverage_ratio, quality, source FROM " +
+                        table + " ORDER BY id"),
+                buckets)
           << table;
     }
 
-    const std::string sessionColumns =
-        "round(total_wh, 9), collected_duration_s, missing_duration_s, round(avg_wattage, 9), "
-        "mode, quality, round(confidence, 9)";
     auto session = [&](char id) {
       return db
-          .rows("SELECT " + sessionColumns +
-                " FROM sessions WHERE id = '6F1C1C8E-0000-4000-8000-00000000000" +
-                std::string(1, id) + "'")
+          .rows(
+              "SELECT round(total_wh, 9), collected_duration_s, missing_duration_s, "
+              "round(avg_wattage, 9), mode, quality, round(confidence, 9) FROM sessions "
+              "WHERE id = '6F1C1C8E-0000-4000-8000-00000000000" +
+              std::string(1, id) + "'")
           .at(0);
     };
     // Intervals of 60 s after the start: 30 s cut at the start (10 W both ends), 60 s at 15 W,
@@ -257,62 +238,61 @@ TEST_P(MigrationTest, CarriesTheFileToTheCurrentSchemaAndFixesItsRows) {
   } else {
     // A file already at v7 keeps what that step would have rewritten.
     EXPECT_EQ(at(7200, "component_quality, ecpu_w"), (Row{"legacy", "31.0"}));
-    EXPECT_EQ(db.integer("SELECT COUNT(*) FROM process_energy WHERE observed_duration_s = 0"), 4);
-    EXPECT_EQ(db.integer("SELECT COUNT(*) FROM sessions WHERE total_wh = 99"), 4);
+    EXPECT_EQ(count("process_energy WHERE observed_duration_s = 0"), 4);
+    EXPECT_EQ(count("sessions WHERE total_wh = 99"), 4);
   }
 
-  const std::string day0 = testing::localDayKey(T0);
-  const std::string dailyColumns =
-      "day_start, nominal_capacity_mah, design_capacity_mah, cycle_count, health_pct, "
-      "capacity_sample_count, avg_temperature_c, max_temperature_c, temperature_observed_s, "
-      "temperature_sample_count, quality";
-  auto daily = [&](double dt) {
+  auto daily = [&](double days) {
     return db
-        .rows("SELECT " + dailyColumns + " FROM daily_battery_metrics WHERE day_key = '" +
-              testing::localDayKey(T0 + dt) + "'")
+        .rows(
+            "SELECT day_start, nominal_capacity_mah, design_capacity_mah, cycle_count, "
+            "health_pct, capacity_sample_count, avg_temperature_c, max_temperature_c, "
+            "temperature_observed_s, temperature_sample_count, quality FROM "
+            "daily_battery_metrics WHERE day_key = '" +
+            testing::localDayKey(T0 + days * 86400) + "'")
         .at(0);
   };
-  const std::string t0 = db.text("SELECT CAST(" + std::to_string(T0) + " AS REAL)").value();
+  Row day0{db.text("SELECT CAST(" + std::to_string(T0) + " AS REAL)").value(),
+           "3950.0",
+           "5000.0",
+           "101",
+           "79.0",
+           "2"};
   const Row temperatures =
       version >= 3 ? Row{"32.0", "34.0", "90.0", "3"} : Row{"NULL", "NULL", "0.0", "0"};
-  Row expectedDay0{t0, "3950.0", "5000.0", "101", "79.0", "2"};
-  expectedDay0.insert(expectedDay0.end(), temperatures.begin(), temperatures.end());
-  expectedDay0.push_back("legacy");
-  EXPECT_EQ(daily(0), expectedDay0);
+  day0.insert(day0.end(), temperatures.begin(), temperatures.end());
+  day0.push_back("legacy");
+  EXPECT_EQ(daily(0), day0);
 
   // v8: undersized capacities leave the log and the daily table; 101 mAh stays.
-  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM capacity_log WHERE design_capacity_mah = 101"), 1);
-  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM capacity_log WHERE design_capacity_mah <= 100"), 0);
+  EXPECT_EQ(count("capacity_log WHERE design_capacity_mah = 101"), 1);
+  EXPECT_EQ(count("capacity_log WHERE design_capacity_mah <= 100"), 0);
   for (double day : {2.0, 4.0}) {
-    const Row healed = daily(day * 86400);
+    const Row healed = daily(day);
     EXPECT_EQ(Row(healed.begin() + 1, healed.begin() + 6),
               (Row{"NULL", "NULL", healed[3], "NULL", "0"}));
     EXPECT_EQ(healed.back(), "unavailable");
   }
-  EXPECT_EQ(daily(3 * 86400)[2], "101.0");
+  EXPECT_EQ(daily(3)[2], "101.0");
 
   // v8: frozen CPU and DRAM counters, healed only in runs of ten or more over five minutes.
   const bool healedRun[] = {true, false, false, false, true, false};
-  int index = 0;
-  for (const auto& run : testing::kFrozenRuns) {
+  for (std::size_t index = 0; index < std::size(healedRun); ++index) {
+    const auto& run = testing::kFrozenRuns[index];
+    SCOPED_TRACE("run " + std::to_string(index));
     const auto rows = db.rows(
-        "SELECT ecpu_w, pcpu_w, dram_w, gpu_w, component_quality, component_rejection_reason "
+        "SELECT ecpu_w, pcpu_w, dram_w, component_quality, component_rejection_reason, gpu_w "
         "FROM power_samples WHERE timestamp >= " +
-        std::to_string(run.start - 0.001) + " AND timestamp <= " +
-        std::to_string(run.start + (run.rows - 1) * run.step_s + 0.001) + " ORDER BY timestamp");
-    ASSERT_EQ(rows.size(), static_cast<std::size_t>(run.rows)) << "run " << index;
+        std::to_string(run.start - 0.001) +
+        " AND timestamp <= " + std::to_string(run.start + (run.rows - 1) * run.step_s + 0.001));
+    ASSERT_EQ(rows.size(), static_cast<std::size_t>(run.rows));
     for (const auto& r : rows) {
-      if (healedRun[index]) {
-        EXPECT_EQ(Row(r.begin(), r.begin() + 3), (Row{"NULL", "NULL", "NULL"})) << "run " << index;
-        EXPECT_NE(r[3], "NULL") << "the GPU counter is not part of the stall";
-        EXPECT_EQ(r[4], "unavailable");
-        EXPECT_EQ(r[5], "CPU and DRAM energy counters stalled");
-      } else {
-        EXPECT_EQ(Row(r.begin(), r.begin() + 3), (Row{"0.0", "0.0", "0.0"})) << "run " << index;
-        EXPECT_EQ(r[4], "legacy") << "run " << index;
-      }
+      const Row expected = healedRun[index] ? Row{"NULL", "NULL", "NULL", "unavailable",
+                                                  "CPU and DRAM energy counters stalled"}
+                                            : Row{"0.0", "0.0", "0.0", "legacy", "NULL"};
+      EXPECT_EQ(Row(r.begin(), r.begin() + 5), expected);
+      EXPECT_NE(r[5], "NULL") << "the GPU counter is not part of the stall";
     }
-    ++index;
   }
 }
 
@@ -332,54 +312,38 @@ TEST_F(QuorelDatabaseTest, AFailingStepLeavesTheFileAtItsOldVersionWithAllItsDat
       "CREATE TRIGGER refuse_heal BEFORE UPDATE ON power_samples BEGIN SELECT RAISE(ABORT, "
       "'refused'); END");
   const auto before = schemaOf(file);
-  const auto componentRows =
-      SqlFile(file).integer("SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL");
+  const auto componentRows = SqlFile(file).integer(kReadingsLeft);
   LogCapture logs;
-  { QuorelDatabase db(atPath(file), clock); }
+  { QuorelDatabase db(options(file), clock); }
   {
     SqlFile db(file);
     EXPECT_EQ(db.integer("PRAGMA user_version"), 2);
-    EXPECT_EQ(db.rows("SELECT accumulated_wh FROM lifetime_energy_state"),
-              (std::vector<std::vector<std::string>>{{"6.75"}}));
-    EXPECT_EQ(db.integer("SELECT COUNT(*) FROM pragma_table_info('power_samples') WHERE name = "
-                         "'temperature_c'"),
-              0);
-    EXPECT_EQ(db.integer("SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL"),
-              componentRows);
+    EXPECT_EQ(db.rows("SELECT accumulated_wh FROM lifetime_energy_state"), Rows{{"6.75"}});
+    EXPECT_EQ(db.integer(kReadingsLeft), componentRows);
   }
   EXPECT_EQ(schemaOf(file).at("table power_samples"), before.at("table power_samples"));
   EXPECT_EQ(corruptionSignals, 0);
-  bool logged = false;
-  for (const auto& line : logs.lines()) {
-    if (line.message.rfind("v6 migration heal stale component power failed: rc=19 msg=", 0) == 0) {
-      logged = line.level == spdlog::level::err;
-    }
-  }
-  EXPECT_TRUE(logged);
+  EXPECT_TRUE(logged(logs, spdlog::level::err,
+                     "v6 migration heal stale component power failed: rc=19 msg="));
 
   // The next start tries again from the old version.
   SqlFile(file).exec("DROP TRIGGER refuse_heal");
-  { QuorelDatabase db(atPath(file), clock); }
+  { QuorelDatabase db(options(file), clock); }
   EXPECT_EQ(SqlFile(file).integer("PRAGMA user_version"), 8);
 }
 
 TEST_F(QuorelDatabaseTest, NewerFileIsLeftAsItIs) {
   freshDatabase();
-  {
-    SqlFile db(dbFile);
-    db.exec("PRAGMA user_version = 9");
-    db.exec("ALTER TABLE power_samples ADD COLUMN from_the_future REAL");
-    db.exec(
-        "INSERT INTO power_samples (timestamp, ecpu_w, pcpu_w, gpu_w, ane_w, dram_w) VALUES "
-        "(1, 1, 1, 1, 1, 1), (2, 1, 1, 1, 1, 1), (3, 1, 1, 1, 1, 1)");
-  }
+  SqlFile(dbFile).exec(
+      "PRAGMA user_version = 9; ALTER TABLE power_samples ADD COLUMN from_the_future REAL");
+  insertIdenticalReadings(dbFile);
   const auto before = schemaOf(dbFile);
   LogCapture logs;
   { QuorelDatabase db(atDefaultLocation(), clock); }
   SqlFile db(dbFile);
   EXPECT_EQ(db.integer("PRAGMA user_version"), 9);
   EXPECT_EQ(schemaOf(dbFile), before);
-  EXPECT_EQ(db.integer("SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL"), 3);
+  EXPECT_EQ(db.integer(kReadingsLeft), 3);
   EXPECT_EQ(logs.count("on-disk schema v9 is newer than app v8 — downgrade detected; running with "
                        "potential write skew"),
             1u);
@@ -391,10 +355,7 @@ TEST_F(QuorelDatabaseTest, RandomBytesSignalCorruptionOnceAndStayUntouched) {
   std::mt19937 random(42);
   std::string noise(64 * 1024, '\0');
   for (auto& c : noise) c = static_cast<char>(random() & 0xff);
-  {
-    std::ofstream out(dbFile, std::ios::binary);
-    out << noise;
-  }
+  std::ofstream(dbFile, std::ios::binary) << noise;
   LogCapture logs;
   {
     QuorelDatabase db(atDefaultLocation(), clock);
@@ -406,7 +367,9 @@ TEST_F(QuorelDatabaseTest, RandomBytesSignalCorruptionOnceAndStayUntouched) {
   }
   EXPECT_EQ(corruptionSignals, 1);
   EXPECT_EQ(logs.count(corruptionLine()), 1u);
-  EXPECT_EQ(bytesOf(dbFile), noise);
+  std::stringstream bytes;
+  bytes << std::ifstream(dbFile, std::ios::binary).rdbuf();
+  EXPECT_EQ(bytes.str(), noise);
   EXPECT_FALSE(fs::exists(dataDir / "quorel.db-wal") &&
                fs::file_size(dataDir / "quorel.db-wal") > 0);
 }
@@ -445,50 +408,31 @@ TEST_F(QuorelDatabaseTest, SqliteErrorsAreClassifiedByResultCode) {
                    }));
 }
 
-TEST_F(QuorelDatabaseTest, NoDataDirectoryMeansUnavailableAndOneSignal) {
-  LogCapture logs;
-  QuorelDatabase db({.dataDirectory = std::nullopt,
-                     .databasePathOverride = std::nullopt,
-                     .onCorruption = [this] { ++corruptionSignals; },
-                     .startQueue = false},
-                    clock);
-  EXPECT_FALSE(db.isAvailable());
-  EXPECT_EQ(corruptionSignals, 1);
-  EXPECT_EQ(logs.count("cannot locate the data directory ($XDG_DATA_HOME/quorel, else "
-                       "~/.local/share/quorel) — set HOME or pass --data-dir DIR"),
-            1u);
-  EXPECT_EQ(db.queryPowerSamples(clock.now(), clock.now(), 10).error().message,
-            "the database is not available: no data directory could be located");
-}
-
-TEST_F(QuorelDatabaseTest, UnopenableDefaultLocationSignalsCorruption) {
+TEST_F(QuorelDatabaseTest, NoUsableDataDirectoryMeansUnavailableAndOneSignal) {
+  {
+    LogCapture logs;
+    QuorelDatabase db(options(), clock);
+    EXPECT_FALSE(db.isAvailable());
+    EXPECT_EQ(corruptionSignals, 1);
+    EXPECT_EQ(logs.count("cannot locate the data directory ($XDG_DATA_HOME/quorel, else "
+                         "~/.local/share/quorel) — set HOME or pass --data-dir DIR"),
+              1u);
+    EXPECT_EQ(db.queryPowerSamples(clock.now(), clock.now(), 10).error().message,
+              "the database is not available: no data directory could be located");
+  }
   // A plain file where the data directory should be: neither the directory nor the database
   // can be made.
   const fs::path blocker = temp.path() / "blocker";
   std::ofstream(blocker) << "x";
   LogCapture logs;
-  QuorelDatabase db({.dataDirectory = blocker / "quorel",
-                     .databasePathOverride = std::nullopt,
-                     .onCorruption = [this] { ++corruptionSignals; },
-                     .startQueue = false},
-                    clock);
+  QuorelDatabase db(options({}, blocker / "quorel"), clock);
   EXPECT_FALSE(db.isAvailable());
-  EXPECT_EQ(corruptionSignals, 1);
-  bool createLogged = false;
-  bool openLogged = false;
-  for (const auto& line : logs.lines()) {
-    if (line.message.rfind("createDirectory failed at " + (blocker / "quorel").string() + " — ",
-                           0) == 0) {
-      createLogged = line.level == spdlog::level::critical;
-    }
-    if (line.message.rfind("failed to open database at " +
-                               (blocker / "quorel" / "quorel.db").string() + " rc=14 msg=",
-                           0) == 0) {
-      openLogged = true;
-    }
-  }
-  EXPECT_TRUE(createLogged);
-  EXPECT_TRUE(openLogged);
+  EXPECT_EQ(corruptionSignals, 2);
+  EXPECT_TRUE(logged(logs, spdlog::level::critical,
+                     "createDirectory failed at " + (blocker / "quorel").string() + " — "));
+  EXPECT_TRUE(logged(
+      logs, std::nullopt,
+      "failed to open database at " + (blocker / "quorel" / "quorel.db").string() + " rc=14 msg="));
 }
 
 TEST(CorruptionReportTest, HeadlessReportNamesTheFolderAndTheCommandThatClearsIt) {
@@ -504,18 +448,16 @@ TEST(CorruptionReportTest, HeadlessReportNamesTheFolderAndTheCommandThatClearsIt
             "rm -f -- '/home/u/.local/share/it'\\''s/quorel.db' "
             "'/home/u/.local/share/it'\\''s/quorel.db-wal' "
             "'/home/u/.local/share/it'\\''s/quorel.db-shm'\n");
-  const auto lines = logs.lines();
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].level, spdlog::level::err);
-  EXPECT_THAT(lines[0].message, StartsWith("Quorel's history database is unreadable — Quorel can "
-                                           "keep running"));
-  EXPECT_THAT(lines[0].message, HasSubstr("rm -f -- '/home/u/.local/share/it'"));
+  ASSERT_EQ(logs.lines().size(), 1u);
+  EXPECT_TRUE(logged(logs, spdlog::level::err,
+                     "Quorel's history database is unreadable — Quorel can keep running"));
+  EXPECT_THAT(logs.lines()[0].message, HasSubstr("rm -f -- '/home/u/.local/share/it'"));
 
   std::ostringstream nowhere;
   reportCorruptionHeadless(std::nullopt, nowhere);
   EXPECT_THAT(nowhere.str(), HasSubstr("Database folder: (none could be located — set "
                                        "XDG_DATA_HOME or pass --data-dir)\n"));
-  EXPECT_THAT(nowhere.str(), ::testing::Not(HasSubstr("rm -f")));
+  EXPECT_THAT(nowhere.str(), Not(HasSubstr("rm -f")));
 }
 
 }  // namespace

@@ -47,55 +47,47 @@ class SqlFile {
   void insert(const std::string& table,
               const std::vector<std::pair<std::string, SqlValue>>& values) {
     std::string columns;
-    std::string marks;
+    std::vector<SqlValue> cells;
     for (const auto& [name, value] : values) {
       columns += (columns.empty() ? "" : ", ") + name;
-      marks += marks.empty() ? "?" : ", ?";
+      cells.push_back(value);
     }
-    const std::string sql = "INSERT INTO " + table + " (" + columns + ") VALUES (" + marks + ")";
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-      throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
-    }
-    int index = 1;
-    for (const auto& [name, value] : values) {
-      if (std::holds_alternative<std::int64_t>(value)) {
-        sqlite3_bind_int64(statement, index, std::get<std::int64_t>(value));
-      } else if (std::holds_alternative<double>(value)) {
-        sqlite3_bind_double(statement, index, std::get<double>(value));
-      } else if (std::holds_alternative<std::string>(value)) {
-        const auto& text = std::get<std::string>(value);
-        sqlite3_bind_text(statement, index, text.c_str(), static_cast<int>(text.size()),
+    insert(table, columns, cells);
+  }
+  // `columns` as in SQL, "a, b, c", with one value for each.
+  void insert(const std::string& table, const std::string& columns,
+              const std::vector<SqlValue>& values) {
+    std::string marks = "?";
+    for (std::size_t i = 1; i < values.size(); ++i) marks += ", ?";
+    sqlite3_stmt* statement =
+        prepare("INSERT INTO " + table + " (" + columns + ") VALUES (" + marks + ")");
+    for (int index = 1; const auto& value : values) {
+      if (const auto* i = std::get_if<std::int64_t>(&value)) {
+        sqlite3_bind_int64(statement, index, *i);
+      } else if (const auto* d = std::get_if<double>(&value)) {
+        sqlite3_bind_double(statement, index, *d);
+      } else if (const auto* s = std::get_if<std::string>(&value)) {
+        sqlite3_bind_text(statement, index, s->c_str(), static_cast<int>(s->size()),
                           SQLITE_TRANSIENT);
-      } else {
-        sqlite3_bind_null(statement, index);
       }
       ++index;
     }
     const int rc = sqlite3_step(statement);
     sqlite3_finalize(statement);
-    if (rc != SQLITE_DONE) {
-      throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
-    }
+    if (rc != SQLITE_DONE) throw std::runtime_error(sqlite3_errmsg(db_) + (" in " + table));
   }
 
   // Every row as text cells; NULL reads as "NULL", reals in shortest round-trip form.
   std::vector<std::vector<std::string>> rows(const std::string& sql) const {
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-      throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
-    }
+    sqlite3_stmt* statement = prepare(sql);
     std::vector<std::vector<std::string>> result;
     while (sqlite3_step(statement) == SQLITE_ROW) {
-      std::vector<std::string> row;
+      auto& row = result.emplace_back();
       for (int c = 0; c < sqlite3_column_count(statement); ++c) {
-        if (sqlite3_column_type(statement, c) == SQLITE_NULL) {
-          row.emplace_back("NULL");
-        } else {
-          row.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(statement, c)));
-        }
+        const bool null = sqlite3_column_type(statement, c) == SQLITE_NULL;
+        row.emplace_back(null ? "NULL"
+                              : reinterpret_cast<const char*>(sqlite3_column_text(statement, c)));
       }
-      result.push_back(std::move(row));
     }
     sqlite3_finalize(statement);
     return result;
@@ -103,8 +95,7 @@ class SqlFile {
 
   std::optional<double> real(const std::string& sql) const {
     auto r = single(sql);
-    if (!r) return std::nullopt;
-    return std::stod(*r);
+    return r ? std::optional(std::stod(*r)) : std::nullopt;
   }
   std::int64_t integer(const std::string& sql) const {
     auto r = single(sql);
@@ -114,6 +105,13 @@ class SqlFile {
   std::optional<std::string> text(const std::string& sql) const { return single(sql); }
 
  private:
+  sqlite3_stmt* prepare(const std::string& sql) const {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
+      throw std::runtime_error(std::string(sqlite3_errmsg(db_)) + " in: " + sql);
+    }
+    return statement;
+  }
   std::optional<std::string> single(const std::string& sql) const {
     auto all = rows(sql);
     if (all.size() != 1 || all.front().size() != 1) {
