@@ -7,6 +7,7 @@
 #include <ostream>
 
 #include "core/power_phase.hpp"
+#include "platform/linux/linux_power_source_fallback_provider.hpp"
 #include "platform/linux/sysfs_tree.hpp"
 
 namespace quorel {
@@ -38,206 +39,139 @@ class LinuxPowerSupplyProviderTest : public ::testing::Test {
     LinuxPowerSupplyProvider provider(fixturePath(name) / "class/power_supply", clock);
     return provider.read();
   }
-
-  PowerSnapshot battery() {
-    PowerSnapshot s;
+  PowerSupplyReading read(const SysfsTree& tree) {
+    LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
+    return provider.read();
+  }
+  PowerSnapshot stamped(PowerSnapshot s) {
     s.timestamp = clock.now();
-    s.batteryInstalled = true;
     return s;
+  }
+  // The fallback, which reads no more than the percentage, the flags and the estimates.
+  std::optional<PowerSnapshot> fetch(const std::filesystem::path& root) {
+    LinuxPowerSourceFallbackProvider provider(root, clock);
+    return provider.fetchSnapshot();
+  }
+  std::optional<PowerSnapshot> fetchFixture(const std::string& name) {
+    return fetch(fixturePath(name) / "class/power_supply");
   }
 
   ManualClock clock;
 };
+using LinuxPowerSourceFallbackProviderTest = LinuxPowerSupplyProviderTest;
 
 // ---- Fixture trees: every field in the snapshot's units and signs -------------------------
 
-TEST_F(LinuxPowerSupplyProviderTest, EnergyPackIsConvertedThroughItsDesignVoltage) {
-  auto reading = readFixture("energy-pack");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 16502;
-  // 7.368 W at 16.502 V, reported as a positive magnitude while discharging.
-  expected.instantAmperage_mA = -446;
-  expected.amperage_mA = -446;
-  // µWh over the 15.44 V minimum design voltage.
-  expected.currentCapacity_mAh = 2479;
-  expected.maxCapacity_mAh = 3327;
-  expected.nominalCapacity_mAh = 3327;
-  expected.designCapacity_mAh = 3692;
-  expected.cycleCount = 123;
-  expected.batterySerial = "4711";
-  expected.iopsPercent = 74;
-  EXPECT_EQ(*reading.snapshot, expected);
-
-  EXPECT_THAT(reading.diagnostics.notes(),
-              ElementsAre("BAT0 reports energy, not charge — converted through voltage_min_design",
-                          "BAT0 reports no current_now — current derived from power_now",
-                          "BAT0 reports its current with a sign that contradicts status "
-                          "\"Discharging\" — sign taken from the status"));
+TEST_F(LinuxPowerSupplyProviderTest, FixtureTreesReadIntoTheSnapshotsUnitsAndSigns) {
+  auto opposedSign = [](const char* pack) {
+    return std::string(pack) +
+           " reports its current with a sign that contradicts status \"Discharging\" — sign "
+           "taken from the status";
+  };
+  const std::string energyNote =
+      " reports energy, not charge — converted through voltage_min_design";
+  const std::string powerNote = " reports no current_now — current derived from power_now";
+  struct Case {
+    const char* fixture;
+    PowerSnapshot expected;
+    std::vector<std::string> notes;
+  };
+  // clang-format off
+  const Case cases[] = {
+      // 7.368 W at 16.502 V while discharging; µWh over the 15.44 V minimum design voltage.
+      {"energy-pack",
+       {.voltage_mV = 16502, .instantAmperage_mA = -446, .amperage_mA = -446,
+        .currentCapacity_mAh = 2479, .maxCapacity_mAh = 3327, .nominalCapacity_mAh = 3327,
+        .designCapacity_mAh = 3692, .cycleCount = 123, .batteryInstalled = true,
+        .batterySerial = "4711", .iopsPercent = 74},
+       {"BAT0" + energyNote, "BAT0" + powerNote, opposedSign("BAT0")}},
+      // 20 V at up to 3.25 A negotiated, 1.1 A drawn now; the offline port contributes nothing.
+      {"charge-pack",
+       {.voltage_mV = 12600, .instantAmperage_mA = 1500, .amperage_mA = 1500,
+        .currentCapacity_mAh = 3000, .maxCapacity_mAh = 4200, .nominalCapacity_mAh = 4200,
+        .designCapacity_mAh = 4500, .isCharging = true, .externalConnected = true,
+        .batteryInstalled = true, .adapterWatts = 65, .adapterCurrent_mA = 1100,
+        .adapterVoltage_mV = 20000, .batterySerial = "8BBA", .iopsPercent = 71},
+       {"BAT0 reports no cycle count — cycles unknown, kept as 0"}},
+      // BAT1 carries the load, so its voltage stands for the pair; cycles of the more worn
+      // pack; 95 % of the small pack and 33 % of the large one, weighed by their full charge.
+      {"two-packs",
+       {.voltage_mV = 11870, .instantAmperage_mA = -773, .amperage_mA = -773,
+        .currentCapacity_mAh = 3705, .maxCapacity_mAh = 7872, .nominalCapacity_mAh = 7872,
+        .designCapacity_mAh = 8494, .cycleCount = 310, .batteryInstalled = true,
+        .batterySerial = "2831+560", .iopsPercent = 47},
+       {"BAT0" + energyNote, "BAT0" + powerNote, "BAT1" + energyNote, "BAT1" + powerNote,
+        opposedSign("BAT1")}},
+      {"fuel-gauge",
+       {.voltage_mV = 7912, .instantAmperage_mA = -843, .amperage_mA = -901,
+        .currentCapacity_mAh = 3620, .maxCapacity_mAh = 5840, .nominalCapacity_mAh = 5840,
+        .designCapacity_mAh = 6200, .cycleCount = 57, .temperature_cC = 3120,
+        .batteryInstalled = true, .timeRemaining_min = 348, .avgTimeToEmpty_min = 331,
+        .batterySerial = "0x1c2f", .iopsPercent = 62},
+       {}},
+      // The mouse is charging over its cable; this machine is not.
+      {"positive-discharge",
+       {.voltage_mV = 7604, .instantAmperage_mA = -1250, .amperage_mA = -1250,
+        .currentCapacity_mAh = 2304, .maxCapacity_mAh = 5120, .nominalCapacity_mAh = 5120,
+        .designCapacity_mAh = 5800, .cycleCount = 212, .batteryInstalled = true,
+        .batterySerial = "SerialNumber", .iopsPercent = 45},
+       {opposedSign("BAT1"), "hidpp_battery_0 powers a peripheral — ignored"}},
+      {"desktop-mains", {.externalConnected = true}, {}},
+      // current_now "12abc" is missing, so power_now (5 W) gives the current; charge_full
+      // "n/a" is missing and energy_full, with a design voltage of 0, goes through voltage_now.
+      // A negative design charge, capacity 250, cycle_count -1, an absurd temperature, a blank
+      // serial and an overflowing time estimate are all absent.
+      {"broken-values",
+       {.voltage_mV = 11800, .instantAmperage_mA = -424, .amperage_mA = -424,
+        .currentCapacity_mAh = 2100, .maxCapacity_mAh = 3729, .nominalCapacity_mAh = 3729,
+        .externalConnected = true, .batteryInstalled = true},
+       {"BAT0 reports energy, not charge, and no design voltage — converted through voltage_now",
+        "BAT0" + powerNote, opposedSign("BAT0"),
+        "BAT0 reports no cycle count — cycles unknown, kept as 0"}},
+      // No uevent at all: the attribute files serve.
+      {"attributes-only",
+       {.voltage_mV = 12900, .currentCapacity_mAh = 3800, .maxCapacity_mAh = 3800,
+        .nominalCapacity_mAh = 3800, .designCapacity_mAh = 4000, .cycleCount = 9,
+        .externalConnected = true, .fullyCharged = true, .batteryInstalled = true,
+        .iopsPercent = 100},
+       {}},
+  };
+  // clang-format on
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.fixture);
+    auto reading = readFixture(c.fixture);
+    ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
+    EXPECT_EQ(*reading.snapshot, stamped(c.expected));
+    EXPECT_EQ(reading.diagnostics.notes(), c.notes);
+  }
 }
 
-TEST_F(LinuxPowerSupplyProviderTest, ChargePackOnUsbCReportsTheNegotiatedAdapter) {
-  auto reading = readFixture("charge-pack");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 12600;
-  expected.instantAmperage_mA = 1500;
-  expected.amperage_mA = 1500;
-  expected.currentCapacity_mAh = 3000;
-  expected.maxCapacity_mAh = 4200;
-  expected.nominalCapacity_mAh = 4200;
-  expected.designCapacity_mAh = 4500;
-  expected.cycleCount = 0;
-  expected.isCharging = true;
-  expected.externalConnected = true;
-  // 20 V at up to 3.25 A negotiated, 1.1 A drawn now; the offline port contributes nothing.
-  expected.adapterWatts = 65;
-  expected.adapterVoltage_mV = 20000;
-  expected.adapterCurrent_mA = 1100;
-  expected.batterySerial = "8BBA";
-  expected.iopsPercent = 71;
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_EQ(reading.diagnostics.adapterSupply, "ucsi-source-psy-USBC000:001");
-  EXPECT_THAT(reading.diagnostics.notes(),
-              ElementsAre("BAT0 reports no cycle count — cycles unknown, kept as 0"));
-}
+TEST_F(LinuxPowerSupplyProviderTest, FixtureTreesExplainWhatTheyChose) {
+  EXPECT_EQ(readFixture("charge-pack").diagnostics.adapterSupply, "ucsi-source-psy-USBC000:001");
+  EXPECT_EQ(readFixture("two-packs").diagnostics.packs.size(), 2u);
+  auto mouse = readFixture("positive-discharge").diagnostics;
+  EXPECT_THAT(mouse.ignoredPeripherals, ElementsAre("hidpp_battery_0"));
+  EXPECT_TRUE(mouse.packs.at(0).currentSignCorrected);
+  EXPECT_EQ(readFixture("broken-values").diagnostics.packs.at(0).capacityConversion,
+            CapacityConversion::viaVoltageNow);
+  EXPECT_EQ(phaseFrom(*readFixture("desktop-mains").snapshot, 0, {}), PowerPhase::noBattery);
 
-TEST_F(LinuxPowerSupplyProviderTest, TwoPacksFoldIntoOneReading) {
-  auto reading = readFixture("two-packs");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  // BAT1 carries the load, so its voltage stands for the pair; BAT0 rests at 0 W.
-  expected.voltage_mV = 11870;
-  expected.instantAmperage_mA = -773;
-  expected.amperage_mA = -773;
-  expected.currentCapacity_mAh = 3705;
-  expected.maxCapacity_mAh = 7872;
-  expected.nominalCapacity_mAh = 7872;
-  expected.designCapacity_mAh = 8494;
-  expected.cycleCount = 310;  // the more worn pack
-  expected.batterySerial = "2831+560";
-  // 95 % of the small pack and 33 % of the large one, weighed by what each holds when full.
-  expected.iopsPercent = 47;
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_EQ(reading.diagnostics.packs.size(), 2u);
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, FuelGaugeKeepsItsSignTemperatureAndEstimates) {
-  auto reading = readFixture("fuel-gauge");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 7912;
-  expected.instantAmperage_mA = -843;
-  expected.amperage_mA = -901;
-  expected.currentCapacity_mAh = 3620;
-  expected.maxCapacity_mAh = 5840;
-  expected.nominalCapacity_mAh = 5840;
-  expected.designCapacity_mAh = 6200;
-  expected.cycleCount = 57;
-  expected.temperature_cC = 3120;
-  expected.timeRemaining_min = 348;
-  expected.avgTimeToEmpty_min = 331;
-  expected.batterySerial = "0x1c2f";
-  expected.iopsPercent = 62;
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_THAT(reading.diagnostics.notes(), IsEmpty());
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, PositiveCurrentWhileDischargingIsNegatedAndMouseIgnored) {
-  auto reading = readFixture("positive-discharge");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 7604;
-  expected.instantAmperage_mA = -1250;
-  expected.amperage_mA = -1250;
-  expected.currentCapacity_mAh = 2304;
-  expected.maxCapacity_mAh = 5120;
-  expected.nominalCapacity_mAh = 5120;
-  expected.designCapacity_mAh = 5800;
-  expected.cycleCount = 212;
-  expected.batterySerial = "SerialNumber";
-  expected.iopsPercent = 45;
-  // The mouse is charging over its cable; this machine is not.
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_THAT(reading.diagnostics.ignoredPeripherals, ElementsAre("hidpp_battery_0"));
-  EXPECT_TRUE(reading.diagnostics.packs.at(0).currentSignCorrected);
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, DesktopWithOnlyMainsHasNoBatteryButExternalPower) {
-  auto reading = readFixture("desktop-mains");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  PowerSnapshot expected;
-  expected.timestamp = clock.now();
-  expected.externalConnected = true;
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_EQ(phaseFrom(*reading.snapshot, 0, {}), PowerPhase::noBattery);
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, MalformedValuesAreMissingNeverZeroOrFatal) {
-  auto reading = readFixture("broken-values");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 11800;
-  // current_now "12abc" is missing, so power_now (5 W) gives the current.
-  expected.instantAmperage_mA = -424;
-  expected.amperage_mA = -424;
-  expected.currentCapacity_mAh = 2100;
-  // charge_full "n/a" is missing; energy_full stands in, and with a design voltage of 0 it is
-  // converted through voltage_now.
-  expected.maxCapacity_mAh = 3729;
-  expected.nominalCapacity_mAh = 3729;
-  expected.externalConnected = true;
-  // A negative design charge, capacity 250, cycle_count -1, an absurd temperature, a blank
-  // serial and an overflowing time estimate are all absent.
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_EQ(reading.diagnostics.packs.at(0).capacityConversion, CapacityConversion::viaVoltageNow);
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, AttributeFilesServeWhenThereIsNoUevent) {
-  auto reading = readFixture("attributes-only");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 12900;
-  expected.currentCapacity_mAh = 3800;
-  expected.maxCapacity_mAh = 3800;
-  expected.nominalCapacity_mAh = 3800;
-  expected.designCapacity_mAh = 4000;
-  expected.cycleCount = 9;
-  expected.externalConnected = true;
-  expected.fullyCharged = true;
-  expected.iopsPercent = 100;
-  EXPECT_EQ(*reading.snapshot, expected);
+  SysfsTree tree("energy-pack");
+  tree.makeUnreadable("class/power_supply/BAT0/uevent");
+  EXPECT_EQ(read(tree).snapshot, readFixture("energy-pack").snapshot) << "files beat no uevent";
 }
 
 // ---- A tree that changes under the provider ----------------------------------------------
-
-TEST_F(LinuxPowerSupplyProviderTest, PluggingInTurnsTheNextReadingIntoCharging) {
-  SysfsTree tree("energy-pack");
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  ASSERT_TRUE(provider.fetchSnapshot());
-
-  tree.setProperty("AC", "ONLINE", "1");
-  tree.setProperty("BAT0", "STATUS", "Charging");
-  tree.setProperty("BAT0", "POWER_NOW", "24000000");
-  clock.advance(Seconds{2});
-  auto after = provider.fetchSnapshot();
-  ASSERT_TRUE(after);
-  EXPECT_TRUE(after->isCharging);
-  EXPECT_TRUE(after->externalConnected);
-  EXPECT_EQ(after->instantAmperage_mA, 1454);  // 24 W at 16.502 V, into the battery
-  EXPECT_EQ(after->timestamp, clock.now());
-}
 
 TEST_F(LinuxPowerSupplyProviderTest, StatusDecidesTheSignWhicheverWayTheDriverReports) {
   SysfsTree tree;
   tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Charging", "PRESENT=1", "VOLTAGE_NOW=12000000",
                             "CURRENT_NOW=-2000000"});
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  EXPECT_EQ(provider.read().snapshot->instantAmperage_mA, 2000);
+  EXPECT_EQ(read(tree).snapshot->instantAmperage_mA, 2000);
   for (const char* status : {"Discharging", "Not charging", "Full", "Unknown"}) {
     tree.setProperty("BAT0", "STATUS", status);
     tree.setProperty("BAT0", "CURRENT_NOW", "2000000");
-    EXPECT_EQ(provider.read().snapshot->instantAmperage_mA, -2000) << status;
+    EXPECT_EQ(read(tree).snapshot->instantAmperage_mA, -2000) << status;
   }
 }
 
@@ -245,20 +179,18 @@ TEST_F(LinuxPowerSupplyProviderTest, WithoutAnyAdapterListedTheStatusTellsExtern
   SysfsTree tree;
   tree.writeSupply("BAT0",
                    {"TYPE=Battery", "STATUS=Not charging", "VOLTAGE_NOW=8000000", "CAPACITY=80"});
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto reading = provider.read();
+  auto reading = read(tree);
   EXPECT_TRUE(reading.snapshot->externalConnected);
   EXPECT_TRUE(reading.diagnostics.externalPowerInferredFromStatus);
-
   tree.setProperty("BAT0", "STATUS", "Discharging");
-  reading = provider.read();
+  reading = read(tree);
   EXPECT_FALSE(reading.snapshot->externalConnected);
   EXPECT_FALSE(reading.diagnostics.externalPowerInferredFromStatus);
 
   // Once an adapter is listed, its own word counts, even against the battery's status.
   tree.setProperty("BAT0", "STATUS", "Not charging");
   tree.writeSupply("AC", {"TYPE=Mains", "ONLINE=0"});
-  EXPECT_FALSE(provider.read().snapshot->externalConnected);
+  EXPECT_FALSE(read(tree).snapshot->externalConnected);
 }
 
 TEST_F(LinuxPowerSupplyProviderTest, TwoPacksChargeWhenEitherDoesAndAreFullOnlyTogether) {
@@ -266,15 +198,13 @@ TEST_F(LinuxPowerSupplyProviderTest, TwoPacksChargeWhenEitherDoesAndAreFullOnlyT
   tree.setProperty("AC", "ONLINE", "1");
   tree.setProperty("BAT0", "STATUS", "Full");
   tree.setProperty("BAT1", "STATUS", "Charging");
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto s = provider.read().snapshot;
+  auto s = read(tree).snapshot;
   ASSERT_TRUE(s);
   EXPECT_TRUE(s->isCharging);
   EXPECT_FALSE(s->fullyCharged);
   EXPECT_EQ(s->instantAmperage_mA, 773);
-
   tree.setProperty("BAT1", "STATUS", "Full");
-  s = provider.read().snapshot;
+  s = read(tree).snapshot;
   EXPECT_FALSE(s->isCharging);
   EXPECT_TRUE(s->fullyCharged);
 }
@@ -282,8 +212,7 @@ TEST_F(LinuxPowerSupplyProviderTest, TwoPacksChargeWhenEitherDoesAndAreFullOnlyT
 TEST_F(LinuxPowerSupplyProviderTest, AnAbsentSecondPackIsLeftOut) {
   SysfsTree tree("two-packs");
   tree.setProperty("BAT0", "PRESENT", "0");
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto reading = provider.read();
+  auto reading = read(tree);
   ASSERT_TRUE(reading.snapshot);
   EXPECT_EQ(reading.snapshot->maxCapacity_mAh, 6072);
   EXPECT_EQ(reading.snapshot->iopsPercent, 33);
@@ -330,27 +259,15 @@ TEST_F(LinuxPowerSupplyProviderTest, ReadsThatCannotBeTrustedGiveNothing) {
   for (const auto& c : cases) {
     SysfsTree tree("energy-pack");
     c.breakTree(tree);
-    LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-    auto reading = provider.read();
+    auto reading = read(tree);
     EXPECT_FALSE(reading.snapshot) << c.what;
     EXPECT_EQ(reading.failure, c.failure) << c.what;
   }
 }
 
-TEST_F(LinuxPowerSupplyProviderTest, AnUnreadableUeventFallsBackToTheAttributeFiles) {
-  SysfsTree tree("energy-pack");
-  tree.makeUnreadable("class/power_supply/BAT0/uevent");
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto fromFiles = provider.read().snapshot;
-  ASSERT_TRUE(fromFiles);
-  auto fromUevent = readFixture("energy-pack").snapshot;
-  EXPECT_EQ(*fromFiles, *fromUevent);
-}
-
 TEST_F(LinuxPowerSupplyProviderTest, MissingClassDirectoryIsAFailureThatNamesThePath) {
   SysfsTree tree;
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto reading = provider.read();
+  auto reading = read(tree);
   EXPECT_FALSE(reading.snapshot);
   EXPECT_EQ(reading.failure,
             "cannot list " + tree.powerSupply().string() + " (No such file or directory)");
@@ -422,6 +339,94 @@ TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsAreReadBesideTheUeventWhenI
   EXPECT_THAT(made.readChargeControl(),
               ElementsAre(ChargeControlReading{
                   "BAT0", std::nullopt, 60, "force-discharge", {"auto", "force-discharge"}}));
+}
+
+// ---- The fallback provider ----------------------------------------------------------------
+
+// Only the flags, the percentage and the estimates may differ from an empty snapshot.
+TEST_F(LinuxPowerSourceFallbackProviderTest, OffersOnlyPercentageFlagsAndEstimates) {
+  EXPECT_EQ(fetchFixture("energy-pack"), stamped({.batteryInstalled = true, .iopsPercent = 74}));
+  EXPECT_EQ(fetchFixture("charge-pack"), stamped({.isCharging = true,
+                                                  .externalConnected = true,
+                                                  .batteryInstalled = true,
+                                                  .iopsPercent = 71}));
+  // The gauge's estimate of time to empty serves both estimates, as the fallback reads it.
+  EXPECT_EQ(fetchFixture("fuel-gauge"), stamped({.batteryInstalled = true,
+                                                 .timeRemaining_min = 348,
+                                                 .avgTimeToEmpty_min = 348,
+                                                 .iopsPercent = 62}));
+}
+
+TEST_F(LinuxPowerSourceFallbackProviderTest, ABatteryThatCannotBeReadAtAllLeavesTheAdapter) {
+  SysfsTree tree("charge-pack");
+  for (const auto& entry : std::filesystem::directory_iterator(tree.powerSupply() / "BAT0")) {
+    std::filesystem::permissions(entry.path(), std::filesystem::perms::none);
+  }
+  auto s = fetch(tree.powerSupply());
+  ASSERT_TRUE(s);
+  EXPECT_FALSE(s->batteryInstalled);
+  EXPECT_TRUE(s->externalConnected);
+  EXPECT_FALSE(s->iopsPercent);
+}
+
+TEST_F(LinuxPowerSourceFallbackProviderTest, PercentageComesFromChargeOrEnergyWithoutCapacity) {
+  SysfsTree tree;
+  tree.writeSupply(
+      "BAT0", {"TYPE=Battery", "STATUS=Discharging", "CHARGE_NOW=1500000", "CHARGE_FULL=4000000"});
+  EXPECT_EQ(fetch(tree.powerSupply())->iopsPercent, 38);
+  tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Discharging", "ENERGY_NOW=30000000",
+                            "ENERGY_FULL=40000000", "CAPACITY=999"});
+  EXPECT_EQ(fetch(tree.powerSupply())->iopsPercent, 75);
+  // Nothing to take a percentage from: the battery is there but reports no capacity.
+  tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Discharging"});
+  EXPECT_EQ(fetch(tree.powerSupply()), stamped({}));
+}
+
+TEST_F(LinuxPowerSourceFallbackProviderTest, FullIsTheDriversWordOrAFullGaugeOnAdapter) {
+  SysfsTree tree;
+  tree.writeSupply("AC", {"TYPE=Mains", "ONLINE=1"});
+  tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Full", "CAPACITY=97"});
+  EXPECT_TRUE(fetch(tree.powerSupply())->fullyCharged);
+
+  tree.setProperty("BAT0", "STATUS", "Not charging");
+  EXPECT_FALSE(fetch(tree.powerSupply())->fullyCharged);
+  tree.setProperty("BAT0", "CAPACITY", "100");
+  EXPECT_TRUE(fetch(tree.powerSupply())->fullyCharged);
+
+  // On battery a full gauge is not "charged": the adapter has to be there.
+  tree.setProperty("AC", "ONLINE", "0");
+  tree.setProperty("BAT0", "STATUS", "Discharging");
+  EXPECT_FALSE(fetch(tree.powerSupply())->fullyCharged);
+}
+
+TEST_F(LinuxPowerSourceFallbackProviderTest, EstimatesFollowTheChargingFlagAndMustBePositive) {
+  SysfsTree tree;
+  tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Charging", "CAPACITY=40",
+                            "TIME_TO_FULL_NOW=3600", "TIME_TO_EMPTY_NOW=0"});
+  auto s = fetch(tree.powerSupply());
+  EXPECT_EQ(s->timeRemaining_min, 60);
+  EXPECT_FALSE(s->avgTimeToEmpty_min);
+  EXPECT_TRUE(s->isCharging);
+  // No adapter is listed; a charging battery says there is one.
+  EXPECT_TRUE(s->externalConnected);
+}
+
+TEST_F(LinuxPowerSourceFallbackProviderTest, WithoutASystemBatteryNothingIsInstalled) {
+  auto desktop = fetchFixture("desktop-mains");
+  ASSERT_TRUE(desktop);
+  EXPECT_FALSE(desktop->batteryInstalled);
+  EXPECT_TRUE(desktop->externalConnected);
+  EXPECT_FALSE(desktop->iopsPercent);
+  // A UPS and a mouse are passed over; the machine itself reads as battery-less.
+  SysfsTree tree;
+  tree.writeSupply("hidpp_battery_0", {"TYPE=Battery", "SCOPE=Device", "CAPACITY=90"});
+  tree.writeSupply("ups0", {"TYPE=UPS", "CAPACITY=100", "STATUS=Full"});
+  EXPECT_EQ(fetch(tree.powerSupply()), stamped({}));
+  tree.writeSupply("BAT0", {"TYPE=Battery", "PRESENT=0", "CAPACITY=0"});
+  EXPECT_FALSE(fetch(tree.powerSupply())->batteryInstalled);
+
+  // Without the class directory there is nothing to say at all.
+  EXPECT_FALSE(fetchFixture("nowhere"));
 }
 
 }  // namespace

@@ -35,41 +35,38 @@ void writeZone(const SysfsTree& tree, int index, const std::string& type, std::i
   }
 }
 
-TEST(ThermalZoneStateTest, NamedTripsSetTheirOwnRungs) {
-  std::vector<ThermalTripPoint> trips = {trip("active", 65), trip("active", 75),
-                                         trip("passive", 85), trip("critical", 110)};
-  EXPECT_EQ(thermalStateOfZone(zone(64.9, trips)), ThermalState::nominal);
-  EXPECT_EQ(thermalStateOfZone(zone(65, trips)), ThermalState::fair);
-  EXPECT_EQ(thermalStateOfZone(zone(84.9, trips)), ThermalState::fair);
-  EXPECT_EQ(thermalStateOfZone(zone(85, trips)), ThermalState::serious);
-  EXPECT_EQ(thermalStateOfZone(zone(104.9, trips)), ThermalState::serious);
-  EXPECT_EQ(thermalStateOfZone(zone(105, trips)), ThermalState::critical);
-
-  std::vector<ThermalTripPoint> battery = {trip("passive", 50), trip("hot", 60)};
-  EXPECT_EQ(thermalStateOfZone(zone(39.9, battery)), ThermalState::nominal);
-  EXPECT_EQ(thermalStateOfZone(zone(40, battery)), ThermalState::fair);
-  EXPECT_EQ(thermalStateOfZone(zone(50, battery)), ThermalState::serious);
-  EXPECT_EQ(thermalStateOfZone(zone(60, battery)), ThermalState::critical);
-}
-
-TEST(ThermalZoneStateTest, AZoneNamingOnlyItsCriticalTripIsJudgedBelowIt) {
-  std::vector<ThermalTripPoint> trips = {trip("critical", 100)};
-  EXPECT_EQ(thermalStateOfZone(zone(74.9, trips)), ThermalState::nominal);
-  EXPECT_EQ(thermalStateOfZone(zone(75, trips)), ThermalState::fair);
-  EXPECT_EQ(thermalStateOfZone(zone(85, trips)), ThermalState::serious);
-  EXPECT_EQ(thermalStateOfZone(zone(95, trips)), ThermalState::critical);
-}
-
-TEST(ThermalZoneStateTest, OddFirmwareStillGivesAnOrderedLadder) {
+TEST(ThermalZoneStateTest, TripsSetAnOrderedLadderOfRungs) {
+  using enum ThermalState;
+  const std::vector<ThermalTripPoint> laptop = {trip("active", 65), trip("active", 75),
+                                                trip("passive", 85), trip("critical", 110)};
+  const std::vector<ThermalTripPoint> battery = {trip("passive", 50), trip("hot", 60)};
+  const std::vector<ThermalTripPoint> criticalOnly = {trip("critical", 100)};
   // A fan trip above the throttling trip: fans are no earlier warning than throttling.
-  std::vector<ThermalTripPoint> trips = {trip("active", 90), trip("passive", 80)};
-  EXPECT_EQ(thermalStateOfZone(zone(79, trips)), ThermalState::nominal);
-  EXPECT_EQ(thermalStateOfZone(zone(80, trips)), ThermalState::serious);
-  EXPECT_EQ(thermalStateOfZone(zone(200, trips)), ThermalState::serious);
-  // Only fan trips: the zone can say fair, never worse.
-  EXPECT_EQ(thermalStateOfZone(zone(120, {trip("active", 50)})), ThermalState::fair);
-  EXPECT_EQ(thermalStateOfZone(zone(60, {})), std::nullopt);
-  EXPECT_EQ(thermalStateOfZone(zone(60, {trip("unknown", 50)})), std::nullopt);
+  const std::vector<ThermalTripPoint> fanAbove = {trip("active", 90), trip("passive", 80)};
+  const std::vector<ThermalTripPoint> fanOnly = {trip("active", 50)};
+  const std::vector<ThermalTripPoint> none;
+  const std::vector<ThermalTripPoint> unknownType = {trip("unknown", 50)};
+  struct Case {
+    const std::vector<ThermalTripPoint>& trips;
+    double celsius;
+    std::optional<ThermalState> state;
+  };
+  const Case cases[] = {
+      {laptop, 64.9, nominal},       {laptop, 65, fair},
+      {laptop, 84.9, fair},          {laptop, 85, serious},
+      {laptop, 104.9, serious},      {laptop, 105, critical},
+      {battery, 39.9, nominal},      {battery, 40, fair},
+      {battery, 50, serious},        {battery, 60, critical},
+      {criticalOnly, 74.9, nominal}, {criticalOnly, 75, fair},
+      {criticalOnly, 85, serious},   {criticalOnly, 95, critical},
+      {fanAbove, 79, nominal},       {fanAbove, 80, serious},
+      {fanAbove, 200, serious},      {fanOnly, 120, fair},
+      {none, 60, std::nullopt},      {unknownType, 60, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(thermalStateOfZone(zone(c.celsius, c.trips)), c.state)
+        << c.celsius << " °C with " << c.trips.size() << " trips";
+  }
 }
 
 TEST(ThermalAssessmentTest, TheWorstZoneDecidesAndAmongEqualsTheHotter) {

@@ -11,18 +11,14 @@
 namespace quorel {
 namespace {
 
-TEST(SandboxSettingsTest, EffectiveWattageBySource) {
+// The other sources are pinned at the default load by the provider's tests.
+TEST(SandboxSettingsTest, AnAdapterStrongerThanTheLoadSupplementsNothingAndCharges) {
   SandboxSettings s;
   s.systemLoad = SandboxLoadPreset::light;  // 8 W
   s.adapterWatts = 60;
-  const std::pair<SandboxPowerSource, double> expected[] = {
-      {SandboxPowerSource::battery, -8},         {SandboxPowerSource::acCharging, 52},
-      {SandboxPowerSource::acFull, 0.2},         {SandboxPowerSource::acOnHold, 0},
-      {SandboxPowerSource::acSupplementing, 52},  // a strong adapter supplements nothing
-  };
-  for (const auto& [source, watts] : expected) {
+  for (auto source : {SandboxPowerSource::acCharging, SandboxPowerSource::acSupplementing}) {
     s.powerSource = source;
-    EXPECT_DOUBLE_EQ(s.effectiveWattage(), watts) << toString(source);
+    EXPECT_DOUBLE_EQ(s.effectiveWattage(), 52) << toString(source);
   }
 }
 
@@ -49,10 +45,16 @@ TEST(SandboxSettingsTest, DevicesInToggleOrderWithTheScenariosNames) {
   EXPECT_EQ(two[1].name, "Logitech C920");
 }
 
-TEST(SandboxConfigTest, ObserversHearRealChangesOnly) {
+TEST(SandboxConfigTest, ObserversHearRealChangesOnlyWithTheNewValuesInPlace) {
   SandboxConfig config;
   std::vector<SandboxConfig::Change> seen;
-  config.addObserver([&](const SandboxConfig::Change& c) { seen.push_back(c); });
+  double wattageWhenCalled = 0;
+  const auto id = config.addObserver([&](const SandboxConfig::Change& c) {
+    seen.push_back(c);
+    wattageWhenCalled = config.effectiveWattage();  // re-entering must not deadlock
+  });
+  int other = 0;
+  config.addObserver([&](const SandboxConfig::Change&) { ++other; });
 
   config.update([](SandboxSettings& s) { s.adapterWatts = 96; });  // already so
   EXPECT_TRUE(seen.empty());
@@ -69,30 +71,15 @@ TEST(SandboxConfigTest, ObserversHearRealChangesOnly) {
   EXPECT_TRUE(seen[1].parametersChanged());
   EXPECT_EQ(seen[1].before.systemLoad, SandboxLoadPreset::medium);
   EXPECT_EQ(seen[1].after.systemLoad, SandboxLoadPreset::heavy);
-}
 
-TEST(SandboxConfigTest, ObserverSeesTheNewValuesWhenCalled) {
-  SandboxConfig config;
-  double seenWattage = 0;
-  config.addObserver([&](const SandboxConfig::Change&) {
-    seenWattage = config.effectiveWattage();  // re-entering the config must not deadlock
-  });
   config.update([](SandboxSettings& s) { s.wattageOverride = 7; });
-  EXPECT_EQ(seenWattage, 7);
-}
+  EXPECT_EQ(wattageWhenCalled, 7);
 
-TEST(SandboxConfigTest, RemovedObserverHearsNothing) {
-  SandboxConfig config;
-  int a = 0;
-  int b = 0;
-  const auto idA = config.addObserver([&](const SandboxConfig::Change&) { ++a; });
-  config.addObserver([&](const SandboxConfig::Change&) { ++b; });
+  config.removeObserver(id);
+  config.removeObserver(id);  // twice is harmless
   config.update([](SandboxSettings& s) { s.dock = true; });
-  config.removeObserver(idA);
-  config.removeObserver(idA);  // twice is harmless
-  config.update([](SandboxSettings& s) { s.dock = false; });
-  EXPECT_EQ(a, 1);
-  EXPECT_EQ(b, 2);
+  EXPECT_EQ(seen.size(), 3u);
+  EXPECT_EQ(other, 4);
 }
 
 TEST(SandboxConfigTest, ChangeMadeByAnObserverIsDeliveredAfterTheCurrentOne) {

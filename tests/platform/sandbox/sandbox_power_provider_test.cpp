@@ -170,25 +170,22 @@ TEST_F(SandboxPowerProviderTest, OverrideBeatsEveryRule) {
 }
 
 TEST_F(SandboxPowerProviderTest, PercentageExtremesAndDailyBounds) {
-  scenario([](SandboxSettings& c) { c.batteryPercentage = 0; });
-  auto s = fetch();
-  EXPECT_EQ(s.currentCapacity_mAh, 0);
-  EXPECT_EQ(s.timeRemaining_min, 0);
-  EXPECT_EQ(s.dailyMinSoc, 0);
-  EXPECT_EQ(s.dailyMaxSoc, 5);
-
-  scenario([](SandboxSettings& c) { c.batteryPercentage = 9.9; });
-  EXPECT_EQ(fetch().dailyMinSoc, 0);
-
-  scenario([](SandboxSettings& c) { c.batteryPercentage = 97.6; });
-  s = fetch();
-  EXPECT_EQ(s.dailyMinSoc, 82);  // the truncated 97, not 98
-  EXPECT_EQ(s.dailyMaxSoc, 100);
-
-  scenario([](SandboxSettings& c) { c.batteryPercentage = 100; });
-  s = fetch();
-  EXPECT_EQ(s.currentCapacity_mAh, s.maxCapacity_mAh);
-  EXPECT_EQ(s.dailyMaxSoc, 100);
+  struct Case {
+    double percent;
+    std::int64_t capacity_mAh, minSoc, maxSoc;
+  };
+  // 97.6 % keeps the truncated 97 for its lower bound, not 98.
+  for (const auto& c : {Case{0, 0, 0, 5}, Case{9.9, 808, 0, 14}, Case{97.6, 7974, 82, 100},
+                        Case{100, 8171, 85, 100}}) {
+    scenario([&](SandboxSettings& s) { s.batteryPercentage = c.percent; });
+    const auto s = fetch();
+    EXPECT_EQ(s.currentCapacity_mAh, c.capacity_mAh) << c.percent;
+    EXPECT_EQ(s.dailyMinSoc, c.minSoc) << c.percent;
+    EXPECT_EQ(s.dailyMaxSoc, c.maxSoc) << c.percent;
+  }
+  EXPECT_EQ(fetch().maxCapacity_mAh, 8171);
+  scenario([](SandboxSettings& s) { s.batteryPercentage = 0; });
+  EXPECT_EQ(fetch().timeRemaining_min, 0);
 }
 
 TEST_F(SandboxPowerProviderTest, DecimalInputsTruncateToWhatWasTyped) {
@@ -205,15 +202,17 @@ TEST_F(SandboxPowerProviderTest, DecimalInputsTruncateToWhatWasTyped) {
   EXPECT_EQ(fetch().temperature_cC, -550);
 }
 
-TEST_F(SandboxPowerProviderTest, DesktopModelHasNoBattery) {
-  for (auto model : {MacModel::macStudio, MacModel::macPro, MacModel::macMini, MacModel::iMac}) {
+TEST_F(SandboxPowerProviderTest, DesktopModelsHaveNoBattery) {
+  for (auto [model, installed] : {std::pair{MacModel::macStudio, false},
+                                  {MacModel::macPro, false},
+                                  {MacModel::macMini, false},
+                                  {MacModel::iMac, false},
+                                  {MacModel::macBookAir, true},
+                                  {MacModel::macBookNeo, true},
+                                  {MacModel::unknown, true}}) {
     scenario([&](SandboxSettings& c) { c.macModel = model; });
-    EXPECT_FALSE(fetch().batteryInstalled) << toString(model);
-    EXPECT_EQ(settledPhase(), PowerPhase::noBattery);
-  }
-  for (auto model : {MacModel::macBookAir, MacModel::macBookNeo, MacModel::unknown}) {
-    scenario([&](SandboxSettings& c) { c.macModel = model; });
-    EXPECT_TRUE(fetch().batteryInstalled) << toString(model);
+    EXPECT_EQ(fetch().batteryInstalled, installed) << toString(model);
+    EXPECT_EQ(settledPhase() == PowerPhase::noBattery, !installed) << toString(model);
   }
 }
 
