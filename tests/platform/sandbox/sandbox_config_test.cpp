@@ -1,12 +1,18 @@
 #include "platform/sandbox/sandbox_config.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "platform/sandbox/sandbox_config_file.hpp"
 
 namespace quorel {
 namespace {
@@ -137,6 +143,162 @@ TEST(SandboxConfigTest, ReadersNeverSeeAHalfAppliedScenario) {
   }
   writer.join();
   EXPECT_EQ(torn, 0) << "of " << reads << " reads";
+}
+
+using ::testing::HasSubstr;
+
+SandboxSettings parsed(std::string_view json) {
+  const auto r = parseSandboxConfig(json);
+  EXPECT_TRUE(r.ok()) << r.error;
+  return r.settings.value_or(SandboxSettings{});
+}
+
+std::string refusal(std::string_view json) {
+  const auto r = parseSandboxConfig(json);
+  EXPECT_FALSE(r.ok()) << json;
+  return r.error;
+}
+
+TEST(SandboxConfigFileTest, AppliesNamedSettingsOverTheBase) {
+  EXPECT_EQ(parsed(R"j({"powerSource": "AC (Supplementing)", "adapterWatts": 30,
+                        "systemLoad": "Heavy"})j"),
+            (SandboxSettings{.powerSource = SandboxPowerSource::acSupplementing,
+                             .adapterWatts = 30,
+                             .systemLoad = SandboxLoadPreset::heavy}));
+  EXPECT_EQ(parsed("{}"), SandboxSettings{});
+
+  const SandboxSettings base{.enabled = true, .cycleCount = 5, .wattageOverride = 3};
+  const auto r = parseSandboxConfig(R"j({"cycleCount": 6, "wattageOverride": null})j", base);
+  ASSERT_TRUE(r.ok()) << r.error;
+  EXPECT_EQ(r.settings, (SandboxSettings{.enabled = true, .cycleCount = 6}));
+}
+
+TEST(SandboxConfigFileTest, ChoicesByTextOrCaseName) {
+  const SandboxSettings expected{.powerSource = SandboxPowerSource::acOnHold,
+                                 .connectionType = ConnectionType::magsafe3,
+                                 .thermalState = SandboxThermalState::critical,
+                                 .macModel = MacModel::macMini};
+  EXPECT_EQ(parsed(R"j({"powerSource": "AC (On Hold)", "thermalState": "Critical",
+                        "macModel": "Mac mini", "connectionType": "MagSafe 3"})j"),
+            expected);
+  EXPECT_EQ(parsed(R"j({"powerSource": "acOnHold", "thermalState": "critical",
+                        "macModel": "macMini", "connectionType": "magsafe3"})j"),
+            expected);
+}
+
+TEST(SandboxConfigFileTest, EveryKindOfSettingIsRead) {
+  EXPECT_EQ(parsed(R"j({
+    "enabled": true, "batteryPercentage": 55.5, "batteryHealth": 88, "cycleCount": 412,
+    "temperature": 41.25, "isCharging": true, "wattageOverride": -7.5, "externalMonitor": true,
+    "monitorName": "Side Screen", "dock": true, "dockName": "Travel Dock", "keyboard": true,
+    "mouse": true, "externalDrive": true, "webcam": true, "networkAdapter": true,
+    "adapterWatts": 140.0
+  })j"),
+            (SandboxSettings{.enabled = true,
+                             .adapterWatts = 140,
+                             .batteryPercentage = 55.5,
+                             .batteryHealth = 88,
+                             .cycleCount = 412,
+                             .temperature = 41.25,
+                             .isCharging = true,
+                             .wattageOverride = -7.5,
+                             .externalMonitor = true,
+                             .monitorName = "Side Screen",
+                             .dock = true,
+                             .dockName = "Travel Dock",
+                             .keyboard = true,
+                             .mouse = true,
+                             .externalDrive = true,
+                             .webcam = true,
+                             .networkAdapter = true}));
+}
+
+TEST(SandboxConfigFileTest, RefusalsSayWhatIsAllowedAndWhatWasGiven) {
+  const std::pair<std::string, std::string> cases[] = {
+      {R"j({"adapterWats": 30})j",
+       "Sandbox config: unknown setting \"adapterWats\". Known settings: enabled, powerSource, "},
+      {R"j({"adapterWats": 30})j", ", adapterWatts, "},
+      {R"j({"batteryPercentage": 101})j",
+       "Sandbox config: setting \"batteryPercentage\" must be a number from 0 to 100 (percent), "
+       "not 101."},
+      {R"j({"batteryHealth": -1})j",
+       "\"batteryHealth\" must be a number from 0 to 100 (percent), "
+       "not -1."},
+      {R"j({"adapterWatts": -30})j",
+       "Sandbox config: setting \"adapterWatts\" must be a whole number of watts from 0 to 1000, "
+       "not -30."},
+      {R"j({"adapterWatts": 96.5})j", "not 96.5."},
+      {R"j({"adapterWatts": 18446744073709551615})j",
+       "\"adapterWatts\" must be a whole number of watts"},
+      {R"j({"cycleCount": -1})j",
+       "\"cycleCount\" must be a whole number of cycles from 0 to 100000, not -1."},
+      {R"j({"temperature": 400})j",
+       "\"temperature\" must be a number of degrees Celsius from -40 to 100"},
+      {R"j({"wattageOverride": 5000})j",
+       "\"wattageOverride\" must be a number of watts from -1000 to 1000, or null for none, not "
+       "5000."},
+      {R"j({"monitorName": ""})j", "\"monitorName\" must be a non-empty text, not \"\"."},
+      // Wrong types.
+      {R"j({"adapterWatts": "30"})j", "from 0 to 1000, not \"30\"."},
+      {R"j({"enabled": 1})j", "Sandbox config: setting \"enabled\" must be true or false, not 1."},
+      {R"j({"batteryPercentage": null})j", "not null."},
+      {R"j({"systemLoad": "Huge"})j",
+       "Sandbox config: setting \"systemLoad\" must be one of \"Idle\", \"Light\", \"Medium\", "
+       "\"Heavy\", \"Extreme\" (or the case names idle, light, medium, heavy, extreme), not "
+       "\"Huge\"."},
+      {R"j({"powerSource": 3})j", "must be one of \"Battery\", "},
+      // Texts are matched exactly: a near miss is refused rather than guessed.
+      {R"j({"powerSource": "ac (full)"})j", "not \"ac (full)\"."},
+      {R"j({"macModel": "MacBook"})j", "\"MacBook Pro\""},
+      // Documents that are no object of settings.
+      {R"j(["Heavy"])j",
+       "Sandbox config must hold a JSON object of settings, such as {\"systemLoad\": \"Heavy\"}, "
+       "but holds an array."},
+      {"42", "but holds a number."},
+      {"null", "but holds null."},
+      // Syntax errors give their position.
+      {"{\n  \"adapterWatts\": 30,\n  \"systemLoad\": Heavy\n}",
+       "Sandbox config is not valid JSON at line 3, column 17: "},
+      {"{\n  \"adapterWatts\": 30,\n  \"systemLoad\": Heavy\n}", "Fix the JSON and try again."},
+      {"{\"a\": 1,}", "at line 1, column 9"},
+      {"", "not valid JSON at line 1, column 1"},
+      {"{} {}", "not valid JSON at line 1, column 4"},
+  };
+  for (const auto& [json, message] : cases) EXPECT_THAT(refusal(json), HasSubstr(message));
+}
+
+class SandboxConfigFileOnDiskTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir = std::filesystem::temp_directory_path() /
+          ("quorel-sandbox-config-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(dir);
+  }
+  void TearDown() override { std::filesystem::remove_all(dir); }
+  std::filesystem::path write(const std::string& name, const std::string& text) {
+    const auto path = dir / name;
+    std::ofstream(path) << text;
+    return path;
+  }
+  std::filesystem::path dir;
+};
+
+TEST_F(SandboxConfigFileOnDiskTest, ReadsAScenarioFileAndNamesItInMessages) {
+  const auto r = readSandboxConfigFile(write("hold.json", R"j({"powerSource": "AC (On Hold)"})j"));
+  ASSERT_TRUE(r.ok()) << r.error;
+  EXPECT_EQ(r.settings->powerSource, SandboxPowerSource::acOnHold);
+
+  const auto bad = write("bad.json", R"j({"batteryPercentage": 120})j");
+  EXPECT_EQ(readSandboxConfigFile(bad).error,
+            "Sandbox config file \"" + bad.string() +
+                "\": setting \"batteryPercentage\" must be a number from 0 to 100 (percent), "
+                "not 120.");
+  const auto missing = dir / "missing.json";
+  EXPECT_EQ(readSandboxConfigFile(missing).error,
+            "Sandbox config file \"" + missing.string() +
+                "\" cannot be read: No such file or directory. Check the path and its "
+                "permissions.");
+  EXPECT_THAT(readSandboxConfigFile(dir).error, HasSubstr("is a directory, not a file."));
 }
 
 }  // namespace

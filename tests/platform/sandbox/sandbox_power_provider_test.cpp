@@ -9,6 +9,9 @@
 #include <vector>
 
 #include "core/power_phase.hpp"
+#include "platform/sandbox/sandbox_power_sources.hpp"
+#include "telemetry/power_monitor.hpp"
+#include "telemetry/provider_switch.hpp"
 
 namespace quorel {
 namespace {
@@ -22,7 +25,7 @@ class SandboxPowerProviderTest : public ::testing::Test {
     EXPECT_TRUE(s) << "the simulated machine never fails to read";
     return s.value_or(PowerSnapshot{});
   }
-  void scenario(const std::function<void(SandboxSettings&)>& edit) { config.update(edit); }
+  void scenario(const SandboxSettings& settings) { config.set(settings); }
 
   // The phase the monitor would settle on once its average has reached the raw figure.
   PowerPhase settledPhase() {
@@ -74,7 +77,7 @@ TEST_F(SandboxPowerProviderTest, EachPowerSourceGivesItsFlagsEstimateAndPhase) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(toString(c.source));
-    scenario([&](SandboxSettings& s) { s.powerSource = c.source; });
+    scenario({.powerSource = c.source});
     const auto s = fetch();
     EXPECT_DOUBLE_EQ(config.effectiveWattage(), c.watts);
     EXPECT_EQ(s.instantAmperage_mA, c.amperage_mA);
@@ -87,11 +90,9 @@ TEST_F(SandboxPowerProviderTest, EachPowerSourceGivesItsFlagsEstimateAndPhase) {
 }
 
 TEST_F(SandboxPowerProviderTest, SupplementingWithAWeakAdapterUnderHeavyLoad) {
-  scenario([](SandboxSettings& c) {
-    c.powerSource = SandboxPowerSource::acSupplementing;
-    c.adapterWatts = 30;
-    c.systemLoad = SandboxLoadPreset::heavy;
-  });
+  scenario({.powerSource = SandboxPowerSource::acSupplementing,
+            .adapterWatts = 30,
+            .systemLoad = SandboxLoadPreset::heavy});
   EXPECT_DOUBLE_EQ(config.effectiveWattage(), -5.0);
   const auto s = fetch();
   EXPECT_EQ(s.instantAmperage_mA, -337);
@@ -104,19 +105,18 @@ TEST_F(SandboxPowerProviderTest, SupplementingWithAWeakAdapterUnderHeavyLoad) {
 }
 
 TEST_F(SandboxPowerProviderTest, OnHoldCarriesTheGaugesReasonButHeatDecidesThePhase) {
-  scenario([](SandboxSettings& c) { c.powerSource = SandboxPowerSource::acOnHold; });
+  scenario({.powerSource = SandboxPowerSource::acOnHold});
   EXPECT_EQ(fetch().notChargingReason, 8);
-  scenario([](SandboxSettings& c) { c.thermalState = SandboxThermalState::serious; });
+  scenario(
+      {.powerSource = SandboxPowerSource::acOnHold, .thermalState = SandboxThermalState::serious});
   EXPECT_EQ(settledPhase(), PowerPhase::thermalHold);
-  scenario([](SandboxSettings& c) { c.powerSource = SandboxPowerSource::acFull; });
+  scenario({.powerSource = SandboxPowerSource::acFull});
   EXPECT_EQ(fetch().notChargingReason, std::nullopt);
 }
 
 TEST_F(SandboxPowerProviderTest, AdapterFiguresFollowTheRatingAndTheConnection) {
-  scenario([](SandboxSettings& c) {
-    c.powerSource = SandboxPowerSource::acCharging;
-    c.connectionType = ConnectionType::magsafe3;
-  });
+  scenario(
+      {.powerSource = SandboxPowerSource::acCharging, .connectionType = ConnectionType::magsafe3});
   const auto s = fetch();
   EXPECT_EQ(s.adapterCurrent_mA, 4800);
   EXPECT_EQ(s.systemPowerIn_mW, 96000);
@@ -133,10 +133,7 @@ TEST_F(SandboxPowerProviderTest, AdapterFiguresFollowTheRatingAndTheConnection) 
 TEST_F(SandboxPowerProviderTest, AdapterFiguresStayExactForOddRatings) {
   // 1.12 and 0.12 are not exact in binary; the estimates must still be the whole milliwatts.
   for (std::int64_t watts : {29, 35, 61, 67, 140, 999}) {
-    scenario([&](SandboxSettings& c) {
-      c.powerSource = SandboxPowerSource::acOnHold;
-      c.adapterWatts = watts;
-    });
+    scenario({.powerSource = SandboxPowerSource::acOnHold, .adapterWatts = watts});
     const auto s = fetch();
     EXPECT_EQ(s.wallPowerEstimate_mW, watts * 1120) << watts;
     EXPECT_EQ(s.adapterEfficiencyLoss_mW, watts * 120) << watts;
@@ -145,17 +142,14 @@ TEST_F(SandboxPowerProviderTest, AdapterFiguresStayExactForOddRatings) {
 }
 
 TEST_F(SandboxPowerProviderTest, ZeroWattsDividesByOneInTheTimeEstimate) {
-  scenario([](SandboxSettings& c) {
-    c.powerSource = SandboxPowerSource::acCharging;
-    c.wattageOverride = 0.0;
-  });
+  scenario({.powerSource = SandboxPowerSource::acCharging, .wattageOverride = 0.0});
   EXPECT_EQ(fetch().timeRemaining_min, (8171 - 5883) * 60);
-  scenario([](SandboxSettings& c) { c.powerSource = SandboxPowerSource::battery; });
+  scenario({.wattageOverride = 0.0});
   EXPECT_EQ(fetch().timeRemaining_min, 5883 * 60);
 }
 
 TEST_F(SandboxPowerProviderTest, OverrideBeatsEveryRule) {
-  scenario([](SandboxSettings& c) { c.wattageOverride = 12.5; });
+  scenario({.wattageOverride = 12.5});
   EXPECT_DOUBLE_EQ(config.effectiveWattage(), 12.5);
   const auto s = fetch();
   EXPECT_EQ(s.instantAmperage_mA, 844);
@@ -164,7 +158,7 @@ TEST_F(SandboxPowerProviderTest, OverrideBeatsEveryRule) {
   EXPECT_EQ(settledPhase(), PowerPhase::draining);
   for (auto source : {SandboxPowerSource::acFull, SandboxPowerSource::acOnHold,
                       SandboxPowerSource::acSupplementing, SandboxPowerSource::acCharging}) {
-    scenario([&](SandboxSettings& c) { c.powerSource = source; });
+    scenario({.powerSource = source, .wattageOverride = 12.5});
     EXPECT_DOUBLE_EQ(config.effectiveWattage(), 12.5) << toString(source);
   }
 }
@@ -177,28 +171,24 @@ TEST_F(SandboxPowerProviderTest, PercentageExtremesAndDailyBounds) {
   // 97.6 % keeps the truncated 97 for its lower bound, not 98.
   for (const auto& c : {Case{0, 0, 0, 5}, Case{9.9, 808, 0, 14}, Case{97.6, 7974, 82, 100},
                         Case{100, 8171, 85, 100}}) {
-    scenario([&](SandboxSettings& s) { s.batteryPercentage = c.percent; });
+    scenario({.batteryPercentage = c.percent});
     const auto s = fetch();
     EXPECT_EQ(s.currentCapacity_mAh, c.capacity_mAh) << c.percent;
     EXPECT_EQ(s.dailyMinSoc, c.minSoc) << c.percent;
     EXPECT_EQ(s.dailyMaxSoc, c.maxSoc) << c.percent;
   }
-  EXPECT_EQ(fetch().maxCapacity_mAh, 8171);
-  scenario([](SandboxSettings& s) { s.batteryPercentage = 0; });
+  scenario({.batteryPercentage = 0});
   EXPECT_EQ(fetch().timeRemaining_min, 0);
 }
 
 TEST_F(SandboxPowerProviderTest, DecimalInputsTruncateToWhatWasTyped) {
-  scenario([](SandboxSettings& c) {
-    c.temperature = 34.59;  // 3458.9999999999995 in doubles
-    c.batteryHealth = 100;
-    c.batteryPercentage = 50;
-  });
+  // 34.59 is 3458.9999999999995 hundredths in doubles.
+  scenario({.batteryPercentage = 50, .batteryHealth = 100, .temperature = 34.59});
   const auto s = fetch();
   EXPECT_EQ(s.temperature_cC, 3459);
   EXPECT_EQ(s.maxCapacity_mAh, 8693);
   EXPECT_EQ(s.currentCapacity_mAh, 4346);  // 4346.5 truncated
-  scenario([](SandboxSettings& c) { c.temperature = -5.5; });
+  scenario({.temperature = -5.5});
   EXPECT_EQ(fetch().temperature_cC, -550);
 }
 
@@ -210,9 +200,87 @@ TEST_F(SandboxPowerProviderTest, DesktopModelsHaveNoBattery) {
                                   {MacModel::macBookAir, true},
                                   {MacModel::macBookNeo, true},
                                   {MacModel::unknown, true}}) {
-    scenario([&](SandboxSettings& c) { c.macModel = model; });
+    scenario({.macModel = model});
     EXPECT_EQ(fetch().batteryInstalled, installed) << toString(model);
     EXPECT_EQ(settledPhase() == PowerPhase::noBattery, !installed) << toString(model);
+  }
+}
+
+class NoRecording : public PowerRecordingStage {
+ public:
+  void record(const RecordingTick&, bool) override { ++records; }
+  void discardSession() override {}
+  std::vector<HistorySeedSample> seedSamples(TimePoint) override { return {}; }
+  int records = 0;
+};
+
+// The simulated machine behind the real monitor loop, as the agent runs it.
+class SandboxSourcesWithMonitorTest : public ::testing::Test {
+ protected:
+  SandboxSourcesWithMonitorTest() {
+    PowerMonitor::Dependencies deps;
+    deps.sources = sandboxPowerSources(config, clock);
+    deps.pollQueue = &pollQueue;
+    deps.mainQueue = &mainQueue;
+    deps.recorder = recorder;
+    monitor = PowerMonitor::create(std::move(deps), clock);
+    monitor->setOnStateUpdate(
+        [this](const PowerState& s, const PowerMonitor::HistorySnapshot&) { states.push_back(s); });
+  }
+  void tick() {
+    clock.advance(2s);
+    monitor->poll();
+    mainQueue.runPending();
+  }
+  void scenario(const std::function<void(SandboxSettings&)>& edit) {
+    config.update(edit);
+    simulationParametersChanged(*monitor);
+    pollQueue.runPending();
+    mainQueue.runPending();
+  }
+
+  SandboxConfig config;
+  ManualClock clock;
+  SerialQueue pollQueue{"test.poll", clock};
+  SerialQueue mainQueue{"test.main", clock};
+  std::shared_ptr<NoRecording> recorder = std::make_shared<NoRecording>();
+  std::shared_ptr<PowerMonitor> monitor;
+  std::vector<PowerState> states;
+};
+
+TEST_F(SandboxSourcesWithMonitorTest, ShowsTheScenarioAtOnceAndRecordsNothing) {
+  tick();
+  ASSERT_EQ(states.size(), 1u);
+  EXPECT_EQ(states.back().componentPower, componentPower(SandboxLoadPreset::medium));
+  EXPECT_EQ(states.back().systemPowerRails,
+            (SystemPowerRails{18.0, 18.0, std::nullopt, 0.0, 0.0, 0.4}));
+  EXPECT_EQ(states.back().thermalState, ThermalState::nominal);
+
+  scenario([](SandboxSettings& c) {
+    c.powerSource = SandboxPowerSource::acSupplementing;
+    c.adapterWatts = 30;
+    c.systemLoad = SandboxLoadPreset::extreme;
+    c.thermalState = SandboxThermalState::critical;
+  });
+  const PowerState& s = states.back();
+  EXPECT_EQ(s.componentPower, (ComponentPower{5.0, 18.0, 28.0, 3.0, 11.0, true}));
+  // 65 W of load, 35 W of it from the pack (a magnitude), 30 W from the adapter.
+  EXPECT_EQ(s.systemPowerRails, (SystemPowerRails{65.0, 35.0, 30.0, 2.4, 0.0, 0.4}));
+  EXPECT_EQ(s.thermalState, ThermalState::critical);
+  EXPECT_EQ(s.phase, PowerPhase::thermalHold);
+  EXPECT_NEAR(s.smoothedWattage, -35.0, 0.02) << "the raw figure, not an average";
+
+  for (int i = 0; i < 20; ++i) tick();
+  EXPECT_EQ(recorder->records, 0) << "the simulated machine wrote to the history store";
+}
+
+TEST(SandboxLoadPresetTest, EveryRowPassesTheComponentValidator) {
+  // The simulated machine must never produce readings its own pipeline would reject.
+  for (auto preset : {SandboxLoadPreset::idle, SandboxLoadPreset::light, SandboxLoadPreset::medium,
+                      SandboxLoadPreset::heavy, SandboxLoadPreset::extreme}) {
+    const auto v =
+        ComponentPowerValidator::validate(componentPower(preset), systemLoadWatts(preset));
+    EXPECT_EQ(v.quality, HistoricalValueQuality::measured) << toString(preset);
   }
 }
 

@@ -1,7 +1,9 @@
-#include "platform/linux/power_supply_scan.hpp"
-
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
+#include "platform/linux/power_supply_scan.hpp"
+#include "platform/linux/sysfs_attributes.hpp"
 #include "platform/linux/sysfs_tree.hpp"
 
 namespace quorel {
@@ -9,6 +11,7 @@ namespace {
 
 using testing::fixturePath;
 using testing::SysfsTree;
+using namespace sysfs;
 
 std::filesystem::path supplies(const std::string& fixture) {
   return fixturePath(fixture) / "class/power_supply";
@@ -89,6 +92,93 @@ TEST(PowerSupplyScanTest, ChoiceIsOneSentenceSayingWhatWasFoundAndWhatHappens) {
   EXPECT_EQ(missing.description, "cannot list " + (tree.root() / "absent").string() +
                                      " (No such file or directory) — no battery can be read "
                                      "here, so the simulated machine runs instead");
+}
+
+using quorel::testing::SysfsTree;
+
+TEST(SysfsParseTest, IntegersAreWholeOrAbsent) {
+  EXPECT_EQ(parseInteger("16502000\n"), 16502000);
+  EXPECT_EQ(parseInteger("  -843000 "), -843000);
+  EXPECT_EQ(parseInteger("0"), 0);
+  EXPECT_EQ(parseInteger("9223372036854775807"), INT64_MAX);
+  for (const char* bad :
+       {"", "\n", "12abc", "abc", "4.5", "+5", "1 2", "0x10", "99999999999999999999"}) {
+    EXPECT_FALSE(parseInteger(bad)) << '"' << bad << '"';
+  }
+}
+
+TEST(SysfsParseTest, UeventKeepsPrefixedKeysLowerCasedWithValuesVerbatim) {
+  auto props = UeventProperties::parse(
+      "DEVTYPE=power_supply\r\n"
+      "POWER_SUPPLY_NAME=ucsi-source-psy-USBC000:001\r\n"
+      "POWER_SUPPLY_USB_TYPE=C [PD] PD_PPS\n"
+      "no equals sign here\n"
+      "POWER_SUPPLY_=bare prefix\n"
+      "POWER_SUPPLY_MODEL_NAME=a=b\n"
+      "POWER_SUPPLY_SERIAL_NUMBER=\n"
+      "POWER_SUPPLY_ONLINE=1",
+      "POWER_SUPPLY_");
+  EXPECT_EQ(props.size(), 5u);
+  EXPECT_EQ(props.find("name"), "ucsi-source-psy-USBC000:001");
+  EXPECT_EQ(props.find("usb_type"), "C [PD] PD_PPS");
+  EXPECT_EQ(props.find("model_name"), "a=b");
+  EXPECT_EQ(props.find("serial_number"), "");
+  EXPECT_EQ(props.find("online"), "1");  // last line without a newline
+  EXPECT_FALSE(props.find("devtype"));
+  EXPECT_FALSE(props.find("ONLINE"));
+}
+
+TEST(SysfsFileTest, ReadsReportWhyTheyFailed) {
+  SysfsTree tree;
+  tree.write("a/value", "42\n");
+  tree.makeUnreadable("a/dir");
+  int error = 0;
+  EXPECT_EQ(readFile(tree.root() / "a/value"), "42\n");
+  EXPECT_FALSE(readFile(tree.root() / "a/missing", &error));
+  EXPECT_EQ(error, ENOENT);
+  EXPECT_FALSE(readFile(tree.root() / "a/dir", &error));
+  EXPECT_EQ(error, EISDIR);
+
+  // Without a read bit the file is unreadable, also when the tests run as root.
+  tree.write("a/private", "7\n");
+  std::filesystem::permissions(tree.root() / "a/private", std::filesystem::perms::owner_write);
+  EXPECT_FALSE(readFile(tree.root() / "a/private", &error));
+  EXPECT_EQ(error, EACCES);
+
+  tree.write("a/b", "");
+  EXPECT_EQ(listDirectory(tree.root() / "a"),
+            (std::vector<std::string>{"b", "dir", "private", "value"}));
+  EXPECT_FALSE(listDirectory(tree.root() / "a/value", &error));
+  EXPECT_EQ(error, ENOTDIR);
+}
+
+TEST(SysfsDeviceTest, UeventIsTrustedForPropertiesButAttributesLookFurther) {
+  SysfsTree tree;
+  tree.write("BAT0/uevent", "POWER_SUPPLY_STATUS=Charging\nPOWER_SUPPLY_CAPACITY= 71 \n");
+  tree.write("BAT0/status", "Discharging\n");
+  tree.write("BAT0/voltage_now", "12000000\n");
+  tree.write("BAT0/charge_control_end_threshold", "80\n");
+  SysfsDevice device(tree.root() / "BAT0", "POWER_SUPPLY_");
+  EXPECT_TRUE(device.hasUevent());
+  EXPECT_EQ(device.property("status"), "Charging");
+  EXPECT_EQ(device.integerProperty("capacity"), 71);
+  // The uevent lists every property the driver has; a file beside it is not one of them.
+  EXPECT_FALSE(device.property("voltage_now"));
+  EXPECT_EQ(device.integerAttribute("charge_control_end_threshold"), 80);
+  EXPECT_EQ(device.attribute("status"), "Charging");
+}
+
+TEST(SysfsDeviceTest, WithoutAUsableUeventTheFilesAnswer) {
+  SysfsTree tree;
+  tree.write("AC/uevent", "DEVTYPE=power_supply\n");
+  tree.write("AC/online", "1\n");
+  SysfsDevice device(tree.root() / "AC", "POWER_SUPPLY_");
+  EXPECT_FALSE(device.hasUevent());
+  EXPECT_EQ(device.integerProperty("online"), 1);
+  EXPECT_FALSE(device.property("type"));
+
+  tree.write("AC/online", "yes\n");
+  EXPECT_FALSE(device.integerProperty("online"));
 }
 
 }  // namespace
