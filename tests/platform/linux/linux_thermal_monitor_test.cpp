@@ -37,36 +37,36 @@ void writeZone(const SysfsTree& tree, int index, const std::string& type, std::i
 
 TEST(ThermalZoneStateTest, TripsSetAnOrderedLadderOfRungs) {
   using enum ThermalState;
-  const std::vector<ThermalTripPoint> laptop = {trip("active", 65), trip("active", 75),
-                                                trip("passive", 85), trip("critical", 110)};
-  const std::vector<ThermalTripPoint> battery = {trip("passive", 50), trip("hot", 60)};
-  const std::vector<ThermalTripPoint> criticalOnly = {trip("critical", 100)};
+  using Trips = std::vector<ThermalTripPoint>;
+  const Trips laptop = {trip("active", 65), trip("active", 75), trip("passive", 85),
+                        trip("critical", 110)};
+  const Trips battery = {trip("passive", 50), trip("hot", 60)};
+  const Trips criticalOnly = {trip("critical", 100)};
   // A fan trip above the throttling trip: fans are no earlier warning than throttling.
-  const std::vector<ThermalTripPoint> fanAbove = {trip("active", 90), trip("passive", 80)};
-  const std::vector<ThermalTripPoint> fanOnly = {trip("active", 50)};
-  const std::vector<ThermalTripPoint> none;
-  const std::vector<ThermalTripPoint> unknownType = {trip("unknown", 50)};
-  struct Case {
-    const std::vector<ThermalTripPoint>& trips;
+  const Trips fanAbove = {trip("active", 90), trip("passive", 80)};
+  const Trips fanOnly = {trip("active", 50)};
+  const Trips unknownType = {trip("unknown", 50)};
+  const struct {
+    const Trips& trips;
     double celsius;
     std::optional<ThermalState> state;
-  };
-  const Case cases[] = {
-      {laptop, 64.9, nominal},       {laptop, 65, fair},
-      {laptop, 84.9, fair},          {laptop, 85, serious},
-      {laptop, 104.9, serious},      {laptop, 105, critical},
-      {battery, 39.9, nominal},      {battery, 40, fair},
-      {battery, 50, serious},        {battery, 60, critical},
-      {criticalOnly, 74.9, nominal}, {criticalOnly, 75, fair},
-      {criticalOnly, 85, serious},   {criticalOnly, 95, critical},
-      {fanAbove, 79, nominal},       {fanAbove, 80, serious},
-      {fanAbove, 200, serious},      {fanOnly, 120, fair},
-      {none, 60, std::nullopt},      {unknownType, 60, std::nullopt},
+  } cases[] = {
+      // clang-format off
+      {laptop, 64.9, nominal}, {laptop, 65, fair}, {laptop, 84.9, fair}, {laptop, 85, serious},
+      {laptop, 104.9, serious}, {laptop, 105, critical},
+      {battery, 39.9, nominal}, {battery, 40, fair}, {battery, 50, serious},
+      {battery, 60, critical},
+      {criticalOnly, 74.9, nominal}, {criticalOnly, 75, fair}, {criticalOnly, 85, serious},
+      {criticalOnly, 95, critical},
+      {fanAbove, 79, nominal}, {fanAbove, 80, serious}, {fanAbove, 200, serious},
+      {fanOnly, 120, fair}, {fanOnly, 49.9, nominal}, {unknownType, 60, std::nullopt},
+      // clang-format on
   };
   for (const auto& c : cases) {
     EXPECT_EQ(thermalStateOfZone(zone(c.celsius, c.trips)), c.state)
         << c.celsius << " °C with " << c.trips.size() << " trips";
   }
+  EXPECT_EQ(thermalStateOfZone(zone(60, {})), std::nullopt);
 }
 
 TEST(ThermalAssessmentTest, TheWorstZoneDecidesAndAmongEqualsTheHotter) {

@@ -29,26 +29,22 @@ TEST(SandboxSettingsTest, AnAdapterStrongerThanTheLoadSupplementsNothingAndCharg
 }
 
 TEST(SandboxSettingsTest, DevicesInToggleOrderWithTheScenariosNames) {
+  auto listed = [](const SandboxSettings& s) {
+    std::vector<std::string> ids;
+    for (const auto& d : s.simulatedUSBDevices()) ids.push_back(d.id + " " + d.name);
+    return ids;
+  };
   SandboxSettings s;
-  s.networkAdapter = s.webcam = s.externalDrive = s.mouse = s.keyboard = s.dock =
-      s.externalMonitor = true;
+  s.networkAdapter = s.mouse = s.dock = s.externalMonitor = true;
   s.monitorName = "Desk Display";
   s.dockName = "Travel Dock";
-  const auto devices = s.simulatedUSBDevices();
-  std::vector<std::string> ids;
-  for (const auto& d : devices) ids.push_back(d.id);
-  EXPECT_EQ(ids, (std::vector<std::string>{"sandbox-monitor", "sandbox-dock", "sandbox-keyboard",
-                                           "sandbox-mouse", "sandbox-drive", "sandbox-webcam",
-                                           "sandbox-ethernet"}));
-  EXPECT_EQ(devices[0].name, "Desk Display");
-  EXPECT_EQ(devices[1].name, "Travel Dock");
-
-  SandboxSettings some;
-  some.webcam = some.keyboard = true;
-  const auto two = some.simulatedUSBDevices();
-  ASSERT_EQ(two.size(), 2u);
-  EXPECT_EQ(two[0].name, "Magic Keyboard");
-  EXPECT_EQ(two[1].name, "Logitech C920");
+  EXPECT_EQ(listed(s), (std::vector<std::string>{
+                           "sandbox-monitor Desk Display", "sandbox-dock Travel Dock",
+                           "sandbox-mouse Magic Mouse", "sandbox-ethernet USB Ethernet Adapter"}));
+  s = SandboxSettings{.keyboard = true, .externalDrive = true, .webcam = true};
+  EXPECT_EQ(listed(s), (std::vector<std::string>{"sandbox-keyboard Magic Keyboard",
+                                                 "sandbox-drive Samsung T7 Shield",
+                                                 "sandbox-webcam Logitech C920"}));
 }
 
 TEST(SandboxConfigTest, ObserversHearRealChangesOnlyWithTheNewValuesInPlace) {
@@ -214,56 +210,44 @@ TEST(SandboxConfigFileTest, EveryKindOfSettingIsRead) {
 }
 
 TEST(SandboxConfigFileTest, RefusalsSayWhatIsAllowedAndWhatWasGiven) {
+  const std::string notWatts = "\"adapterWatts\" must be a whole number of watts from 0 to 1000";
+  const std::string syntax = "{\n  \"adapterWatts\": 30,\n  \"systemLoad\": Heavy\n}";
+  // clang-format off
   const std::pair<std::string, std::string> cases[] = {
-      {R"j({"adapterWats": 30})j",
-       "Sandbox config: unknown setting \"adapterWats\". Known settings: enabled, powerSource, "},
-      {R"j({"adapterWats": 30})j", ", adapterWatts, "},
-      {R"j({"batteryPercentage": 101})j",
-       "Sandbox config: setting \"batteryPercentage\" must be a number from 0 to 100 (percent), "
-       "not 101."},
-      {R"j({"batteryHealth": -1})j",
-       "\"batteryHealth\" must be a number from 0 to 100 (percent), "
-       "not -1."},
-      {R"j({"adapterWatts": -30})j",
-       "Sandbox config: setting \"adapterWatts\" must be a whole number of watts from 0 to 1000, "
-       "not -30."},
-      {R"j({"adapterWatts": 96.5})j", "not 96.5."},
-      {R"j({"adapterWatts": 18446744073709551615})j",
-       "\"adapterWatts\" must be a whole number of watts"},
-      {R"j({"cycleCount": -1})j",
-       "\"cycleCount\" must be a whole number of cycles from 0 to 100000, not -1."},
-      {R"j({"temperature": 400})j",
-       "\"temperature\" must be a number of degrees Celsius from -40 to 100"},
-      {R"j({"wattageOverride": 5000})j",
-       "\"wattageOverride\" must be a number of watts from -1000 to 1000, or null for none, not "
-       "5000."},
-      {R"j({"monitorName": ""})j", "\"monitorName\" must be a non-empty text, not \"\"."},
-      // Wrong types.
-      {R"j({"adapterWatts": "30"})j", "from 0 to 1000, not \"30\"."},
-      {R"j({"enabled": 1})j", "Sandbox config: setting \"enabled\" must be true or false, not 1."},
-      {R"j({"batteryPercentage": null})j", "not null."},
-      {R"j({"systemLoad": "Huge"})j",
-       "Sandbox config: setting \"systemLoad\" must be one of \"Idle\", \"Light\", \"Medium\", "
-       "\"Heavy\", \"Extreme\" (or the case names idle, light, medium, heavy, extreme), not "
-       "\"Huge\"."},
-      {R"j({"powerSource": 3})j", "must be one of \"Battery\", "},
+      {R"({"adapterWats": 30})", "Sandbox config: unknown setting \"adapterWats\". Known settings: "
+                                 "enabled, powerSource, connectionType, adapterWatts, "},
+      {R"({"batteryPercentage": 101})", "Sandbox config: setting \"batteryPercentage\" must be a "
+                                        "number from 0 to 100 (percent), not 101."},
+      {R"({"batteryHealth": -1})", "\"batteryHealth\" must be a number from 0 to 100 (percent), not -1."},
+      {R"({"adapterWatts": -30})", "Sandbox config: setting " + notWatts + ", not -30."},
+      {R"({"adapterWatts": 96.5})", notWatts + ", not 96.5."},
+      {R"({"adapterWatts": 18446744073709551615})", notWatts},
+      {R"({"adapterWatts": "30"})", notWatts + ", not \"30\"."},
+      {R"({"cycleCount": -1})", "\"cycleCount\" must be a whole number of cycles from 0 to 100000, not -1."},
+      {R"({"temperature": 400})", "\"temperature\" must be a number of degrees Celsius from -40 to 100"},
+      {R"({"wattageOverride": 5000})", "\"wattageOverride\" must be a number of watts from -1000 to "
+                                       "1000, or null for none, not 5000."},
+      {R"({"monitorName": ""})", "\"monitorName\" must be a non-empty text, not \"\"."},
+      {R"({"enabled": 1})", "Sandbox config: setting \"enabled\" must be true or false, not 1."},
+      {R"({"batteryPercentage": null})", "not null."},
+      {R"({"systemLoad": "Huge"})", "Sandbox config: setting \"systemLoad\" must be one of \"Idle\", "
+                                    "\"Light\", \"Medium\", \"Heavy\", \"Extreme\" (or the case names "
+                                    "idle, light, medium, heavy, extreme), not \"Huge\"."},
+      {R"({"powerSource": 3})", "must be one of \"Battery\", "},
       // Texts are matched exactly: a near miss is refused rather than guessed.
       {R"j({"powerSource": "ac (full)"})j", "not \"ac (full)\"."},
-      {R"j({"macModel": "MacBook"})j", "\"MacBook Pro\""},
-      // Documents that are no object of settings.
-      {R"j(["Heavy"])j",
-       "Sandbox config must hold a JSON object of settings, such as {\"systemLoad\": \"Heavy\"}, "
-       "but holds an array."},
+      {R"({"macModel": "MacBook"})", "\"MacBook Pro\""},
+      {R"(["Heavy"])", "Sandbox config must hold a JSON object of settings, such as {\"systemLoad\": "
+                       "\"Heavy\"}, but holds an array."},
       {"42", "but holds a number."},
       {"null", "but holds null."},
-      // Syntax errors give their position.
-      {"{\n  \"adapterWatts\": 30,\n  \"systemLoad\": Heavy\n}",
-       "Sandbox config is not valid JSON at line 3, column 17: "},
-      {"{\n  \"adapterWatts\": 30,\n  \"systemLoad\": Heavy\n}", "Fix the JSON and try again."},
+      {syntax, "Sandbox config is not valid JSON at line 3, column 17: "},
+      {syntax, "Fix the JSON and try again."},
       {"{\"a\": 1,}", "at line 1, column 9"},
       {"", "not valid JSON at line 1, column 1"},
       {"{} {}", "not valid JSON at line 1, column 4"},
   };
+  // clang-format on
   for (const auto& [json, message] : cases) EXPECT_THAT(refusal(json), HasSubstr(message));
 }
 
