@@ -370,46 +370,45 @@ TEST_F(LinuxPowerSourceFallbackProviderTest, ABatteryThatCannotBeReadAtAllLeaves
   EXPECT_FALSE(s->iopsPercent);
 }
 
-TEST_F(LinuxPowerSourceFallbackProviderTest, PercentageComesFromChargeOrEnergyWithoutCapacity) {
-  SysfsTree tree;
-  tree.writeSupply(
-      "BAT0", {"TYPE=Battery", "STATUS=Discharging", "CHARGE_NOW=1500000", "CHARGE_FULL=4000000"});
-  EXPECT_EQ(fetch(tree.powerSupply())->iopsPercent, 38);
-  tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Discharging", "ENERGY_NOW=30000000",
-                            "ENERGY_FULL=40000000", "CAPACITY=999"});
-  EXPECT_EQ(fetch(tree.powerSupply())->iopsPercent, 75);
-  // Nothing to take a percentage from: the battery is there but reports no capacity.
-  tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Discharging"});
-  EXPECT_EQ(fetch(tree.powerSupply()), stamped({}));
-}
-
-TEST_F(LinuxPowerSourceFallbackProviderTest, FullIsTheDriversWordOrAFullGaugeOnAdapter) {
-  SysfsTree tree;
-  tree.writeSupply("AC", {"TYPE=Mains", "ONLINE=1"});
-  tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Full", "CAPACITY=97"});
-  EXPECT_TRUE(fetch(tree.powerSupply())->fullyCharged);
-
-  tree.setProperty("BAT0", "STATUS", "Not charging");
-  EXPECT_FALSE(fetch(tree.powerSupply())->fullyCharged);
-  tree.setProperty("BAT0", "CAPACITY", "100");
-  EXPECT_TRUE(fetch(tree.powerSupply())->fullyCharged);
-
-  // On battery a full gauge is not "charged": the adapter has to be there.
-  tree.setProperty("AC", "ONLINE", "0");
-  tree.setProperty("BAT0", "STATUS", "Discharging");
-  EXPECT_FALSE(fetch(tree.powerSupply())->fullyCharged);
-}
-
-TEST_F(LinuxPowerSourceFallbackProviderTest, EstimatesFollowTheChargingFlagAndMustBePositive) {
-  SysfsTree tree;
-  tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Charging", "CAPACITY=40",
-                            "TIME_TO_FULL_NOW=3600", "TIME_TO_EMPTY_NOW=0"});
-  auto s = fetch(tree.powerSupply());
-  EXPECT_EQ(s->timeRemaining_min, 60);
-  EXPECT_FALSE(s->avgTimeToEmpty_min);
-  EXPECT_TRUE(s->isCharging);
-  // No adapter is listed; a charging battery says there is one.
-  EXPECT_TRUE(s->externalConnected);
+TEST_F(LinuxPowerSourceFallbackProviderTest, PercentageFullAndEstimatesFromWhatTheDriverGives) {
+  struct Case {
+    const char* what;
+    const char* adapterOnline;  // no adapter listed when null
+    std::vector<std::string> battery;
+    PowerSnapshot expected;
+  };
+  // clang-format off
+  const Case cases[] = {
+      {"charge counters", nullptr, {"STATUS=Discharging", "CHARGE_NOW=1500000", "CHARGE_FULL=4000000"},
+       {.batteryInstalled = true, .iopsPercent = 38}},
+      {"energy counters over a bogus capacity", nullptr,
+       {"STATUS=Discharging", "ENERGY_NOW=30000000", "ENERGY_FULL=40000000", "CAPACITY=999"},
+       {.batteryInstalled = true, .iopsPercent = 75}},
+      {"nothing to take a percentage from", nullptr, {"STATUS=Discharging"}, {}},
+      {"full by the driver's word", "1", {"STATUS=Full", "CAPACITY=97"},
+       {.externalConnected = true, .fullyCharged = true, .batteryInstalled = true, .iopsPercent = 97}},
+      {"held short of full", "1", {"STATUS=Not charging", "CAPACITY=97"},
+       {.externalConnected = true, .batteryInstalled = true, .iopsPercent = 97}},
+      {"a full gauge on the adapter", "1", {"STATUS=Not charging", "CAPACITY=100"},
+       {.externalConnected = true, .fullyCharged = true, .batteryInstalled = true, .iopsPercent = 100}},
+      {"a full gauge on battery is not charged", "0", {"STATUS=Discharging", "CAPACITY=100"},
+       {.batteryInstalled = true, .iopsPercent = 100}},
+      // A charging battery says there is an adapter; a zero estimate is no estimate.
+      {"charging", nullptr, {"STATUS=Charging", "CAPACITY=40", "TIME_TO_FULL_NOW=3600", "TIME_TO_EMPTY_NOW=0"},
+       {.isCharging = true, .externalConnected = true, .batteryInstalled = true,
+        .timeRemaining_min = 60, .iopsPercent = 40}},
+      {"absent", nullptr, {"PRESENT=0", "CAPACITY=0"}, {}},
+  };
+  // clang-format on
+  for (const auto& c : cases) {
+    SysfsTree tree;
+    if (c.adapterOnline)
+      tree.writeSupply("AC", {"TYPE=Mains", std::string("ONLINE=") + c.adapterOnline});
+    auto battery = c.battery;
+    battery.insert(battery.begin(), "TYPE=Battery");
+    tree.writeSupply("BAT0", battery);
+    EXPECT_EQ(fetch(tree.powerSupply()), stamped(c.expected)) << c.what;
+  }
 }
 
 TEST_F(LinuxPowerSourceFallbackProviderTest, WithoutASystemBatteryNothingIsInstalled) {
@@ -423,59 +422,32 @@ TEST_F(LinuxPowerSourceFallbackProviderTest, WithoutASystemBatteryNothingIsInsta
   tree.writeSupply("hidpp_battery_0", {"TYPE=Battery", "SCOPE=Device", "CAPACITY=90"});
   tree.writeSupply("ups0", {"TYPE=UPS", "CAPACITY=100", "STATUS=Full"});
   EXPECT_EQ(fetch(tree.powerSupply()), stamped({}));
-  tree.writeSupply("BAT0", {"TYPE=Battery", "PRESENT=0", "CAPACITY=0"});
-  EXPECT_FALSE(fetch(tree.powerSupply())->batteryInstalled);
 
   // Without the class directory there is nothing to say at all.
   EXPECT_FALSE(fetchFixture("nowhere"));
 }
 
-using namespace std::chrono_literals;
-
-class LinuxProvidersWithMonitorTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    PowerMonitor::Dependencies deps;
-    deps.sources.provider = std::make_shared<LinuxPowerSupplyProvider>(tree.powerSupply(), clock);
-    deps.sources.fallbackProvider =
-        std::make_shared<LinuxPowerSourceFallbackProvider>(tree.powerSupply(), clock);
-    deps.pollQueue = &pollQueue;
-    deps.mainQueue = &mainQueue;
-    monitor = PowerMonitor::create(std::move(deps), clock);
-    monitor->setOnStateUpdate(
-        [this](const PowerState& s, const PowerMonitor::HistorySnapshot&) { states.push_back(s); });
-  }
-
-  void tick() {
-    clock.advance(2s);
+// Both providers behind the real monitor loop, as the agent runs them.
+TEST_F(LinuxPowerSupplyProviderTest, UnreadableBatteryEngagesTheFallbackUntilItReturns) {
+  SysfsTree tree("energy-pack");
+  SerialQueue pollQueue("test.poll", clock);
+  SerialQueue mainQueue("test.main", clock);
+  PowerMonitor::Dependencies deps;
+  deps.sources.provider = std::make_shared<LinuxPowerSupplyProvider>(tree.powerSupply(), clock);
+  deps.sources.fallbackProvider =
+      std::make_shared<LinuxPowerSourceFallbackProvider>(tree.powerSupply(), clock);
+  deps.pollQueue = &pollQueue;
+  deps.mainQueue = &mainQueue;
+  auto monitor = PowerMonitor::create(std::move(deps), clock);
+  std::vector<PowerState> states;
+  monitor->setOnStateUpdate(
+      [&](const PowerState& s, const PowerMonitor::HistorySnapshot&) { states.push_back(s); });
+  auto tick = [&] {
+    clock.advance(Seconds{2});
     monitor->poll();
     mainQueue.runPending();
-  }
+  };
 
-  SysfsTree tree{"energy-pack"};
-  ManualClock clock;
-  SerialQueue pollQueue{"test.poll", clock};
-  SerialQueue mainQueue{"test.main", clock};
-  std::shared_ptr<PowerMonitor> monitor;
-  std::vector<PowerState> states;
-};
-
-TEST_F(LinuxProvidersWithMonitorTest, PluggingInShowsChargingWithPositiveWatts) {
-  tick();
-  ASSERT_EQ(states.size(), 1u);
-  EXPECT_EQ(states.back().phase, PowerPhase::draining);
-  EXPECT_LT(states.back().smoothedWattage, 0);
-  EXPECT_EQ(states.back().displayPercent(), 74);
-
-  tree.setProperty("AC", "ONLINE", "1");
-  tree.setProperty("BAT0", "STATUS", "Charging");
-  tree.setProperty("BAT0", "POWER_NOW", "30000000");
-  for (int i = 0; i < 10; ++i) tick();
-  EXPECT_EQ(states.back().phase, PowerPhase::charging);
-  EXPECT_GT(states.back().smoothedWattage, 5.0);
-}
-
-TEST_F(LinuxProvidersWithMonitorTest, UnreadableBatteryEngagesTheFallbackUntilItReturns) {
   tick();
   tree.makeUnreadable("class/power_supply/BAT0/uevent");
   tree.makeUnreadable("class/power_supply/BAT0/voltage_now");

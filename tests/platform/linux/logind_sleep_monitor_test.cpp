@@ -34,41 +34,6 @@ constexpr const char* kMalformed = "PrepareForSleep without a boolean argument â
 constexpr const char* kLogind = "org.freedesktop.login1";
 constexpr auto kCrossProcessBound = 10s;
 
-// A dbus-daemon of the test's own, stopped when this goes out of scope.
-class PrivateBus {
- public:
-  PrivateBus() {
-    // The daemon prints its address, then its pid, a line each.
-    out_ = ::popen(
-        "exec dbus-daemon --session --nofork --nopidfile --print-address=1 --print-pid=1 "
-        "2>/dev/null",
-        "r");
-    char address[512];
-    char pid[32];
-    if (out_ && std::fgets(address, sizeof address, out_) && std::fgets(pid, sizeof pid, out_)) {
-      address_.assign(address, std::strcspn(address, "\n"));
-      pid_ = static_cast<pid_t>(std::atol(pid));
-    }
-  }
-  ~PrivateBus() { kill(); }
-  PrivateBus(const PrivateBus&) = delete;
-  PrivateBus& operator=(const PrivateBus&) = delete;
-
-  bool running() const { return pid_ > 0; }
-  const std::string& address() const { return address_; }
-  void kill() {
-    if (out_ == nullptr) return;
-    if (pid_ > 0) ::kill(pid_, SIGTERM);
-    ::pclose(out_);
-    out_ = nullptr;
-  }
-
- private:
-  FILE* out_ = nullptr;
-  pid_t pid_ = 0;
-  std::string address_;
-};
-
 // A client of the private bus that sends PrepareForSleep, under the logind name or not.
 class Peer {
  public:
@@ -147,11 +112,30 @@ bool eventually(const std::function<bool()>& condition, const std::function<void
   return false;
 }
 
+// Each test runs a dbus-daemon of its own.
 class LogindSleepMonitorTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // The daemon prints its address, then its pid, a line each.
+    daemon_ = ::popen(
+        "exec dbus-daemon --session --nofork --nopidfile --print-address=1 --print-pid=1 "
+        "2>/dev/null",
+        "r");
+    char address[512];
+    char pid[32];
     // The install script installs it; a machine without it cannot vouch for this adapter.
-    ASSERT_TRUE(bus_.running()) << "no private message bus: install the dbus-daemon package.";
+    ASSERT_TRUE(daemon_ && std::fgets(address, sizeof address, daemon_) &&
+                std::fgets(pid, sizeof pid, daemon_))
+        << "no private message bus: install the dbus-daemon package.";
+    address_.assign(address, std::strcspn(address, "\n"));
+    pid_ = static_cast<pid_t>(std::atol(pid));
+  }
+  void TearDown() override { killBus(); }
+  void killBus() {
+    if (pid_ > 0) ::kill(pid_, SIGTERM);
+    if (daemon_) ::pclose(daemon_);
+    daemon_ = nullptr;
+    pid_ = 0;
   }
   // Runs the delivery queue by hand until `recorder` has seen `n` events.
   bool deliver(Recorder& recorder, std::size_t n) {
@@ -161,7 +145,9 @@ class LogindSleepMonitorTest : public ::testing::Test {
     return arrived;
   }
 
-  PrivateBus bus_;
+  FILE* daemon_ = nullptr;
+  pid_t pid_ = 0;
+  std::string address_;
   const SystemClock clock_;
   SerialQueue main_{"test.main", clock_};
   Recorder recorder_;
@@ -170,9 +156,9 @@ class LogindSleepMonitorTest : public ::testing::Test {
 
 TEST_F(LogindSleepMonitorTest, DeliversSleepAndWakeInOrderOnTheDeliveryQueue) {
   main_.start();
-  LogindSleepMonitor monitor(main_, bus_.address());
+  LogindSleepMonitor monitor(main_, address_);
   ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
-  Peer logind(bus_.address(), kLogind);
+  Peer logind(address_, kLogind);
   logind.prepareForSleep({true, false, true, false});
 
   ASSERT_TRUE(eventually([&] { return recorder_.snapshot().size() >= 4; }));
@@ -183,14 +169,14 @@ TEST_F(LogindSleepMonitorTest, DeliversSleepAndWakeInOrderOnTheDeliveryQueue) {
 }
 
 TEST_F(LogindSleepMonitorTest, HeedsOnlyWellFormedSignalsFromLogind) {
-  LogindSleepMonitor monitor(main_, bus_.address());
+  LogindSleepMonitor monitor(main_, address_);
   ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
 
   // Anyone may send a signal with logind's path and interface; only logind's name counts.
-  Peer impostor(bus_.address(), nullptr);
+  Peer impostor(address_, nullptr);
   impostor.prepareForSleep({true});
   impostor.roundTrip();
-  Peer logind(bus_.address(), kLogind);
+  Peer logind(address_, kLogind);
   logind.emit("s", "yes");
   logind.prepareForSleep({false});
 
@@ -203,9 +189,9 @@ TEST_F(LogindSleepMonitorTest, HeedsOnlyWellFormedSignalsFromLogind) {
 }
 
 TEST_F(LogindSleepMonitorTest, NoHandlerRunsAfterStopEvenIfAlreadyPosted) {
-  auto monitor = std::make_unique<LogindSleepMonitor>(main_, bus_.address());
+  auto monitor = std::make_unique<LogindSleepMonitor>(main_, address_);
   ASSERT_TRUE(monitor->start(recorder_.handlers(main_)));
-  Peer logind(bus_.address(), kLogind);
+  Peer logind(address_, kLogind);
   logind.prepareForSleep({true});
   // Received and posted, but the delivery queue has not run yet.
   ASSERT_TRUE(eventually([&] { return monitor->signalsReceived() == 1; }));
@@ -219,14 +205,14 @@ TEST_F(LogindSleepMonitorTest, NoHandlerRunsAfterStopEvenIfAlreadyPosted) {
 
 TEST_F(LogindSleepMonitorTest, StartsAgainAfterStopWithTheNewHandlers) {
   Recorder second;
-  LogindSleepMonitor monitor(main_, bus_.address());
+  LogindSleepMonitor monitor(main_, address_);
   ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
   monitor.stop();
   ASSERT_TRUE(monitor.start(second.handlers(main_)));
   // A start on a running monitor replaces the connection rather than adding a second one.
   ASSERT_TRUE(monitor.start(second.handlers(main_)));
 
-  Peer logind(bus_.address(), kLogind);
+  Peer logind(address_, kLogind);
   logind.prepareForSleep({true, false});
   ASSERT_TRUE(deliver(second, 2));
   EXPECT_EQ(second.snapshot(), (Events{"sleep", "wake"}));
@@ -234,9 +220,9 @@ TEST_F(LogindSleepMonitorTest, StartsAgainAfterStopWithTheNewHandlers) {
 }
 
 TEST_F(LogindSleepMonitorTest, ABusThatGoesAwayIsReportedOnceAndStopStillWorks) {
-  LogindSleepMonitor monitor(main_, bus_.address());
+  LogindSleepMonitor monitor(main_, address_);
   ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
-  bus_.kill();
+  killBus();
   ASSERT_TRUE(eventually([&] { return countLines(logs_, kLost) >= 1; }));
   monitor.stop();
   EXPECT_EQ(countLines(logs_, kLost), 1u);

@@ -24,23 +24,6 @@ TEST(PowerSupplyScanTest, OldKernelsUsbFlavoursAreUsbAndNearMissesAreNot) {
   EXPECT_EQ(parsePowerSupplyType(""), PowerSupplyType::unknown);
 }
 
-TEST(PowerSupplyScanTest, ScanFollowsClassSymlinksAndClassifiesEachSupply) {
-  auto scan = scanPowerSupplies(supplies("positive-discharge"));
-  ASSERT_FALSE(scan.error);
-  ASSERT_EQ(scan.supplies.size(), 3u);
-  EXPECT_EQ(scan.supplies[0].name, "ACAD");
-  EXPECT_TRUE(scan.supplies[0].isExternalSource());
-  EXPECT_EQ(scan.supplies[0].isOnline(), false);
-  EXPECT_TRUE(scan.supplies[1].isSystemBattery());
-  EXPECT_TRUE(scan.supplies[2].isPeripheralBattery());
-  EXPECT_FALSE(scan.supplies[2].isSystemBattery());
-
-  auto linked = scanPowerSupplies(supplies("energy-pack"));
-  ASSERT_EQ(linked.supplies.size(), 2u);
-  EXPECT_TRUE(linked.supplies[1].device.hasUevent());
-  EXPECT_TRUE(linked.supplies[1].isSystemBattery());
-}
-
 TEST(PowerSupplyScanTest, SystemBatteryIsFoundOnlyWhereOneIsPresent) {
   for (const char* laptop : {"energy-pack", "charge-pack", "two-packs", "fuel-gauge",
                              "positive-discharge", "broken-values", "attributes-only"}) {

@@ -193,13 +193,12 @@ TEST_F(SandboxPowerProviderTest, DecimalInputsTruncateToWhatWasTyped) {
 }
 
 TEST_F(SandboxPowerProviderTest, DesktopModelsHaveNoBattery) {
-  for (auto [model, installed] : {std::pair{MacModel::macStudio, false},
-                                  {MacModel::macPro, false},
-                                  {MacModel::macMini, false},
-                                  {MacModel::iMac, false},
-                                  {MacModel::macBookAir, true},
-                                  {MacModel::macBookNeo, true},
+  // clang-format off
+  for (auto [model, installed] : {std::pair{MacModel::macStudio, false}, {MacModel::macPro, false},
+                                  {MacModel::macMini, false}, {MacModel::iMac, false},
+                                  {MacModel::macBookAir, true}, {MacModel::macBookNeo, true},
                                   {MacModel::unknown, true}}) {
+    // clang-format on
     scenario({.macModel = model});
     EXPECT_EQ(fetch().batteryInstalled, installed) << toString(model);
     EXPECT_EQ(settledPhase() == PowerPhase::noBattery, !installed) << toString(model);
