@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -75,22 +74,18 @@ class Peer {
   sd_bus* bus_ = nullptr;
 };
 
-// What the handlers saw, in order; a handler run off the delivery queue is marked so.
+// What the handlers saw, in order; a handler run off the delivery queue is marked so. The
+// tests drive the delivery queue on their own thread, so only that thread touches `events`.
 struct Recorder {
-  std::mutex mutex;
   Events events;
 
   SleepWakeSource::Handlers handlers(SerialQueue& queue) {
-    return {[this, &queue] { record("sleep", queue.isCurrent()); },
-            [this, &queue] { record("wake", queue.isCurrent()); }};
-  }
-  void record(std::string event, bool onQueue) {
-    std::lock_guard lock(mutex);
-    events.push_back(onQueue ? event : event + " off the queue");
-  }
-  Events snapshot() {
-    std::lock_guard lock(mutex);
-    return events;
+    auto record = [this, &queue](std::string event) {
+      return [this, &queue, event] {
+        events.push_back(queue.isCurrent() ? event : event + " off the queue");
+      };
+    };
+    return {record("sleep"), record("wake")};
   }
 };
 
@@ -140,7 +135,7 @@ class LogindSleepMonitorTest : public ::testing::Test {
   // Runs the delivery queue by hand until `recorder` has seen `n` events.
   bool deliver(Recorder& recorder, std::size_t n) {
     const bool arrived =
-        eventually([&] { return recorder.snapshot().size() >= n; }, [&] { main_.runPending(); });
+        eventually([&] { return recorder.events.size() >= n; }, [&] { main_.runPending(); });
     main_.runPending();
     return arrived;
   }
@@ -155,15 +150,11 @@ class LogindSleepMonitorTest : public ::testing::Test {
 };
 
 TEST_F(LogindSleepMonitorTest, DeliversSleepAndWakeInOrderOnTheDeliveryQueue) {
-  main_.start();
   LogindSleepMonitor monitor(main_, address_);
   ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
   Peer logind(address_, kLogind);
   logind.prepareForSleep({true, false, true, false});
-
-  ASSERT_TRUE(eventually([&] { return recorder_.snapshot().size() >= 4; }));
-  monitor.stop();
-  main_.shutdown();
+  ASSERT_TRUE(deliver(recorder_, 4));
   EXPECT_EQ(recorder_.events, (Events{"sleep", "wake", "sleep", "wake"}));
   EXPECT_EQ(monitor.signalsReceived(), 4u);
 }
@@ -183,7 +174,7 @@ TEST_F(LogindSleepMonitorTest, HeedsOnlyWellFormedSignalsFromLogind) {
   // The good signal comes last from its sender and the impostor's was routed before it, so
   // once it has arrived everything else has had its chance.
   ASSERT_TRUE(deliver(recorder_, 1));
-  EXPECT_EQ(recorder_.snapshot(), Events{"wake"});
+  EXPECT_EQ(recorder_.events, Events{"wake"});
   EXPECT_EQ(monitor.signalsReceived(), 1u);
   EXPECT_EQ(countLines(logs_, kMalformed), 1u);
 }
@@ -200,7 +191,7 @@ TEST_F(LogindSleepMonitorTest, NoHandlerRunsAfterStopEvenIfAlreadyPosted) {
   monitor->stop();
   monitor.reset();
   main_.runPending();
-  EXPECT_TRUE(recorder_.snapshot().empty());
+  EXPECT_TRUE(recorder_.events.empty());
 }
 
 TEST_F(LogindSleepMonitorTest, StartsAgainAfterStopWithTheNewHandlers) {
@@ -215,8 +206,8 @@ TEST_F(LogindSleepMonitorTest, StartsAgainAfterStopWithTheNewHandlers) {
   Peer logind(address_, kLogind);
   logind.prepareForSleep({true, false});
   ASSERT_TRUE(deliver(second, 2));
-  EXPECT_EQ(second.snapshot(), (Events{"sleep", "wake"}));
-  EXPECT_TRUE(recorder_.snapshot().empty());
+  EXPECT_EQ(second.events, (Events{"sleep", "wake"}));
+  EXPECT_TRUE(recorder_.events.empty());
 }
 
 TEST_F(LogindSleepMonitorTest, ABusThatGoesAwayIsReportedOnceAndStopStillWorks) {
@@ -227,7 +218,7 @@ TEST_F(LogindSleepMonitorTest, ABusThatGoesAwayIsReportedOnceAndStopStillWorks) 
   monitor.stop();
   EXPECT_EQ(countLines(logs_, kLost), 1u);
   main_.runPending();
-  EXPECT_TRUE(recorder_.snapshot().empty());
+  EXPECT_TRUE(recorder_.events.empty());
 }
 
 TEST(LogindSleepMonitorWithoutBus, StartFailsWithOneWarningAndTheAgentGoesOn) {
@@ -250,7 +241,7 @@ TEST(LogindSleepMonitorWithoutBus, StartFailsWithOneWarningAndTheAgentGoesOn) {
       EXPECT_EQ(line.rfind("could not connect to " + address + ": ", 0), 0u) << line;
     }
     EXPECT_EQ(main.runPending(), 0u);
-    EXPECT_TRUE(recorder.snapshot().empty());
+    EXPECT_TRUE(recorder.events.empty());
   }
 }
 

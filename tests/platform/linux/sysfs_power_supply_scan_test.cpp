@@ -43,41 +43,33 @@ TEST(PowerSupplyScanTest, SystemBatteryIsFoundOnlyWhereOneIsPresent) {
 }
 
 TEST(PowerSupplyScanTest, ChoiceIsOneSentenceSayingWhatWasFoundAndWhatHappens) {
-  auto where = supplies("two-packs");
-  auto choice = choosePowerSource(where, false);
-  EXPECT_TRUE(choice.useLinuxProvider);
-  EXPECT_EQ(choice.description, "batteries BAT0, BAT1 found in " + where.string() +
-                                    " — reading this computer's batteries");
-
-  where = supplies("energy-pack");
-  EXPECT_EQ(choosePowerSource(where, false).description,
-            "battery BAT0 found in " + where.string() + " — reading this computer's battery");
-
-  auto forced = choosePowerSource(where, true);
-  EXPECT_FALSE(forced.useLinuxProvider);
-  EXPECT_EQ(forced.description,
-            "the simulated machine was asked for — its battery stands in for this computer's");
-
-  where = supplies("desktop-mains");
-  auto desktop = choosePowerSource(where, false);
-  EXPECT_FALSE(desktop.useLinuxProvider);
-  EXPECT_EQ(desktop.description,
-            "no battery found in " + where.string() + " — running the simulated machine instead");
-
+  auto expect = [](const std::filesystem::path& where, bool forced, bool linux,
+                   const std::string& description) {
+    const auto choice = choosePowerSource(where, forced);
+    EXPECT_EQ(choice.useLinuxProvider, linux) << description;
+    EXPECT_EQ(choice.description, description);
+  };
+  expect(supplies("two-packs"), false, true,
+         "batteries BAT0, BAT1 found in " + supplies("two-packs").string() +
+             " — reading this computer's batteries");
+  const auto pack = supplies("energy-pack");
+  expect(pack, false, true,
+         "battery BAT0 found in " + pack.string() + " — reading this computer's battery");
+  expect(pack, true, false,
+         "the simulated machine was asked for — its battery stands in for this computer's");
+  const auto desktop = supplies("desktop-mains");
+  expect(desktop, false, false,
+         "no battery found in " + desktop.string() + " — running the simulated machine instead");
   SysfsTree tree;
   tree.writeSupply("hidpp_battery_0", {"TYPE=Battery", "SCOPE=Device"});
-  EXPECT_EQ(choosePowerSource(tree.powerSupply(), false).description,
-            "no battery of this computer in " + tree.powerSupply().string() +
-                " (hidpp_battery_0 powers a peripheral) — running the simulated machine instead");
-
-  auto missing = choosePowerSource(tree.root() / "absent", false);
-  EXPECT_FALSE(missing.useLinuxProvider);
-  EXPECT_EQ(missing.description, "cannot list " + (tree.root() / "absent").string() +
-                                     " (No such file or directory) — no battery can be read "
-                                     "here, so the simulated machine runs instead");
+  expect(tree.powerSupply(), false, false,
+         "no battery of this computer in " + tree.powerSupply().string() +
+             " (hidpp_battery_0 powers a peripheral) — running the simulated machine instead");
+  expect(tree.root() / "absent", false, false,
+         "cannot list " + (tree.root() / "absent").string() +
+             " (No such file or directory) — no battery can be read here, so the simulated "
+             "machine runs instead");
 }
-
-using quorel::testing::SysfsTree;
 
 TEST(SysfsParseTest, IntegersAreWholeOrAbsent) {
   EXPECT_EQ(parseInteger("16502000\n"), 16502000);
