@@ -117,57 +117,10 @@ TEST(ThermalZoneReaderTest, UnreadableOrAbsurdZonesAreLeftOut) {
   EXPECT_EQ(scan.zones[1].trips, (std::vector<ThermalTripPoint>{trip("critical", 90)}));
 }
 
-TEST(LinuxThermalMonitorTest, SamplesPublishTheStateAndLogItsChanges) {
+TEST(LinuxThermalMonitorTest, SamplesPublishTheStateKeepItThroughFailuresAndLogChanges) {
   LogCapture log;
   SysfsTree tree;
-  writeZone(tree, 0, "x86_pkg_temp", 60000, {trip("passive", 90), trip("critical", 100)});
-  LinuxThermalMonitor monitor(tree.thermal());
-  EXPECT_EQ(monitor.currentThermalState(), ThermalState::nominal);
-
-  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
-  tree.write("class/thermal/thermal_zone0/temp", "91500\n");
-  EXPECT_EQ(monitor.sample(), ThermalState::serious);
-  EXPECT_EQ(monitor.sample(), ThermalState::serious);
-  EXPECT_EQ(monitor.currentThermalState(), ThermalState::serious);
-  tree.write("class/thermal/thermal_zone0/temp", "55000\n");
-  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
-
-  EXPECT_THAT(log.messages("Thermal"),
-              ElementsAre("thermal state changed from nominal to serious — zone x86_pkg_temp "
-                          "(thermal_zone0) at 91.5 °C",
-                          "thermal state changed from serious to nominal — zone x86_pkg_temp "
-                          "(thermal_zone0) at 55.0 °C"));
-}
-
-TEST(LinuxThermalMonitorTest, AFailedSampleKeepsTheLastStateAndIsCounted) {
-  LogCapture log;
-  SysfsTree tree;
-  writeZone(tree, 0, "acpitz", 96000, {trip("critical", 100)});
-  LinuxThermalMonitor monitor(tree.thermal());
-  ASSERT_EQ(monitor.sample(), ThermalState::critical);
-
-  tree.makeUnreadable("class/thermal/thermal_zone0/temp");
-  EXPECT_EQ(monitor.sample(), ThermalState::critical);
-  EXPECT_EQ(monitor.sample(), ThermalState::critical);
-  EXPECT_EQ(monitor.failedSampleCount(), 2u);
-
-  tree.remove("class/thermal/thermal_zone0/temp");
-  tree.write("class/thermal/thermal_zone0/temp", "40000\n");
-  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
-
-  EXPECT_THAT(log.messages("Thermal"),
-              ElementsAre("thermal state changed from nominal to critical — zone acpitz "
-                          "(thermal_zone0) at 96.0 °C",
-                          "no thermal zone can be read in " + tree.thermal().string() +
-                              " — thermal state stays critical",
-                          "thermal zones in " + tree.thermal().string() + " readable again",
-                          "thermal state changed from critical to nominal — zone acpitz "
-                          "(thermal_zone0) at 40.0 °C"));
-}
-
-TEST(LinuxThermalMonitorTest, StartSamplesOnTheGivenQueue) {
-  SysfsTree tree;
-  writeZone(tree, 0, "cpu", 88000, {trip("passive", 85)});
+  writeZone(tree, 0, "x86_pkg_temp", 91500, {trip("passive", 90), trip("critical", 100)});
   LinuxThermalMonitor monitor(tree.thermal());
   const SystemClock clock;
   SerialQueue queue("test.thermal", clock);
@@ -176,6 +129,24 @@ TEST(LinuxThermalMonitorTest, StartSamplesOnTheGivenQueue) {
   queue.runPending();
   EXPECT_EQ(monitor.currentThermalState(), ThermalState::serious);
   monitor.stop();
+  EXPECT_EQ(monitor.sample(), ThermalState::serious);
+
+  tree.makeUnreadable("class/thermal/thermal_zone0/temp");
+  EXPECT_EQ(monitor.sample(), ThermalState::serious);
+  EXPECT_EQ(monitor.sample(), ThermalState::serious);
+  EXPECT_EQ(monitor.failedSampleCount(), 2u);
+  tree.remove("class/thermal/thermal_zone0/temp");
+  tree.write("class/thermal/thermal_zone0/temp", "55000\n");
+  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
+  EXPECT_EQ(monitor.currentThermalState(), ThermalState::nominal);
+
+  const std::string zone0 = " — zone x86_pkg_temp (thermal_zone0) at ";
+  EXPECT_THAT(log.messages("Thermal"),
+              ElementsAre("thermal state changed from nominal to serious" + zone0 + "91.5 °C",
+                          "no thermal zone can be read in " + tree.thermal().string() +
+                              " — thermal state stays serious",
+                          "thermal zones in " + tree.thermal().string() + " readable again",
+                          "thermal state changed from serious to nominal" + zone0 + "55.0 °C"));
 }
 
 TEST(LinuxThermalMonitorTest, ThePollQueueReadsWhileTheSamplerWrites) {

@@ -156,57 +156,40 @@ std::string refusal(std::string_view json) {
 }
 
 TEST(SandboxConfigFileTest, AppliesNamedSettingsOverTheBase) {
-  EXPECT_EQ(parsed(R"j({"powerSource": "AC (Supplementing)", "adapterWatts": 30,
-                        "systemLoad": "Heavy"})j"),
-            (SandboxSettings{.powerSource = SandboxPowerSource::acSupplementing,
-                             .adapterWatts = 30,
-                             .systemLoad = SandboxLoadPreset::heavy}));
   EXPECT_EQ(parsed("{}"), SandboxSettings{});
-
   const SandboxSettings base{.enabled = true, .cycleCount = 5, .wattageOverride = 3};
   const auto r = parseSandboxConfig(R"j({"cycleCount": 6, "wattageOverride": null})j", base);
   ASSERT_TRUE(r.ok()) << r.error;
   EXPECT_EQ(r.settings, (SandboxSettings{.enabled = true, .cycleCount = 6}));
-}
 
-TEST(SandboxConfigFileTest, ChoicesByTextOrCaseName) {
-  const SandboxSettings expected{.powerSource = SandboxPowerSource::acOnHold,
-                                 .connectionType = ConnectionType::magsafe3,
-                                 .thermalState = SandboxThermalState::critical,
-                                 .macModel = MacModel::macMini};
-  EXPECT_EQ(parsed(R"j({"powerSource": "AC (On Hold)", "thermalState": "Critical",
-                        "macModel": "Mac mini", "connectionType": "MagSafe 3"})j"),
-            expected);
-  EXPECT_EQ(parsed(R"j({"powerSource": "acOnHold", "thermalState": "critical",
-                        "macModel": "macMini", "connectionType": "magsafe3"})j"),
-            expected);
-}
-
-TEST(SandboxConfigFileTest, EveryKindOfSettingIsRead) {
+  // clang-format off
+  EXPECT_EQ(parsed(R"j({"powerSource": "AC (Supplementing)", "adapterWatts": 30, "systemLoad": "Heavy"})j"),
+            (SandboxSettings{.powerSource = SandboxPowerSource::acSupplementing, .adapterWatts = 30,
+                             .systemLoad = SandboxLoadPreset::heavy}));
+  // Every kind of setting.
   EXPECT_EQ(parsed(R"j({
     "enabled": true, "batteryPercentage": 55.5, "batteryHealth": 88, "cycleCount": 412,
     "temperature": 41.25, "isCharging": true, "wattageOverride": -7.5, "externalMonitor": true,
     "monitorName": "Side Screen", "dock": true, "dockName": "Travel Dock", "keyboard": true,
     "mouse": true, "externalDrive": true, "webcam": true, "networkAdapter": true,
-    "adapterWatts": 140.0
-  })j"),
-            (SandboxSettings{.enabled = true,
-                             .adapterWatts = 140,
-                             .batteryPercentage = 55.5,
-                             .batteryHealth = 88,
-                             .cycleCount = 412,
-                             .temperature = 41.25,
-                             .isCharging = true,
-                             .wattageOverride = -7.5,
-                             .externalMonitor = true,
-                             .monitorName = "Side Screen",
-                             .dock = true,
-                             .dockName = "Travel Dock",
-                             .keyboard = true,
-                             .mouse = true,
-                             .externalDrive = true,
-                             .webcam = true,
+    "adapterWatts": 140.0})j"),
+            (SandboxSettings{.enabled = true, .adapterWatts = 140, .batteryPercentage = 55.5,
+                             .batteryHealth = 88, .cycleCount = 412, .temperature = 41.25,
+                             .isCharging = true, .wattageOverride = -7.5, .externalMonitor = true,
+                             .monitorName = "Side Screen", .dock = true, .dockName = "Travel Dock",
+                             .keyboard = true, .mouse = true, .externalDrive = true, .webcam = true,
                              .networkAdapter = true}));
+  // Choices by their text or their case name.
+  const SandboxSettings held{.powerSource = SandboxPowerSource::acOnHold,
+                             .connectionType = ConnectionType::magsafe3,
+                             .thermalState = SandboxThermalState::critical, .macModel = MacModel::macMini};
+  // clang-format on
+  EXPECT_EQ(parsed(R"j({"powerSource": "AC (On Hold)", "thermalState": "Critical",
+                        "macModel": "Mac mini", "connectionType": "MagSafe 3"})j"),
+            held);
+  EXPECT_EQ(parsed(R"j({"powerSource": "acOnHold", "thermalState": "critical",
+                        "macModel": "macMini", "connectionType": "magsafe3"})j"),
+            held);
 }
 
 TEST(SandboxConfigFileTest, RefusalsSayWhatIsAllowedAndWhatWasGiven) {
@@ -251,23 +234,14 @@ TEST(SandboxConfigFileTest, RefusalsSayWhatIsAllowedAndWhatWasGiven) {
   for (const auto& [json, message] : cases) EXPECT_THAT(refusal(json), HasSubstr(message));
 }
 
-class SandboxConfigFileOnDiskTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    dir = std::filesystem::temp_directory_path() /
-          ("quorel-sandbox-config-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir);
-  }
-  void TearDown() override { std::filesystem::remove_all(dir); }
-  std::filesystem::path write(const std::string& name, const std::string& text) {
-    const auto path = dir / name;
-    std::ofstream(path) << text;
-    return path;
-  }
-  std::filesystem::path dir;
-};
-
-TEST_F(SandboxConfigFileOnDiskTest, ReadsAScenarioFileAndNamesItInMessages) {
+TEST(SandboxConfigFileTest, ReadsAScenarioFileAndNamesItInMessages) {
+  const auto dir = std::filesystem::temp_directory_path() /
+                   ("quorel-sandbox-config-" + std::to_string(::getpid()));
+  std::filesystem::create_directories(dir);
+  auto write = [&](const std::string& name, const std::string& text) {
+    std::ofstream(dir / name) << text;
+    return dir / name;
+  };
   const auto r = readSandboxConfigFile(write("hold.json", R"j({"powerSource": "AC (On Hold)"})j"));
   ASSERT_TRUE(r.ok()) << r.error;
   EXPECT_EQ(r.settings->powerSource, SandboxPowerSource::acOnHold);
@@ -283,6 +257,7 @@ TEST_F(SandboxConfigFileOnDiskTest, ReadsAScenarioFileAndNamesItInMessages) {
                 "\" cannot be read: No such file or directory. Check the path and its "
                 "permissions.");
   EXPECT_THAT(readSandboxConfigFile(dir).error, HasSubstr("is a directory, not a file."));
+  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
