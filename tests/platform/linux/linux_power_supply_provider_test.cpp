@@ -224,45 +224,30 @@ TEST_F(LinuxPowerSupplyProviderTest, AnAbsentSecondPackIsLeftOut) {
 // ---- Failures: nothing this tick, a counted and logged reason ----------------------------
 
 TEST_F(LinuxPowerSupplyProviderTest, ReadsThatCannotBeTrustedGiveNothing) {
-  struct Case {
-    const char* what;
-    void (*breakTree)(const SysfsTree&);
-    const char* failure;
-  };
-  const Case cases[] = {
-      {"battery not present", [](const SysfsTree& t) { t.setProperty("BAT0", "PRESENT", "0"); },
+  const char* noVoltage = "battery BAT0 gives no usable voltage_now";
+  const char* unreadable = "power supply BAT0 cannot be read";
+  // clang-format off
+  const std::pair<void (*)(const SysfsTree&), const char*> cases[] = {
+      {[](const SysfsTree& t) { t.setProperty("BAT0", "PRESENT", "0"); },
        "battery BAT0 reports it is not present"},
-      {"voltage is text",
-       [](const SysfsTree& t) { t.setProperty("BAT0", "VOLTAGE_NOW", "unknown"); },
-       "battery BAT0 gives no usable voltage_now"},
-      {"voltage is impossible",
-       [](const SysfsTree& t) { t.setProperty("BAT0", "VOLTAGE_NOW", "-12000000"); },
-       "battery BAT0 gives no usable voltage_now"},
-      {"uevent and type unreadable",
-       [](const SysfsTree& t) {
+      {[](const SysfsTree& t) { t.setProperty("BAT0", "VOLTAGE_NOW", "unknown"); }, noVoltage},
+      {[](const SysfsTree& t) { t.setProperty("BAT0", "VOLTAGE_NOW", "-12000000"); }, noVoltage},
+      {[](const SysfsTree& t) {
          t.makeUnreadable("class/power_supply/BAT0/uevent");
          t.makeUnreadable("class/power_supply/BAT0/type");
-       },
-       "power supply BAT0 cannot be read"},
-      {"every file of the battery made unreadable",
-       [](const SysfsTree& t) {
-         for (const auto& entry : std::filesystem::directory_iterator(t.powerSupply() / "BAT0")) {
-           std::filesystem::permissions(entry.path(), std::filesystem::perms::none);
-         }
-       },
-       "power supply BAT0 cannot be read"},
-      {"device directory gone behind its link",
-       [](const SysfsTree& t) {
-         t.remove("devices/LNXSYSTM:00/LNXSYBUS:00/PNP0C0A:00/power_supply/BAT0");
-       },
-       "power supply BAT0 cannot be read"},
+       }, unreadable},
+      {[](const SysfsTree& t) { t.makeSupplyUnreadable("BAT0"); }, unreadable},
+      // The device directory gone behind the class link.
+      {[](const SysfsTree& t) { t.remove("devices/LNXSYSTM:00/LNXSYBUS:00/PNP0C0A:00/power_supply/BAT0"); },
+       unreadable},
   };
-  for (const auto& c : cases) {
+  // clang-format on
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
     SysfsTree tree("energy-pack");
-    c.breakTree(tree);
+    cases[i].first(tree);
     auto reading = read(tree);
-    EXPECT_FALSE(reading.snapshot) << c.what;
-    EXPECT_EQ(reading.failure, c.failure) << c.what;
+    EXPECT_FALSE(reading.snapshot) << "case " << i;
+    EXPECT_EQ(reading.failure, cases[i].second) << "case " << i;
   }
 }
 
@@ -360,9 +345,7 @@ TEST_F(LinuxPowerSourceFallbackProviderTest, OffersOnlyPercentageFlagsAndEstimat
 
 TEST_F(LinuxPowerSourceFallbackProviderTest, ABatteryThatCannotBeReadAtAllLeavesTheAdapter) {
   SysfsTree tree("charge-pack");
-  for (const auto& entry : std::filesystem::directory_iterator(tree.powerSupply() / "BAT0")) {
-    std::filesystem::permissions(entry.path(), std::filesystem::perms::none);
-  }
+  tree.makeSupplyUnreadable("BAT0");
   auto s = fetch(tree.powerSupply());
   ASSERT_TRUE(s);
   EXPECT_FALSE(s->batteryInstalled);

@@ -83,6 +83,13 @@ class SysfsTree {
     std::filesystem::create_directories(path);
   }
 
+  // Every file of a supply without its permission bits.
+  void makeSupplyUnreadable(const std::string& supply) const {
+    for (const auto& entry : std::filesystem::directory_iterator(powerSupply() / supply)) {
+      std::filesystem::permissions(entry.path(), std::filesystem::perms::none);
+    }
+  }
+
   void remove(const std::filesystem::path& relative) const {
     std::filesystem::remove_all(root_ / relative);
   }

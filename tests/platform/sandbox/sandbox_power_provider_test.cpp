@@ -214,40 +214,25 @@ class NoRecording : public PowerRecordingStage {
 };
 
 // The simulated machine behind the real monitor loop, as the agent runs it.
-class SandboxSourcesWithMonitorTest : public ::testing::Test {
- protected:
-  SandboxSourcesWithMonitorTest() {
-    PowerMonitor::Dependencies deps;
-    deps.sources = sandboxPowerSources(config, clock);
-    deps.pollQueue = &pollQueue;
-    deps.mainQueue = &mainQueue;
-    deps.recorder = recorder;
-    monitor = PowerMonitor::create(std::move(deps), clock);
-    monitor->setOnStateUpdate(
-        [this](const PowerState& s, const PowerMonitor::HistorySnapshot&) { states.push_back(s); });
-  }
-  void tick() {
+TEST_F(SandboxPowerProviderTest, MonitorShowsTheScenarioAtOnceAndRecordsNothing) {
+  SerialQueue pollQueue("test.poll", clock);
+  SerialQueue mainQueue("test.main", clock);
+  auto recorder = std::make_shared<NoRecording>();
+  PowerMonitor::Dependencies deps;
+  deps.sources = sandboxPowerSources(config, clock);
+  deps.pollQueue = &pollQueue;
+  deps.mainQueue = &mainQueue;
+  deps.recorder = recorder;
+  auto monitor = PowerMonitor::create(std::move(deps), clock);
+  std::vector<PowerState> states;
+  monitor->setOnStateUpdate(
+      [&](const PowerState& s, const PowerMonitor::HistorySnapshot&) { states.push_back(s); });
+  auto tick = [&] {
     clock.advance(2s);
     monitor->poll();
     mainQueue.runPending();
-  }
-  void scenario(const std::function<void(SandboxSettings&)>& edit) {
-    config.update(edit);
-    simulationParametersChanged(*monitor);
-    pollQueue.runPending();
-    mainQueue.runPending();
-  }
+  };
 
-  SandboxConfig config;
-  ManualClock clock;
-  SerialQueue pollQueue{"test.poll", clock};
-  SerialQueue mainQueue{"test.main", clock};
-  std::shared_ptr<NoRecording> recorder = std::make_shared<NoRecording>();
-  std::shared_ptr<PowerMonitor> monitor;
-  std::vector<PowerState> states;
-};
-
-TEST_F(SandboxSourcesWithMonitorTest, ShowsTheScenarioAtOnceAndRecordsNothing) {
   tick();
   ASSERT_EQ(states.size(), 1u);
   EXPECT_EQ(states.back().componentPower, componentPower(SandboxLoadPreset::medium));
@@ -255,12 +240,13 @@ TEST_F(SandboxSourcesWithMonitorTest, ShowsTheScenarioAtOnceAndRecordsNothing) {
             (SystemPowerRails{18.0, 18.0, std::nullopt, 0.0, 0.0, 0.4}));
   EXPECT_EQ(states.back().thermalState, ThermalState::nominal);
 
-  scenario([](SandboxSettings& c) {
-    c.powerSource = SandboxPowerSource::acSupplementing;
-    c.adapterWatts = 30;
-    c.systemLoad = SandboxLoadPreset::extreme;
-    c.thermalState = SandboxThermalState::critical;
-  });
+  scenario({.powerSource = SandboxPowerSource::acSupplementing,
+            .adapterWatts = 30,
+            .systemLoad = SandboxLoadPreset::extreme,
+            .thermalState = SandboxThermalState::critical});
+  simulationParametersChanged(*monitor);
+  pollQueue.runPending();
+  mainQueue.runPending();
   const PowerState& s = states.back();
   EXPECT_EQ(s.componentPower, (ComponentPower{5.0, 18.0, 28.0, 3.0, 11.0, true}));
   // 65 W of load, 35 W of it from the pack (a magnitude), 30 W from the adapter.
