@@ -107,7 +107,6 @@ bool eventually(const std::function<bool()>& condition, const std::function<void
   return false;
 }
 
-// Each test runs a dbus-daemon of its own.
 class LogindSleepMonitorTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -132,7 +131,6 @@ class LogindSleepMonitorTest : public ::testing::Test {
     daemon_ = nullptr;
     pid_ = 0;
   }
-  // Runs the delivery queue by hand until `recorder` has seen `n` events.
   bool deliver(Recorder& recorder, std::size_t n) {
     const bool arrived =
         eventually([&] { return recorder.events.size() >= n; }, [&] { main_.runPending(); });

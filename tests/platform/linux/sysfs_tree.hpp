@@ -83,7 +83,6 @@ class SysfsTree {
     std::filesystem::create_directories(path);
   }
 
-  // Every file of a supply without its permission bits.
   void makeSupplyUnreadable(const std::string& supply) const {
     for (const auto& entry : std::filesystem::directory_iterator(powerSupply() / supply)) {
       std::filesystem::permissions(entry.path(), std::filesystem::perms::none);

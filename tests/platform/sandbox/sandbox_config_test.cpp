@@ -166,7 +166,6 @@ TEST(SandboxConfigFileTest, AppliesNamedSettingsOverTheBase) {
   EXPECT_EQ(parsed(R"j({"powerSource": "AC (Supplementing)", "adapterWatts": 30, "systemLoad": "Heavy"})j"),
             (SandboxSettings{.powerSource = SandboxPowerSource::acSupplementing, .adapterWatts = 30,
                              .systemLoad = SandboxLoadPreset::heavy}));
-  // Every kind of setting.
   EXPECT_EQ(parsed(R"j({
     "enabled": true, "batteryPercentage": 55.5, "batteryHealth": 88, "cycleCount": 412,
     "temperature": 41.25, "isCharging": true, "wattageOverride": -7.5, "externalMonitor": true,
@@ -179,7 +178,6 @@ TEST(SandboxConfigFileTest, AppliesNamedSettingsOverTheBase) {
                              .monitorName = "Side Screen", .dock = true, .dockName = "Travel Dock",
                              .keyboard = true, .mouse = true, .externalDrive = true, .webcam = true,
                              .networkAdapter = true}));
-  // Choices by their text or their case name.
   const SandboxSettings held{.powerSource = SandboxPowerSource::acOnHold,
                              .connectionType = ConnectionType::magsafe3,
                              .thermalState = SandboxThermalState::critical, .macModel = MacModel::macMini};

@@ -60,45 +60,48 @@ TEST_F(SandboxPowerProviderTest, DefaultMachineDrainsAtEighteenWatts) {
 
 TEST_F(SandboxPowerProviderTest, EachPowerSourceGivesItsFlagsEstimateAndPhase) {
   struct Case {
-    SandboxPowerSource source;
+    SandboxSettings settings;
     double watts;  // at the default medium load (18 W) and 96 W adapter
     std::int64_t amperage_mA;
     bool charging;
     bool full;
     std::optional<std::int64_t> remaining_min;
-    PowerPhase phase;
+    std::optional<PowerPhase> phase;  // not judged when absent
   };
+  using enum SandboxPowerSource;
   const Case cases[] = {
-      {SandboxPowerSource::battery, -18, -1216, false, false, 290, PowerPhase::draining},
+      {{.powerSource = battery}, -18, -1216, false, false, 290, PowerPhase::draining},
       // 2288 mAh to go at 5270 mA.
-      {SandboxPowerSource::acCharging, 78, 5270, true, false, 26, PowerPhase::charging},
-      {SandboxPowerSource::acFull, 0.2, 13, false, true, 0, PowerPhase::full},
-      {SandboxPowerSource::acOnHold, 0, 0, false, false, std::nullopt, PowerPhase::onHold},
+      {{.powerSource = acCharging}, 78, 5270, true, false, 26, PowerPhase::charging},
+      {{.powerSource = acFull}, 0.2, 13, false, true, 0, PowerPhase::full},
+      {{.powerSource = acOnHold}, 0, 0, false, false, std::nullopt, PowerPhase::onHold},
+      // A weak adapter under heavy load: the pack makes up the difference.
+      // clang-format off
+      {{.powerSource = acSupplementing, .adapterWatts = 30, .systemLoad = SandboxLoadPreset::heavy},
+       -5, -337, false, false, std::nullopt, std::nullopt},
+      // clang-format on
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(toString(c.source));
-    scenario({.powerSource = c.source});
+    SCOPED_TRACE(toString(c.settings.powerSource));
+    scenario(c.settings);
     const auto s = fetch();
     EXPECT_DOUBLE_EQ(config.effectiveWattage(), c.watts);
     EXPECT_EQ(s.instantAmperage_mA, c.amperage_mA);
     EXPECT_EQ(s.isCharging, c.charging);
     EXPECT_EQ(s.fullyCharged, c.full);
-    EXPECT_EQ(s.externalConnected, c.source != SandboxPowerSource::battery);
+    EXPECT_EQ(s.externalConnected, c.settings.powerSource != battery);
     EXPECT_EQ(s.timeRemaining_min, c.remaining_min);
-    EXPECT_EQ(settledPhase(), c.phase);
+    if (c.phase) {
+      EXPECT_EQ(settledPhase(), *c.phase);
+    }
   }
 }
 
-TEST_F(SandboxPowerProviderTest, SupplementingWithAWeakAdapterUnderHeavyLoad) {
+TEST_F(SandboxPowerProviderTest, AWeakAdapterIsDescribedByItsRating) {
   scenario({.powerSource = SandboxPowerSource::acSupplementing,
             .adapterWatts = 30,
             .systemLoad = SandboxLoadPreset::heavy});
-  EXPECT_DOUBLE_EQ(config.effectiveWattage(), -5.0);
   const auto s = fetch();
-  EXPECT_EQ(s.instantAmperage_mA, -337);
-  EXPECT_TRUE(s.externalConnected);
-  EXPECT_FALSE(s.isCharging);
-  EXPECT_EQ(s.timeRemaining_min, std::nullopt);
   EXPECT_EQ(s.adapterCurrent_mA, 1500);
   EXPECT_EQ(s.systemLoad_mW, 35000);
   EXPECT_EQ(s.adapterDescription, "30W USB-C Power Adapter");
