@@ -15,8 +15,9 @@ using testing::fixturePath;
 using testing::LogCapture;
 using testing::SysfsTree;
 
-ThermalZoneReading zone(double celsius, std::vector<ThermalTripPoint> trips) {
-  return {"thermal_zone0", "test", static_cast<std::int64_t>(celsius * 1000), std::move(trips)};
+ThermalZoneReading zone(double celsius, std::vector<ThermalTripPoint> trips,
+                        std::string name = "thermal_zone0") {
+  return {std::move(name), "test", static_cast<std::int64_t>(celsius * 1000), std::move(trips)};
 }
 
 ThermalTripPoint trip(const char* type, double celsius) {
@@ -70,12 +71,9 @@ TEST(ThermalZoneStateTest, TripsSetAnOrderedLadderOfRungs) {
 }
 
 TEST(ThermalAssessmentTest, TheWorstZoneDecidesAndAmongEqualsTheHotter) {
-  auto cpu = zone(88, {trip("passive", 85), trip("critical", 110)});
-  cpu.name = "thermal_zone1";
-  auto skin = zone(45, {trip("passive", 42), trip("critical", 60)});
-  skin.name = "thermal_zone2";
-  auto hotButFine = zone(95, {trip("critical", 128)});
-  hotButFine.name = "thermal_zone3";
+  auto cpu = zone(88, {trip("passive", 85), trip("critical", 110)}, "thermal_zone1");
+  auto skin = zone(45, {trip("passive", 42), trip("critical", 60)}, "thermal_zone2");
+  auto hotButFine = zone(95, {trip("critical", 128)}, "thermal_zone3");
 
   auto result = assessThermalZones({hotButFine, skin, cpu});
   EXPECT_EQ(result.state, ThermalState::serious);

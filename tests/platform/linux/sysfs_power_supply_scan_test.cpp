@@ -127,7 +127,7 @@ TEST(SysfsFileTest, ReadsReportWhyTheyFailed) {
   EXPECT_EQ(error, ENOTDIR);
 }
 
-TEST(SysfsDeviceTest, UeventIsTrustedForPropertiesButAttributesLookFurther) {
+TEST(SysfsDeviceTest, UeventIsTrustedForPropertiesAndWithoutOneTheFilesAnswer) {
   SysfsTree tree;
   tree.write("BAT0/uevent", "POWER_SUPPLY_STATUS=Charging\nPOWER_SUPPLY_CAPACITY= 71 \n");
   tree.write("BAT0/status", "Discharging\n");
@@ -141,19 +141,17 @@ TEST(SysfsDeviceTest, UeventIsTrustedForPropertiesButAttributesLookFurther) {
   EXPECT_FALSE(device.property("voltage_now"));
   EXPECT_EQ(device.integerAttribute("charge_control_end_threshold"), 80);
   EXPECT_EQ(device.attribute("status"), "Charging");
-}
 
-TEST(SysfsDeviceTest, WithoutAUsableUeventTheFilesAnswer) {
-  SysfsTree tree;
+  // Without a usable uevent the files answer.
   tree.write("AC/uevent", "DEVTYPE=power_supply\n");
   tree.write("AC/online", "1\n");
-  SysfsDevice device(tree.root() / "AC", "POWER_SUPPLY_");
-  EXPECT_FALSE(device.hasUevent());
-  EXPECT_EQ(device.integerProperty("online"), 1);
-  EXPECT_FALSE(device.property("type"));
+  SysfsDevice ac(tree.root() / "AC", "POWER_SUPPLY_");
+  EXPECT_FALSE(ac.hasUevent());
+  EXPECT_EQ(ac.integerProperty("online"), 1);
+  EXPECT_FALSE(ac.property("type"));
 
   tree.write("AC/online", "yes\n");
-  EXPECT_FALSE(device.integerProperty("online"));
+  EXPECT_FALSE(ac.integerProperty("online"));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -144,14 +143,7 @@ TEST_F(SandboxPowerProviderTest, AdapterFiguresStayExactForOddRatings) {
   }
 }
 
-TEST_F(SandboxPowerProviderTest, ZeroWattsDividesByOneInTheTimeEstimate) {
-  scenario({.powerSource = SandboxPowerSource::acCharging, .wattageOverride = 0.0});
-  EXPECT_EQ(fetch().timeRemaining_min, (8171 - 5883) * 60);
-  scenario({.wattageOverride = 0.0});
-  EXPECT_EQ(fetch().timeRemaining_min, 5883 * 60);
-}
-
-TEST_F(SandboxPowerProviderTest, OverrideBeatsEveryRule) {
+TEST_F(SandboxPowerProviderTest, OverrideBeatsEveryRuleEvenAtZero) {
   scenario({.wattageOverride = 12.5});
   EXPECT_DOUBLE_EQ(config.effectiveWattage(), 12.5);
   const auto s = fetch();
@@ -164,6 +156,11 @@ TEST_F(SandboxPowerProviderTest, OverrideBeatsEveryRule) {
     scenario({.powerSource = source, .wattageOverride = 12.5});
     EXPECT_DOUBLE_EQ(config.effectiveWattage(), 12.5) << toString(source);
   }
+  // Zero watts divides by one in the time estimate.
+  scenario({.powerSource = SandboxPowerSource::acCharging, .wattageOverride = 0.0});
+  EXPECT_EQ(fetch().timeRemaining_min, (8171 - 5883) * 60);
+  scenario({.wattageOverride = 0.0});
+  EXPECT_EQ(fetch().timeRemaining_min, 5883 * 60);
 }
 
 TEST_F(SandboxPowerProviderTest, PercentageExtremesAndDailyBounds) {
