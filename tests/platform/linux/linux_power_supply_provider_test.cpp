@@ -1,10 +1,7 @@
 #include "platform/linux/linux_power_supply_provider.hpp"
 
-#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <ostream>
 
 #include "core/power_phase.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
@@ -13,19 +10,6 @@
 
 namespace quorel {
 
-// Readable failure messages when two snapshots differ.
-void PrintTo(const PowerSnapshot& s, std::ostream* os) {
-  auto opt = [](const auto& v) { return v ? fmt::format("{}", *v) : std::string("none"); };
-  *os << fmt::format(
-      "{{V={}mV I={}mA avgI={}mA cap={}/{}/{}/{}mAh cycles={} temp={}cC charging={} external={} "
-      "full={} installed={} remaining={} avgEmpty={} adapter={}W {}mA {}mV serial={} percent={}}}",
-      s.voltage_mV, s.instantAmperage_mA, s.amperage_mA, s.currentCapacity_mAh, s.maxCapacity_mAh,
-      s.nominalCapacity_mAh, s.designCapacity_mAh, s.cycleCount, s.temperature_cC, s.isCharging,
-      s.externalConnected, s.fullyCharged, s.batteryInstalled, opt(s.timeRemaining_min),
-      opt(s.avgTimeToEmpty_min), opt(s.adapterWatts), opt(s.adapterCurrent_mA),
-      opt(s.adapterVoltage_mV), opt(s.batterySerial), opt(s.iopsPercent));
-}
-
 namespace {
 
 using ::testing::ElementsAre;
@@ -33,6 +17,15 @@ using testing::fixturePath;
 using ::testing::IsEmpty;
 using testing::LogCapture;
 using testing::SysfsTree;
+
+std::string opposedSign(const char* pack) {
+  return std::string(pack) +
+         " reports its current with a sign that contradicts status \"Discharging\" — sign taken "
+         "from the status";
+}
+const std::string energyNote = " reports energy, not charge — converted through voltage_min_design";
+const std::string powerNote = " reports no current_now — current derived from power_now";
+const std::string noCycles = "BAT0 reports no cycle count — cycles unknown, kept as 0";
 
 class LinuxPowerSupplyProviderTest : public ::testing::Test {
  protected:
@@ -62,14 +55,6 @@ class LinuxPowerSupplyProviderTest : public ::testing::Test {
 using LinuxPowerSourceFallbackProviderTest = LinuxPowerSupplyProviderTest;
 
 TEST_F(LinuxPowerSupplyProviderTest, FixtureTreesReadIntoTheSnapshotsUnitsAndSigns) {
-  auto opposedSign = [](const char* pack) {
-    return std::string(pack) +
-           " reports its current with a sign that contradicts status \"Discharging\" — sign "
-           "taken from the status";
-  };
-  const std::string energyNote =
-      " reports energy, not charge — converted through voltage_min_design";
-  const std::string powerNote = " reports no current_now — current derived from power_now";
   struct Case {
     const char* fixture;
     PowerSnapshot expected;
@@ -91,7 +76,7 @@ TEST_F(LinuxPowerSupplyProviderTest, FixtureTreesReadIntoTheSnapshotsUnitsAndSig
         .designCapacity_mAh = 4500, .isCharging = true, .externalConnected = true,
         .batteryInstalled = true, .adapterWatts = 65, .adapterCurrent_mA = 1100,
         .adapterVoltage_mV = 20000, .batterySerial = "8BBA", .iopsPercent = 71},
-       {"BAT0 reports no cycle count — cycles unknown, kept as 0"}},
+       {noCycles}},
       // BAT1 carries the load, so its voltage stands for the pair; cycles of the more worn
       // pack; 95 % of the small pack and 33 % of the large one, weighed by their full charge.
       {"two-packs",
@@ -126,7 +111,7 @@ TEST_F(LinuxPowerSupplyProviderTest, FixtureTreesReadIntoTheSnapshotsUnitsAndSig
         .externalConnected = true, .batteryInstalled = true},
        {"BAT0 reports energy, not charge, and no design voltage — converted through voltage_now",
         "BAT0" + powerNote, opposedSign("BAT0"),
-        "BAT0 reports no cycle count — cycles unknown, kept as 0"}},
+        noCycles}},
       // No uevent at all: the attribute files serve.
       {"attributes-only",
        {.voltage_mV = 12900, .currentCapacity_mAh = 3800, .maxCapacity_mAh = 3800,
@@ -262,15 +247,11 @@ TEST_F(LinuxPowerSupplyProviderTest, FailuresAreCountedEachTickAndLoggedOncePerC
   EXPECT_TRUE(provider.fetchSnapshot());
   EXPECT_EQ(provider.failedReadCount(), 4u);
 
-  EXPECT_THAT(
-      log.messages("PowerSupply"),
-      ElementsAre("BAT0 reports energy, not charge — converted through voltage_min_design",
-                  "BAT0 reports no current_now — current derived from power_now",
-                  "BAT0 reports its current with a sign that contradicts status \"Discharging\" "
-                  "— sign taken from the status",
-                  "battery BAT0 gives no usable voltage_now — no reading this tick",
-                  "battery BAT0 reports it is not present — no reading this tick",
-                  "power supply readable again after 4 failed reads"));
+  EXPECT_THAT(log.messages("PowerSupply"),
+              ElementsAre("BAT0" + energyNote, "BAT0" + powerNote, opposedSign("BAT0"),
+                          "battery BAT0 gives no usable voltage_now — no reading this tick",
+                          "battery BAT0 reports it is not present — no reading this tick",
+                          "power supply readable again after 4 failed reads"));
 }
 
 TEST_F(LinuxPowerSupplyProviderTest, ANewAssumptionIsLoggedWhenItAppears) {
@@ -281,10 +262,7 @@ TEST_F(LinuxPowerSupplyProviderTest, ANewAssumptionIsLoggedWhenItAppears) {
   ASSERT_TRUE(provider.fetchSnapshot());
   tree.setProperty("BAT0", "STATUS", "Discharging");
   ASSERT_TRUE(provider.fetchSnapshot());
-  EXPECT_THAT(log.messages("PowerSupply"),
-              ElementsAre("BAT0 reports no cycle count — cycles unknown, kept as 0",
-                          "BAT0 reports its current with a sign that contradicts status "
-                          "\"Discharging\" — sign taken from the status"));
+  EXPECT_THAT(log.messages("PowerSupply"), ElementsAre(noCycles, opposedSign("BAT0")));
 }
 
 TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsAreReadBesideTheUeventWhenInRange) {
