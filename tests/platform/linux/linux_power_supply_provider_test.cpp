@@ -346,8 +346,7 @@ TEST_F(LinuxPowerSourceFallbackProviderTest, WithoutAReadableSystemBatteryOnlyTh
   tree.writeSupply("hidpp_battery_0", {"TYPE=Battery", "SCOPE=Device", "CAPACITY=90"});
   tree.writeSupply("ups0", {"TYPE=UPS", "CAPACITY=100", "STATUS=Full"});
   EXPECT_EQ(fetch(tree.powerSupply()), stamped({}));
-  // Without the class directory there is nothing to say at all.
-  EXPECT_FALSE(fetchFixture("nowhere"));
+  EXPECT_FALSE(fetchFixture("nowhere")) << "no class directory, nothing to say";
 }
 
 // Both providers behind the real monitor loop, as the agent runs them.

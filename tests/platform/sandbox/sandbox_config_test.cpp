@@ -17,17 +17,6 @@
 namespace quorel {
 namespace {
 
-// The other sources are pinned at the default load by the provider's tests.
-TEST(SandboxSettingsTest, AnAdapterStrongerThanTheLoadSupplementsNothingAndCharges) {
-  SandboxSettings s;
-  s.systemLoad = SandboxLoadPreset::light;  // 8 W
-  s.adapterWatts = 60;
-  for (auto source : {SandboxPowerSource::acCharging, SandboxPowerSource::acSupplementing}) {
-    s.powerSource = source;
-    EXPECT_DOUBLE_EQ(s.effectiveWattage(), 52) << toString(source);
-  }
-}
-
 TEST(SandboxSettingsTest, DevicesInToggleOrderWithTheScenariosNames) {
   auto listed = [](const SandboxSettings& s) {
     std::vector<std::string> ids;

@@ -72,6 +72,8 @@ TEST_F(SandboxPowerProviderTest, EachPowerSourceGivesItsFlagsEstimateAndPhase) {
       {{.powerSource = acCharging}, 78, 5270, true, false, 26, PowerPhase::charging},
       {{.powerSource = acFull}, 0.2, 13, false, true, 0, PowerPhase::full},
       {{.powerSource = acOnHold}, 0, 0, false, false, std::nullopt, PowerPhase::onHold},
+      // An adapter stronger than the load supplements nothing: its surplus goes into the pack.
+      {{.powerSource = acSupplementing}, 78, 5270, false, false, std::nullopt, std::nullopt},
       // A weak adapter under heavy load: the pack makes up the difference.
       // clang-format off
       {{.powerSource = acSupplementing, .adapterWatts = 30, .systemLoad = SandboxLoadPreset::heavy},
