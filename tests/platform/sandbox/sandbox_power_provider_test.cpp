@@ -57,8 +57,10 @@ TEST_F(SandboxPowerProviderTest, DefaultMachineDrainsAtEighteenWatts) {
 
 TEST_F(SandboxPowerProviderTest, EachPowerSourceGivesItsFlagsEstimateAndPhase) {
   struct Case {
-    SandboxSettings settings;
-    double watts;  // at the default medium load (18 W) and 96 W adapter
+    SandboxPowerSource source;
+    std::int64_t adapterWatts;
+    SandboxLoadPreset load;
+    double watts;
     std::int64_t amperage_mA;
     bool charging;
     bool full;
@@ -66,29 +68,27 @@ TEST_F(SandboxPowerProviderTest, EachPowerSourceGivesItsFlagsEstimateAndPhase) {
     std::optional<PowerPhase> phase;  // not judged when absent
   };
   using enum SandboxPowerSource;
+  using enum SandboxLoadPreset;
   const Case cases[] = {
-      {{.powerSource = battery}, -18, -1216, false, false, 290, PowerPhase::draining},
+      {battery, 96, medium, -18, -1216, false, false, 290, PowerPhase::draining},
       // 2288 mAh to go at 5270 mA.
-      {{.powerSource = acCharging}, 78, 5270, true, false, 26, PowerPhase::charging},
-      {{.powerSource = acFull}, 0.2, 13, false, true, 0, PowerPhase::full},
-      {{.powerSource = acOnHold}, 0, 0, false, false, std::nullopt, PowerPhase::onHold},
+      {acCharging, 96, medium, 78, 5270, true, false, 26, PowerPhase::charging},
+      {acFull, 96, medium, 0.2, 13, false, true, 0, PowerPhase::full},
+      {acOnHold, 96, medium, 0, 0, false, false, std::nullopt, PowerPhase::onHold},
       // An adapter stronger than the load supplements nothing: its surplus goes into the pack.
-      {{.powerSource = acSupplementing}, 78, 5270, false, false, std::nullopt, std::nullopt},
+      {acSupplementing, 96, medium, 78, 5270, false, false, std::nullopt, std::nullopt},
       // A weak adapter under heavy load: the pack makes up the difference.
-      // clang-format off
-      {{.powerSource = acSupplementing, .adapterWatts = 30, .systemLoad = SandboxLoadPreset::heavy},
-       -5, -337, false, false, std::nullopt, std::nullopt},
-      // clang-format on
+      {acSupplementing, 30, heavy, -5, -337, false, false, std::nullopt, std::nullopt},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(toString(c.settings.powerSource));
-    scenario(c.settings);
+    SCOPED_TRACE(toString(c.source));
+    scenario({.powerSource = c.source, .adapterWatts = c.adapterWatts, .systemLoad = c.load});
     const auto s = fetch();
     EXPECT_DOUBLE_EQ(config.effectiveWattage(), c.watts);
     EXPECT_EQ(s.instantAmperage_mA, c.amperage_mA);
     EXPECT_EQ(s.isCharging, c.charging);
     EXPECT_EQ(s.fullyCharged, c.full);
-    EXPECT_EQ(s.externalConnected, c.settings.powerSource != battery);
+    EXPECT_EQ(s.externalConnected, c.source != battery);
     EXPECT_EQ(s.timeRemaining_min, c.remaining_min);
     if (c.phase) {
       EXPECT_EQ(settledPhase(), *c.phase);
@@ -168,9 +168,8 @@ TEST_F(SandboxPowerProviderTest, PercentageExtremesAndDailyBounds) {
     EXPECT_EQ(s.currentCapacity_mAh, c.capacity_mAh) << c.percent;
     EXPECT_EQ(s.dailyMinSoc, c.minSoc) << c.percent;
     EXPECT_EQ(s.dailyMaxSoc, c.maxSoc) << c.percent;
+    EXPECT_EQ(s.timeRemaining_min == 0, c.percent == 0) << c.percent;
   }
-  scenario({.batteryPercentage = 0});
-  EXPECT_EQ(fetch().timeRemaining_min, 0);
 }
 
 TEST_F(SandboxPowerProviderTest, DecimalInputsTruncateToWhatWasTyped) {
