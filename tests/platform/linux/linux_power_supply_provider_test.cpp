@@ -228,7 +228,9 @@ TEST_F(LinuxPowerSupplyProviderTest, FailuresAreCountedAndLoggedOncePerChangeAsA
   SysfsTree tree("energy-pack");
   tree.setProperty("BAT0", "STATUS", "Charging");
   LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  ASSERT_TRUE(provider.fetchSnapshot());
+  auto charging = provider.fetchSnapshot();
+  ASSERT_TRUE(charging);
+  EXPECT_EQ(charging->instantAmperage_mA, 446);  // 7.368 W into the pack at 16.502 V
 
   tree.setProperty("BAT0", "VOLTAGE_NOW", "garbage");
   for (int tick = 0; tick < 3; ++tick) EXPECT_FALSE(provider.fetchSnapshot());
