@@ -1,28 +1,14 @@
 #include "platform/linux/linux_power_supply_provider.hpp"
 
-#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <ostream>
-
 #include "core/power_phase.hpp"
+#include "platform/linux/linux_power_source_fallback_provider.hpp"
 #include "platform/linux/sysfs_tree.hpp"
+#include "telemetry/power_monitor.hpp"
 
 namespace quorel {
-
-// Readable failure messages when two snapshots differ.
-void PrintTo(const PowerSnapshot& s, std::ostream* os) {
-  auto opt = [](const auto& v) { return v ? fmt::format("{}", *v) : std::string("none"); };
-  *os << fmt::format(
-      "{{V={}mV I={}mA avgI={}mA cap={}/{}/{}/{}mAh cycles={} temp={}cC charging={} external={} "
-      "full={} installed={} remaining={} avgEmpty={} adapter={}W {}mA {}mV serial={} percent={}}}",
-      s.voltage_mV, s.instantAmperage_mA, s.amperage_mA, s.currentCapacity_mAh, s.maxCapacity_mAh,
-      s.nominalCapacity_mAh, s.designCapacity_mAh, s.cycleCount, s.temperature_cC, s.isCharging,
-      s.externalConnected, s.fullyCharged, s.batteryInstalled, opt(s.timeRemaining_min),
-      opt(s.avgTimeToEmpty_min), opt(s.adapterWatts), opt(s.adapterCurrent_mA),
-      opt(s.adapterVoltage_mV), opt(s.batterySerial), opt(s.iopsPercent));
-}
 
 namespace {
 
@@ -32,258 +18,172 @@ using ::testing::IsEmpty;
 using testing::LogCapture;
 using testing::SysfsTree;
 
+std::string opposedSign(const char* pack) {
+  return std::string(pack) +
+         " reports its current with a sign that contradicts status \"Discharging\" — sign taken "
+         "from the status";
+}
+const std::string energyNote = " reports energy, not charge — converted through voltage_min_design";
+const std::string powerNote = " reports no current_now — current derived from power_now";
+const std::string noCycles = "BAT0 reports no cycle count — cycles unknown, kept as 0";
+
 class LinuxPowerSupplyProviderTest : public ::testing::Test {
  protected:
   PowerSupplyReading readFixture(const std::string& name) {
     LinuxPowerSupplyProvider provider(fixturePath(name) / "class/power_supply", clock);
     return provider.read();
   }
-
-  PowerSnapshot battery() {
-    PowerSnapshot s;
+  PowerSupplyReading read(const SysfsTree& tree) {
+    LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
+    return provider.read();
+  }
+  PowerSnapshot stamped(PowerSnapshot s) {
     s.timestamp = clock.now();
-    s.batteryInstalled = true;
     return s;
+  }
+  // The fallback, which reads no more than the percentage, the flags and the estimates.
+  std::optional<PowerSnapshot> fetch(const std::filesystem::path& root) {
+    LinuxPowerSourceFallbackProvider provider(root, clock);
+    return provider.fetchSnapshot();
+  }
+  std::optional<PowerSnapshot> fetchFixture(const std::string& name) {
+    return fetch(fixturePath(name) / "class/power_supply");
   }
 
   ManualClock clock;
 };
+using LinuxPowerSourceFallbackProviderTest = LinuxPowerSupplyProviderTest;
 
-// ---- Fixture trees: every field in the snapshot's units and signs -------------------------
-
-TEST_F(LinuxPowerSupplyProviderTest, EnergyPackIsConvertedThroughItsDesignVoltage) {
-  auto reading = readFixture("energy-pack");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 16502;
-  // 7.368 W at 16.502 V, reported as a positive magnitude while discharging.
-  expected.instantAmperage_mA = -446;
-  expected.amperage_mA = -446;
-  // µWh over the 15.44 V minimum design voltage.
-  expected.currentCapacity_mAh = 2479;
-  expected.maxCapacity_mAh = 3327;
-  expected.nominalCapacity_mAh = 3327;
-  expected.designCapacity_mAh = 3692;
-  expected.cycleCount = 123;
-  expected.batterySerial = "4711";
-  expected.iopsPercent = 74;
-  EXPECT_EQ(*reading.snapshot, expected);
-
-  EXPECT_THAT(reading.diagnostics.notes(),
-              ElementsAre("BAT0 reports energy, not charge — converted through voltage_min_design",
-                          "BAT0 reports no current_now — current derived from power_now",
-                          "BAT0 reports its current with a sign that contradicts status "
-                          "\"Discharging\" — sign taken from the status"));
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, ChargePackOnUsbCReportsTheNegotiatedAdapter) {
-  auto reading = readFixture("charge-pack");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 12600;
-  expected.instantAmperage_mA = 1500;
-  expected.amperage_mA = 1500;
-  expected.currentCapacity_mAh = 3000;
-  expected.maxCapacity_mAh = 4200;
-  expected.nominalCapacity_mAh = 4200;
-  expected.designCapacity_mAh = 4500;
-  expected.cycleCount = 0;
-  expected.isCharging = true;
-  expected.externalConnected = true;
-  // 20 V at up to 3.25 A negotiated, 1.1 A drawn now; the offline port contributes nothing.
-  expected.adapterWatts = 65;
-  expected.adapterVoltage_mV = 20000;
-  expected.adapterCurrent_mA = 1100;
-  expected.batterySerial = "8BBA";
-  expected.iopsPercent = 71;
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_EQ(reading.diagnostics.adapterSupply, "ucsi-source-psy-USBC000:001");
-  EXPECT_THAT(reading.diagnostics.notes(),
-              ElementsAre("BAT0 reports no cycle count — cycles unknown, kept as 0"));
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, TwoPacksFoldIntoOneReading) {
-  auto reading = readFixture("two-packs");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  // BAT1 carries the load, so its voltage stands for the pair; BAT0 rests at 0 W.
-  expected.voltage_mV = 11870;
-  expected.instantAmperage_mA = -773;
-  expected.amperage_mA = -773;
-  expected.currentCapacity_mAh = 3705;
-  expected.maxCapacity_mAh = 7872;
-  expected.nominalCapacity_mAh = 7872;
-  expected.designCapacity_mAh = 8494;
-  expected.cycleCount = 310;  // the more worn pack
-  expected.batterySerial = "2831+560";
-  // 95 % of the small pack and 33 % of the large one, weighed by what each holds when full.
-  expected.iopsPercent = 47;
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_EQ(reading.diagnostics.packs.size(), 2u);
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, FuelGaugeKeepsItsSignTemperatureAndEstimates) {
-  auto reading = readFixture("fuel-gauge");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 7912;
-  expected.instantAmperage_mA = -843;
-  expected.amperage_mA = -901;
-  expected.currentCapacity_mAh = 3620;
-  expected.maxCapacity_mAh = 5840;
-  expected.nominalCapacity_mAh = 5840;
-  expected.designCapacity_mAh = 6200;
-  expected.cycleCount = 57;
-  expected.temperature_cC = 3120;
-  expected.timeRemaining_min = 348;
-  expected.avgTimeToEmpty_min = 331;
-  expected.batterySerial = "0x1c2f";
-  expected.iopsPercent = 62;
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_THAT(reading.diagnostics.notes(), IsEmpty());
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, PositiveCurrentWhileDischargingIsNegatedAndMouseIgnored) {
-  auto reading = readFixture("positive-discharge");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 7604;
-  expected.instantAmperage_mA = -1250;
-  expected.amperage_mA = -1250;
-  expected.currentCapacity_mAh = 2304;
-  expected.maxCapacity_mAh = 5120;
-  expected.nominalCapacity_mAh = 5120;
-  expected.designCapacity_mAh = 5800;
-  expected.cycleCount = 212;
-  expected.batterySerial = "SerialNumber";
-  expected.iopsPercent = 45;
-  // The mouse is charging over its cable; this machine is not.
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_THAT(reading.diagnostics.ignoredPeripherals, ElementsAre("hidpp_battery_0"));
-  EXPECT_TRUE(reading.diagnostics.packs.at(0).currentSignCorrected);
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, DesktopWithOnlyMainsHasNoBatteryButExternalPower) {
-  auto reading = readFixture("desktop-mains");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  PowerSnapshot expected;
-  expected.timestamp = clock.now();
-  expected.externalConnected = true;
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_EQ(phaseFrom(*reading.snapshot, 0, {}), PowerPhase::noBattery);
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, MalformedValuesAreMissingNeverZeroOrFatal) {
-  auto reading = readFixture("broken-values");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 11800;
-  // current_now "12abc" is missing, so power_now (5 W) gives the current.
-  expected.instantAmperage_mA = -424;
-  expected.amperage_mA = -424;
-  expected.currentCapacity_mAh = 2100;
-  // charge_full "n/a" is missing; energy_full stands in, and with a design voltage of 0 it is
-  // converted through voltage_now.
-  expected.maxCapacity_mAh = 3729;
-  expected.nominalCapacity_mAh = 3729;
-  expected.externalConnected = true;
-  // A negative design charge, capacity 250, cycle_count -1, an absurd temperature, a blank
-  // serial and an overflowing time estimate are all absent.
-  EXPECT_EQ(*reading.snapshot, expected);
-  EXPECT_EQ(reading.diagnostics.packs.at(0).capacityConversion, CapacityConversion::viaVoltageNow);
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, AttributeFilesServeWhenThereIsNoUevent) {
-  auto reading = readFixture("attributes-only");
-  ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
-  auto expected = battery();
-  expected.voltage_mV = 12900;
-  expected.currentCapacity_mAh = 3800;
-  expected.maxCapacity_mAh = 3800;
-  expected.nominalCapacity_mAh = 3800;
-  expected.designCapacity_mAh = 4000;
-  expected.cycleCount = 9;
-  expected.externalConnected = true;
-  expected.fullyCharged = true;
-  expected.iopsPercent = 100;
-  EXPECT_EQ(*reading.snapshot, expected);
-}
-
-// ---- A tree that changes under the provider ----------------------------------------------
-
-TEST_F(LinuxPowerSupplyProviderTest, PluggingInTurnsTheNextReadingIntoCharging) {
-  SysfsTree tree("energy-pack");
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  ASSERT_TRUE(provider.fetchSnapshot());
-
-  tree.setProperty("AC", "ONLINE", "1");
-  tree.setProperty("BAT0", "STATUS", "Charging");
-  tree.setProperty("BAT0", "POWER_NOW", "24000000");
-  clock.advance(Seconds{2});
-  auto after = provider.fetchSnapshot();
-  ASSERT_TRUE(after);
-  EXPECT_TRUE(after->isCharging);
-  EXPECT_TRUE(after->externalConnected);
-  EXPECT_EQ(after->instantAmperage_mA, 1454);  // 24 W at 16.502 V, into the battery
-  EXPECT_EQ(after->timestamp, clock.now());
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, StatusDecidesTheSignWhicheverWayTheDriverReports) {
-  SysfsTree tree;
-  tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Charging", "PRESENT=1", "VOLTAGE_NOW=12000000",
-                            "CURRENT_NOW=-2000000"});
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  EXPECT_EQ(provider.read().snapshot->instantAmperage_mA, 2000);
-  for (const char* status : {"Discharging", "Not charging", "Full", "Unknown"}) {
-    tree.setProperty("BAT0", "STATUS", status);
-    tree.setProperty("BAT0", "CURRENT_NOW", "2000000");
-    EXPECT_EQ(provider.read().snapshot->instantAmperage_mA, -2000) << status;
+TEST_F(LinuxPowerSupplyProviderTest, FixtureTreesReadIntoTheSnapshotsUnitsAndSigns) {
+  struct Case {
+    const char* fixture;
+    PowerSnapshot expected;
+    std::vector<std::string> notes;
+  };
+  // clang-format off
+  const Case cases[] = {
+      // 7.368 W at 16.502 V while discharging; µWh over the 15.44 V minimum design voltage.
+      {"energy-pack",
+       {.voltage_mV = 16502, .instantAmperage_mA = -446, .amperage_mA = -446,
+        .currentCapacity_mAh = 2479, .maxCapacity_mAh = 3327, .nominalCapacity_mAh = 3327,
+        .designCapacity_mAh = 3692, .cycleCount = 123, .batteryInstalled = true,
+        .batterySerial = "4711", .iopsPercent = 74},
+       {"BAT0" + energyNote, "BAT0" + powerNote, opposedSign("BAT0")}},
+      // 20 V at up to 3.25 A negotiated, 1.1 A drawn now; the offline port contributes nothing.
+      {"charge-pack",
+       {.voltage_mV = 12600, .instantAmperage_mA = 1500, .amperage_mA = 1500,
+        .currentCapacity_mAh = 3000, .maxCapacity_mAh = 4200, .nominalCapacity_mAh = 4200,
+        .designCapacity_mAh = 4500, .isCharging = true, .externalConnected = true,
+        .batteryInstalled = true, .adapterWatts = 65, .adapterCurrent_mA = 1100,
+        .adapterVoltage_mV = 20000, .batterySerial = "8BBA", .iopsPercent = 71},
+       {noCycles}},
+      // BAT1 carries the load, so its voltage stands for the pair; cycles of the more worn
+      // pack; 95 % of the small pack and 33 % of the large one, weighed by their full charge.
+      {"two-packs",
+       {.voltage_mV = 11870, .instantAmperage_mA = -773, .amperage_mA = -773,
+        .currentCapacity_mAh = 3705, .maxCapacity_mAh = 7872, .nominalCapacity_mAh = 7872,
+        .designCapacity_mAh = 8494, .cycleCount = 310, .batteryInstalled = true,
+        .batterySerial = "2831+560", .iopsPercent = 47},
+       {"BAT0" + energyNote, "BAT0" + powerNote, "BAT1" + energyNote, "BAT1" + powerNote,
+        opposedSign("BAT1")}},
+      {"fuel-gauge",
+       {.voltage_mV = 7912, .instantAmperage_mA = -843, .amperage_mA = -901,
+        .currentCapacity_mAh = 3620, .maxCapacity_mAh = 5840, .nominalCapacity_mAh = 5840,
+        .designCapacity_mAh = 6200, .cycleCount = 57, .temperature_cC = 3120,
+        .batteryInstalled = true, .timeRemaining_min = 348, .avgTimeToEmpty_min = 331,
+        .batterySerial = "0x1c2f", .iopsPercent = 62},
+       {}},
+      // The mouse is charging over its cable; this machine is not.
+      {"positive-discharge",
+       {.voltage_mV = 7604, .instantAmperage_mA = -1250, .amperage_mA = -1250,
+        .currentCapacity_mAh = 2304, .maxCapacity_mAh = 5120, .nominalCapacity_mAh = 5120,
+        .designCapacity_mAh = 5800, .cycleCount = 212, .batteryInstalled = true,
+        .batterySerial = "SerialNumber", .iopsPercent = 45},
+       {opposedSign("BAT1"), "hidpp_battery_0 powers a peripheral — ignored"}},
+      {"desktop-mains", {.externalConnected = true}, {}},
+      // current_now "12abc" is missing, so power_now (5 W) gives the current; charge_full "n/a"
+      // is missing and energy_full goes through voltage_now. A negative design charge, capacity
+      // 250, cycle_count -1, an absurd temperature, a blank serial, a huge estimate: all absent.
+      {"broken-values",
+       {.voltage_mV = 11800, .instantAmperage_mA = -424, .amperage_mA = -424,
+        .currentCapacity_mAh = 2100, .maxCapacity_mAh = 3729, .nominalCapacity_mAh = 3729,
+        .externalConnected = true, .batteryInstalled = true},
+       {"BAT0 reports energy, not charge, and no design voltage — converted through voltage_now",
+        "BAT0" + powerNote, opposedSign("BAT0"),
+        noCycles}},
+      // No uevent at all: the attribute files serve.
+      {"attributes-only",
+       {.voltage_mV = 12900, .currentCapacity_mAh = 3800, .maxCapacity_mAh = 3800,
+        .nominalCapacity_mAh = 3800, .designCapacity_mAh = 4000, .cycleCount = 9,
+        .externalConnected = true, .fullyCharged = true, .batteryInstalled = true,
+        .iopsPercent = 100},
+       {}},
+  };
+  // clang-format on
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.fixture);
+    auto reading = readFixture(c.fixture);
+    ASSERT_TRUE(reading.snapshot) << reading.failure.value_or("");
+    EXPECT_EQ(*reading.snapshot, stamped(c.expected));
+    EXPECT_EQ(reading.diagnostics.notes(), c.notes);
   }
 }
 
-TEST_F(LinuxPowerSupplyProviderTest, WithoutAnyAdapterListedTheStatusTellsExternalPower) {
+TEST_F(LinuxPowerSupplyProviderTest, FixtureTreesNameTheAdapterAndReadAlikeWithoutUevent) {
+  EXPECT_EQ(readFixture("charge-pack").diagnostics.adapterSupply, "ucsi-source-psy-USBC000:001");
+  EXPECT_EQ(phaseFrom(*readFixture("desktop-mains").snapshot, 0, {}), PowerPhase::noBattery);
+
+  SysfsTree tree("energy-pack");
+  tree.makeUnreadable("class/power_supply/BAT0/uevent");
+  EXPECT_EQ(read(tree).snapshot, readFixture("energy-pack").snapshot) << "files beat no uevent";
+}
+
+TEST_F(LinuxPowerSupplyProviderTest, StatusDecidesTheSignAndExternalPowerWithoutAnAdapter) {
   SysfsTree tree;
-  tree.writeSupply("BAT0",
-                   {"TYPE=Battery", "STATUS=Not charging", "VOLTAGE_NOW=8000000", "CAPACITY=80"});
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto reading = provider.read();
+  tree.writeSupply("BAT0", {"TYPE=Battery", "STATUS=Charging", "PRESENT=1", "VOLTAGE_NOW=12000000",
+                            "CURRENT_NOW=-2000000"});
+  EXPECT_EQ(read(tree).snapshot->instantAmperage_mA, 2000);
+  for (const char* status : {"Discharging", "Not charging", "Full", "Unknown"}) {
+    tree.setProperty("BAT0", "STATUS", status);
+    tree.setProperty("BAT0", "CURRENT_NOW", "2000000");
+    EXPECT_EQ(read(tree).snapshot->instantAmperage_mA, -2000) << status;
+  }
+
+  // Without any adapter listed the status tells whether there is external power.
+  tree.setProperty("BAT0", "STATUS", "Not charging");
+  auto reading = read(tree);
   EXPECT_TRUE(reading.snapshot->externalConnected);
   EXPECT_TRUE(reading.diagnostics.externalPowerInferredFromStatus);
-
   tree.setProperty("BAT0", "STATUS", "Discharging");
-  reading = provider.read();
+  reading = read(tree);
   EXPECT_FALSE(reading.snapshot->externalConnected);
   EXPECT_FALSE(reading.diagnostics.externalPowerInferredFromStatus);
 
   // Once an adapter is listed, its own word counts, even against the battery's status.
   tree.setProperty("BAT0", "STATUS", "Not charging");
   tree.writeSupply("AC", {"TYPE=Mains", "ONLINE=0"});
-  EXPECT_FALSE(provider.read().snapshot->externalConnected);
+  EXPECT_FALSE(read(tree).snapshot->externalConnected);
 }
 
-TEST_F(LinuxPowerSupplyProviderTest, TwoPacksChargeWhenEitherDoesAndAreFullOnlyTogether) {
+TEST_F(LinuxPowerSupplyProviderTest,
+       TwoPacksChargeWhenEitherDoesAreFullTogetherAndAbsentOneIsLeftOut) {
   SysfsTree tree("two-packs");
   tree.setProperty("AC", "ONLINE", "1");
   tree.setProperty("BAT0", "STATUS", "Full");
   tree.setProperty("BAT1", "STATUS", "Charging");
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto s = provider.read().snapshot;
+  auto s = read(tree).snapshot;
   ASSERT_TRUE(s);
   EXPECT_TRUE(s->isCharging);
   EXPECT_FALSE(s->fullyCharged);
   EXPECT_EQ(s->instantAmperage_mA, 773);
-
   tree.setProperty("BAT1", "STATUS", "Full");
-  s = provider.read().snapshot;
+  s = read(tree).snapshot;
   EXPECT_FALSE(s->isCharging);
   EXPECT_TRUE(s->fullyCharged);
-}
 
-TEST_F(LinuxPowerSupplyProviderTest, AnAbsentSecondPackIsLeftOut) {
-  SysfsTree tree("two-packs");
+  // An absent pack is left out.
   tree.setProperty("BAT0", "PRESENT", "0");
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto reading = provider.read();
+  auto reading = read(tree);
   ASSERT_TRUE(reading.snapshot);
   EXPECT_EQ(reading.snapshot->maxCapacity_mAh, 6072);
   EXPECT_EQ(reading.snapshot->iopsPercent, 33);
@@ -291,76 +191,46 @@ TEST_F(LinuxPowerSupplyProviderTest, AnAbsentSecondPackIsLeftOut) {
   EXPECT_THAT(reading.diagnostics.absentPacks, ElementsAre("BAT0"));
 }
 
-// ---- Failures: nothing this tick, a counted and logged reason ----------------------------
-
 TEST_F(LinuxPowerSupplyProviderTest, ReadsThatCannotBeTrustedGiveNothing) {
-  struct Case {
-    const char* what;
-    void (*breakTree)(const SysfsTree&);
-    const char* failure;
-  };
-  const Case cases[] = {
-      {"battery not present", [](const SysfsTree& t) { t.setProperty("BAT0", "PRESENT", "0"); },
+  const char* noVoltage = "battery BAT0 gives no usable voltage_now";
+  const char* unreadable = "power supply BAT0 cannot be read";
+  // clang-format off
+  const std::pair<void (*)(const SysfsTree&), const char*> cases[] = {
+      {[](const SysfsTree& t) { t.setProperty("BAT0", "PRESENT", "0"); },
        "battery BAT0 reports it is not present"},
-      {"voltage is text",
-       [](const SysfsTree& t) { t.setProperty("BAT0", "VOLTAGE_NOW", "unknown"); },
-       "battery BAT0 gives no usable voltage_now"},
-      {"voltage is impossible",
-       [](const SysfsTree& t) { t.setProperty("BAT0", "VOLTAGE_NOW", "-12000000"); },
-       "battery BAT0 gives no usable voltage_now"},
-      {"uevent and type unreadable",
-       [](const SysfsTree& t) {
+      {[](const SysfsTree& t) { t.setProperty("BAT0", "VOLTAGE_NOW", "unknown"); }, noVoltage},
+      {[](const SysfsTree& t) { t.setProperty("BAT0", "VOLTAGE_NOW", "-12000000"); }, noVoltage},
+      {[](const SysfsTree& t) {
          t.makeUnreadable("class/power_supply/BAT0/uevent");
          t.makeUnreadable("class/power_supply/BAT0/type");
-       },
-       "power supply BAT0 cannot be read"},
-      {"every file of the battery made unreadable",
-       [](const SysfsTree& t) {
-         for (const auto& entry : std::filesystem::directory_iterator(t.powerSupply() / "BAT0")) {
-           std::filesystem::permissions(entry.path(), std::filesystem::perms::none);
-         }
-       },
-       "power supply BAT0 cannot be read"},
-      {"device directory gone behind its link",
-       [](const SysfsTree& t) {
+       }, unreadable},
+      {[](const SysfsTree& t) { t.makeSupplyUnreadable("BAT0"); }, unreadable},
+      // The device directory gone behind the class link.
+      {[](const SysfsTree& t) {
          t.remove("devices/LNXSYSTM:00/LNXSYBUS:00/PNP0C0A:00/power_supply/BAT0");
-       },
-       "power supply BAT0 cannot be read"},
+       }, unreadable},
   };
-  for (const auto& c : cases) {
+  // clang-format on
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
     SysfsTree tree("energy-pack");
-    c.breakTree(tree);
-    LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-    auto reading = provider.read();
-    EXPECT_FALSE(reading.snapshot) << c.what;
-    EXPECT_EQ(reading.failure, c.failure) << c.what;
+    cases[i].first(tree);
+    auto reading = read(tree);
+    EXPECT_FALSE(reading.snapshot) << "case " << i;
+    EXPECT_EQ(reading.failure, cases[i].second) << "case " << i;
   }
+  SysfsTree empty;
+  EXPECT_EQ(read(empty).failure,
+            "cannot list " + empty.powerSupply().string() + " (No such file or directory)");
 }
 
-TEST_F(LinuxPowerSupplyProviderTest, AnUnreadableUeventFallsBackToTheAttributeFiles) {
-  SysfsTree tree("energy-pack");
-  tree.makeUnreadable("class/power_supply/BAT0/uevent");
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto fromFiles = provider.read().snapshot;
-  ASSERT_TRUE(fromFiles);
-  auto fromUevent = readFixture("energy-pack").snapshot;
-  EXPECT_EQ(*fromFiles, *fromUevent);
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, MissingClassDirectoryIsAFailureThatNamesThePath) {
-  SysfsTree tree;
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  auto reading = provider.read();
-  EXPECT_FALSE(reading.snapshot);
-  EXPECT_EQ(reading.failure,
-            "cannot list " + tree.powerSupply().string() + " (No such file or directory)");
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, FailuresAreCountedEachTickAndLoggedOncePerChange) {
+TEST_F(LinuxPowerSupplyProviderTest, FailuresAreCountedAndLoggedOncePerChangeAsAreNewNotes) {
   LogCapture log;
   SysfsTree tree("energy-pack");
+  tree.setProperty("BAT0", "STATUS", "Charging");
   LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  ASSERT_TRUE(provider.fetchSnapshot());
+  auto charging = provider.fetchSnapshot();
+  ASSERT_TRUE(charging);
+  EXPECT_EQ(charging->instantAmperage_mA, 446);  // 7.368 W into the pack at 16.502 V
 
   tree.setProperty("BAT0", "VOLTAGE_NOW", "garbage");
   for (int tick = 0; tick < 3; ++tick) EXPECT_FALSE(provider.fetchSnapshot());
@@ -373,33 +243,15 @@ TEST_F(LinuxPowerSupplyProviderTest, FailuresAreCountedEachTickAndLoggedOncePerC
   EXPECT_TRUE(provider.fetchSnapshot());
   EXPECT_TRUE(provider.fetchSnapshot());
   EXPECT_EQ(provider.failedReadCount(), 4u);
-
-  EXPECT_THAT(
-      log.messages("PowerSupply"),
-      ElementsAre("BAT0 reports energy, not charge — converted through voltage_min_design",
-                  "BAT0 reports no current_now — current derived from power_now",
-                  "BAT0 reports its current with a sign that contradicts status \"Discharging\" "
-                  "— sign taken from the status",
-                  "battery BAT0 gives no usable voltage_now — no reading this tick",
-                  "battery BAT0 reports it is not present — no reading this tick",
-                  "power supply readable again after 4 failed reads"));
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, ANewAssumptionIsLoggedWhenItAppears) {
-  LogCapture log;
-  SysfsTree tree("charge-pack");
-  LinuxPowerSupplyProvider provider(tree.powerSupply(), clock);
-  ASSERT_TRUE(provider.fetchSnapshot());
-  ASSERT_TRUE(provider.fetchSnapshot());
   tree.setProperty("BAT0", "STATUS", "Discharging");
-  ASSERT_TRUE(provider.fetchSnapshot());
-  EXPECT_THAT(log.messages("PowerSupply"),
-              ElementsAre("BAT0 reports no cycle count — cycles unknown, kept as 0",
-                          "BAT0 reports its current with a sign that contradicts status "
-                          "\"Discharging\" — sign taken from the status"));
-}
+  EXPECT_TRUE(provider.fetchSnapshot());
 
-// ---- Charge thresholds -------------------------------------------------------------------
+  EXPECT_THAT(log.messages("PowerSupply"),
+              ElementsAre("BAT0" + energyNote, "BAT0" + powerNote,
+                          "battery BAT0 gives no usable voltage_now — no reading this tick",
+                          "battery BAT0 reports it is not present — no reading this tick",
+                          "power supply readable again after 4 failed reads", opposedSign("BAT0")));
+}
 
 TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsAreReadBesideTheUeventWhenInRange) {
   LinuxPowerSupplyProvider provider(fixturePath("energy-pack") / "class/power_supply", clock);
@@ -422,6 +274,124 @@ TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsAreReadBesideTheUeventWhenI
   EXPECT_THAT(made.readChargeControl(),
               ElementsAre(ChargeControlReading{
                   "BAT0", std::nullopt, 60, "force-discharge", {"auto", "force-discharge"}}));
+}
+
+// Only the flags, the percentage and the estimates may differ from an empty snapshot.
+TEST_F(LinuxPowerSourceFallbackProviderTest, OffersOnlyPercentageFlagsAndEstimates) {
+  // clang-format off
+  EXPECT_EQ(fetchFixture("energy-pack"), stamped({.batteryInstalled = true, .iopsPercent = 74}));
+  EXPECT_EQ(fetchFixture("charge-pack"), stamped({.isCharging = true, .externalConnected = true,
+                                                  .batteryInstalled = true, .iopsPercent = 71}));
+  // The gauge's estimate of time to empty serves both estimates, as the fallback reads it.
+  EXPECT_EQ(fetchFixture("fuel-gauge"), stamped({.batteryInstalled = true, .timeRemaining_min = 348,
+                                                 .avgTimeToEmpty_min = 348, .iopsPercent = 62}));
+  // clang-format on
+}
+
+TEST_F(LinuxPowerSourceFallbackProviderTest, PercentageFullAndEstimatesFromWhatTheDriverGives) {
+  struct Case {
+    const char* what;
+    const char* adapterOnline;  // no adapter listed when null
+    std::vector<std::string> battery;
+    PowerSnapshot expected;
+  };
+  // clang-format off
+  const Case cases[] = {
+      {"charge counters", nullptr,
+       {"STATUS=Discharging", "CHARGE_NOW=1500000", "CHARGE_FULL=4000000"},
+       {.batteryInstalled = true, .iopsPercent = 38}},
+      {"energy counters over a bogus capacity", nullptr,
+       {"STATUS=Discharging", "ENERGY_NOW=30000000", "ENERGY_FULL=40000000", "CAPACITY=999"},
+       {.batteryInstalled = true, .iopsPercent = 75}},
+      {"nothing to take a percentage from", nullptr, {"STATUS=Discharging"}, {}},
+      {"full by the driver's word", "1", {"STATUS=Full", "CAPACITY=97"},
+       {.externalConnected = true, .fullyCharged = true, .batteryInstalled = true,
+        .iopsPercent = 97}},
+      {"held short of full", "1", {"STATUS=Not charging", "CAPACITY=97"},
+       {.externalConnected = true, .batteryInstalled = true, .iopsPercent = 97}},
+      {"a full gauge on the adapter", "1", {"STATUS=Not charging", "CAPACITY=100"},
+       {.externalConnected = true, .fullyCharged = true, .batteryInstalled = true,
+        .iopsPercent = 100}},
+      {"a full gauge on battery is not charged", "0", {"STATUS=Discharging", "CAPACITY=100"},
+       {.batteryInstalled = true, .iopsPercent = 100}},
+      // A charging battery says there is an adapter; a zero estimate is no estimate.
+      {"charging", nullptr,
+       {"STATUS=Charging", "CAPACITY=40", "TIME_TO_FULL_NOW=3600", "TIME_TO_EMPTY_NOW=0"},
+       {.isCharging = true, .externalConnected = true, .batteryInstalled = true,
+        .timeRemaining_min = 60, .iopsPercent = 40}},
+      {"absent", nullptr, {"PRESENT=0", "CAPACITY=0"}, {}},
+  };
+  // clang-format on
+  for (const auto& c : cases) {
+    SysfsTree tree;
+    if (c.adapterOnline)
+      tree.writeSupply("AC", {"TYPE=Mains", std::string("ONLINE=") + c.adapterOnline});
+    auto battery = c.battery;
+    battery.insert(battery.begin(), "TYPE=Battery");
+    tree.writeSupply("BAT0", battery);
+    EXPECT_EQ(fetch(tree.powerSupply()), stamped(c.expected)) << c.what;
+  }
+}
+
+TEST_F(LinuxPowerSourceFallbackProviderTest, WithoutAReadableSystemBatteryOnlyTheAdapterIsLeft) {
+  SysfsTree unreadable("charge-pack");
+  unreadable.makeSupplyUnreadable("BAT0");
+  for (const auto& s : {fetchFixture("desktop-mains"), fetch(unreadable.powerSupply())}) {
+    ASSERT_TRUE(s);
+    EXPECT_FALSE(s->batteryInstalled);
+    EXPECT_TRUE(s->externalConnected);
+    EXPECT_FALSE(s->iopsPercent);
+  }
+  // A UPS and a mouse are passed over; the machine itself reads as battery-less.
+  SysfsTree tree;
+  tree.writeSupply("hidpp_battery_0", {"TYPE=Battery", "SCOPE=Device", "CAPACITY=90"});
+  tree.writeSupply("ups0", {"TYPE=UPS", "CAPACITY=100", "STATUS=Full"});
+  EXPECT_EQ(fetch(tree.powerSupply()), stamped({}));
+  EXPECT_FALSE(fetchFixture("nowhere")) << "no class directory, nothing to say";
+}
+
+// Both providers behind the real monitor loop, as the agent runs them.
+TEST_F(LinuxPowerSupplyProviderTest, UnreadableBatteryEngagesTheFallbackUntilItReturns) {
+  SysfsTree tree("energy-pack");
+  SerialQueue pollQueue("test.poll", clock);
+  SerialQueue mainQueue("test.main", clock);
+  PowerMonitor::Dependencies deps;
+  deps.sources.provider = std::make_shared<LinuxPowerSupplyProvider>(tree.powerSupply(), clock);
+  deps.sources.fallbackProvider =
+      std::make_shared<LinuxPowerSourceFallbackProvider>(tree.powerSupply(), clock);
+  deps.pollQueue = &pollQueue;
+  deps.mainQueue = &mainQueue;
+  auto monitor = PowerMonitor::create(std::move(deps), clock);
+  std::vector<PowerState> states;
+  monitor->setOnStateUpdate(
+      [&](const PowerState& s, const PowerMonitor::HistorySnapshot&) { states.push_back(s); });
+  auto tick = [&] {
+    clock.advance(Seconds{2});
+    monitor->poll();
+    mainQueue.runPending();
+  };
+
+  tick();
+  tree.makeUnreadable("class/power_supply/BAT0/uevent");
+  tree.makeUnreadable("class/power_supply/BAT0/voltage_now");
+  tick();
+  tick();
+  EXPECT_FALSE(monitor->diagnosticsOnPollQueue().usingFallback);
+  EXPECT_EQ(states.size(), 1u);
+  tick();
+  EXPECT_TRUE(monitor->diagnosticsOnPollQueue().usingFallback);
+  ASSERT_EQ(states.size(), 2u);
+  // What the fallback can vouch for: the percentage and the flags, no watts.
+  EXPECT_EQ(states.back().displayPercent(), 74);
+  EXPECT_EQ(states.back().voltage_mV, 0);
+  EXPECT_EQ(states.back().phase, PowerPhase::draining);
+
+  tree.remove("class/power_supply/BAT0/uevent");
+  tree.remove("class/power_supply/BAT0/voltage_now");
+  tree.write("class/power_supply/BAT0/voltage_now", "16502000\n");
+  tick();
+  EXPECT_FALSE(monitor->diagnosticsOnPollQueue().usingFallback);
+  EXPECT_EQ(states.back().voltage_mV, 16502);
 }
 
 }  // namespace

@@ -15,8 +15,9 @@ using testing::fixturePath;
 using testing::LogCapture;
 using testing::SysfsTree;
 
-ThermalZoneReading zone(double celsius, std::vector<ThermalTripPoint> trips) {
-  return {"thermal_zone0", "test", static_cast<std::int64_t>(celsius * 1000), std::move(trips)};
+ThermalZoneReading zone(double celsius, std::vector<ThermalTripPoint> trips,
+                        std::string name = "thermal_zone0") {
+  return {std::move(name), "test", static_cast<std::int64_t>(celsius * 1000), std::move(trips)};
 }
 
 ThermalTripPoint trip(const char* type, double celsius) {
@@ -35,50 +36,44 @@ void writeZone(const SysfsTree& tree, int index, const std::string& type, std::i
   }
 }
 
-TEST(ThermalZoneStateTest, NamedTripsSetTheirOwnRungs) {
-  std::vector<ThermalTripPoint> trips = {trip("active", 65), trip("active", 75),
-                                         trip("passive", 85), trip("critical", 110)};
-  EXPECT_EQ(thermalStateOfZone(zone(64.9, trips)), ThermalState::nominal);
-  EXPECT_EQ(thermalStateOfZone(zone(65, trips)), ThermalState::fair);
-  EXPECT_EQ(thermalStateOfZone(zone(84.9, trips)), ThermalState::fair);
-  EXPECT_EQ(thermalStateOfZone(zone(85, trips)), ThermalState::serious);
-  EXPECT_EQ(thermalStateOfZone(zone(104.9, trips)), ThermalState::serious);
-  EXPECT_EQ(thermalStateOfZone(zone(105, trips)), ThermalState::critical);
-
-  std::vector<ThermalTripPoint> battery = {trip("passive", 50), trip("hot", 60)};
-  EXPECT_EQ(thermalStateOfZone(zone(39.9, battery)), ThermalState::nominal);
-  EXPECT_EQ(thermalStateOfZone(zone(40, battery)), ThermalState::fair);
-  EXPECT_EQ(thermalStateOfZone(zone(50, battery)), ThermalState::serious);
-  EXPECT_EQ(thermalStateOfZone(zone(60, battery)), ThermalState::critical);
-}
-
-TEST(ThermalZoneStateTest, AZoneNamingOnlyItsCriticalTripIsJudgedBelowIt) {
-  std::vector<ThermalTripPoint> trips = {trip("critical", 100)};
-  EXPECT_EQ(thermalStateOfZone(zone(74.9, trips)), ThermalState::nominal);
-  EXPECT_EQ(thermalStateOfZone(zone(75, trips)), ThermalState::fair);
-  EXPECT_EQ(thermalStateOfZone(zone(85, trips)), ThermalState::serious);
-  EXPECT_EQ(thermalStateOfZone(zone(95, trips)), ThermalState::critical);
-}
-
-TEST(ThermalZoneStateTest, OddFirmwareStillGivesAnOrderedLadder) {
+TEST(ThermalZoneStateTest, TripsSetAnOrderedLadderOfRungs) {
+  using enum ThermalState;
+  using Trips = std::vector<ThermalTripPoint>;
+  const Trips laptop = {trip("active", 65), trip("active", 75), trip("passive", 85),
+                        trip("critical", 110)};
+  const Trips battery = {trip("passive", 50), trip("hot", 60)};
+  const Trips criticalOnly = {trip("critical", 100)};
   // A fan trip above the throttling trip: fans are no earlier warning than throttling.
-  std::vector<ThermalTripPoint> trips = {trip("active", 90), trip("passive", 80)};
-  EXPECT_EQ(thermalStateOfZone(zone(79, trips)), ThermalState::nominal);
-  EXPECT_EQ(thermalStateOfZone(zone(80, trips)), ThermalState::serious);
-  EXPECT_EQ(thermalStateOfZone(zone(200, trips)), ThermalState::serious);
-  // Only fan trips: the zone can say fair, never worse.
-  EXPECT_EQ(thermalStateOfZone(zone(120, {trip("active", 50)})), ThermalState::fair);
+  const Trips fanAbove = {trip("active", 90), trip("passive", 80)};
+  const Trips fanOnly = {trip("active", 50)};
+  const Trips unknownType = {trip("unknown", 50)};
+  const struct {
+    const Trips& trips;
+    double celsius;
+    std::optional<ThermalState> state;
+  } cases[] = {
+      // clang-format off
+      {laptop, 64.9, nominal}, {laptop, 65, fair}, {laptop, 84.9, fair}, {laptop, 85, serious},
+      {laptop, 104.9, serious}, {laptop, 105, critical},
+      {battery, 39.9, nominal}, {battery, 40, fair}, {battery, 50, serious},
+      {battery, 60, critical},
+      {criticalOnly, 74.9, nominal}, {criticalOnly, 75, fair}, {criticalOnly, 85, serious},
+      {criticalOnly, 95, critical},
+      {fanAbove, 79, nominal}, {fanAbove, 80, serious}, {fanAbove, 200, serious},
+      {fanOnly, 120, fair}, {fanOnly, 49.9, nominal}, {unknownType, 60, std::nullopt},
+      // clang-format on
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(thermalStateOfZone(zone(c.celsius, c.trips)), c.state)
+        << c.celsius << " °C with " << c.trips.size() << " trips";
+  }
   EXPECT_EQ(thermalStateOfZone(zone(60, {})), std::nullopt);
-  EXPECT_EQ(thermalStateOfZone(zone(60, {trip("unknown", 50)})), std::nullopt);
 }
 
 TEST(ThermalAssessmentTest, TheWorstZoneDecidesAndAmongEqualsTheHotter) {
-  auto cpu = zone(88, {trip("passive", 85), trip("critical", 110)});
-  cpu.name = "thermal_zone1";
-  auto skin = zone(45, {trip("passive", 42), trip("critical", 60)});
-  skin.name = "thermal_zone2";
-  auto hotButFine = zone(95, {trip("critical", 128)});
-  hotButFine.name = "thermal_zone3";
+  auto cpu = zone(88, {trip("passive", 85), trip("critical", 110)}, "thermal_zone1");
+  auto skin = zone(45, {trip("passive", 42), trip("critical", 60)}, "thermal_zone2");
+  auto hotButFine = zone(95, {trip("critical", 128)}, "thermal_zone3");
 
   auto result = assessThermalZones({hotButFine, skin, cpu});
   EXPECT_EQ(result.state, ThermalState::serious);
@@ -120,57 +115,10 @@ TEST(ThermalZoneReaderTest, UnreadableOrAbsurdZonesAreLeftOut) {
   EXPECT_EQ(scan.zones[1].trips, (std::vector<ThermalTripPoint>{trip("critical", 90)}));
 }
 
-TEST(LinuxThermalMonitorTest, SamplesPublishTheStateAndLogItsChanges) {
+TEST(LinuxThermalMonitorTest, SamplesPublishTheStateKeepItThroughFailuresAndLogChanges) {
   LogCapture log;
   SysfsTree tree;
-  writeZone(tree, 0, "x86_pkg_temp", 60000, {trip("passive", 90), trip("critical", 100)});
-  LinuxThermalMonitor monitor(tree.thermal());
-  EXPECT_EQ(monitor.currentThermalState(), ThermalState::nominal);
-
-  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
-  tree.write("class/thermal/thermal_zone0/temp", "91500\n");
-  EXPECT_EQ(monitor.sample(), ThermalState::serious);
-  EXPECT_EQ(monitor.sample(), ThermalState::serious);
-  EXPECT_EQ(monitor.currentThermalState(), ThermalState::serious);
-  tree.write("class/thermal/thermal_zone0/temp", "55000\n");
-  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
-
-  EXPECT_THAT(log.messages("Thermal"),
-              ElementsAre("thermal state changed from nominal to serious — zone x86_pkg_temp "
-                          "(thermal_zone0) at 91.5 °C",
-                          "thermal state changed from serious to nominal — zone x86_pkg_temp "
-                          "(thermal_zone0) at 55.0 °C"));
-}
-
-TEST(LinuxThermalMonitorTest, AFailedSampleKeepsTheLastStateAndIsCounted) {
-  LogCapture log;
-  SysfsTree tree;
-  writeZone(tree, 0, "acpitz", 96000, {trip("critical", 100)});
-  LinuxThermalMonitor monitor(tree.thermal());
-  ASSERT_EQ(monitor.sample(), ThermalState::critical);
-
-  tree.makeUnreadable("class/thermal/thermal_zone0/temp");
-  EXPECT_EQ(monitor.sample(), ThermalState::critical);
-  EXPECT_EQ(monitor.sample(), ThermalState::critical);
-  EXPECT_EQ(monitor.failedSampleCount(), 2u);
-
-  tree.remove("class/thermal/thermal_zone0/temp");
-  tree.write("class/thermal/thermal_zone0/temp", "40000\n");
-  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
-
-  EXPECT_THAT(log.messages("Thermal"),
-              ElementsAre("thermal state changed from nominal to critical — zone acpitz "
-                          "(thermal_zone0) at 96.0 °C",
-                          "no thermal zone can be read in " + tree.thermal().string() +
-                              " — thermal state stays critical",
-                          "thermal zones in " + tree.thermal().string() + " readable again",
-                          "thermal state changed from critical to nominal — zone acpitz "
-                          "(thermal_zone0) at 40.0 °C"));
-}
-
-TEST(LinuxThermalMonitorTest, StartSamplesOnTheGivenQueue) {
-  SysfsTree tree;
-  writeZone(tree, 0, "cpu", 88000, {trip("passive", 85)});
+  writeZone(tree, 0, "x86_pkg_temp", 91500, {trip("passive", 90), trip("critical", 100)});
   LinuxThermalMonitor monitor(tree.thermal());
   const SystemClock clock;
   SerialQueue queue("test.thermal", clock);
@@ -179,6 +127,23 @@ TEST(LinuxThermalMonitorTest, StartSamplesOnTheGivenQueue) {
   queue.runPending();
   EXPECT_EQ(monitor.currentThermalState(), ThermalState::serious);
   monitor.stop();
+  EXPECT_EQ(monitor.sample(), ThermalState::serious);
+
+  tree.makeUnreadable("class/thermal/thermal_zone0/temp");
+  EXPECT_EQ(monitor.sample(), ThermalState::serious);
+  EXPECT_EQ(monitor.sample(), ThermalState::serious);
+  EXPECT_EQ(monitor.failedSampleCount(), 2u);
+  tree.remove("class/thermal/thermal_zone0/temp");
+  tree.write("class/thermal/thermal_zone0/temp", "55000\n");
+  EXPECT_EQ(monitor.sample(), ThermalState::nominal);
+
+  const std::string zone0 = " — zone x86_pkg_temp (thermal_zone0) at ";
+  EXPECT_THAT(log.messages("Thermal"),
+              ElementsAre("thermal state changed from nominal to serious" + zone0 + "91.5 °C",
+                          "no thermal zone can be read in " + tree.thermal().string() +
+                              " — thermal state stays serious",
+                          "thermal zones in " + tree.thermal().string() + " readable again",
+                          "thermal state changed from serious to nominal" + zone0 + "55.0 °C"));
 }
 
 TEST(LinuxThermalMonitorTest, ThePollQueueReadsWhileTheSamplerWrites) {

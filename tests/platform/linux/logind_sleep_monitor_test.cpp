@@ -10,12 +10,10 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,71 +25,23 @@ namespace quorel {
 namespace {
 
 using namespace std::chrono_literals;
+using Events = std::vector<std::string>;
 
 constexpr const char* kUnavailable = "system bus unavailable — sleep and wake will not be seen";
 constexpr const char* kLost = "system bus connection lost — sleep and wake will no longer be seen";
 constexpr const char* kMalformed = "PrepareForSleep without a boolean argument — ignored";
+constexpr const char* kLogind = "org.freedesktop.login1";
 constexpr auto kCrossProcessBound = 10s;
-
-// A dbus-daemon of the test's own, stopped when this goes out of scope.
-class PrivateBus {
- public:
-  // Absent when no dbus-daemon could be started, with the reason in `why`.
-  static std::unique_ptr<PrivateBus> launch(std::string& why) {
-    // The daemon prints its address, then its pid, a line each.
-    FILE* out = ::popen(
-        "exec dbus-daemon --session --nofork --nopidfile --print-address=1 --print-pid=1 "
-        "2>/dev/null",
-        "r");
-    if (out == nullptr) {
-      why = "popen() failed";
-      return nullptr;
-    }
-    auto bus = std::unique_ptr<PrivateBus>(new PrivateBus(out));
-    char address[512];
-    char pid[32];
-    if (!std::fgets(address, sizeof address, out) || !std::fgets(pid, sizeof pid, out)) {
-      why = "dbus-daemon did not start";
-      return nullptr;
-    }
-    bus->address_.assign(address, std::strcspn(address, "\n"));
-    bus->pid_ = static_cast<pid_t>(std::atol(pid));
-    return bus;
-  }
-
-  ~PrivateBus() { kill(); }
-  PrivateBus(const PrivateBus&) = delete;
-  PrivateBus& operator=(const PrivateBus&) = delete;
-
-  const std::string& address() const { return address_; }
-
-  void kill() {
-    if (out_ == nullptr) return;
-    if (pid_ > 0) ::kill(pid_, SIGTERM);
-    ::pclose(out_);
-    out_ = nullptr;
-  }
-
- private:
-  explicit PrivateBus(FILE* out) : out_(out) {}
-  FILE* out_;
-  pid_t pid_ = 0;
-  std::string address_;
-};
 
 // A client of the private bus that sends PrepareForSleep, under the logind name or not.
 class Peer {
  public:
   Peer(const std::string& address, const char* wellKnownName) {
-    sd_bus* raw = nullptr;
-    EXPECT_GE(sd_bus_new(&raw), 0);
-    bus_ = raw;
+    EXPECT_GE(sd_bus_new(&bus_), 0);
     EXPECT_GE(sd_bus_set_address(bus_, address.c_str()), 0);
     EXPECT_GE(sd_bus_set_bus_client(bus_, 1), 0);
     EXPECT_GE(sd_bus_start(bus_), 0);
-    if (wellKnownName) {
-      EXPECT_GE(sd_bus_request_name(bus_, wellKnownName, 0), 0);
-    }
+    EXPECT_GE(wellKnownName ? sd_bus_request_name(bus_, wellKnownName, 0) : 0, 0);
   }
   ~Peer() { sd_bus_flush_close_unref(bus_); }
   Peer(const Peer&) = delete;
@@ -105,7 +55,9 @@ class Peer {
               0);
     ASSERT_GE(sd_bus_flush(bus_), 0);
   }
-  void prepareForSleep(bool sleeping) { emit("b", static_cast<int>(sleeping)); }
+  void prepareForSleep(std::initializer_list<bool> sleeping) {
+    for (bool s : sleeping) emit("b", static_cast<int>(s));
+  }
   // Returns once the daemon has answered a call sent after everything before it, so all this
   // peer sent earlier has been routed.
   void roundTrip() {
@@ -122,31 +74,18 @@ class Peer {
   sd_bus* bus_ = nullptr;
 };
 
-// What the handlers saw, in order, and whether each ran on the delivery queue.
+// What the handlers saw, in order; a handler run off the delivery queue is marked so. The
+// tests drive the delivery queue on their own thread, so only that thread touches `events`.
 struct Recorder {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::string> events;
-  std::vector<bool> onQueue;
+  Events events;
 
   SleepWakeSource::Handlers handlers(SerialQueue& queue) {
-    return {[this, &queue] { record("sleep", queue.isCurrent()); },
-            [this, &queue] { record("wake", queue.isCurrent()); }};
-  }
-  void record(std::string event, bool current) {
-    std::lock_guard lock(mutex);
-    events.push_back(std::move(event));
-    onQueue.push_back(current);
-    changed.notify_all();
-  }
-  std::vector<std::string> snapshot() {
-    std::lock_guard lock(mutex);
-    return events;
-  }
-  // For a delivery queue running on its own thread.
-  bool waitForCount(std::size_t n) {
-    std::unique_lock lock(mutex);
-    return changed.wait_for(lock, kCrossProcessBound, [&] { return events.size() >= n; });
+    auto record = [this, &queue](std::string event) {
+      return [this, &queue, event] {
+        events.push_back(queue.isCurrent() ? event : event + " off the queue");
+      };
+    };
+    return {record("sleep"), record("wake")};
   }
 };
 
@@ -171,114 +110,113 @@ bool eventually(const std::function<bool()>& condition, const std::function<void
 class LogindSleepMonitorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string why;
-    bus_ = PrivateBus::launch(why);
+    // The daemon prints its address, then its pid, a line each.
+    daemon_ = ::popen(
+        "exec dbus-daemon --session --nofork --nopidfile --print-address=1 --print-pid=1 "
+        "2>/dev/null",
+        "r");
+    char address[512];
+    char pid[32];
     // The install script installs it; a machine without it cannot vouch for this adapter.
-    ASSERT_TRUE(bus_) << "no private message bus: " << why
-                      << ". Install the dbus-daemon package (apt-get install dbus-daemon).";
+    ASSERT_TRUE(daemon_ && std::fgets(address, sizeof address, daemon_) &&
+                std::fgets(pid, sizeof pid, daemon_))
+        << "no private message bus: install the dbus-daemon package.";
+    address_.assign(address, std::strcspn(address, "\n"));
+    pid_ = static_cast<pid_t>(std::atol(pid));
   }
-  std::unique_ptr<PrivateBus> bus_;
+  void TearDown() override { killBus(); }
+  void killBus() {
+    if (pid_ > 0) ::kill(pid_, SIGTERM);
+    if (daemon_) ::pclose(daemon_);
+    daemon_ = nullptr;
+    pid_ = 0;
+  }
+  bool deliver(Recorder& recorder, std::size_t n) {
+    const bool arrived =
+        eventually([&] { return recorder.events.size() >= n; }, [&] { main_.runPending(); });
+    main_.runPending();
+    return arrived;
+  }
+
+  FILE* daemon_ = nullptr;
+  pid_t pid_ = 0;
+  std::string address_;
   const SystemClock clock_;
+  SerialQueue main_{"test.main", clock_};
+  Recorder recorder_;
+  testing::LogCapture logs_;
 };
 
 TEST_F(LogindSleepMonitorTest, DeliversSleepAndWakeInOrderOnTheDeliveryQueue) {
-  SerialQueue main("test.main", clock_);
-  main.start();
-  Recorder recorder;
-  LogindSleepMonitor monitor(main, bus_->address());
-  EXPECT_EQ(monitor.sourceName(), "logind PrepareForSleep");
-  ASSERT_TRUE(monitor.start(recorder.handlers(main)));
-
-  Peer logind(bus_->address(), "org.freedesktop.login1");
-  logind.prepareForSleep(true);
-  logind.prepareForSleep(false);
-  logind.prepareForSleep(true);
-  logind.prepareForSleep(false);
-
-  ASSERT_TRUE(recorder.waitForCount(4));
-  monitor.stop();
-  main.shutdown();
-  EXPECT_EQ(recorder.events, (std::vector<std::string>{"sleep", "wake", "sleep", "wake"}));
-  EXPECT_EQ(recorder.onQueue, (std::vector<bool>{true, true, true, true}));
+  LogindSleepMonitor monitor(main_, address_);
+  ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
+  Peer logind(address_, kLogind);
+  logind.prepareForSleep({true, false, true, false});
+  ASSERT_TRUE(deliver(recorder_, 4));
+  EXPECT_EQ(recorder_.events, (Events{"sleep", "wake", "sleep", "wake"}));
   EXPECT_EQ(monitor.signalsReceived(), 4u);
 }
 
 TEST_F(LogindSleepMonitorTest, HeedsOnlyWellFormedSignalsFromLogind) {
-  testing::LogCapture logs;
-  SerialQueue main("test.main", clock_);
-  Recorder recorder;
-  LogindSleepMonitor monitor(main, bus_->address());
-  ASSERT_TRUE(monitor.start(recorder.handlers(main)));
+  LogindSleepMonitor monitor(main_, address_);
+  ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
 
   // Anyone may send a signal with logind's path and interface; only logind's name counts.
-  Peer impostor(bus_->address(), nullptr);
-  impostor.prepareForSleep(true);
+  Peer impostor(address_, nullptr);
+  impostor.prepareForSleep({true});
   impostor.roundTrip();
-  Peer logind(bus_->address(), "org.freedesktop.login1");
+  Peer logind(address_, kLogind);
   logind.emit("s", "yes");
-  logind.prepareForSleep(false);
+  logind.prepareForSleep({false});
 
   // The good signal comes last from its sender and the impostor's was routed before it, so
   // once it has arrived everything else has had its chance.
-  ASSERT_TRUE(eventually([&] { return !recorder.snapshot().empty(); }, [&] { main.runPending(); }));
-  main.runPending();
-  EXPECT_EQ(recorder.snapshot(), std::vector<std::string>{"wake"});
+  ASSERT_TRUE(deliver(recorder_, 1));
+  EXPECT_EQ(recorder_.events, Events{"wake"});
   EXPECT_EQ(monitor.signalsReceived(), 1u);
-  EXPECT_EQ(countLines(logs, kMalformed), 1u);
+  EXPECT_EQ(countLines(logs_, kMalformed), 1u);
 }
 
 TEST_F(LogindSleepMonitorTest, NoHandlerRunsAfterStopEvenIfAlreadyPosted) {
-  SerialQueue main("test.main", clock_);
-  Recorder recorder;
-  auto monitor = std::make_unique<LogindSleepMonitor>(main, bus_->address());
-  ASSERT_TRUE(monitor->start(recorder.handlers(main)));
-
-  Peer logind(bus_->address(), "org.freedesktop.login1");
-  logind.prepareForSleep(true);
+  auto monitor = std::make_unique<LogindSleepMonitor>(main_, address_);
+  ASSERT_TRUE(monitor->start(recorder_.handlers(main_)));
+  Peer logind(address_, kLogind);
+  logind.prepareForSleep({true});
   // Received and posted, but the delivery queue has not run yet.
   ASSERT_TRUE(eventually([&] { return monitor->signalsReceived() == 1; }));
   monitor->stop();
-  main.runPending();
+  main_.runPending();
   monitor->stop();
   monitor.reset();
-  main.runPending();
-  EXPECT_TRUE(recorder.snapshot().empty());
+  main_.runPending();
+  EXPECT_TRUE(recorder_.events.empty());
 }
 
 TEST_F(LogindSleepMonitorTest, StartsAgainAfterStopWithTheNewHandlers) {
-  SerialQueue main("test.main", clock_);
-  Recorder first;
   Recorder second;
-  LogindSleepMonitor monitor(main, bus_->address());
-  ASSERT_TRUE(monitor.start(first.handlers(main)));
+  LogindSleepMonitor monitor(main_, address_);
+  ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
   monitor.stop();
-  ASSERT_TRUE(monitor.start(second.handlers(main)));
+  ASSERT_TRUE(monitor.start(second.handlers(main_)));
   // A start on a running monitor replaces the connection rather than adding a second one.
-  ASSERT_TRUE(monitor.start(second.handlers(main)));
+  ASSERT_TRUE(monitor.start(second.handlers(main_)));
 
-  Peer logind(bus_->address(), "org.freedesktop.login1");
-  logind.prepareForSleep(true);
-  logind.prepareForSleep(false);
-  ASSERT_TRUE(
-      eventually([&] { return second.snapshot().size() >= 2; }, [&] { main.runPending(); }));
-  main.runPending();
-  EXPECT_EQ(second.snapshot(), (std::vector<std::string>{"sleep", "wake"}));
-  EXPECT_TRUE(first.snapshot().empty());
+  Peer logind(address_, kLogind);
+  logind.prepareForSleep({true, false});
+  ASSERT_TRUE(deliver(second, 2));
+  EXPECT_EQ(second.events, (Events{"sleep", "wake"}));
+  EXPECT_TRUE(recorder_.events.empty());
 }
 
 TEST_F(LogindSleepMonitorTest, ABusThatGoesAwayIsReportedOnceAndStopStillWorks) {
-  testing::LogCapture logs;
-  SerialQueue main("test.main", clock_);
-  Recorder recorder;
-  LogindSleepMonitor monitor(main, bus_->address());
-  ASSERT_TRUE(monitor.start(recorder.handlers(main)));
-
-  bus_->kill();
-  ASSERT_TRUE(eventually([&] { return countLines(logs, kLost) >= 1; }));
+  LogindSleepMonitor monitor(main_, address_);
+  ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
+  killBus();
+  ASSERT_TRUE(eventually([&] { return countLines(logs_, kLost) >= 1; }));
   monitor.stop();
-  EXPECT_EQ(countLines(logs, kLost), 1u);
-  main.runPending();
-  EXPECT_TRUE(recorder.snapshot().empty());
+  EXPECT_EQ(countLines(logs_, kLost), 1u);
+  main_.runPending();
+  EXPECT_TRUE(recorder_.events.empty());
 }
 
 TEST(LogindSleepMonitorWithoutBus, StartFailsWithOneWarningAndTheAgentGoesOn) {
@@ -301,7 +239,7 @@ TEST(LogindSleepMonitorWithoutBus, StartFailsWithOneWarningAndTheAgentGoesOn) {
       EXPECT_EQ(line.rfind("could not connect to " + address + ": ", 0), 0u) << line;
     }
     EXPECT_EQ(main.runPending(), 0u);
-    EXPECT_TRUE(recorder.snapshot().empty());
+    EXPECT_TRUE(recorder.events.empty());
   }
 }
 

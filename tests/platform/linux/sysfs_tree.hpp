@@ -48,23 +48,13 @@ class SysfsTree {
     std::ofstream(path, std::ios::trunc) << content;
   }
 
-  static std::string lowerCase(std::string key) {
-    for (auto& c : key) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return key;
-  }
-
   // Writes a supply as the kernel shows it: a uevent with every property and one attribute
   // file per property. `properties` are "KEY=value" with the kernel's upper-case keys.
   void writeSupply(const std::string& name, const std::vector<std::string>& properties) const {
-    std::string uevent = "POWER_SUPPLY_NAME=" + name + "\n";
-    for (const auto& p : properties) {
-      auto eq = p.find('=');
-      std::string key = p.substr(0, eq);
-      std::string value = p.substr(eq + 1);
-      uevent += "POWER_SUPPLY_" + key + "=" + value + "\n";
-      write(std::filesystem::path("class/power_supply") / name / lowerCase(key), value + "\n");
-    }
-    write(std::filesystem::path("class/power_supply") / name / "uevent", uevent);
+    write(std::filesystem::path("class/power_supply") / name / "uevent",
+          "POWER_SUPPLY_NAME=" + name + "\n");
+    for (const auto& p : properties)
+      setProperty(name, p.substr(0, p.find('=')), p.substr(p.find('=') + 1));
   }
 
   // Changes one property of a supply in both places the kernel shows it: its uevent line and
@@ -75,18 +65,14 @@ class SysfsTree {
     std::ifstream in(root_ / dir / "uevent");
     std::string line;
     std::string uevent;
-    bool replaced = false;
     const std::string prefix = "POWER_SUPPLY_" + key + "=";
     while (std::getline(in, line)) {
-      if (line.rfind(prefix, 0) == 0) {
-        line = prefix + value;
-        replaced = true;
-      }
-      uevent += line + "\n";
+      if (line.rfind(prefix, 0) != 0) uevent += line + "\n";
     }
-    if (!replaced) uevent += prefix + value + "\n";
-    write(dir / "uevent", uevent);
-    write(dir / lowerCase(key), value + "\n");
+    write(dir / "uevent", uevent + prefix + value + "\n");
+    std::string file = key;
+    for (auto& c : file) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    write(dir / file, value + "\n");
   }
 
   // Even root cannot read a file that has become a directory, so this stands in for a file
@@ -95,6 +81,12 @@ class SysfsTree {
     auto path = root_ / relative;
     std::filesystem::remove_all(path);
     std::filesystem::create_directories(path);
+  }
+
+  void makeSupplyUnreadable(const std::string& supply) const {
+    for (const auto& entry : std::filesystem::directory_iterator(powerSupply() / supply)) {
+      std::filesystem::permissions(entry.path(), std::filesystem::perms::none);
+    }
   }
 
   void remove(const std::filesystem::path& relative) const {
