@@ -1,4 +1,5 @@
-// The server's lifecycle, its files and its answers, over real sockets where it matters.
+// The server's lifecycle, its files, its answers and the `quorel mcp` subcommands, over real
+// sockets where it matters.
 
 #include "mcp/mcp_server.hpp"
 
@@ -13,6 +14,7 @@
 #include <regex>
 
 #include "core/memory_preference_store.hpp"
+#include "mcp/mcp_commands.hpp"
 #include "mcp/mcp_server_switch.hpp"
 #include "mcp_test_support.hpp"
 
@@ -36,29 +38,19 @@ void writeFile(const std::filesystem::path& p, const std::string& contents) {
 
 unsigned modeOf(const std::filesystem::path& p) {
   struct stat st {};
-  ::stat(p.c_str(), &st);
-  return st.st_mode & 0777;
+  return ::stat(p.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
 }
 
 // Records what reaches it, and answers like a tool that worked or one that refused.
-class RecordingRegistry final : public MCPToolRegistry {
- public:
-  struct Call {
-    std::string name;
-    std::optional<JSONValue> arguments;
-    std::optional<JSONValue> id;
-  };
-  std::vector<Call> calls;
-
+struct RecordingRegistry final : MCPToolRegistry {
   void callTool(const std::string& name, std::optional<JSONValue> arguments,
                 std::optional<JSONValue> id, std::function<void(JSONRPCResponse)> reply) override {
-    calls.push_back({name, arguments, id});
-    if (name == "refuse") {
-      reply(JSONRPCResponse::failure(id, {kJSONRPCInvalidParams, "Invalid params: no", {}}));
-    } else {
-      reply(JSONRPCResponse::success(id, JSONValue::object({{"isError", false}})));
-    }
+    calls.emplace_back(arguments, id);
+    reply(name == "refuse"
+              ? JSONRPCResponse::failure(id, {kJSONRPCInvalidParams, "Invalid params: no", {}})
+              : JSONRPCResponse::success(id, JSONValue::object({{"isError", false}})));
   }
+  std::vector<std::pair<std::optional<JSONValue>, std::optional<JSONValue>>> calls;  // args, id
 };
 
 class MCPServerTest : public ::testing::Test {
@@ -75,10 +67,17 @@ class MCPServerTest : public ::testing::Test {
   }
 
   MCPServer& makeServer(std::unique_ptr<MCPToolRegistry> registry = nullptr) {
-    server_ = std::make_unique<MCPServer>(main_, http_, clock_, prefs_, dir_.path() / "data",
+    server_ = std::make_unique<MCPServer>(main_, http_, clock_, prefs_, data(),
                                           MCPServerOptions{"1.2.3", {}}, std::move(registry));
     server_->addStateObserver([this] { ++stateChanges_; });
     return *server_;
+  }
+
+  RecordingRegistry* makeRecordingServer() {
+    auto registry = std::make_unique<RecordingRegistry>();
+    auto* recorded = registry.get();
+    makeServer(std::move(registry));
+    return recorded;
   }
 
   // What the state observers have been told so far, once the main queue has run what is posted.
@@ -101,8 +100,9 @@ class MCPServerTest : public ::testing::Test {
     });
   }
 
-  std::filesystem::path tokenFile() const { return mcpTokenFile(dir_.path() / "data"); }
-  std::filesystem::path endpointFile() const { return mcpEndpointFile(dir_.path() / "data"); }
+  std::filesystem::path data() const { return dir_.path() / "data"; }
+  std::filesystem::path tokenFile() const { return mcpTokenFile(data()); }
+  std::filesystem::path endpointFile() const { return mcpEndpointFile(data()); }
 
   ScratchDirectory dir_;
   MemoryPreferenceStore prefs_;
@@ -138,12 +138,10 @@ TEST_F(MCPServerTest, TheTokenFileIsCreatedPrivateAndThenReusedTrimmed) {
 }
 
 TEST_F(MCPServerTest, AFailedTokenWriteStillGivesATokenForThisRun) {
-  // A file where the data directory should be cannot hold the token file.
-  writeFile(dir_.path() / "data", "not a directory");
-  auto& server = makeServer();
-  const auto token = server.loadOrCreateToken();
+  writeFile(data(), "a file where the data directory should be");
+  const auto token = makeServer().loadOrCreateToken();
   EXPECT_EQ(token.size(), 43u);
-  EXPECT_NE(server.loadOrCreateToken(), token);
+  EXPECT_NE(server_->loadOrCreateToken(), token);
 }
 
 TEST_F(MCPServerTest, ThePortOutsideTheValidRangeIs8473) {
@@ -231,9 +229,7 @@ TEST_F(MCPServerTest, AFallbackPortBecomesTheConfiguredPort) {
 }
 
 TEST_F(MCPServerTest, RouteAnswersTheProtocolsOwnMethodsAndNotificationsRunNothing) {
-  auto registry = std::make_unique<RecordingRegistry>();
-  auto* recorded = registry.get();
-  makeServer(std::move(registry));
+  auto* recorded = makeRecordingServer();
   EXPECT_EQ(routeOnMain(R"({"jsonrpc":"2.0","id":3,"method":"ping"})"),
             JSONRPCResponse::success(JSONValue(3), JSONValue::object({})));
   // Methods are matched exactly; a notification's method is unknown once it has an id.
@@ -251,9 +247,7 @@ TEST_F(MCPServerTest, RouteAnswersTheProtocolsOwnMethodsAndNotificationsRunNothi
 
 TEST_F(MCPServerTest, ToolsCallNeedsAStringNameAndGoesToTheRegistry) {
   LogCapture log;
-  auto registry = std::make_unique<RecordingRegistry>();
-  auto* recorded = registry.get();
-  makeServer(std::move(registry));
+  auto* recorded = makeRecordingServer();
   const JSONRPCErrorObject noName{
       kJSONRPCInvalidParams, "Invalid params: `name` is required for tools/call.", {}};
   for (std::string params : {"", R"(,"params":{"name":5})", R"(,"params":["get_overview"])"}) {
@@ -269,21 +263,18 @@ TEST_F(MCPServerTest, ToolsCallNeedsAStringNameAndGoesToTheRegistry) {
   EXPECT_EQ(refused->error->message, "Invalid params: no");
   main_.sync([&] {
     ASSERT_EQ(recorded->calls.size(), 2u);
-    EXPECT_EQ(recorded->calls[0].arguments, JSONValue::object({{"k", 1}}));
-    EXPECT_EQ(recorded->calls[0].id, JSONValue("a"));
-    EXPECT_EQ(recorded->calls[1].arguments, std::nullopt);
+    EXPECT_EQ(recorded->calls[0], std::pair(std::optional(JSONValue::object({{"k", 1}})),
+                                            std::optional(JSONValue("a"))));
+    EXPECT_EQ(recorded->calls[1].first, std::nullopt);
   });
   EXPECT_TRUE(log.contains("tools/call x → ok"));
   EXPECT_TRUE(log.contains("tools/call refuse → error -32602"));
-}
 
-TEST_F(MCPServerTest, TheEmptyCatalogueTreatsEveryToolAsUnknown) {
+  // Without a registry the catalogue is empty and every tool is unknown.
   makeServer();
-  EXPECT_EQ(
-      routeOnMain(R"({"jsonrpc":"2.0","id":1,"method":"tools/call",
-                            "params":{"name":"get_overview"}})"),
-      JSONRPCResponse::failure(
-          JSONValue(1), {kJSONRPCInvalidParams, "Invalid params: Unknown tool: get_overview", {}}));
+  EXPECT_EQ(routeOnMain(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"t"}})"),
+            JSONRPCResponse::failure(
+                JSONValue(1), {kJSONRPCInvalidParams, "Invalid params: Unknown tool: t", {}}));
 }
 
 TEST_F(MCPServerTest, TheSwitchFollowsTheSettingAcrossProcesses) {
@@ -319,6 +310,54 @@ TEST_F(MCPServerTest, TheSwitchFollowsTheSettingAcrossProcesses) {
   main_.sync([&] { switch_.reset(); });
   set(false);
   EXPECT_TRUE(server.isListening());
+}
+
+TEST_F(MCPServerTest, EnableAndDisableFlipTheSettingAndSayWhereToConnect) {
+  auto on = runMCPEnableCommand(prefs_, data());
+  EXPECT_EQ(on.exitStatus, 0);
+  EXPECT_TRUE(prefs_.boolValue(kMCPServerEnabledKey));
+  EXPECT_EQ(on.text,
+            "MCP server enabled — a running agent starts it within moments.\n"
+            "HTTP: http://127.0.0.1:8473/mcp\nToken file: " +
+                tokenFile().string() +
+                " (not created yet — the agent writes it when the server starts)\n");
+  auto off = runMCPDisableCommand(prefs_, data());
+  EXPECT_EQ(off.exitStatus, 0);
+  EXPECT_FALSE(prefs_.boolValue(kMCPServerEnabledKey));
+  EXPECT_TRUE(prefs_.hasValue(kMCPServerEnabledKey));
+  EXPECT_EQ(off.text, "MCP server disabled — a running agent stops it within moments.\n");
+}
+
+TEST_F(MCPServerTest, StatusProbesOnlyWhenEnabledAndNeverPrintsTheToken) {
+  const auto startsWith = [](const std::string& text, const std::string& prefix) {
+    return text.rfind(prefix, 0) == 0;
+  };
+  prefs_.setValue(kMCPServerPortKey, portWithNothingOnIt());
+  auto stopped = runMCPStatusCommand(prefs_, data(), clock_);
+  EXPECT_EQ(stopped.exitStatus, 0);
+  EXPECT_TRUE(startsWith(stopped.text, "Stopped\nHTTP: http://127.0.0.1:")) << stopped.text;
+  prefs_.setValue(kMCPServerEnabledKey, true);
+  auto silent = runMCPStatusCommand(prefs_, data(), clock_);
+  EXPECT_EQ(silent.exitStatus, 1);
+  EXPECT_TRUE(startsWith(silent.text, "Not running — nothing answers on 127.0.0.1:"))
+      << silent.text;
+
+  auto& server = makeServer();
+  server.start(0);
+  ASSERT_TRUE(server.isListening());
+  const std::string token = server.loadOrCreateToken();
+  const std::string port = std::to_string(server.currentPort());
+  auto s = runMCPStatusCommand(prefs_, data(), clock_);
+  EXPECT_EQ(s.exitStatus, 0);
+  EXPECT_EQ(s.text, "Running on 127.0.0.1:" + port + "\nHTTP: http://127.0.0.1:" + port +
+                        "/mcp\nToken file: " + tokenFile().string() + "\n");
+  EXPECT_EQ(s.text.find(token), std::string::npos);
+  // A token file changed after the start is refused by the running server.
+  writeFile(tokenFile(), "changed\n");
+  auto refused = runMCPStatusCommand(prefs_, data(), clock_);
+  EXPECT_EQ(refused.exitStatus, 1);
+  EXPECT_TRUE(startsWith(refused.text, "Running on 127.0.0.1:" + port + ", but it refuses"))
+      << refused.text;
 }
 
 TEST_F(MCPServerTest, AListenerThatCannotBeCreatedIsReportedAndLeavesTheSettingOn) {
