@@ -95,12 +95,12 @@ class PowerMonitorTest : public ::testing::Test {
     primary = std::make_shared<ScriptedProvider>(clock);
     fallback = std::make_shared<ScriptedProvider>(clock);
     recorder = std::make_shared<RecordingSpy>();
-    PowerMonitor::Dependencies deps;
-    deps.sources = {primary, fallback, std::move(sampler), nullptr, std::move(thermal)};
-    deps.pollQueue = &pollQueue;
-    deps.mainQueue = &mainQueue;
-    deps.recorder = recorder;
-    monitor = PowerMonitor::create(std::move(deps), clock);
+    monitor =
+        PowerMonitor::create({{primary, fallback, std::move(sampler), nullptr, std::move(thermal)},
+                              &pollQueue,
+                              &mainQueue,
+                              recorder},
+                             clock);
     monitor->setOnStateUpdate([this](const PowerState& s, const PowerMonitor::HistorySnapshot& h) {
       states.push_back(s);
       histories.push_back(h);
@@ -280,11 +280,9 @@ TEST_F(PowerMonitorTest, HistoryKeepsA30SecondCadenceAndOnlyMovingCounters) {
 }
 
 TEST_F(PowerMonitorTest, StartSeedsHistoriesOnceFromTheStore) {
-  HistorySeedSample old;
-  old.timestamp = clock.now() - std::chrono::minutes(5);
-  old.wattage = -7.0;
-  old.gpuW = 2.5;
-  recorder->seed = {old};
+  recorder->seed.emplace_back().timestamp = clock.now() - 5min;
+  recorder->seed[0].wattage = -7.0;
+  recorder->seed[0].gpuW = 2.5;
   monitor->setPollingInterval(3600s);
   monitor->start();
   monitor->start();  // a second start (after wake) must not seed again
@@ -439,11 +437,8 @@ TEST(PowerMonitorThreadedTest, IntervalChangeTicksAtOnceAndStopEndsTicking) {
   mainQueue.start();
   auto provider = std::make_shared<ScriptedProvider>(clock);
   provider->last = batterySnapshot(-10);
-  PowerMonitor::Dependencies deps;
-  deps.sources.provider = provider;
-  deps.pollQueue = &pollQueue;
-  deps.mainQueue = &mainQueue;
-  auto monitor = PowerMonitor::create(std::move(deps), clock);
+  auto monitor = PowerMonitor::create(
+      {{provider, nullptr, nullptr, nullptr, nullptr}, &pollQueue, &mainQueue, nullptr}, clock);
   std::atomic<int> published{0};
   monitor->setOnStateUpdate(
       [&](const PowerState&, const PowerMonitor::HistorySnapshot&) { ++published; });

@@ -22,12 +22,8 @@ class FakeRecordingStore : public RecordingStore {
                                                     TimePoint at) override {
     reconciled.push_back(serial);
     // Behaves like the store: a first serial opens nothing to report, a different one does.
-    if (lastSerial && *lastSerial != serial) {
-      lastSerial = serial;
-      return BatteryEpoch{42, at, serial, 0, 0, 0, BatteryEpochSource::automatic};
-    }
-    lastSerial = serial;
-    return std::nullopt;
+    if (reconciled.size() < 2 || reconciled[reconciled.size() - 2] == serial) return std::nullopt;
+    return BatteryEpoch{42, at, serial, 0, 0, 0, BatteryEpochSource::automatic};
   }
   std::vector<PowerSample> queryPowerSamples(TimePoint from, TimePoint to, int maxPoints) override {
     query = {secondsBetween(from, to), maxPoints};
@@ -38,7 +34,6 @@ class FakeRecordingStore : public RecordingStore {
   std::vector<SessionRecord> sessions;
   std::vector<CapacityLogEntry> capacity;
   std::vector<std::string> reconciled;
-  std::optional<std::string> lastSerial;
   std::vector<PowerSample> stored;
   std::optional<std::pair<double, int>> query;  // the span in seconds and the points asked for
 };

@@ -25,9 +25,9 @@ TEST(PowerStateJsonTest, ComputedValuesAndNulls) {
   EXPECT_EQ(j["timestamp"], "2027-01-15T08:00:00.250Z");
   EXPECT_EQ(j["displayPercent"], 72);
   EXPECT_DOUBLE_EQ(j["systemConsumption_W"].get<double>(), 18.0);
-  EXPECT_TRUE(j["iopsPercent"].is_null());
-  EXPECT_TRUE(j["componentPower"].is_null());
-  EXPECT_TRUE(j["connectionType"].is_null());
+  for (const char* absent : {"iopsPercent", "componentPower", "connectionType"}) {
+    EXPECT_TRUE(j[absent].is_null()) << absent;
+  }
   EXPECT_EQ(j["thermalState"], "nominal");
 }
 
