@@ -10,10 +10,7 @@
 namespace quorel {
 namespace {
 
-struct DecodeCase {
-  std::string body;
-  std::optional<JSONRPCRequest> expected;
-};
+using DecodeCase = std::pair<std::string, std::optional<JSONRPCRequest>>;
 
 JSONRPCRequest request(std::string method, std::optional<JSONValue> id = std::nullopt,
                        std::optional<JSONValue> params = std::nullopt,
@@ -24,10 +21,10 @@ JSONRPCRequest request(std::string method, std::optional<JSONValue> id = std::nu
 // Decodes each body and checks the outcome, and that reading the body as a value and then
 // converting it agrees, so that the two ways in stay one behaviour.
 void expectDecodes(const std::vector<DecodeCase>& cases) {
-  for (const auto& c : cases) {
-    EXPECT_EQ(JSONRPCRequest::decode(c.body), c.expected) << c.body;
-    auto value = JSONValue::parse(c.body);
-    EXPECT_EQ(value ? JSONRPCRequest::fromJSON(*value) : std::nullopt, c.expected) << c.body;
+  for (const auto& [body, expected] : cases) {
+    EXPECT_EQ(JSONRPCRequest::decode(body), expected) << body;
+    auto value = JSONValue::parse(body);
+    EXPECT_EQ(value ? JSONRPCRequest::fromJSON(*value) : std::nullopt, expected) << body;
   }
 }
 

@@ -26,14 +26,9 @@ MCPParseResult parse(const std::string& data,
   return result;
 }
 
-struct KindCase {
-  std::string data;
-  Kind expected;
-};
-
-void expectKinds(const std::vector<KindCase>& cases,
+void expectKinds(const std::vector<std::pair<std::string, Kind>>& cases,
                  const std::optional<std::string>& token = std::nullopt) {
-  for (const auto& c : cases) EXPECT_EQ(parse(c.data, token).kind, c.expected) << c.data;
+  for (const auto& [data, kind] : cases) EXPECT_EQ(parse(data, token).kind, kind) << data;
 }
 
 TEST(MCPHTTPParseTest, AWellFormedRequestCarriesMethodPathTypeAndBody) {
