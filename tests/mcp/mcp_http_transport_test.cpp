@@ -15,11 +15,7 @@
 namespace quorel {
 namespace {
 
-using testing::eventually;
-using testing::LogCapture;
-using testing::post;
-using testing::RawClient;
-using testing::roundTrip;
+using namespace testing;  // the MCP test helpers
 
 const std::string kToken = "tok-123";
 const std::string kAuth = "Authorization: Bearer " + kToken + "\r\n";

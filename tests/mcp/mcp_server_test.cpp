@@ -21,11 +21,7 @@
 namespace quorel {
 namespace {
 
-using testing::LogCapture;
-using testing::portWithNothingOnIt;
-using testing::post;
-using testing::roundTrip;
-using testing::ScratchDirectory;
+using namespace testing;  // the MCP test helpers
 
 std::string readFile(const std::filesystem::path& p) {
   std::ifstream in(p, std::ios::binary);
@@ -89,14 +85,10 @@ class MCPServerTest : public ::testing::Test {
     auto request = JSONRPCRequest::decode(body);
     EXPECT_TRUE(request) << body;
     return main_.sync([&] {
-      std::optional<JSONRPCResponse> out;
-      bool answered = false;
-      server_->route(*request, [&](std::optional<JSONRPCResponse> r) {
-        out = std::move(r);
-        answered = true;
-      });
-      EXPECT_TRUE(answered);
-      return out;
+      std::optional<std::optional<JSONRPCResponse>> out;  // set once answered
+      server_->route(*request, [&](std::optional<JSONRPCResponse> r) { out = std::move(r); });
+      EXPECT_TRUE(out) << "not answered at once: " << body;
+      return out.value_or(std::nullopt);
     });
   }
 
