@@ -224,21 +224,38 @@ TEST_F(PowerMonitorTest, WakeDropsNearZeroReadingsUntilAnchoredOrFiveSecondsPass
   EXPECT_EQ(states.size(), 4u);
 }
 
-TEST_F(PowerMonitorTest, ComponentCadenceFollowsCardVisibility) {
-  auto sampler = std::make_shared<FixedSampler>(ComponentPower{1, 2, 3, 0, 1, true});
+TEST_F(PowerMonitorTest, ComponentsFollowCardVisibilityAndHistoryKeepsEvery30Seconds) {
+  auto sampler = std::make_shared<FixedSampler>(ComponentPower{1, 2, 3, 0.5, 1, true});
   build(sampler);
   tickOnBattery(-15);
+  EXPECT_EQ(histories.back(), PowerMonitor::HistorySnapshot::empty()) << "copied while unwatched";
+  monitor->setPopoverOpen(true);
   for (int i = 0; i < 9; ++i) tick(2s);  // 18 s: hidden cadence is 20 s
   EXPECT_EQ(sampler->calls, 1);
   tick(2s);
   EXPECT_EQ(sampler->calls, 2);
   EXPECT_EQ(states.back().componentPower, sampler->value);
+  for (int i = 0; i < 20; ++i) tick(2s);  // on to 60 s at a 2-second timer
+  auto h = histories.back();
+  EXPECT_EQ(h.wattageValues.size(), 3u);  // at 0, 30 and 60 s
+  EXPECT_EQ(h.wattageTimestamps.size(), 3u);
+  EXPECT_TRUE(h.systemPowerInValues.empty()) << "no input telemetry on battery";
+  EXPECT_EQ(h.componentData.size(), 5u);
+  EXPECT_EQ(h.componentTimestamps.at("DRAM").size(), 3u);
+
+  // Stalled CPU counters keep CPU and DRAM out; GPU and ANE go on.
+  sampler->value.cpuAndMemoryAvailable = false;
+  tick(30s);
+  h = histories.back();
+  for (const char* key : {"ECPU", "PCPU", "DRAM"}) EXPECT_EQ(h.componentData.at(key).size(), 3u);
+  for (const char* key : {"GPU", "ANE"}) EXPECT_EQ(h.componentData.at(key).size(), 4u);
 
   monitor->setComponentCardVisible(true);
+  const int calls = sampler->calls;
   tick(4s);
-  EXPECT_EQ(sampler->calls, 2);
+  EXPECT_EQ(sampler->calls, calls);
   tick(1s);
-  EXPECT_EQ(sampler->calls, 3);
+  EXPECT_EQ(sampler->calls, calls + 1);
 }
 
 TEST_F(PowerMonitorTest, MissingOrRejectedComponentsLeaveTheStateWithoutThem) {
@@ -255,28 +272,6 @@ TEST_F(PowerMonitorTest, MissingOrRejectedComponentsLeaveTheStateWithoutThem) {
   EXPECT_TRUE(recorder->entries[0].fresh);
   EXPECT_EQ(recorder->entries[1].validation.quality, HistoricalValueQuality::unavailable);
   for (const auto& state : states) EXPECT_FALSE(state.componentPower.has_value());
-}
-
-TEST_F(PowerMonitorTest, HistoryKeepsA30SecondCadenceAndOnlyMovingCounters) {
-  auto sampler = std::make_shared<FixedSampler>(ComponentPower{1, 2, 3, 0.5, 1, true});
-  build(sampler);
-  tickOnBattery(-15);
-  EXPECT_EQ(histories.back(), PowerMonitor::HistorySnapshot::empty()) << "copied while unwatched";
-  monitor->setPopoverOpen(true);
-  for (int i = 0; i < 30; ++i) tick(2s);  // 60 s at a 2-second timer
-  auto h = histories.back();
-  EXPECT_EQ(h.wattageValues.size(), 3u);  // at 0, 30 and 60 s
-  EXPECT_EQ(h.wattageTimestamps.size(), 3u);
-  EXPECT_TRUE(h.systemPowerInValues.empty()) << "no input telemetry on battery";
-  EXPECT_EQ(h.componentData.size(), 5u);
-  EXPECT_EQ(h.componentTimestamps.at("DRAM").size(), 3u);
-
-  // Stalled CPU counters keep CPU and DRAM out; GPU and ANE go on.
-  sampler->value.cpuAndMemoryAvailable = false;
-  tick(30s);
-  h = histories.back();
-  for (const char* key : {"ECPU", "PCPU", "DRAM"}) EXPECT_EQ(h.componentData.at(key).size(), 3u);
-  for (const char* key : {"GPU", "ANE"}) EXPECT_EQ(h.componentData.at(key).size(), 4u);
 }
 
 TEST_F(PowerMonitorTest, StartSeedsHistoriesOnceFromTheStore) {
