@@ -10,10 +10,7 @@
 namespace quorel {
 namespace {
 
-struct DecodeCase {
-  std::string body;
-  std::optional<JSONRPCRequest> expected;
-};
+using DecodeCase = std::pair<std::string, std::optional<JSONRPCRequest>>;
 
 JSONRPCRequest request(std::string method, std::optional<JSONValue> id = std::nullopt,
                        std::optional<JSONValue> params = std::nullopt,
@@ -24,10 +21,10 @@ JSONRPCRequest request(std::string method, std::optional<JSONValue> id = std::nu
 // Decodes each body and checks the outcome, and that reading the body as a value and then
 // converting it agrees, so that the two ways in stay one behaviour.
 void expectDecodes(const std::vector<DecodeCase>& cases) {
-  for (const auto& c : cases) {
-    EXPECT_EQ(JSONRPCRequest::decode(c.body), c.expected) << c.body;
-    auto value = JSONValue::parse(c.body);
-    EXPECT_EQ(value ? JSONRPCRequest::fromJSON(*value) : std::nullopt, c.expected) << c.body;
+  for (const auto& [body, expected] : cases) {
+    EXPECT_EQ(JSONRPCRequest::decode(body), expected) << body;
+    auto value = JSONValue::parse(body);
+    EXPECT_EQ(value ? JSONRPCRequest::fromJSON(*value) : std::nullopt, expected) << body;
   }
 }
 
@@ -47,7 +44,6 @@ TEST(JSONRPCRequestTest, AMemberGivenTwiceCountsByItsLastValue) {
   expectDecodes({
       {R"({"jsonrpc":"2.0","method":"a","method":5})", std::nullopt},
       {R"({"jsonrpc":"2.0","method":5,"method":"a"})", request("a")},
-      {R"({"jsonrpc":"2.0","method":"a","method":{"m":"b"}})", std::nullopt},
       {R"({"jsonrpc":"2.0","jsonrpc":null,"method":"m"})", std::nullopt},
       {R"({"jsonrpc":[],"jsonrpc":"1.0","method":"m"})", request("m", {}, {}, "1.0")},
       // An escaped key names the same member as the plain one.
@@ -56,7 +52,6 @@ TEST(JSONRPCRequestTest, AMemberGivenTwiceCountsByItsLastValue) {
       {R"({"jsonrpc":"2.0","method":"m","id":null,"id":"b"})", request("m", JSONValue("b"))},
       {R"({"jsonrpc":"2.0","method":"m","params":{"a":1},"params":[2]})",
        request("m", {}, JSONValue::array({2}))},
-      {R"({"jsonrpc":"2.0","method":"m","params":[1],"params":null})", request("m")},
       {R"({"jsonrpc":"2.0","method":"m","params":{"a":1,"b":true,"a":{"c":[]}}})",
        request("m", {},
                JSONValue::object(
@@ -81,11 +76,8 @@ TEST(JSONRPCRequestTest, EachMemberIsKeptOrRefusedByItsKind) {
       {R"({"jsonrpc":"2.0","method":"m","id":1.0})", request("m", JSONValue(1))},
       {R"({"jsonrpc":"2.0","method":"m","id":18446744073709551615})",
        request("m", JSONValue(18446744073709551615.0))},
-      {R"({"jsonrpc":"2.0","method":"m","id":false})", request("m", JSONValue(false))},
-      {R"({"jsonrpc":"2.0","method":"m","id":"\u00e9"})", request("m", JSONValue("\xC3\xA9"))},
-      {R"({"jsonrpc":"2.0","method":"m","id":{"n":[1,{"x":null}]}})",
-       request("m", JSONValue::object(
-                        {{"n", JSONValue::array({1, JSONValue::object({{"x", nullptr}})})}}))},
+      {R"({"jsonrpc":"2.0","method":"m","id":{"n":[false]}})",
+       request("m", JSONValue::object({{"n", JSONValue::array({false})}}))},
       {R"({"jsonrpc":"2.0","method":"m","params":"text"})", request("m", {}, JSONValue("text"))},
   });
 }

@@ -1,4 +1,5 @@
-// The server's lifecycle, its files and its answers, over real sockets where it matters.
+// The server's lifecycle, its files, its answers and the `quorel mcp` subcommands, over real
+// sockets where it matters.
 
 #include "mcp/mcp_server.hpp"
 
@@ -13,17 +14,14 @@
 #include <regex>
 
 #include "core/memory_preference_store.hpp"
+#include "mcp/mcp_commands.hpp"
 #include "mcp/mcp_server_switch.hpp"
 #include "mcp_test_support.hpp"
 
 namespace quorel {
 namespace {
 
-using testing::LogCapture;
-using testing::portWithNothingOnIt;
-using testing::post;
-using testing::roundTrip;
-using testing::ScratchDirectory;
+using namespace testing;  // the MCP test helpers
 
 std::string readFile(const std::filesystem::path& p) {
   std::ifstream in(p, std::ios::binary);
@@ -36,29 +34,19 @@ void writeFile(const std::filesystem::path& p, const std::string& contents) {
 
 unsigned modeOf(const std::filesystem::path& p) {
   struct stat st {};
-  ::stat(p.c_str(), &st);
-  return st.st_mode & 0777;
+  return ::stat(p.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
 }
 
 // Records what reaches it, and answers like a tool that worked or one that refused.
-class RecordingRegistry final : public MCPToolRegistry {
- public:
-  struct Call {
-    std::string name;
-    std::optional<JSONValue> arguments;
-    std::optional<JSONValue> id;
-  };
-  std::vector<Call> calls;
-
+struct RecordingRegistry final : MCPToolRegistry {
   void callTool(const std::string& name, std::optional<JSONValue> arguments,
                 std::optional<JSONValue> id, std::function<void(JSONRPCResponse)> reply) override {
-    calls.push_back({name, arguments, id});
-    if (name == "refuse") {
-      reply(JSONRPCResponse::failure(id, {kJSONRPCInvalidParams, "Invalid params: no", {}}));
-    } else {
-      reply(JSONRPCResponse::success(id, JSONValue::object({{"isError", false}})));
-    }
+    calls.emplace_back(arguments, id);
+    reply(name == "refuse"
+              ? JSONRPCResponse::failure(id, {kJSONRPCInvalidParams, "Invalid params: no", {}})
+              : JSONRPCResponse::success(id, JSONValue::object({{"isError", false}})));
   }
+  std::vector<std::pair<std::optional<JSONValue>, std::optional<JSONValue>>> calls;  // args, id
 };
 
 class MCPServerTest : public ::testing::Test {
@@ -75,10 +63,17 @@ class MCPServerTest : public ::testing::Test {
   }
 
   MCPServer& makeServer(std::unique_ptr<MCPToolRegistry> registry = nullptr) {
-    server_ = std::make_unique<MCPServer>(main_, http_, clock_, prefs_, dir_.path() / "data",
+    server_ = std::make_unique<MCPServer>(main_, http_, clock_, prefs_, data(),
                                           MCPServerOptions{"1.2.3", {}}, std::move(registry));
     server_->addStateObserver([this] { ++stateChanges_; });
     return *server_;
+  }
+
+  RecordingRegistry* makeRecordingServer() {
+    auto registry = std::make_unique<RecordingRegistry>();
+    auto* recorded = registry.get();
+    makeServer(std::move(registry));
+    return recorded;
   }
 
   // What the state observers have been told so far, once the main queue has run what is posted.
@@ -90,19 +85,16 @@ class MCPServerTest : public ::testing::Test {
     auto request = JSONRPCRequest::decode(body);
     EXPECT_TRUE(request) << body;
     return main_.sync([&] {
-      std::optional<JSONRPCResponse> out;
-      bool answered = false;
-      server_->route(*request, [&](std::optional<JSONRPCResponse> r) {
-        out = std::move(r);
-        answered = true;
-      });
-      EXPECT_TRUE(answered);
-      return out;
+      std::optional<std::optional<JSONRPCResponse>> out;  // set once answered
+      server_->route(*request, [&](std::optional<JSONRPCResponse> r) { out = std::move(r); });
+      EXPECT_TRUE(out) << "not answered at once: " << body;
+      return out.value_or(std::nullopt);
     });
   }
 
-  std::filesystem::path tokenFile() const { return mcpTokenFile(dir_.path() / "data"); }
-  std::filesystem::path endpointFile() const { return mcpEndpointFile(dir_.path() / "data"); }
+  std::filesystem::path data() const { return dir_.path() / "data"; }
+  std::filesystem::path tokenFile() const { return mcpTokenFile(data()); }
+  std::filesystem::path endpointFile() const { return mcpEndpointFile(data()); }
 
   ScratchDirectory dir_;
   MemoryPreferenceStore prefs_;
@@ -135,15 +127,13 @@ TEST_F(MCPServerTest, TheTokenFileIsCreatedPrivateAndThenReusedTrimmed) {
     EXPECT_EQ(readFile(tokenFile()), fresh + "\n");
     EXPECT_EQ(modeOf(tokenFile()), 0600u);
   }
-}
 
-TEST_F(MCPServerTest, AFailedTokenWriteStillGivesATokenForThisRun) {
-  // A file where the data directory should be cannot hold the token file.
-  writeFile(dir_.path() / "data", "not a directory");
-  auto& server = makeServer();
-  const auto token = server.loadOrCreateToken();
-  EXPECT_EQ(token.size(), 43u);
-  EXPECT_NE(server.loadOrCreateToken(), token);
+  // A file where the data directory should be cannot hold the token, yet this run gets one.
+  std::filesystem::remove_all(data());
+  writeFile(data(), "not a directory");
+  const auto unsaved = server.loadOrCreateToken();
+  EXPECT_EQ(unsaved.size(), 43u);
+  EXPECT_NE(server.loadOrCreateToken(), unsaved);
 }
 
 TEST_F(MCPServerTest, ThePortOutsideTheValidRangeIs8473) {
@@ -158,7 +148,7 @@ TEST_F(MCPServerTest, ThePortOutsideTheValidRangeIs8473) {
   EXPECT_EQ(server.endpointURLString(), "http://127.0.0.1:65535/mcp");
 }
 
-TEST_F(MCPServerTest, StartPublishesTheLivePortAndAnswersWithTheTokenFromTheFile) {
+TEST_F(MCPServerTest, StartPublishesTheLivePortAnswersWithTheTokenAndHappensOnce) {
   auto& server = makeServer();
   server.start(0);
   ASSERT_TRUE(server.isListening());
@@ -183,13 +173,8 @@ TEST_F(MCPServerTest, StartPublishesTheLivePortAndAnswersWithTheTokenFromTheFile
   EXPECT_EQ(server.statusText(), "Stopped");  // running, but the setting is off
   prefs_.setValue(kMCPServerEnabledKey, true);
   EXPECT_EQ(server.statusText(), "Running on 127.0.0.1:" + std::to_string(port));
-}
 
-TEST_F(MCPServerTest, StartingTwiceTouchesNothingTheSecondTime) {
-  auto& server = makeServer();
-  server.start(0);
-  const auto port = *server.transport().boundPort();
-  EXPECT_EQ(stateChanges(), 1);
+  // Starting twice touches nothing the second time.
   std::filesystem::remove(endpointFile());
   std::filesystem::remove(tokenFile());
   server.start(0);
@@ -230,10 +215,9 @@ TEST_F(MCPServerTest, AFallbackPortBecomesTheConfiguredPort) {
   EXPECT_EQ(server.transport().boundPort(), live);
 }
 
-TEST_F(MCPServerTest, RouteAnswersTheProtocolsOwnMethodsAndNotificationsRunNothing) {
-  auto registry = std::make_unique<RecordingRegistry>();
-  auto* recorded = registry.get();
-  makeServer(std::move(registry));
+TEST_F(MCPServerTest, RouteAnswersItsOwnMethodsAndSendsToolCallsToTheRegistry) {
+  LogCapture log;
+  auto* recorded = makeRecordingServer();
   EXPECT_EQ(routeOnMain(R"({"jsonrpc":"2.0","id":3,"method":"ping"})"),
             JSONRPCResponse::success(JSONValue(3), JSONValue::object({})));
   // Methods are matched exactly; a notification's method is unknown once it has an id.
@@ -246,14 +230,7 @@ TEST_F(MCPServerTest, RouteAnswersTheProtocolsOwnMethodsAndNotificationsRunNothi
   EXPECT_EQ(routeOnMain(R"({"jsonrpc":"2.0","id":null,"method":"tools/call",
                             "params":{"name":"set_charge_limit"}})"),
             std::nullopt);
-  EXPECT_TRUE(main_.sync([&] { return recorded->calls.empty(); }));
-}
-
-TEST_F(MCPServerTest, ToolsCallNeedsAStringNameAndGoesToTheRegistry) {
-  LogCapture log;
-  auto registry = std::make_unique<RecordingRegistry>();
-  auto* recorded = registry.get();
-  makeServer(std::move(registry));
+  // tools/call needs a string name; then it goes to the registry.
   const JSONRPCErrorObject noName{
       kJSONRPCInvalidParams, "Invalid params: `name` is required for tools/call.", {}};
   for (std::string params : {"", R"(,"params":{"name":5})", R"(,"params":["get_overview"])"}) {
@@ -268,22 +245,19 @@ TEST_F(MCPServerTest, ToolsCallNeedsAStringNameAndGoesToTheRegistry) {
       routeOnMain(R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"refuse"}})");
   EXPECT_EQ(refused->error->message, "Invalid params: no");
   main_.sync([&] {
-    ASSERT_EQ(recorded->calls.size(), 2u);
-    EXPECT_EQ(recorded->calls[0].arguments, JSONValue::object({{"k", 1}}));
-    EXPECT_EQ(recorded->calls[0].id, JSONValue("a"));
-    EXPECT_EQ(recorded->calls[1].arguments, std::nullopt);
+    ASSERT_EQ(recorded->calls.size(), 2u);  // and nothing from the notifications
+    EXPECT_EQ(recorded->calls[0], std::pair(std::optional(JSONValue::object({{"k", 1}})),
+                                            std::optional(JSONValue("a"))));
+    EXPECT_EQ(recorded->calls[1].first, std::nullopt);
   });
   EXPECT_TRUE(log.contains("tools/call x → ok"));
   EXPECT_TRUE(log.contains("tools/call refuse → error -32602"));
-}
 
-TEST_F(MCPServerTest, TheEmptyCatalogueTreatsEveryToolAsUnknown) {
+  // Without a registry the catalogue is empty and every tool is unknown.
   makeServer();
-  EXPECT_EQ(
-      routeOnMain(R"({"jsonrpc":"2.0","id":1,"method":"tools/call",
-                            "params":{"name":"get_overview"}})"),
-      JSONRPCResponse::failure(
-          JSONValue(1), {kJSONRPCInvalidParams, "Invalid params: Unknown tool: get_overview", {}}));
+  EXPECT_EQ(routeOnMain(R"({"jsonrpc":"2.0","id":1,"method":"tools/call","params":{"name":"t"}})"),
+            JSONRPCResponse::failure(
+                JSONValue(1), {kJSONRPCInvalidParams, "Invalid params: Unknown tool: t", {}}));
 }
 
 TEST_F(MCPServerTest, TheSwitchFollowsTheSettingAcrossProcesses) {
@@ -319,6 +293,54 @@ TEST_F(MCPServerTest, TheSwitchFollowsTheSettingAcrossProcesses) {
   main_.sync([&] { switch_.reset(); });
   set(false);
   EXPECT_TRUE(server.isListening());
+}
+
+TEST_F(MCPServerTest, EnableAndDisableFlipTheSettingAndSayWhereToConnect) {
+  auto on = runMCPEnableCommand(prefs_, data());
+  EXPECT_EQ(on.exitStatus, 0);
+  EXPECT_TRUE(prefs_.boolValue(kMCPServerEnabledKey));
+  EXPECT_EQ(on.text,
+            "MCP server enabled — a running agent starts it within moments.\n"
+            "HTTP: http://127.0.0.1:8473/mcp\nToken file: " +
+                tokenFile().string() +
+                " (not created yet — the agent writes it when the server starts)\n");
+  auto off = runMCPDisableCommand(prefs_, data());
+  EXPECT_EQ(off.exitStatus, 0);
+  EXPECT_FALSE(prefs_.boolValue(kMCPServerEnabledKey));
+  EXPECT_TRUE(prefs_.hasValue(kMCPServerEnabledKey));
+  EXPECT_EQ(off.text, "MCP server disabled — a running agent stops it within moments.\n");
+}
+
+TEST_F(MCPServerTest, StatusProbesOnlyWhenEnabledAndNeverPrintsTheToken) {
+  const auto startsWith = [](const std::string& text, const std::string& prefix) {
+    return text.rfind(prefix, 0) == 0;
+  };
+  prefs_.setValue(kMCPServerPortKey, portWithNothingOnIt());
+  auto stopped = runMCPStatusCommand(prefs_, data(), clock_);
+  EXPECT_EQ(stopped.exitStatus, 0);
+  EXPECT_TRUE(startsWith(stopped.text, "Stopped\nHTTP: http://127.0.0.1:")) << stopped.text;
+  prefs_.setValue(kMCPServerEnabledKey, true);
+  auto silent = runMCPStatusCommand(prefs_, data(), clock_);
+  EXPECT_EQ(silent.exitStatus, 1);
+  EXPECT_TRUE(startsWith(silent.text, "Not running — nothing answers on 127.0.0.1:"))
+      << silent.text;
+
+  auto& server = makeServer();
+  server.start(0);
+  ASSERT_TRUE(server.isListening());
+  const std::string token = server.loadOrCreateToken();
+  const std::string port = std::to_string(server.currentPort());
+  auto s = runMCPStatusCommand(prefs_, data(), clock_);
+  EXPECT_EQ(s.exitStatus, 0);
+  EXPECT_EQ(s.text, "Running on 127.0.0.1:" + port + "\nHTTP: http://127.0.0.1:" + port +
+                        "/mcp\nToken file: " + tokenFile().string() + "\n");
+  EXPECT_EQ(s.text.find(token), std::string::npos);
+  // A token file changed after the start is refused by the running server.
+  writeFile(tokenFile(), "changed\n");
+  auto refused = runMCPStatusCommand(prefs_, data(), clock_);
+  EXPECT_EQ(refused.exitStatus, 1);
+  EXPECT_TRUE(startsWith(refused.text, "Running on 127.0.0.1:" + port + ", but it refuses"))
+      << refused.text;
 }
 
 TEST_F(MCPServerTest, AListenerThatCannotBeCreatedIsReportedAndLeavesTheSettingOn) {

@@ -29,12 +29,7 @@ inline const SystemClock kRealClock;
 
 class ScratchDirectory {
  public:
-  ScratchDirectory()
-      : path_(std::filesystem::temp_directory_path() /
-              ("quorel-mcp-test-" + std::to_string(::getpid()) + "-" +
-               std::to_string(std::random_device{}()))) {
-    std::filesystem::create_directories(path_);
-  }
+  ScratchDirectory() { std::filesystem::create_directories(path_); }
   ~ScratchDirectory() {
     std::error_code ec;
     std::filesystem::remove_all(path_, ec);
@@ -42,7 +37,9 @@ class ScratchDirectory {
   const std::filesystem::path& path() const { return path_; }
 
  private:
-  std::filesystem::path path_;
+  std::filesystem::path path_ =
+      std::filesystem::temp_directory_path() / ("quorel-mcp-test-" + std::to_string(::getpid()) +
+                                                "-" + std::to_string(std::random_device{}()));
 };
 
 struct RawAnswer {

@@ -22,15 +22,11 @@ class FakeRecordingStore : public RecordingStore {
                                                     TimePoint at) override {
     reconciled.push_back(serial);
     // Behaves like the store: a first serial opens nothing to report, a different one does.
-    if (lastSerial && *lastSerial != serial) {
-      lastSerial = serial;
-      return BatteryEpoch{42, at, serial, 0, 0, 0, BatteryEpochSource::automatic};
-    }
-    lastSerial = serial;
-    return std::nullopt;
+    if (reconciled.size() < 2 || reconciled[reconciled.size() - 2] == serial) return std::nullopt;
+    return BatteryEpoch{42, at, serial, 0, 0, 0, BatteryEpochSource::automatic};
   }
   std::vector<PowerSample> queryPowerSamples(TimePoint from, TimePoint to, int maxPoints) override {
-    queries.push_back({from, to, maxPoints});
+    query = {secondsBetween(from, to), maxPoints};
     return stored;
   }
 
@@ -38,13 +34,8 @@ class FakeRecordingStore : public RecordingStore {
   std::vector<SessionRecord> sessions;
   std::vector<CapacityLogEntry> capacity;
   std::vector<std::string> reconciled;
-  std::optional<std::string> lastSerial;
   std::vector<PowerSample> stored;
-  struct Query {
-    TimePoint from, to;
-    int maxPoints;
-  };
-  std::vector<Query> queries;
+  std::optional<std::pair<double, int>> query;  // the span in seconds and the points asked for
 };
 
 class PowerRecorderTest : public ::testing::Test {
@@ -52,8 +43,8 @@ class PowerRecorderTest : public ::testing::Test {
   // Capacity days are local; pin the zone so a day is the same on any machine.
   testing::ZoneGuard zone{"UTC0"};
   // One recording tick `advance` after the previous one, with the given phase and watts.
-  void tick(Seconds advance, PowerPhase phase, double watts, bool force = false,
-            std::optional<std::string> serial = std::nullopt) {
+  void tick(Seconds advance, PowerPhase phase = PowerPhase::draining, double watts = -10,
+            bool force = false, std::optional<std::string> serial = std::nullopt) {
     clock.advance(advance);
     snapshot.timestamp = clock.now();
     snapshot.batterySerial = serial;
@@ -90,15 +81,11 @@ class PowerRecorderTest : public ::testing::Test {
 };
 
 TEST_F(PowerRecorderTest, SessionOfExactlySixtySecondsIsDroppedSixtyOneKept) {
-  tick(0s, PowerPhase::draining, -10);
-  tick(30s, PowerPhase::draining, -10);
-  tick(30s, PowerPhase::draining, -10);
+  for (auto step : {0s, 30s, 30s}) tick(step);
   tick(0s, PowerPhase::charging, 40);  // ends the 60-second session
   EXPECT_TRUE(store.sessions.empty());
-
-  tick(31s, PowerPhase::charging, 40);
-  tick(30s, PowerPhase::charging, 40);
-  tick(0s, PowerPhase::draining, -10);  // ends a 61-second charging session
+  for (auto step : {31s, 30s}) tick(step, PowerPhase::charging, 40);
+  tick(0s);  // ends a 61-second charging session
   ASSERT_EQ(store.sessions.size(), 1u);
   const auto& s = store.sessions[0];
   EXPECT_EQ(s.mode, PowerSessionMode::charging);
@@ -112,9 +99,7 @@ TEST_F(PowerRecorderTest, SessionOfExactlySixtySecondsIsDroppedSixtyOneKept) {
 }
 
 TEST_F(PowerRecorderTest, GapsCountAsMissingAndLowerConfidence) {
-  tick(0s, PowerPhase::draining, -10);
-  tick(100s, PowerPhase::draining, -10);
-  tick(400s, PowerPhase::draining, -10);  // slept: beyond the 300-second limit
+  for (auto step : {0s, 100s, 400s}) tick(step);  // slept 400 s: beyond the 300-second limit
   tick(100s, PowerPhase::charging, 30);
   ASSERT_EQ(store.sessions.size(), 1u);
   const auto& s = store.sessions[0];
@@ -126,7 +111,7 @@ TEST_F(PowerRecorderTest, GapsCountAsMissingAndLowerConfidence) {
   EXPECT_DOUBLE_EQ(s.endPct, 72);
 }
 
-TEST_F(PowerRecorderTest, ForceDischargeAndModesClassifyTheSession) {
+TEST_F(PowerRecorderTest, ModesClassifyTheSessionAndNoBatteryLeavesItAlone) {
   tick(0s, PowerPhase::onHold, 0, /*force=*/true);
   EXPECT_EQ(recorder.currentSession()->mode, PowerSessionMode::forceDischarge);
   tick(1s, PowerPhase::onHold, 0);
@@ -135,10 +120,9 @@ TEST_F(PowerRecorderTest, ForceDischargeAndModesClassifyTheSession) {
   EXPECT_EQ(recorder.currentSession()->mode, PowerSessionMode::supplementing);
   // A session cut short after one point has observed nothing and is not kept.
   EXPECT_TRUE(store.sessions.empty());
-}
 
-TEST_F(PowerRecorderTest, NoBatteryLeavesTheOpenSessionAlone) {
-  tick(0s, PowerPhase::draining, -10);
+  // Without a battery the open session is left alone.
+  tick(1s);
   state.batteryInstalled = false;
   snapshot.batteryInstalled = false;
   tick(30s, PowerPhase::noBattery, 0);
@@ -148,10 +132,7 @@ TEST_F(PowerRecorderTest, NoBatteryLeavesTheOpenSessionAlone) {
 }
 
 TEST_F(PowerRecorderTest, SamplesEveryThirtySecondsWithObservedDurations) {
-  tick(0s, PowerPhase::draining, -10);
-  tick(10s, PowerPhase::draining, -10);
-  tick(20s, PowerPhase::draining, -10);
-  tick(310s, PowerPhase::draining, -10);
+  for (auto step : {0s, 10s, 20s, 310s}) tick(step);
   ASSERT_EQ(store.samples.size(), 3u);
   EXPECT_FALSE(store.samples[0].observedDurationS) << "nothing persisted before the first";
   EXPECT_EQ(store.samples[1].observedDurationS, 30.0);
@@ -161,7 +142,7 @@ TEST_F(PowerRecorderTest, SamplesEveryThirtySecondsWithObservedDurations) {
   EXPECT_EQ(store.samples[0].temperatureC, 34.5);
 
   fresh = false;
-  tick(30s, PowerPhase::draining, -10);
+  tick(30s);
   ASSERT_EQ(store.samples.size(), 4u);
   EXPECT_EQ(store.samples[3].componentQuality, HistoricalValueQuality::unavailable);
   EXPECT_EQ(store.samples[3].componentRejectionReason, "component sample not fresh");
@@ -186,7 +167,6 @@ TEST(PowerRecorderSampleTest, QualityLabelsFollowWhatWasMeasured) {
   EXPECT_EQ(measured.wallEstimateQuality, HistoricalValueQuality::legacy);
   EXPECT_EQ(measured.systemPowerQuality, HistoricalValueQuality::measured);
   EXPECT_EQ(measured.dcInW, 60.0);
-  EXPECT_EQ(measured.observedDurationS, 30.0);
 
   PowerState onAdapterNoTelemetry;
   onAdapterNoTelemetry.externalConnected = true;
@@ -206,40 +186,40 @@ TEST(PowerRecorderSampleTest, QualityLabelsFollowWhatWasMeasured) {
 }
 
 TEST_F(PowerRecorderTest, SerialMustBeSeenOnTwoPollsRunning) {
-  tick(0s, PowerPhase::draining, -10, false, "A");
+  const auto seen = [&](const char* serial) { tick(2s, PowerPhase::draining, -10, false, serial); };
+  seen("A");
   EXPECT_TRUE(store.reconciled.empty()) << "the first sighting is not yet believed";
-  tick(2s, PowerPhase::draining, -10, false, "A");
+  seen("A");
   EXPECT_EQ(store.reconciled, std::vector<std::string>{"A"});
-  tick(2s, PowerPhase::draining, -10, false, "A");
+  seen("A");
   EXPECT_EQ(store.reconciled.size(), 1u) << "a known serial costs the store nothing";
 
-  for (int i = 0; i < 6; ++i) tick(2s, PowerPhase::draining, -10, false, i % 2 ? "A" : "B");
+  for (int i = 0; i < 6; ++i) seen(i % 2 ? "A" : "B");
   EXPECT_EQ(store.reconciled.size(), 1u) << "alternating serials never confirm";
   EXPECT_TRUE(replaced.empty());
-
-  tick(2s, PowerPhase::draining, -10, false, "B");
-  tick(2s, PowerPhase::draining, -10, false, "B");
+  seen("B");
+  seen("B");
   ASSERT_EQ(replaced.size(), 1u);
   EXPECT_EQ(replaced[0].serial, "B");
   EXPECT_EQ(logs.count("battery replacement detected — serial changed, opened epoch 42"), 1u);
 }
 
 TEST_F(PowerRecorderTest, CapacityLogOnFirstReadingOnChangeAndOncePerDay) {
-  tick(0s, PowerPhase::draining, -10);
+  tick(0s);
   ASSERT_EQ(store.capacity.size(), 1u);
   EXPECT_NEAR(store.capacity[0].healthPct, 8171.0 / 8693 * 100, 1e-9);
   EXPECT_DOUBLE_EQ(store.capacity[0].maxTemperature_C, 34.5);
-  tick(60s, PowerPhase::draining, -10);
+  tick(60s);
   EXPECT_EQ(store.capacity.size(), 1u);
   snapshot.nominalCapacity_mAh = 8100;  // -0.8 points of health
   snapshot.maxTemperature = 42;
-  tick(60s, PowerPhase::draining, -10);
+  tick(60s);
   ASSERT_EQ(store.capacity.size(), 2u);
   EXPECT_DOUBLE_EQ(store.capacity[1].maxTemperature_C, 42) << "the lifetime maximum wins";
-  tick(24h, PowerPhase::draining, -10);
+  tick(24h);
   EXPECT_EQ(store.capacity.size(), 3u) << "a new day logs even without change";
   snapshot.designCapacity_mAh = 0;
-  tick(24h, PowerPhase::draining, -10);
+  tick(24h);
   EXPECT_EQ(store.capacity.size(), 3u) << "no design capacity, no health";
 }
 
@@ -250,9 +230,7 @@ TEST_F(PowerRecorderTest, SeedAsksForTheLastTenMinutesAtTwoHundredPoints) {
   p.gpuW = 2;
   store.stored = {p};
   const auto seed = recorder.seedSamples(clock.now());
-  ASSERT_EQ(store.queries.size(), 1u);
-  EXPECT_DOUBLE_EQ(secondsBetween(store.queries[0].from, store.queries[0].to), 600);
-  EXPECT_EQ(store.queries[0].maxPoints, 200);
+  EXPECT_EQ(store.query, std::pair(600.0, 200));
   ASSERT_EQ(seed.size(), 1u);
   EXPECT_EQ(seed[0].wattage, -9);
   EXPECT_EQ(seed[0].gpuW, 2.0);

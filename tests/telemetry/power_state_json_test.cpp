@@ -7,14 +7,14 @@
 namespace quorel {
 namespace {
 
-TEST(PowerStateJsonTest, ComputedValuesAndNulls) {
+TEST(PowerStateJsonTest, ComputedValuesNullsAndNestedRecords) {
   PowerState s;
   s.smoothedWattage = -18.0;
   s.batteryPercentage = 71.6;
   s.batteryInstalled = true;
   s.phase = PowerPhase::draining;
   s.timestamp = fromUnixSeconds(1'800'000'000.25);
-  const auto j = toJson(s);
+  auto j = toJson(s);
 
   // The line starts with the figure and ends with the derived ones.
   EXPECT_EQ(j.begin().key(), "smoothedWattage");
@@ -25,14 +25,12 @@ TEST(PowerStateJsonTest, ComputedValuesAndNulls) {
   EXPECT_EQ(j["timestamp"], "2027-01-15T08:00:00.250Z");
   EXPECT_EQ(j["displayPercent"], 72);
   EXPECT_DOUBLE_EQ(j["systemConsumption_W"].get<double>(), 18.0);
-  EXPECT_TRUE(j["iopsPercent"].is_null());
-  EXPECT_TRUE(j["componentPower"].is_null());
-  EXPECT_TRUE(j["connectionType"].is_null());
+  for (const char* absent : {"iopsPercent", "componentPower", "connectionType"}) {
+    EXPECT_TRUE(j[absent].is_null()) << absent;
+  }
   EXPECT_EQ(j["thermalState"], "nominal");
-}
 
-TEST(PowerStateJsonTest, NestedRecordsAndNonFiniteFigures) {
-  PowerState s;
+  // Nested records, and a figure that is not finite.
   s.componentPower = ComponentPower{3, 4, 6, 0.5, 4.5, true};
   s.systemPowerRails = SystemPowerRails{18.0, 18.0, std::nullopt, 0.0, 0.0, 0.4};
   s.connectionType = ConnectionType::thunderbolt4;
@@ -40,7 +38,7 @@ TEST(PowerStateJsonTest, NestedRecordsAndNonFiniteFigures) {
   BatteryDiagnostics d;
   d.cellHealth = CellHealth{{4.933}, {45}, {2700}};
   s.diagnostics = d;
-  const auto j = toJson(s);
+  j = toJson(s);
   EXPECT_DOUBLE_EQ(j["componentPower"]["gpuWatts"].get<double>(), 6.0);
   EXPECT_TRUE(j["systemPowerRails"]["dcInWatts"].is_null());
   EXPECT_EQ(j["connectionType"], "thunderbolt4");

@@ -4,79 +4,50 @@
 
 #include <chrono>
 #include <limits>
+#include <tuple>
+#include <vector>
 
 namespace quorel {
 namespace {
 
 using namespace std::chrono_literals;
 
-const TimePoint kT0 = fromUnixSeconds(1'800'000'000);
-constexpr Seconds kMaxInterval = 300s;
-
-TimePoint at(double seconds) {
-  return kT0 + std::chrono::duration_cast<TimePoint::duration>(Seconds{seconds});
-}
-
-TEST(SessionEnergyAccumulatorTest, FirstPointAnchorsThenTrapezoidsOfMagnitudes) {
-  SessionEnergyAccumulator acc;
-  acc.append(at(0), -10, kMaxInterval);
-  EXPECT_EQ(acc.wattHours, 0);
-  EXPECT_EQ(acc.collectedSeconds, 0);
-  ASSERT_TRUE(acc.previous);
-  EXPECT_EQ(acc.previous->first, at(0));
-  EXPECT_EQ(acc.previous->second, 10);
-  acc.append(at(30), -20, kMaxInterval);
-  EXPECT_DOUBLE_EQ(acc.wattHours, 30 * 15.0 / 3600);
-  EXPECT_DOUBLE_EQ(acc.collectedSeconds, 30);
-  // Direction does not matter: a swing from drain to charge still counts as energy moved.
-  acc.append(at(60), 20, kMaxInterval);
-  EXPECT_DOUBLE_EQ(acc.wattHours, (30 * 15.0 + 30 * 20.0) / 3600);
-  EXPECT_DOUBLE_EQ(acc.collectedSeconds, 60);
-  EXPECT_EQ(acc.missingSeconds, 0);
-}
-
-TEST(SessionEnergyAccumulatorTest, GapBeyondTheMaximumIsMissingTimeNotEnergy) {
-  SessionEnergyAccumulator acc;
-  acc.append(at(0), -10, kMaxInterval);
-  acc.append(at(300), -10, kMaxInterval);  // exactly the maximum still integrates
-  EXPECT_DOUBLE_EQ(acc.collectedSeconds, 300);
-  const double energy = acc.wattHours;
-  acc.append(at(600.5), -10, kMaxInterval);  // just over: a sleep, not a reading
-  EXPECT_DOUBLE_EQ(acc.wattHours, energy);
-  EXPECT_DOUBLE_EQ(acc.missingSeconds, 300.5);
-  EXPECT_DOUBLE_EQ(acc.collectedSeconds, 300);
-  // The gap re-anchors: the next close point integrates from the far side of it.
-  acc.append(at(630.5), -10, kMaxInterval);
-  EXPECT_DOUBLE_EQ(acc.collectedSeconds, 330);
-  EXPECT_EQ(acc.rejectedIntervals, 0);
-}
-
-TEST(SessionEnergyAccumulatorTest, NonFiniteReadingIsRejectedAndKeepsTheAnchor) {
-  SessionEnergyAccumulator acc;
-  acc.append(at(0), -10, kMaxInterval);
-  acc.append(at(30), std::numeric_limits<double>::quiet_NaN(), kMaxInterval);
-  acc.append(at(40), -std::numeric_limits<double>::infinity(), kMaxInterval);
-  EXPECT_EQ(acc.rejectedIntervals, 2);
-  EXPECT_EQ(acc.previous->first, at(0));
-  acc.append(at(60), -10, kMaxInterval);
-  EXPECT_DOUBLE_EQ(acc.collectedSeconds, 60);
-  EXPECT_DOUBLE_EQ(acc.wattHours, 60 * 10.0 / 3600);
-}
-
-TEST(SessionEnergyAccumulatorTest, NonAdvancingTimeIsRejected) {
-  SessionEnergyAccumulator acc;
-  acc.append(at(100), -10, kMaxInterval);
-  acc.append(at(100), -50, kMaxInterval);  // same instant
-  acc.append(at(90), -50, kMaxInterval);   // clock stepped back
-  EXPECT_EQ(acc.rejectedIntervals, 2);
-  EXPECT_EQ(acc.wattHours, 0);
-  EXPECT_EQ(acc.collectedSeconds, 0);
-  EXPECT_EQ(acc.missingSeconds, 0);
-  // The newest point becomes the anchor even when its interval was rejected.
-  EXPECT_EQ(acc.previous->first, at(90));
-  acc.append(at(120), -50, kMaxInterval);
-  EXPECT_DOUBLE_EQ(acc.collectedSeconds, 30);
-  EXPECT_DOUBLE_EQ(acc.wattHours, 30 * 50.0 / 3600);
+TEST(SessionEnergyAccumulatorTest, IntegratesMagnitudesAndSetsAsideGapsAndBadPoints) {
+  constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+  constexpr double kInf = std::numeric_limits<double>::infinity();
+  // Points are (seconds after t0, battery watts); energy is expected in watt-seconds.
+  struct Expected {
+    double wattSeconds, collected, missing;
+    long rejected;
+    double anchorSeconds, anchorWatts;
+  };
+  const std::tuple<const char*, std::vector<std::pair<double, double>>, Expected> cases[] = {
+      {"first point only anchors", {{0, -10}}, {0, 0, 0, 0, 0, 10}},
+      // Direction does not matter: a swing from drain to charge still counts as energy moved.
+      {"trapezoids of magnitudes", {{0, -10}, {30, -20}, {60, 20}}, {1050, 60, 0, 0, 60, 20}},
+      // Exactly the maximum still integrates; just over it is a sleep, and the point after it
+      // integrates from the far side.
+      {"gap", {{0, -10}, {300, -10}, {600.5, -10}, {630.5, -10}}, {3300, 330, 300.5, 0, 630.5, 10}},
+      {"non-finite", {{0, -10}, {30, kNaN}, {40, -kInf}, {60, -10}}, {600, 60, 0, 2, 60, 10}},
+      // The newest point anchors even when its interval was rejected.
+      {"time stands or steps back",
+       {{100, -10}, {100, -50}, {90, -50}, {120, -50}},
+       {1500, 30, 0, 2, 120, 50}},
+  };
+  const TimePoint t0 = fromUnixSeconds(1'800'000'000);
+  const auto at = [&](double s) {
+    return t0 + std::chrono::duration_cast<TimePoint::duration>(Seconds{s});
+  };
+  for (const auto& [name, points, e] : cases) {
+    SCOPED_TRACE(name);
+    SessionEnergyAccumulator acc;
+    for (const auto& [seconds, watts] : points) acc.append(at(seconds), watts, 300s);
+    EXPECT_DOUBLE_EQ(acc.wattHours, e.wattSeconds / 3600);
+    EXPECT_DOUBLE_EQ(acc.collectedSeconds, e.collected);
+    EXPECT_DOUBLE_EQ(acc.missingSeconds, e.missing);
+    EXPECT_EQ(acc.rejectedIntervals, e.rejected);
+    EXPECT_EQ(acc.previous, std::pair(at(e.anchorSeconds), e.anchorWatts));
+  }
 }
 
 }  // namespace
