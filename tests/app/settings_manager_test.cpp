@@ -1,12 +1,10 @@
 #include "app/settings_manager.hpp"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <filesystem>
 
 #include "core/file_preference_store.hpp"
 #include "core/memory_preference_store.hpp"
+#include "store/sqlite_test_support.hpp"
 
 namespace quorel {
 namespace {
@@ -26,6 +24,14 @@ class SettingsManagerTest : public ::testing::Test {
     store.setValue(SettingsManager::kCollapsedSectionsMigrationKey, true);
   }
   static Json document(const QuorelSettings& s) { return Json::parse(*encodeSettings(s)); }
+  // Stores `s` as an earlier run that had already migrated would have.
+  void storeMigrated(const QuorelSettings& s) {
+    markMigrated();
+    storeDocument(document(s));
+  }
+  std::optional<QuorelSettings> decodedStore() const {
+    return decodeSettings(*store.dataValue(SettingsManager::key), clock);
+  }
 };
 
 TEST_F(SettingsManagerTest, MigrationsRunOncePerDomain) {
@@ -70,15 +76,14 @@ TEST_F(SettingsManagerTest, UndecodableDocumentFallsBackToDefaultsUntilTheNextSa
   EXPECT_EQ(manager.settings(), QuorelSettings{});
   EXPECT_EQ(storedDocument(), d) << "nothing is written until someone saves";
   manager.save();
-  EXPECT_EQ(decodeSettings(*store.dataValue("QuorelSettings"), clock), QuorelSettings{});
+  EXPECT_EQ(decodedStore(), QuorelSettings{});
 }
 
 TEST_F(SettingsManagerTest, HistoryScaleReopensOnTenMinutesAndIsStoredOnlyAtTheNextSave) {
-  markMigrated();
   QuorelSettings old;
   old.historyTimeScale = HistoryTimeScale::sevenDays;
   old.menuBarMode = MenuBarMode::percentage;
-  storeDocument(document(old));
+  storeMigrated(old);
 
   SettingsManager manager(store, main, clock);
   EXPECT_EQ(manager.settings().historyTimeScale, HistoryTimeScale::tenMinutes);
@@ -100,11 +105,10 @@ TEST_F(SettingsManagerTest, SaveThatCannotEncodeStoresNothing) {
 }
 
 TEST_F(SettingsManagerTest, ReconcileTiersHealsListedCardsAndSavesOnlyOnChange) {
-  markMigrated();
   QuorelSettings s;
   s.dashboardCardTiers = {
       {"power", "s2x2"}, {"health", "huge"}, {"cycles", "full"}, {"unlisted", "bogus"}};
-  storeDocument(document(s));
+  storeMigrated(s);
   SettingsManager manager(store, main, clock);
   int published = 0;
   manager.subscribe([&](const QuorelSettings&) { ++published; });
@@ -122,7 +126,7 @@ TEST_F(SettingsManagerTest, ReconcileTiersHealsListedCardsAndSavesOnlyOnChange) 
   EXPECT_EQ(manager.settings().dashboardCardTiers, healed);
   EXPECT_EQ(store.changeCount(), writesBefore + 1);
   EXPECT_EQ(published, 1);
-  EXPECT_EQ(decodeSettings(*store.dataValue("QuorelSettings"), clock)->dashboardCardTiers, healed);
+  EXPECT_EQ(decodedStore()->dashboardCardTiers, healed);
 
   manager.reconcileTiers(cards);
   EXPECT_EQ(store.changeCount(), writesBefore + 1);
@@ -175,10 +179,8 @@ TEST_F(SettingsManagerTest, ChangeNoticeAfterDestructionIsHarmless) {
 }
 
 TEST(SettingsManagerFileTest, AgentAdoptsTheCommandLinesSaveAndDoesNotUndoIt) {
-  std::string pattern =
-      (std::filesystem::temp_directory_path() / "quorel-settings-XXXXXX").string();
-  const std::filesystem::path dir = ::mkdtemp(pattern.data());
-  const auto file = dir / "defaults.json";
+  const testing::ScratchDirectory dir("quorel-settings");
+  const auto file = dir.path() / "defaults.json";
   ManualClock clock;
   SerialQueue main("test.main", clock);
   {
@@ -194,16 +196,13 @@ TEST(SettingsManagerFileTest, AgentAdoptsTheCommandLinesSaveAndDoesNotUndoIt) {
     agentStore.poll();
     main.runPending();
     EXPECT_EQ(agent.settings().dataRetentionDays, 30);
-
     agent.update([](QuorelSettings& s) { s.menuBarMode = MenuBarMode::minimal; });
     agent.save();
   }
-  FilePreferenceStore later(file);
-  auto stored = decodeSettings(*later.dataValue("QuorelSettings"), clock);
+  auto stored = decodeSettings(*FilePreferenceStore(file).dataValue("QuorelSettings"), clock);
   ASSERT_TRUE(stored);
   EXPECT_EQ(stored->dataRetentionDays, 30);
   EXPECT_EQ(stored->menuBarMode, MenuBarMode::minimal);
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace

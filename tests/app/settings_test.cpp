@@ -163,8 +163,7 @@ TEST(SettingsCodingTest, UnknownTextsAndWrongTypesFailTheDocumentExceptAMenuBarM
       {"dashboardCardTiers", Json{{"power", 2}}},
       {"lowPowerRules", Json::array({"not an object"})},
       {"activePresetId", "not-a-uuid"},
-      {"calibrationToastLastFiredAt", "2024-01-01"},
-  };
+      {"calibrationToastLastFiredAt", "2024-01-01"}};
   for (const auto& [key, bad] : cases) {
     Json d = defaultDocument();
     d[key] = bad;
@@ -218,12 +217,6 @@ TEST(SettingsCodingTest, PresetsSurviveMissingKeys) {
   // Present but of the wrong type is not drift but damage.
   d["dashboardPresets"] = Json::array({Json{{"name", 5}}});
   EXPECT_FALSE(decodeSettings(d.dump(), clock));
-}
-
-TEST(SettingsCodingTest, TextThatIsNotUtf8CannotBeEncoded) {
-  QuorelSettings s;
-  s.helperBundleCDHashAtLastConnect = std::string("\xff\xfe", 2);
-  EXPECT_FALSE(encodeSettings(s));
 }
 
 TEST(PollingIntervalsTest, SettingsDecideUnlessTheCommandLineOverrides) {
