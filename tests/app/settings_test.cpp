@@ -39,85 +39,55 @@ TimePoint referenceDate(double seconds) {
   return fromUnixSeconds(978307200.0 + seconds);
 }
 
-QuorelSettings everythingChanged() {
-  QuorelSettings s;
-  s.pollingInterval = 1.5;
-  s.idlePollingInterval = 45;
-  s.launchAtLogin = true;
-  s.showInDock = true;
-  s.showInMenuBar = false;
-  s.openDashboardOnLaunch = true;
-  s.appearanceMode = AppearanceMode::automatic;
-  s.colorBlindMode = ColorBlindMode::tritanopia;
-  s.temperatureUnit = TemperatureUnit::fahrenheit;
-  s.textScale = TextScale::xxl;
-  s.showContainerBorders = true;
-  s.chartSmoothing = false;
-  s.chartStackedComponents = true;
-  s.showIdleTimeOnGraphsStored = false;
-  s.experimentalClamshellDischargeStored = true;
-  s.menuBarMode = MenuBarMode::gaugePowerIn;
-  s.menuBarColorEnabled = true;
-  s.popoverSectionOrder = {"habitScore", "hero"};
-  s.collapsedSections = {"details"};
-  s.historyTimeScale = HistoryTimeScale::thirtyDays;
-  s.showCarbonFootprint = true;
-  s.carbonRegion = CarbonRegion::australiaAverage;
-  s.calendarPredictionEnabled = true;
-  s.customAlertThresholds = {
-      {"0E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F60", 20, CustomAlert::Direction::falling, true},
-      {"1E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F61", 80, CustomAlert::Direction::rising, false}};
-  s.lowPowerRules = {
-      Json::parse(R"({"id":"2E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F62","kind":"batteryHot",
-      "enabled":true,"thresholdPercent":20,"temperatureThresholdC":40.5,"bundleID":"",
-      "displayName":""})")};
-  s.showHabitScore = false;
-  s.dashboardCardOrder = {"power", "health"};
-  s.dashboardCardPositions = {{"power", {1.5, 2}}, {"health", {0, 3.25}}};
-  s.dashboardCardTiers = {{"power", "s2x2"}};
-  s.dashboardPresets = {{"3E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F63",
-                         "Desk",
-                         {"power"},
-                         {{"power", {4, 5}}},
-                         {{"power", "full"}},
-                         referenceDate(700000000)}};
-  s.activePresetId = "3E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F63";
-  s.dataRetentionDays = 90;
-  s.processEnergySamplingInterval = 10;
-  s.processWattageThreshold = 0.25;
-  s.hasCompletedOnboarding = true;
-  s.calibrationToastEnabled = false;
-  s.chargeLimitCardShowConflicts = false;
-  s.chargeLimitLastBreadcrumbShownAt = referenceDate(700000100);
-  s.calibrationToastLastFiredAt = referenceDate(700000200.5);
-  s.batteryControlEnabled = true;
-  s.batteryControlSailingBand = 3;
-  s.heatProtectionThresholdC = 42;
-  s.heatProtectionHysteresisC = 2;
-  s.smartTopOffRules = {Json::parse(
-      R"({"type":"geofence","id":"4E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F64","latitude":51.5,
-          "longitude":-0.12,"radiusMeters":200,"label":"Office"})")};
-  s.userHasApprovedHelperBefore = true;
-  s.helperBundleCDHashAtLastConnect = "a1b2c3";
-  s.chargeLimitAdvancedCTADismissedAt = referenceDate(-5);
-  return s;
-}
+// A document from a run that changed every setting, its keys in the order they are written.
+const char* const kEverythingChanged = R"({
+    "pollingInterval": 1.5, "idlePollingInterval": 45, "launchAtLogin": true, "showInDock": true,
+    "showInMenuBar": false, "openDashboardOnLaunch": true, "appearanceMode": "Auto",
+    "colorBlindMode": "Green/Magenta", "temperatureUnit": "°F", "textScale": "XXL",
+    "showContainerBorders": true, "chartSmoothing": false, "chartStackedComponents": true,
+    "showIdleTimeOnGraphsStored": false, "experimentalClamshellDischargeStored": true,
+    "menuBarMode": "Gauge: Power In", "menuBarColorEnabled": true,
+    "popoverSectionOrder": ["habitScore", "hero"], "collapsedSections": ["details"],
+    "historyTimeScale": "30d", "showCarbonFootprint": true, "carbonRegion": "Australia",
+    "calendarPredictionEnabled": true,
+    "customAlertThresholds": [{"id": "0E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F60", "percentage": 20,
+      "direction": "falling", "enabled": true}, {"id": "1E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F61",
+      "percentage": 80, "direction": "rising", "enabled": false}],
+    "lowPowerRules": [{"id": "2E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F62", "kind": "batteryHot",
+      "enabled": true, "thresholdPercent": 20, "temperatureThresholdC": 40.5, "bundleID": "",
+      "displayName": ""}], "showHabitScore": false, "dashboardCardOrder": ["power", "health"],
+    "dashboardCardPositions": {"health": {"x": 0, "y": 3.25}, "power": {"x": 1.5, "y": 2}},
+    "dashboardCardTiers": {"power": "s2x2"},
+    "dashboardPresets": [{"id": "3E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F63", "name": "Desk",
+      "cardOrder": ["power"], "cardPositions": {"power": {"x": 4, "y": 5}},
+      "cardTiers": {"power": "full"}, "createdAt": 700000000}],
+    "activePresetId": "3E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F63", "dataRetentionDays": 90,
+    "processEnergySamplingInterval": 10, "processWattageThreshold": 0.25,
+    "hasCompletedOnboarding": true, "calibrationToastEnabled": false,
+    "chargeLimitCardShowConflicts": false, "chargeLimitLastBreadcrumbShownAt": 700000100,
+    "calibrationToastLastFiredAt": 700000200.5, "batteryControlEnabled": true,
+    "batteryControlSailingBand": 3, "heatProtectionThresholdC": 42, "heatProtectionHysteresisC": 2,
+    "smartTopOffRules": [{"type": "geofence", "id": "4E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F64",
+      "latitude": 51.5, "longitude": -0.12, "radiusMeters": 200, "label": "Office"}],
+    "userHasApprovedHelperBefore": true, "helperBundleCDHashAtLastConnect": "a1b2c3",
+    "chargeLimitAdvancedCTADismissedAt": -5})";
 
 TEST(SettingsCodingTest, EveryFieldRoundTripsAndOptionalKeysAppearOnlyWhenSet) {
-  const QuorelSettings s = everythingChanged();
-  const Json d = Json::parse(*encodeSettings(s));
-  EXPECT_EQ(decode(d), s);
+  const Json full = Json::parse(kEverythingChanged);
+  const auto s = decode(full);
+  ASSERT_TRUE(s);
+  EXPECT_EQ(Json::parse(*encodeSettings(*s)), full) << "every field, in order, rules as stored";
   EXPECT_EQ(decode(defaultDocument()), QuorelSettings{});
-  // Dates count seconds from 2001-01-01; enumerations and rules are stored as their texts.
-  EXPECT_EQ(d["chargeLimitLastBreadcrumbShownAt"], 700000100.0);
-  EXPECT_EQ(d["chargeLimitAdvancedCTADismissedAt"], -5.0);
-  EXPECT_EQ(d["dashboardPresets"][0]["createdAt"], 700000000.0);
-  EXPECT_EQ(d["customAlertThresholds"][1]["direction"], "rising");
-  EXPECT_EQ(d["carbonRegion"], "Australia");
-  EXPECT_EQ(keysOf(d["smartTopOffRules"][0]).front(), "type") << "rules keep their key order";
+  // Dates count seconds from 2001-01-01; enumerations are stored as their texts.
+  EXPECT_EQ(s->chargeLimitAdvancedCTADismissedAt, referenceDate(-5));
+  EXPECT_EQ(s->dashboardPresets.at(0).createdAt, referenceDate(700000000));
+  EXPECT_EQ(s->calibrationToastLastFiredAt, referenceDate(700000200.5));
+  EXPECT_EQ(s->customAlertThresholds.at(1).direction, CustomAlert::Direction::rising);
+  EXPECT_EQ(s->temperatureUnit, TemperatureUnit::fahrenheit);
+  EXPECT_EQ(s->menuBarMode, MenuBarMode::gaugePowerIn);
 
   std::vector<std::string> withoutOptional;
-  for (const auto& key : keysOf(d)) {
+  for (const auto& key : keysOf(full)) {
     if (!kOptionalKeys.count(key)) withoutOptional.push_back(key);
   }
   EXPECT_EQ(keysOf(defaultDocument()), withoutOptional);
@@ -127,7 +97,7 @@ TEST(SettingsCodingTest, EveryFieldRoundTripsAndOptionalKeysAppearOnlyWhenSet) {
 }
 
 TEST(SettingsCodingTest, MissingRequiredKeyFailsTheWholeDocumentOptionalKeysDoNot) {
-  const Json full = Json::parse(*encodeSettings(everythingChanged()));
+  const Json full = Json::parse(kEverythingChanged);
   for (const auto& key : keysOf(full)) {
     const bool optional = kOptionalKeys.count(key) > 0;
     Json d = full;
