@@ -44,7 +44,7 @@ TEST(SoCResidencyMatrixTest, Reads28LittleEndianCellsOnlyAndSumsSevenPerBand) {
   EXPECT_FALSE(SoCResidencyMatrix::fromData({}));
 }
 
-TEST(ChargingReasonMapperTest, NotChargingReasonsInBitOrderWithoutDuplicates) {
+TEST(ChargingReasonMapperTest, ReasonsInBitOrderWithoutDuplicates) {
   EXPECT_EQ(ChargingReasonMapper::notChargingReason(0), std::nullopt);
   EXPECT_EQ(ChargingReasonMapper::notChargingReason(0x1), "Battery at charge limit");
   EXPECT_EQ(ChargingReasonMapper::notChargingReason(0x8), "Optimized Battery Charging");
@@ -59,9 +59,7 @@ TEST(ChargingReasonMapperTest, NotChargingReasonsInBitOrderWithoutDuplicates) {
   // Bits without a text of their own, the thermal bit among them.
   EXPECT_EQ(ChargingReasonMapper::notChargingReason(0x2), "Charging paused");
   EXPECT_EQ(ChargingReasonMapper::notChargingReason(0x2 | 0x8), "Optimized Battery Charging");
-}
 
-TEST(ChargingReasonMapperTest, SlowChargingReasons) {
   EXPECT_EQ(ChargingReasonMapper::slowChargingReason(0), std::nullopt);
   EXPECT_EQ(ChargingReasonMapper::slowChargingReason(0x1 | 0x2 | 0x4 | 0x10),
             "Thermal constraint; Low-power adapter; Non-Apple adapter; "

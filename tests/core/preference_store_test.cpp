@@ -122,10 +122,7 @@ TEST(MemoryPreferenceStoreTest, StoresTypedValuesAndNotifiesOnlyOnChange) {
   store.setValue("x", 1);
   EXPECT_EQ(calls, 4);
   EXPECT_EQ(store.changeCount(), 5u);
-}
-
-TEST(MemoryPreferenceStoreTest, ObserverMayWriteBackWithoutDeadlock) {
-  MemoryPreferenceStore store;
+  // An observer may write back without deadlocking.
   store.addObserver([&] {
     if (!store.hasValue("echo")) store.setValue("echo", store.value("source").value_or(0));
   });
