@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <thread>
-
 #include "app/single_instance_lock.hpp"
 #include "core/memory_preference_store.hpp"
 #include "store/quorel_database.hpp"
 #include "store/sqlite_test_support.hpp"
+#include "support/wait_until.hpp"
 
 namespace quorel {
 namespace {
@@ -46,11 +45,9 @@ class FakeSleepWake : public SleepWakeSource {
 class AppDelegateTest : public ::testing::Test {
  protected:
   AppDelegateTest() {
-    std::string pattern = (fs::temp_directory_path() / "quorel-delegate-XXXXXX").string();
-    dir_ = ::mkdtemp(pattern.data());
     QuorelDatabase::Options options;
-    options.dataDirectory = dir_;
-    options.databasePathOverride = dir_ / "quorel.db";
+    options.dataDirectory = dir_.path();
+    options.databasePathOverride = dir_.path() / "quorel.db";
     database = std::make_unique<QuorelDatabase>(std::move(options), clock);
     settings = std::make_unique<SettingsManager>(preferences, mainQueue, clock);
     provider = std::make_shared<SteadyProvider>(clock);
@@ -66,11 +63,9 @@ class AppDelegateTest : public ::testing::Test {
     monitor->stop();
     pollQueue.shutdown();
     database.reset();
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
   }
 
-  void makeDelegate(AppDelegate::Options options = {}) {
+  void launch(AppDelegate::Options options = {}) {
     options.wakeSettleDelay = Seconds{0.01};
     AppDelegate::Dependencies d;
     d.mainQueue = &mainQueue;
@@ -79,27 +74,16 @@ class AppDelegateTest : public ::testing::Test {
     d.database = database.get();
     d.sleepWake = &sleepWake;
     delegate = std::make_unique<AppDelegate>(std::move(d), clock, options);
-  }
-
-  // Runs the main queue on this thread until `pred` holds (bounded, never a fixed sleep).
-  template <class Pred>
-  bool runMainUntil(Pred pred) {
-    const auto end = std::chrono::steady_clock::now() + 5s;
-    while (!pred()) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      mainQueue.runPending();
-      std::this_thread::yield();
-    }
-    return true;
+    delegate->launch();
   }
 
   std::vector<std::vector<std::string>> rows(const std::string& sql) {
     database->queue().sync([] {});  // writes are posted; let them land
-    testing::SqlFile look(dir_ / "quorel.db");
+    testing::SqlFile look(dir_.path() / "quorel.db");
     return look.rows(sql);
   }
 
-  fs::path dir_;
+  testing::ScratchDirectory dir_{"quorel-delegate"};
   ManualClock clock{fromUnixSeconds(1'800'000'000)};
   SerialQueue mainQueue{"test.main", clock};
   SerialQueue pollQueue{"test.poll", clock};
@@ -112,11 +96,17 @@ class AppDelegateTest : public ::testing::Test {
   std::unique_ptr<AppDelegate> delegate;
 };
 
-TEST_F(AppDelegateTest, LaunchPrunesStartsTheLoopAtTheIdleIntervalAndWatchingSpeedsItUp) {
-  makeDelegate();
-  delegate->launch();
-  EXPECT_EQ(delegate->lastPruneDate(), clock.now());
+TEST_F(AppDelegateTest, LaunchPrunesOnceADayAndStartsTheLoopAtTheIdleIntervalUntilWatched) {
+  launch();
+  const auto first = clock.now();
+  EXPECT_EQ(delegate->lastPruneDate(), first);
   EXPECT_TRUE(delegate->maintenanceScheduled());
+  clock.advance(23h);
+  delegate->runDailyDatabaseMaintenanceIfNeeded(clock.now());
+  EXPECT_EQ(delegate->lastPruneDate(), first);
+  clock.advance(1h);
+  delegate->runDailyDatabaseMaintenanceIfNeeded(clock.now());
+  EXPECT_EQ(delegate->lastPruneDate(), clock.now());
   EXPECT_TRUE(sleepWake.handlers.willSleep) << "sleep and wake are observed from launch";
   EXPECT_EQ(monitor->pollingInterval(), Seconds{30});
   EXPECT_FALSE(monitor->popoverOpen());
@@ -126,40 +116,23 @@ TEST_F(AppDelegateTest, LaunchPrunesStartsTheLoopAtTheIdleIntervalAndWatchingSpe
   EXPECT_TRUE(monitor->componentCardVisible());
   delegate->setWatched(false);
   EXPECT_EQ(monitor->pollingInterval(), Seconds{30});
-}
-
-TEST_F(AppDelegateTest, IntervalOverrideAndSettingsChangesApply) {
-  AppDelegate::Options options;
-  options.intervalOverride = Seconds{5};
-  makeDelegate(options);
-  delegate->launch();
-  EXPECT_EQ(monitor->pollingInterval(), Seconds{5});
-  delegate.reset();
-
-  makeDelegate();
-  delegate->launch();
-  settings->update([](QuorelSettings& s) { s.idlePollingInterval = 45; });
-  runMainUntil([&] { return monitor->pollingInterval() == Seconds{45}; });
-  EXPECT_EQ(monitor->pollingInterval(), Seconds{45});
-}
-
-TEST_F(AppDelegateTest, DailyMaintenancePrunesOnlyOnceADayUntilTermination) {
-  makeDelegate();
-  delegate->launch();
-  const auto first = *delegate->lastPruneDate();
-  clock.advance(23h);
-  delegate->runDailyDatabaseMaintenanceIfNeeded(clock.now());
-  EXPECT_EQ(delegate->lastPruneDate(), first);
-  clock.advance(1h);
-  delegate->runDailyDatabaseMaintenanceIfNeeded(clock.now());
-  EXPECT_EQ(delegate->lastPruneDate(), clock.now());
   delegate->terminate();
   EXPECT_FALSE(delegate->maintenanceScheduled());
 }
 
+TEST_F(AppDelegateTest, IntervalOverrideAndSettingsChangesApply) {
+  launch({.intervalOverride = Seconds{5}});
+  EXPECT_EQ(monitor->pollingInterval(), Seconds{5});
+  delegate.reset();
+
+  launch();
+  settings->update([](QuorelSettings& s) { s.idlePollingInterval = 45; });
+  EXPECT_TRUE(testing::waitUntil([&] { return monitor->pollingInterval() == Seconds{45}; },
+                                 [&] { mainQueue.runPending(); }));
+}
+
 TEST_F(AppDelegateTest, SleepIsRecordedAsAnIntervalAndASecondWakeReplacesTheFirst) {
-  makeDelegate();
-  delegate->launch();
+  launch();
   const TimePoint slept = clock.now();
   sleepWake.handlers.willSleep();
   clock.advance(1h);
@@ -184,8 +157,7 @@ TEST_F(AppDelegateTest, SleepIsRecordedAsAnIntervalAndASecondWakeReplacesTheFirs
 }
 
 TEST_F(AppDelegateTest, NoIntervalForAWakeWithoutSleepOrWithTheClockSetBack) {
-  makeDelegate();
-  delegate->launch();
+  launch();
   sleepWake.handlers.didWake();
   sleepWake.handlers.willSleep();
   clock.advance(-1h);
@@ -195,8 +167,8 @@ TEST_F(AppDelegateTest, NoIntervalForAWakeWithoutSleepOrWithTheClockSetBack) {
 }
 
 TEST(SingleInstanceLockTest, SecondInstanceNamesTheFirstAndTheLockFreesOnExit) {
-  const fs::path dir = fs::temp_directory_path() / ("quorel-lock-" + std::to_string(::getpid()));
-  const fs::path file = dir / "quorel.lock";
+  const testing::ScratchDirectory dir("quorel-lock");
+  const fs::path file = dir.path() / "run" / "quorel.lock";
   {
     SingleInstanceLock first(file);
     ASSERT_TRUE(first.acquired()) << first.error();
@@ -210,8 +182,6 @@ TEST(SingleInstanceLockTest, SecondInstanceNamesTheFirstAndTheLockFreesOnExit) {
   }
   SingleInstanceLock third(file);
   EXPECT_TRUE(third.acquired());
-  std::error_code ec;
-  fs::remove_all(dir, ec);
 }
 
 }  // namespace

@@ -5,6 +5,11 @@
 #include <regex>
 #include <set>
 
+#include "app/settings_manager.hpp"
+#include "core/file_preference_store.hpp"
+#include "core/memory_preference_store.hpp"
+#include "store/sqlite_test_support.hpp"
+
 namespace quorel {
 namespace {
 
@@ -39,85 +44,55 @@ TimePoint referenceDate(double seconds) {
   return fromUnixSeconds(978307200.0 + seconds);
 }
 
-QuorelSettings everythingChanged() {
-  QuorelSettings s;
-  s.pollingInterval = 1.5;
-  s.idlePollingInterval = 45;
-  s.launchAtLogin = true;
-  s.showInDock = true;
-  s.showInMenuBar = false;
-  s.openDashboardOnLaunch = true;
-  s.appearanceMode = AppearanceMode::automatic;
-  s.colorBlindMode = ColorBlindMode::tritanopia;
-  s.temperatureUnit = TemperatureUnit::fahrenheit;
-  s.textScale = TextScale::xxl;
-  s.showContainerBorders = true;
-  s.chartSmoothing = false;
-  s.chartStackedComponents = true;
-  s.showIdleTimeOnGraphsStored = false;
-  s.experimentalClamshellDischargeStored = true;
-  s.menuBarMode = MenuBarMode::gaugePowerIn;
-  s.menuBarColorEnabled = true;
-  s.popoverSectionOrder = {"habitScore", "hero"};
-  s.collapsedSections = {"details"};
-  s.historyTimeScale = HistoryTimeScale::thirtyDays;
-  s.showCarbonFootprint = true;
-  s.carbonRegion = CarbonRegion::australiaAverage;
-  s.calendarPredictionEnabled = true;
-  s.customAlertThresholds = {
-      {"0E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F60", 20, CustomAlert::Direction::falling, true},
-      {"1E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F61", 80, CustomAlert::Direction::rising, false}};
-  s.lowPowerRules = {
-      Json::parse(R"({"id":"2E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F62","kind":"batteryHot",
-      "enabled":true,"thresholdPercent":20,"temperatureThresholdC":40.5,"bundleID":"",
-      "displayName":""})")};
-  s.showHabitScore = false;
-  s.dashboardCardOrder = {"power", "health"};
-  s.dashboardCardPositions = {{"power", {1.5, 2}}, {"health", {0, 3.25}}};
-  s.dashboardCardTiers = {{"power", "s2x2"}};
-  s.dashboardPresets = {{"3E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F63",
-                         "Desk",
-                         {"power"},
-                         {{"power", {4, 5}}},
-                         {{"power", "full"}},
-                         referenceDate(700000000)}};
-  s.activePresetId = "3E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F63";
-  s.dataRetentionDays = 90;
-  s.processEnergySamplingInterval = 10;
-  s.processWattageThreshold = 0.25;
-  s.hasCompletedOnboarding = true;
-  s.calibrationToastEnabled = false;
-  s.chargeLimitCardShowConflicts = false;
-  s.chargeLimitLastBreadcrumbShownAt = referenceDate(700000100);
-  s.calibrationToastLastFiredAt = referenceDate(700000200.5);
-  s.batteryControlEnabled = true;
-  s.batteryControlSailingBand = 3;
-  s.heatProtectionThresholdC = 42;
-  s.heatProtectionHysteresisC = 2;
-  s.smartTopOffRules = {Json::parse(
-      R"({"type":"geofence","id":"4E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F64","latitude":51.5,
-          "longitude":-0.12,"radiusMeters":200,"label":"Office"})")};
-  s.userHasApprovedHelperBefore = true;
-  s.helperBundleCDHashAtLastConnect = "a1b2c3";
-  s.chargeLimitAdvancedCTADismissedAt = referenceDate(-5);
-  return s;
-}
+// A document from a run that changed every setting, its keys in the order they are written.
+const char* const kEverythingChanged = R"({
+    "pollingInterval": 1.5, "idlePollingInterval": 45, "launchAtLogin": true, "showInDock": true,
+    "showInMenuBar": false, "openDashboardOnLaunch": true, "appearanceMode": "Auto",
+    "colorBlindMode": "Green/Magenta", "temperatureUnit": "°F", "textScale": "XXL",
+    "showContainerBorders": true, "chartSmoothing": false, "chartStackedComponents": true,
+    "showIdleTimeOnGraphsStored": false, "experimentalClamshellDischargeStored": true,
+    "menuBarMode": "Gauge: Power In", "menuBarColorEnabled": true,
+    "popoverSectionOrder": ["habitScore", "hero"], "collapsedSections": ["details"],
+    "historyTimeScale": "30d", "showCarbonFootprint": true, "carbonRegion": "Australia",
+    "calendarPredictionEnabled": true,
+    "customAlertThresholds": [{"id": "0E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F60", "percentage": 20,
+      "direction": "falling", "enabled": true}, {"id": "1E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F61",
+      "percentage": 80, "direction": "rising", "enabled": false}],
+    "lowPowerRules": [{"id": "2E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F62", "kind": "batteryHot",
+      "enabled": true, "thresholdPercent": 20, "temperatureThresholdC": 40.5, "bundleID": "",
+      "displayName": ""}], "showHabitScore": false, "dashboardCardOrder": ["power", "health"],
+    "dashboardCardPositions": {"health": {"x": 0, "y": 3.25}, "power": {"x": 1.5, "y": 2}},
+    "dashboardCardTiers": {"power": "s2x2"},
+    "dashboardPresets": [{"id": "3E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F63", "name": "Desk",
+      "cardOrder": ["power"], "cardPositions": {"power": {"x": 4, "y": 5}},
+      "cardTiers": {"power": "full"}, "createdAt": 700000000}],
+    "activePresetId": "3E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F63", "dataRetentionDays": 90,
+    "processEnergySamplingInterval": 10, "processWattageThreshold": 0.25,
+    "hasCompletedOnboarding": true, "calibrationToastEnabled": false,
+    "chargeLimitCardShowConflicts": false, "chargeLimitLastBreadcrumbShownAt": 700000100,
+    "calibrationToastLastFiredAt": 700000200.5, "batteryControlEnabled": true,
+    "batteryControlSailingBand": 3, "heatProtectionThresholdC": 42, "heatProtectionHysteresisC": 2,
+    "smartTopOffRules": [{"type": "geofence", "id": "4E4B1C7A-3F51-4F0B-9B8E-2D4C1A7E5F64",
+      "latitude": 51.5, "longitude": -0.12, "radiusMeters": 200, "label": "Office"}],
+    "userHasApprovedHelperBefore": true, "helperBundleCDHashAtLastConnect": "a1b2c3",
+    "chargeLimitAdvancedCTADismissedAt": -5})";
 
 TEST(SettingsCodingTest, EveryFieldRoundTripsAndOptionalKeysAppearOnlyWhenSet) {
-  const QuorelSettings s = everythingChanged();
-  const Json d = Json::parse(*encodeSettings(s));
-  EXPECT_EQ(decode(d), s);
+  const Json full = Json::parse(kEverythingChanged);
+  const auto s = decode(full);
+  ASSERT_TRUE(s);
+  EXPECT_EQ(Json::parse(*encodeSettings(*s)), full) << "every field, in order, rules as stored";
   EXPECT_EQ(decode(defaultDocument()), QuorelSettings{});
-  // Dates count seconds from 2001-01-01; enumerations and rules are stored as their texts.
-  EXPECT_EQ(d["chargeLimitLastBreadcrumbShownAt"], 700000100.0);
-  EXPECT_EQ(d["chargeLimitAdvancedCTADismissedAt"], -5.0);
-  EXPECT_EQ(d["dashboardPresets"][0]["createdAt"], 700000000.0);
-  EXPECT_EQ(d["customAlertThresholds"][1]["direction"], "rising");
-  EXPECT_EQ(d["carbonRegion"], "Australia");
-  EXPECT_EQ(keysOf(d["smartTopOffRules"][0]).front(), "type") << "rules keep their key order";
+  // Dates count seconds from 2001-01-01; enumerations are stored as their texts.
+  EXPECT_EQ(s->chargeLimitAdvancedCTADismissedAt, referenceDate(-5));
+  EXPECT_EQ(s->dashboardPresets.at(0).createdAt, referenceDate(700000000));
+  EXPECT_EQ(s->calibrationToastLastFiredAt, referenceDate(700000200.5));
+  EXPECT_EQ(s->customAlertThresholds.at(1).direction, CustomAlert::Direction::rising);
+  EXPECT_EQ(s->temperatureUnit, TemperatureUnit::fahrenheit);
+  EXPECT_EQ(s->menuBarMode, MenuBarMode::gaugePowerIn);
 
   std::vector<std::string> withoutOptional;
-  for (const auto& key : keysOf(d)) {
+  for (const auto& key : keysOf(full)) {
     if (!kOptionalKeys.count(key)) withoutOptional.push_back(key);
   }
   EXPECT_EQ(keysOf(defaultDocument()), withoutOptional);
@@ -127,7 +102,7 @@ TEST(SettingsCodingTest, EveryFieldRoundTripsAndOptionalKeysAppearOnlyWhenSet) {
 }
 
 TEST(SettingsCodingTest, MissingRequiredKeyFailsTheWholeDocumentOptionalKeysDoNot) {
-  const Json full = Json::parse(*encodeSettings(everythingChanged()));
+  const Json full = Json::parse(kEverythingChanged);
   for (const auto& key : keysOf(full)) {
     const bool optional = kOptionalKeys.count(key) > 0;
     Json d = full;
@@ -163,8 +138,7 @@ TEST(SettingsCodingTest, UnknownTextsAndWrongTypesFailTheDocumentExceptAMenuBarM
       {"dashboardCardTiers", Json{{"power", 2}}},
       {"lowPowerRules", Json::array({"not an object"})},
       {"activePresetId", "not-a-uuid"},
-      {"calibrationToastLastFiredAt", "2024-01-01"},
-  };
+      {"calibrationToastLastFiredAt", "2024-01-01"}};
   for (const auto& [key, bad] : cases) {
     Json d = defaultDocument();
     d[key] = bad;
@@ -220,12 +194,6 @@ TEST(SettingsCodingTest, PresetsSurviveMissingKeys) {
   EXPECT_FALSE(decodeSettings(d.dump(), clock));
 }
 
-TEST(SettingsCodingTest, TextThatIsNotUtf8CannotBeEncoded) {
-  QuorelSettings s;
-  s.helperBundleCDHashAtLastConnect = std::string("\xff\xfe", 2);
-  EXPECT_FALSE(encodeSettings(s));
-}
-
 TEST(PollingIntervalsTest, SettingsDecideUnlessTheCommandLineOverrides) {
   QuorelSettings s;
   EXPECT_EQ(pollingIntervals(s), (PollingIntervals{Seconds{2}, Seconds{30}}));
@@ -238,6 +206,193 @@ TEST(PollingIntervalsTest, SettingsDecideUnlessTheCommandLineOverrides) {
   s.idlePollingInterval = -3;
   EXPECT_EQ(pollingIntervals(s), (PollingIntervals{Seconds{2}, Seconds{30}}));
   EXPECT_EQ(pollingIntervals(s, Seconds{0}), (PollingIntervals{Seconds{2}, Seconds{30}}));
+}
+
+class SettingsManagerTest : public ::testing::Test {
+ protected:
+  MemoryPreferenceStore store;
+  ManualClock clock;
+  SerialQueue main{"test.main", clock};
+
+  Json storedDocument() const { return Json::parse(*store.dataValue(SettingsManager::key)); }
+  void storeDocument(const Json& d) { store.setValue(SettingsManager::key, d.dump()); }
+  void markMigrated() {
+    store.setValue(SettingsManager::kContainerBordersMigrationKey, true);
+    store.setValue(SettingsManager::kCollapsedSectionsMigrationKey, true);
+  }
+  static Json document(const QuorelSettings& s) { return Json::parse(*encodeSettings(s)); }
+  // Stores `s` as an earlier run that had already migrated would have.
+  void storeMigrated(const QuorelSettings& s) {
+    markMigrated();
+    storeDocument(document(s));
+  }
+  std::optional<QuorelSettings> decodedStore() const {
+    return decodeSettings(*store.dataValue(SettingsManager::key), clock);
+  }
+};
+
+TEST_F(SettingsManagerTest, MigrationsRunOncePerDomain) {
+  QuorelSettings old;
+  old.showContainerBorders = true;
+  old.collapsedSections = {"hero"};
+  old.pollingInterval = 4;
+  storeDocument(document(old));
+  {
+    SettingsManager manager(store, main, clock);
+    EXPECT_FALSE(manager.settings().showContainerBorders);
+    EXPECT_EQ(manager.settings().collapsedSections.size(), 20u);
+    EXPECT_EQ(manager.settings().pollingInterval, 4);
+    EXPECT_EQ(storedDocument()["showContainerBorders"], false);
+    EXPECT_EQ(storedDocument()["collapsedSections"].size(), 20u);
+    manager.update([](QuorelSettings& s) {
+      s.showContainerBorders = true;
+      s.collapsedSections = {"details"};
+    });
+    manager.save();
+  }
+  SettingsManager relaunched(store, main, clock);
+  EXPECT_TRUE(relaunched.settings().showContainerBorders);
+  EXPECT_EQ(relaunched.settings().collapsedSections, (std::set<std::string>{"details"}));
+
+  // A first launch stores the defaults on its way through the migrations.
+  MemoryPreferenceStore fresh;
+  SettingsManager first(fresh, main, clock);
+  EXPECT_TRUE(fresh.boolValue(SettingsManager::kCollapsedSectionsMigrationKey));
+  EXPECT_EQ(decodeSettings(*fresh.dataValue(SettingsManager::key), clock), QuorelSettings{});
+}
+
+TEST_F(SettingsManagerTest, UndecodableDocumentFallsBackToDefaultsUntilTheNextSave) {
+  markMigrated();
+  QuorelSettings old;
+  old.pollingInterval = 9;
+  Json d = document(old);
+  d.erase("chargeLimitCardShowConflicts");
+  storeDocument(d);
+
+  SettingsManager manager(store, main, clock);
+  EXPECT_EQ(manager.settings(), QuorelSettings{});
+  EXPECT_EQ(storedDocument(), d) << "nothing is written until someone saves";
+  manager.save();
+  EXPECT_EQ(decodedStore(), QuorelSettings{});
+}
+
+TEST_F(SettingsManagerTest, HistoryScaleReopensOnTenMinutesAndIsStoredOnlyAtTheNextSave) {
+  QuorelSettings old;
+  old.historyTimeScale = HistoryTimeScale::sevenDays;
+  old.menuBarMode = MenuBarMode::percentage;
+  storeMigrated(old);
+
+  SettingsManager manager(store, main, clock);
+  EXPECT_EQ(manager.settings().historyTimeScale, HistoryTimeScale::tenMinutes);
+  EXPECT_EQ(manager.settings().menuBarMode, MenuBarMode::percentage);
+  EXPECT_EQ(storedDocument()["historyTimeScale"], "7d");
+  manager.save();
+  EXPECT_EQ(storedDocument()["historyTimeScale"], "10m");
+}
+
+TEST_F(SettingsManagerTest, SaveThatCannotEncodeStoresNothing) {
+  SettingsManager manager(store, main, clock);
+  const auto before = store.dataValue("QuorelSettings");
+  manager.update([](QuorelSettings& s) {
+    s.pollingInterval = 7;
+    s.helperBundleCDHashAtLastConnect = std::string("\xc3\x28", 2);
+  });
+  manager.save();
+  EXPECT_EQ(store.dataValue("QuorelSettings"), before);
+}
+
+TEST_F(SettingsManagerTest, ReconcileTiersHealsListedCardsAndSavesOnlyOnChange) {
+  QuorelSettings s;
+  s.dashboardCardTiers = {
+      {"power", "s2x2"}, {"health", "huge"}, {"cycles", "full"}, {"unlisted", "bogus"}};
+  storeMigrated(s);
+  SettingsManager manager(store, main, clock);
+  int published = 0;
+  manager.subscribe([&](const QuorelSettings&) { ++published; });
+
+  const std::vector<SettingsManager::CardTierRequirement> cards = {
+      {"power", {CardTier::s1x1, CardTier::s2x2}, CardTier::s1x1},
+      {"health", {CardTier::s2x1}, CardTier::s2x1},
+      {"cycles", {CardTier::s1x1, CardTier::s2x1}, CardTier::s2x1},
+      {"carbon", {CardTier::s1x1}, CardTier::s1x1},
+  };
+  const auto writesBefore = store.changeCount();
+  manager.reconcileTiers(cards);
+  const std::map<std::string, std::string> healed = {
+      {"power", "s2x2"}, {"health", "s2x1"}, {"cycles", "s2x1"}, {"unlisted", "bogus"}};
+  EXPECT_EQ(manager.settings().dashboardCardTiers, healed);
+  EXPECT_EQ(store.changeCount(), writesBefore + 1);
+  EXPECT_EQ(published, 1);
+  EXPECT_EQ(decodedStore()->dashboardCardTiers, healed);
+
+  manager.reconcileTiers(cards);
+  EXPECT_EQ(store.changeCount(), writesBefore + 1);
+  EXPECT_EQ(published, 1);
+}
+
+TEST_F(SettingsManagerTest, SubscribersHearChangesNotRepeatsAndAnotherWriterOnTheMainQueue) {
+  SettingsManager manager(store, main, clock);
+  std::vector<double> seen;
+  const auto id =
+      manager.subscribe([&](const QuorelSettings& s) { seen.push_back(s.pollingInterval); });
+  manager.update([](QuorelSettings& s) { s.historyTimeScale = HistoryTimeScale::oneHour; });
+  manager.update([](QuorelSettings& s) { s.historyTimeScale = HistoryTimeScale::oneHour; });
+  manager.save();
+  main.runPending();  // the manager's own write is no news
+  EXPECT_EQ(seen, (std::vector<double>{2}));
+
+  QuorelSettings fromCommandLine;
+  fromCommandLine.pollingInterval = 5;
+  fromCommandLine.historyTimeScale = HistoryTimeScale::sevenDays;
+  storeDocument(document(fromCommandLine));
+  EXPECT_EQ(manager.settings().pollingInterval, 2) << "nothing happens off the main queue";
+  main.runPending();
+  EXPECT_EQ(manager.settings().pollingInterval, 5);
+  EXPECT_EQ(manager.settings().historyTimeScale, HistoryTimeScale::oneHour);
+  EXPECT_EQ(seen, (std::vector<double>{2, 5}));
+
+  store.setValue("Quorel.mcpServerPort", 9000);  // another key: the settings stay as they are
+  manager.update([](QuorelSettings& s) { s.showHabitScore = false; });  // not yet saved
+  main.runPending();
+  EXPECT_FALSE(manager.settings().showHabitScore);
+  manager.unsubscribe(id);
+  manager.update([](QuorelSettings& s) { s.pollingInterval = 4; });
+  EXPECT_EQ(seen.size(), 3u);
+}
+
+TEST_F(SettingsManagerTest, ChangeNoticeAfterDestructionIsHarmless) {
+  {
+    SettingsManager manager(store, main, clock);
+    store.setValue("QuorelSettings", "{}");
+  }
+  EXPECT_NO_THROW(main.runPending());
+}
+
+TEST(SettingsManagerFileTest, AgentAdoptsTheCommandLinesSaveAndDoesNotUndoIt) {
+  const testing::ScratchDirectory dir("quorel-settings");
+  const auto file = dir.path() / "defaults.json";
+  ManualClock clock;
+  SerialQueue main("test.main", clock);
+  {
+    FilePreferenceStore agentStore(file);
+    SettingsManager agent(agentStore, main, clock);
+    {
+      FilePreferenceStore commandLineStore(file);
+      SettingsManager commandLine(commandLineStore, main, clock);
+      commandLine.update([](QuorelSettings& s) { s.dataRetentionDays = 30; });
+      commandLine.save();
+    }
+    main.runPending();
+    agentStore.poll();
+    main.runPending();
+    EXPECT_EQ(agent.settings().dataRetentionDays, 30);
+    agent.update([](QuorelSettings& s) { s.menuBarMode = MenuBarMode::minimal; });
+    agent.save();
+  }
+  auto stored = decodeSettings(*FilePreferenceStore(file).dataValue("QuorelSettings"), clock);
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(stored->dataRetentionDays, 30);
+  EXPECT_EQ(stored->menuBarMode, MenuBarMode::minimal);
 }
 
 }  // namespace

@@ -9,16 +9,21 @@
 #include <vector>
 
 #include "core/serial_queue.hpp"
+#include "support/wait_until.hpp"
 
 namespace quorel {
 namespace {
 
-// The queues here are never started: runPending() returns how many jobs reached a queue, which
-// is how many times its thread would have been woken.
-TEST(BatchedPosterTest, ItemsPostedFromAnotherQueueTravelAsOneJobAfterThatQueuesWork) {
+// The target is never started unless a test says so: runPending() returns how many jobs reached
+// it, which is how many times its thread would have been woken.
+class BatchedPosterTest : public ::testing::Test {
+ protected:
   const SystemClock clock;
+  SerialQueue target{"test.target", clock};
+};
+
+TEST_F(BatchedPosterTest, ItemsPostedFromAnotherQueueTravelAsOneJobAfterThatQueuesWork) {
   SerialQueue source("test.source", clock);
-  SerialQueue target("test.target", clock);
   std::vector<int> seen;
   BatchedPoster<int> poster(target, [&](int& i) {
     EXPECT_TRUE(target.isCurrent());
@@ -34,32 +39,26 @@ TEST(BatchedPosterTest, ItemsPostedFromAnotherQueueTravelAsOneJobAfterThatQueues
   EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3, 4}));
 }
 
-TEST(BatchedPosterTest, ItemsPostedWhileADrainRunsAreNotLostAndStartAnother) {
-  const SystemClock clock;
-  SerialQueue target("test.target", clock);
+TEST_F(BatchedPosterTest, ItemsPostedWhileADrainRunsStartAnotherAndItemsOutliveThePoster) {
   std::vector<int> seen;
-  std::function<void(int)> repost;
-  BatchedPoster<int> poster(target, [&](int& i) {
-    seen.push_back(i);
-    // Posted from inside the drain: it must not be lost in the batch being run.
-    if (i == 2) repost(3);
-  });
-  repost = [&](int i) { poster.post(i); };
-  poster.post(1);
-  poster.post(2);
-  EXPECT_EQ(target.runPending(), 2u);  // the first drain, then the one item 2 started
-  EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
-
-  poster.post(4);
+  {
+    std::function<void(int)> repost;
+    BatchedPoster<int> poster(target, [&](int& i) {
+      seen.push_back(i);
+      if (i == 2) repost(3);  // must not be lost in the batch being run
+    });
+    repost = [&](int i) { poster.post(i); };
+    poster.post(1);
+    poster.post(2);
+    EXPECT_EQ(target.runPending(), 2u);  // the first drain, then the one item 2 started
+    EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
+    poster.post(4);
+  }
   EXPECT_EQ(target.runPending(), 1u);
   EXPECT_EQ(seen.back(), 4);
 }
 
-TEST(BatchedPosterTest, ItemsMoveThroughWhole) {
-  // Items are moved, not copied, and each reaches the handler once with its contents intact,
-  // also after the storage has been handed back and forth between batches.
-  const SystemClock clock;
-  SerialQueue target("test.target", clock);
+TEST_F(BatchedPosterTest, ItemsAreMovedWholeAlsoWhenTheStorageIsReusedBetweenBatches) {
   std::vector<std::string> seen;
   BatchedPoster<std::unique_ptr<std::string>> poster(
       target, [&](std::unique_ptr<std::string>& s) { seen.push_back(*s); });
@@ -75,21 +74,7 @@ TEST(BatchedPosterTest, ItemsMoveThroughWhole) {
   EXPECT_EQ(seen[8].substr(0, 2), "22");
 }
 
-TEST(BatchedPosterTest, ItemsOutliveThePoster) {
-  const SystemClock clock;
-  SerialQueue target("test.target", clock);
-  int ran = 0;
-  {
-    BatchedPoster<int> poster(target, [&](int& i) { ran += i; });
-    poster.post(7);
-  }
-  target.runPending();
-  EXPECT_EQ(ran, 7);
-}
-
-TEST(BatchedPosterTest, EveryItemFromManyThreadsRunsOnceInEachThreadsOrder) {
-  const SystemClock clock;
-  SerialQueue target("test.target", clock);
+TEST_F(BatchedPosterTest, EveryItemFromManyThreadsRunsOnceInEachThreadsOrder) {
   target.start();
   constexpr int kThreads = 4;
   constexpr int kEach = 2000;
@@ -109,10 +94,7 @@ TEST(BatchedPosterTest, EveryItemFromManyThreadsRunsOnceInEachThreadsOrder) {
     });
   }
   for (auto& thread : threads) thread.join();
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (done.load() < kThreads * kEach && std::chrono::steady_clock::now() < end) {
-    std::this_thread::yield();
-  }
+  testing::waitUntil([&] { return done.load() == kThreads * kEach; }, std::chrono::seconds(10));
   target.shutdown();
   for (int t = 0; t < kThreads; ++t) {
     ASSERT_EQ(seen[t].size(), static_cast<std::size_t>(kEach));

@@ -21,17 +21,20 @@ std::vector<std::uint8_t> littleEndianBlock(const std::vector<std::uint32_t>& ce
   return bytes;
 }
 
-TEST(SoCResidencyMatrixTest, ReadsExactly28LittleEndianCellsAndRefusesAnyOtherLength) {
+TEST(SoCResidencyMatrixTest, Reads28LittleEndianCellsOnlyAndSumsSevenPerBand) {
   std::vector<std::uint32_t> cells(28);
-  for (std::uint32_t i = 0; i < 28; ++i) cells[i] = i + 1;
+  for (std::uint32_t i = 0; i < 28; ++i) cells[i] = i;  // band b holds 7b .. 7b+6
   cells[3] = 0x01020304;
   cells[27] = 0xFFFFFFFF;  // unsigned: never -1
   const auto m = SoCResidencyMatrix::fromData(littleEndianBlock(cells));
   ASSERT_TRUE(m);
   ASSERT_EQ(m->hours.size(), 28u);
-  EXPECT_EQ(m->hours[0], 1);
+  EXPECT_EQ(m->hours[1], 1);
   EXPECT_EQ(m->hours[3], 0x01020304);
   EXPECT_EQ(m->hours[27], 4294967295LL);
+  EXPECT_EQ(m->bandHours(),
+            (std::vector<std::int64_t>{0x01020304 + 18, 70, 119,
+                                       21 + 22 + 23 + 24 + 25 + 26 + 4294967295LL}));
 
   auto bytes = littleEndianBlock(cells);
   bytes.push_back(0);
@@ -41,18 +44,7 @@ TEST(SoCResidencyMatrixTest, ReadsExactly28LittleEndianCellsAndRefusesAnyOtherLe
   EXPECT_FALSE(SoCResidencyMatrix::fromData({}));
 }
 
-TEST(SoCResidencyMatrixTest, BandHoursSumSevenCellsEach) {
-  std::vector<std::uint32_t> cells(28, 0);
-  EXPECT_EQ(SoCResidencyMatrix::fromData(littleEndianBlock(cells))->bandHours(),
-            (std::vector<std::int64_t>{0, 0, 0, 0}));
-  for (std::uint32_t i = 0; i < 28; ++i) cells[i] = i;  // band b holds 7b .. 7b+6
-  cells[21] = 0xFFFFFFFF;
-  const auto bands = SoCResidencyMatrix::fromData(littleEndianBlock(cells))->bandHours();
-  EXPECT_EQ(bands,
-            (std::vector<std::int64_t>{21, 70, 119, 4294967295LL + 22 + 23 + 24 + 25 + 26 + 27}));
-}
-
-TEST(ChargingReasonMapperTest, NotChargingReasonsInBitOrderWithoutDuplicates) {
+TEST(ChargingReasonMapperTest, ReasonsInBitOrderWithoutDuplicates) {
   EXPECT_EQ(ChargingReasonMapper::notChargingReason(0), std::nullopt);
   EXPECT_EQ(ChargingReasonMapper::notChargingReason(0x1), "Battery at charge limit");
   EXPECT_EQ(ChargingReasonMapper::notChargingReason(0x8), "Optimized Battery Charging");
@@ -67,9 +59,7 @@ TEST(ChargingReasonMapperTest, NotChargingReasonsInBitOrderWithoutDuplicates) {
   // Bits without a text of their own, the thermal bit among them.
   EXPECT_EQ(ChargingReasonMapper::notChargingReason(0x2), "Charging paused");
   EXPECT_EQ(ChargingReasonMapper::notChargingReason(0x2 | 0x8), "Optimized Battery Charging");
-}
 
-TEST(ChargingReasonMapperTest, SlowChargingReasons) {
   EXPECT_EQ(ChargingReasonMapper::slowChargingReason(0), std::nullopt);
   EXPECT_EQ(ChargingReasonMapper::slowChargingReason(0x1 | 0x2 | 0x4 | 0x10),
             "Thermal constraint; Low-power adapter; Non-Apple adapter; "
@@ -79,12 +69,8 @@ TEST(ChargingReasonMapperTest, SlowChargingReasons) {
   EXPECT_EQ(ChargingReasonMapper::slowChargingReason(0x20 | 0x2), "Low-power adapter");
 }
 
-TEST(BatteryDiagnosticsTest, BareSnapshotGivesNoSections) {
-  const auto d = BatteryDiagnostics::from(PowerSnapshot{});
-  EXPECT_EQ(d, BatteryDiagnostics{});
-}
-
 TEST(BatteryDiagnosticsTest, ChargingSectionAppearsForAnyChargerField) {
+  EXPECT_EQ(BatteryDiagnostics::from(PowerSnapshot{}), BatteryDiagnostics{});
   PowerSnapshot s;
   s.timeChargingThermallyLimited = 120;
   auto d = BatteryDiagnostics::from(s);

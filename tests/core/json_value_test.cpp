@@ -15,9 +15,8 @@ JSONValue readOrFail(std::string_view text) {
 }
 
 TEST(JSONValueTest, ARepeatedKeyKeepsItsLastValueInLiteralsAndInText) {
-  auto v = JSONValue::object({{"k", 1}, {"other", true}, {"k", "last"}});
-  ASSERT_EQ(v.objectValue()->size(), 2u);
-  EXPECT_EQ(v.member("k"), JSONValue("last"));
+  EXPECT_EQ(JSONValue::object({{"k", 1}, {"other", true}, {"k", "last"}}),
+            JSONValue::object({{"other", true}, {"k", "last"}}));
   EXPECT_EQ(readOrFail(R"({"a":1,"a":2})"), JSONValue::object({{"a", 2}}));
 }
 
@@ -47,10 +46,8 @@ TEST(JSONValueTest, ReadingRefusesWhatIsNotOneJSONText) {
 
 TEST(JSONValueTest, ReadingRefusesNestingPastTheLimitButAcceptsItAtTheLimit) {
   const int limit = JSONValue::kMaxReadDepth;
-  std::string atLimit = std::string(limit, '[') + std::string(limit, ']');
-  EXPECT_TRUE(JSONValue::read(atLimit).value.has_value());
-  std::string past = std::string(limit + 1, '[') + std::string(limit + 1, ']');
-  auto r = JSONValue::read(past);
+  EXPECT_TRUE(JSONValue::read(std::string(limit, '[') + std::string(limit, ']')).value);
+  auto r = JSONValue::read(std::string(limit + 1, '[') + std::string(limit + 1, ']'));
   EXPECT_FALSE(r.value.has_value());
   EXPECT_NE(r.error.find("deeper"), std::string::npos);
   // A body of a million brackets must fail fast rather than exhaust the stack.
@@ -74,7 +71,8 @@ TEST(JSONValueTest, ReadingFillsContainersThatKeepGrowingAroundFilledOnes) {
             JSONValue::object({{"list", JSONValue(std::move(expected))}, {"after", true}}));
 }
 
-TEST(JSONValueBuilderTest, AValueIsCompleteWhenItsOutermostContainerClosesAndTakesNoMore) {
+TEST(JSONValueBuilderTest,
+     AValueIsCompleteWhenItsOutermostContainerClosesAndTakesNoMoreWithinItsDepth) {
   JSONValueBuilder builder;
   ASSERT_TRUE(builder.startObject());
   EXPECT_FALSE(builder.null()) << "a member without a key";
@@ -103,24 +101,13 @@ TEST(JSONValueBuilderTest, AValueIsCompleteWhenItsOutermostContainerClosesAndTak
   ASSERT_TRUE(builder.numberFloat(0.5));
   EXPECT_TRUE(builder.complete());
   EXPECT_EQ(builder.take(), JSONValue(0.5));
-}
 
-TEST(JSONValueBuilderTest, TheDepthLimitCountsTheContainersAroundTheValue) {
-  const int limit = JSONValue::kMaxReadDepth;
-  JSONValueBuilder builder(limit - 2);
+  // The depth limit counts the containers around the value being built.
+  builder.reset(JSONValue::kMaxReadDepth - 2);
   EXPECT_TRUE(builder.startArray());
-  EXPECT_TRUE(builder.startArray());
+  EXPECT_TRUE(builder.startObject());
   EXPECT_FALSE(builder.startArray());
-  EXPECT_FALSE(builder.startObject());
-
-  builder.reset(0);
-  for (int i = 0; i < limit; ++i) ASSERT_TRUE(builder.startArray()) << i;
-  EXPECT_FALSE(builder.startObject());
-  for (int i = 0; i < limit; ++i) ASSERT_TRUE(builder.endContainer()) << i;
-  ASSERT_TRUE(builder.complete());
-  JSONValue expected = JSONValue::array({});
-  for (int i = 1; i < limit; ++i) expected = JSONValue::array({expected});
-  EXPECT_EQ(builder.take(), expected);
+  EXPECT_FALSE(JSONValueBuilder(JSONValue::kMaxReadDepth).startObject());
 }
 
 TEST(JSONValueTest, MemberLookupNeverFails) {
@@ -143,8 +130,7 @@ TEST(JSONValueTest, EqualityIsDeepAndCaseSensitive) {
   auto c = JSONValue::object({{"x", JSONValue::array({1, JSONValue::object({{"y", "Z"}})})}});
   EXPECT_EQ(a, b);
   EXPECT_NE(a, c);
-  EXPECT_EQ(JSONValue(1), JSONValue(1.0));
-  EXPECT_EQ(JSONValue(std::uint64_t{7}), JSONValue(7));
+  EXPECT_EQ(JSONValue(std::uint64_t{7}), JSONValue(7.0));
   EXPECT_NE(JSONValue(nullptr), JSONValue(false));
   EXPECT_NE(JSONValue("1"), JSONValue(1));
   EXPECT_NE(JSONValue::array({}), JSONValue::object({}));
@@ -152,34 +138,29 @@ TEST(JSONValueTest, EqualityIsDeepAndCaseSensitive) {
   EXPECT_NE(JSONValue(nan), JSONValue(nan));
 }
 
-TEST(JSONValueTest, WholeNumbersAreWrittenWithoutAFraction) {
-  EXPECT_EQ(JSONValue(42.0).write(), "42");
-  EXPECT_EQ(JSONValue(-7).write(), "-7");
-  EXPECT_EQ(JSONValue(-0.0).write(), "0");
-  EXPECT_EQ(JSONValue(1e15).write(), "1000000000000000");
-  EXPECT_EQ(JSONValue(9223372036854775808.0).write(), "9223372036854775808");
-  EXPECT_EQ(JSONValue(0.25).write(), "0.25");
-  // Fractions survive the round trip exactly.
-  const double third = 1.0 / 3.0;
-  EXPECT_EQ(JSONValue::read(*JSONValue(third).write()).value, JSONValue(third));
-}
-
-TEST(JSONValueTest, WritingFailsOnANumberThatIsNotFiniteAnywhereInTheValue) {
-  const double inf = std::numeric_limits<double>::infinity();
-  EXPECT_FALSE(JSONValue(inf).write().has_value());
-  EXPECT_FALSE(JSONValue::object({{"a", JSONValue::array({1, std::nan("")})}}).write());
-  EXPECT_EQ(JSONValue(nullptr).write(), "null");
-}
-
-TEST(JSONValueTest, WritingRoundTripsAndKeepsSlashesAndReplacesBadUTF8) {
+TEST(JSONValueTest, WritingSpellsWholeNumbersWithoutAFractionAndRoundTrips) {
+  const std::pair<JSONValue, std::string> cases[] = {
+      {JSONValue(42.0), "42"},
+      {JSONValue(-7), "-7"},
+      {JSONValue(-0.0), "0"},
+      {JSONValue(1e15), "1000000000000000"},
+      {JSONValue(9223372036854775808.0), "9223372036854775808"},
+      {JSONValue(0.25), "0.25"},
+      {JSONValue(nullptr), "null"},
+      {JSONValue(std::string("a\xff")), "\"a\xEF\xBF\xBD\""},  // bad UTF-8 is replaced
+  };
+  for (const auto& [value, text] : cases) EXPECT_EQ(value.write(), text);
+  // Slashes stay as they are; fractions survive the round trip exactly.
   auto v = JSONValue::object({{"path", "a/b"},
-                              {"list", JSONValue::array({true, nullptr, "é", 1.5})},
+                              {"list", JSONValue::array({true, nullptr, "é", 1.0 / 3.0})},
                               {"empty", JSONValue::object({})}});
   auto text = v.write();
   ASSERT_TRUE(text);
   EXPECT_NE(text->find("a/b"), std::string::npos);
   EXPECT_EQ(JSONValue::read(*text).value, v);
-  EXPECT_EQ(JSONValue(std::string("a\xff")).write(), "\"a\xEF\xBF\xBD\"");
+  // A number that is not finite, anywhere in the value, cannot be written.
+  EXPECT_FALSE(JSONValue(std::numeric_limits<double>::infinity()).write());
+  EXPECT_FALSE(JSONValue::object({{"a", JSONValue::array({1, std::nan("")})}}).write());
 }
 
 }  // namespace

@@ -91,37 +91,26 @@ TEST(PowerHistoryTest, EmptySlotsLieInTheDistantPast) {
   EXPECT_EQ(formatIso8601(distantPast()).substr(0, 5), "1900-");
 }
 
-TEST(ExponentialMovingAverageTest, FirstInputIsTakenAsIsThenBlended) {
+TEST(ExponentialMovingAverageTest, FirstInputIsTakenAsIsThenBlendedUnlessTheGapIsTooLong) {
   ExponentialMovingAverage ema(0.25);
   EXPECT_EQ(ema.value(), std::nullopt);
   EXPECT_DOUBLE_EQ(ema.update(-20, at(0), 60s), -20);
   EXPECT_DOUBLE_EQ(ema.update(-8, at(2), 60s), 0.25 * -8 + 0.75 * -20);
   EXPECT_DOUBLE_EQ(*ema.value(), -17);
   EXPECT_EQ(ema.lastUpdate(), at(2));
-}
-
-TEST(ExponentialMovingAverageTest, GapLongerThanMaxDtRestartsWithoutBlending) {
-  ExponentialMovingAverage ema(0.3);
-  ema.update(10, at(0), 60s);
-  // Exactly maxDt apart still blends; the rule discards only a strictly longer gap.
-  EXPECT_DOUBLE_EQ(ema.update(20, at(60), 60s), 0.3 * 20 + 0.7 * 10);
-  const double before = *ema.value();
-  EXPECT_DOUBLE_EQ(ema.update(-5, at(120.001), 60s), -5);
-  EXPECT_NE(before, -5);
-  EXPECT_EQ(ema.lastUpdate(), at(120.001));
+  // Exactly maxDt apart still blends; only a strictly longer gap restarts without blending.
+  EXPECT_DOUBLE_EQ(ema.update(-1, at(62), 60s), 0.25 * -1 + 0.75 * -17);
+  EXPECT_DOUBLE_EQ(ema.update(-5, at(122.001), 60s), -5);
+  EXPECT_EQ(ema.lastUpdate(), at(122.001));
   // The restart re-anchors the time, so the next close update blends again.
-  EXPECT_DOUBLE_EQ(ema.update(5, at(122), 60s), 0.3 * 5 + 0.7 * -5);
-}
+  EXPECT_DOUBLE_EQ(ema.update(3, at(124), 60s), 0.25 * 3 + 0.75 * -5);
 
-TEST(ExponentialMovingAverageTest, ResetForgetsValueAndTimeButKeepsAlpha) {
-  ExponentialMovingAverage ema(0.5);
-  ema.update(10, at(0), 60s);
+  // A reset forgets value and time but keeps the weight.
   ema.reset();
   EXPECT_EQ(ema.value(), std::nullopt);
   EXPECT_EQ(ema.lastUpdate(), std::nullopt);
-  EXPECT_DOUBLE_EQ(ema.alpha(), 0.5);
-  EXPECT_DOUBLE_EQ(ema.update(30, at(1), 60s), 30);
-  EXPECT_DOUBLE_EQ(ema.update(10, at(2), 60s), 20);
+  EXPECT_DOUBLE_EQ(ema.update(30, at(125), 60s), 30);
+  EXPECT_DOUBLE_EQ(ema.update(10, at(126), 60s), 0.25 * 10 + 0.75 * 30);
 }
 
 TEST(ChargerTierTest, BandsHaveExclusiveUpperBounds) {

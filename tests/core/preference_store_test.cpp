@@ -1,15 +1,14 @@
 #include <grp.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -40,21 +39,62 @@ class TempDirectory {
 };
 
 std::string readFile(const fs::path& p) {
-  std::ifstream in(p);
   std::stringstream s;
-  s << in.rdbuf();
+  s << std::ifstream(p).rdbuf();
   return s.str();
 }
 
 void writeFile(const fs::path& p, const std::string& text) {
-  std::ofstream out(p, std::ios::trunc);
-  out << text;
+  std::ofstream(p) << text;
 }
 
 unsigned modeOf(const fs::path& p) {
-  struct stat st {};
-  ::stat(p.c_str(), &st);
-  return st.st_mode & 0777;
+  return static_cast<unsigned>(fs::status(p).permissions() & fs::perms::all);
+}
+
+// Runs `body` in a forked child, `meanwhile` here, and returns what the child found wrong (empty
+// when nothing). The child leaves straight through the kernel: a sanitizer's exit hook would turn
+// warnings the parent had collected before the fork into the child's exit status.
+std::string inChild(
+    const std::function<std::string()>& body, const std::function<void()>& meanwhile = [] {}) {
+  int report[2];
+  if (::pipe(report) != 0) return "no pipe to the child";
+  const pid_t child = ::fork();
+  if (child < 0) return "cannot fork";
+  if (child == 0) {
+    ::close(report[0]);
+    const std::string failure = body();  // short enough for one atomic write
+    const auto written = ::write(report[1], failure.data(), failure.size());
+    (void)written;
+    ::syscall(SYS_exit_group, 0);
+  }
+  ::close(report[1]);
+  meanwhile();
+  std::string failure;
+  char buffer[256];
+  for (ssize_t n; (n = ::read(report[0], buffer, sizeof buffer)) > 0;) failure.append(buffer, n);
+  ::close(report[0]);
+  int status = 0;
+  if (::waitpid(child, &status, 0) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    return "the child did not finish: " + failure;
+  }
+  return failure;
+}
+
+// Runs `check` where file permissions bind. Root reads and writes through permissions, so as root
+// (CI) `check` runs in a child that has dropped to the unprivileged user nobody, with `scratch`
+// handed to that user; otherwise it runs here.
+std::string runUnprivileged(const fs::path& scratch, const std::function<std::string()>& check) {
+  if (::geteuid() != 0) return check();
+  constexpr uid_t kNobody = 65534;
+  constexpr gid_t kNoGroup = 65534;
+  if (::chown(scratch.c_str(), kNobody, kNoGroup) != 0)
+    return "cannot hand over " + scratch.string();
+  return inChild([&]() -> std::string {
+    const bool dropped =
+        ::setgroups(0, nullptr) == 0 && ::setgid(kNoGroup) == 0 && ::setuid(kNobody) == 0;
+    return dropped ? check() : "cannot drop to nobody";
+  });
 }
 
 TEST(MemoryPreferenceStoreTest, StoresTypedValuesAndNotifiesOnlyOnChange) {
@@ -82,10 +122,7 @@ TEST(MemoryPreferenceStoreTest, StoresTypedValuesAndNotifiesOnlyOnChange) {
   store.setValue("x", 1);
   EXPECT_EQ(calls, 4);
   EXPECT_EQ(store.changeCount(), 5u);
-}
-
-TEST(MemoryPreferenceStoreTest, ObserverMayWriteBackWithoutDeadlock) {
-  MemoryPreferenceStore store;
+  // An observer may write back without deadlocking.
   store.addObserver([&] {
     if (!store.hasValue("echo")) store.setValue("echo", store.value("source").value_or(0));
   });
@@ -118,13 +155,8 @@ TEST_F(FilePreferenceStoreTest, PersistsAcrossInstancesWithPrivateModes) {
   reopened.removeValue("QuorelSettings");
   EXPECT_FALSE(FilePreferenceStore(file).hasValue("QuorelSettings"));
   // Only the document and its lock file remain: no temporary file is left behind.
-  std::size_t entries = 0;
-  for (const auto& entry : fs::directory_iterator(dir)) {
-    ++entries;
-    EXPECT_TRUE(entry.path() == file || entry.path().string() == file.string() + ".lock")
-        << entry.path();
-  }
-  EXPECT_EQ(entries, 2u);
+  const std::set<fs::path> entries(fs::directory_iterator{dir}, fs::directory_iterator{});
+  EXPECT_EQ(entries, (std::set<fs::path>{file, file.string() + ".lock"}));
 }
 
 TEST_F(FilePreferenceStoreTest, CorruptFileIsMovedAsideWithAWarningNamingBothPaths) {
@@ -153,9 +185,13 @@ TEST_F(FilePreferenceStoreTest, CorruptFileIsMovedAsideWithAWarningNamingBothPat
   EXPECT_EQ(nlohmann::json::parse(readFile(file)), (nlohmann::json{{"k", 1}}));
 }
 
-TEST_F(FilePreferenceStoreTest, FileCorruptedWhileRunningIsSetAsideBeforeTheNextWrite) {
+TEST_F(FilePreferenceStoreTest, EmptyFileIsEmptyButOneCorruptedWhileRunningIsSetAside) {
+  fs::create_directories(dir);
+  writeFile(file, "");
   FilePreferenceStore store(file);
   store.setValue("a", 1);
+  EXPECT_FALSE(fs::exists(file.string() + ".corrupt"));
+  EXPECT_EQ(FilePreferenceStore(file).integerValue("a"), 1);
   writeFile(file, "not json");
   store.setValue("b", 2);
   EXPECT_EQ(readFile(file.string() + ".corrupt"), "not json");
@@ -163,48 +199,31 @@ TEST_F(FilePreferenceStoreTest, FileCorruptedWhileRunningIsSetAsideBeforeTheNext
   EXPECT_FALSE(store.hasValue("a"));
 }
 
-TEST_F(FilePreferenceStoreTest, EmptyFileIsAnEmptyDomainNotACorruption) {
-  fs::create_directories(dir);
-  writeFile(file, "");
-  FilePreferenceStore store(file);
-  EXPECT_FALSE(fs::exists(file.string() + ".corrupt"));
-  store.setValue("a", true);
-  EXPECT_TRUE(FilePreferenceStore(file).boolValue("a"));
-}
-
-TEST_F(FilePreferenceStoreTest, TwoStoresOnOneFileKeepEachOthersKeys) {
-  FilePreferenceStore agent(file);
-  FilePreferenceStore commandLine(file);
-  agent.setValue("Quorel.mcpServerPort", 8473);
-  commandLine.setValue("Quorel.mcpServerEnabled", true);  // had not seen the port yet
-  agent.setValue("QuorelSettings", "{}");
-
-  auto onDisk = nlohmann::json::parse(readFile(file));
-  EXPECT_EQ(onDisk, (nlohmann::json{{"Quorel.mcpServerPort", 8473},
-                                    {"Quorel.mcpServerEnabled", true},
-                                    {"QuorelSettings", "{}"}}));
-  // The agent learnt of the other write through its own read-modify-write.
-  EXPECT_TRUE(agent.boolValue("Quorel.mcpServerEnabled"));
-}
-
-TEST_F(FilePreferenceStoreTest, PollNoticesAnotherWriterAndNotOwnWrites) {
+TEST_F(FilePreferenceStoreTest, TwoStoresOnOneFileKeepEachOthersKeysAndPollSeesOnlyTheOther) {
   FilePreferenceStore agent(file);
   FilePreferenceStore commandLine(file);
   int agentCalls = 0;
   agent.addObserver([&] { ++agentCalls; });
-
-  agent.setValue("own", 1);
+  agent.setValue("Quorel.mcpServerPort", 8473);
   EXPECT_EQ(agentCalls, 1);
   EXPECT_FALSE(agent.poll()) << "the agent's own write must not read as a foreign change";
-  EXPECT_EQ(agentCalls, 1);
 
-  commandLine.setValue("QuorelSettings", "{\"x\":1}");
-  EXPECT_FALSE(agent.hasValue("QuorelSettings"));
+  commandLine.setValue("Quorel.mcpServerEnabled", true);  // had not seen the port yet
+  EXPECT_FALSE(agent.hasValue("Quorel.mcpServerEnabled"));
   EXPECT_TRUE(agent.poll());
   EXPECT_EQ(agentCalls, 2);
-  EXPECT_EQ(agent.dataValue("QuorelSettings"), "{\"x\":1}");
+  EXPECT_TRUE(agent.boolValue("Quorel.mcpServerEnabled"));
   EXPECT_FALSE(agent.poll());
 
+  // Without a poll, the agent learns of another write through its own read-modify-write.
+  commandLine.setValue("QuorelSettings", "{}");
+  agent.setValue("own", 1);
+  EXPECT_EQ(agent.dataValue("QuorelSettings"), "{}");
+  EXPECT_EQ(nlohmann::json::parse(readFile(file)),
+            (nlohmann::json{{"Quorel.mcpServerPort", 8473},
+                            {"Quorel.mcpServerEnabled", true},
+                            {"QuorelSettings", "{}"},
+                            {"own", 1}}));
   // A file deleted by hand empties the domain too.
   fs::remove(file);
   EXPECT_TRUE(agent.poll());
@@ -241,22 +260,18 @@ TEST_F(FilePreferenceStoreTest, WatchOnQueueFiresObserversAfterAnotherWrite) {
 TEST_F(FilePreferenceStoreTest, ForkedProcessAndParentWritingTogetherLoseNothing) {
   constexpr int kWrites = 40;
   FilePreferenceStore parent(file);
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    // The child writes through a store of its own, as a second program would.
-    FilePreferenceStore childStore(file);
-    for (int i = 0; i < kWrites; ++i) childStore.setValue("child." + std::to_string(i), i);
-    // Straight to the kernel: a sanitizer's exit hook would turn warnings the parent had
-    // collected before the fork into this child's exit status.
-    ::syscall(SYS_exit_group, 0);
-  }
-  for (int i = 0; i < kWrites; ++i) parent.setValue("parent." + std::to_string(i), i);
-  int status = 0;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  ASSERT_EQ(WEXITSTATUS(status), 0);
-
+  const auto write = [&](FilePreferenceStore& store, const std::string& prefix) {
+    for (int i = 0; i < kWrites; ++i) store.setValue(prefix + std::to_string(i), i);
+  };
+  // The child writes through a store of its own, as a second program would.
+  EXPECT_EQ(inChild(
+                [&] {
+                  FilePreferenceStore childStore(file);
+                  write(childStore, "child.");
+                  return std::string();
+                },
+                [&] { write(parent, "parent."); }),
+            "");
   parent.poll();
   auto onDisk = nlohmann::json::parse(readFile(file));
   for (int i = 0; i < kWrites; ++i) {
@@ -266,90 +281,41 @@ TEST_F(FilePreferenceStoreTest, ForkedProcessAndParentWritingTogetherLoseNothing
   }
 }
 
-// Runs `check` where file permissions bind, and returns what it found wrong (empty when
-// nothing). Root reads and writes through permissions, so as root (CI) `check` runs in a child
-// that has dropped to the unprivileged user nobody, with `scratch` handed to that user;
-// otherwise it runs here. The child is forked from this single-threaded test and only touches
-// files and the log before it leaves.
-std::string runUnprivileged(const fs::path& scratch, const std::function<std::string()>& check) {
-  if (::geteuid() != 0) return check();
-  constexpr uid_t kNobody = 65534;
-  constexpr gid_t kNoGroup = 65534;
-  if (::chown(scratch.c_str(), kNobody, kNoGroup) != 0)
-    return "cannot hand over " + scratch.string();
-  int report[2];
-  if (::pipe(report) != 0) return "no pipe to the child";
-  const pid_t child = ::fork();
-  if (child < 0) return "cannot fork";
-  if (child == 0) {
-    ::close(report[0]);
-    const bool dropped =
-        ::setgroups(0, nullptr) == 0 && ::setgid(kNoGroup) == 0 && ::setuid(kNobody) == 0;
-    const std::string failure = dropped ? check() : "cannot drop to nobody";
-    for (std::size_t sent = 0; sent < failure.size();) {
-      const ssize_t n = ::write(report[1], failure.data() + sent, failure.size() - sent);
-      if (n <= 0) break;
-      sent += static_cast<std::size_t>(n);
-    }
-    // Straight to the kernel, as in the fork test above: no exit hooks of the parent's.
-    ::syscall(SYS_exit_group, 0);
-  }
-  ::close(report[1]);
-  std::string failure;
-  char buffer[256];
-  for (ssize_t n; (n = ::read(report[0], buffer, sizeof buffer)) > 0;) failure.append(buffer, n);
-  ::close(report[0]);
-  int status = 0;
-  if (::waitpid(child, &status, 0) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    return "the unprivileged child did not finish: " + failure;
-  }
-  return failure;
-}
-
 TEST_F(FilePreferenceStoreTest, UnwritableDirectoryKeepsTheChangeInMemoryAndSaysSo) {
-  EXPECT_EQ(runUnprivileged(temp.path(),
-                            [&]() -> std::string {
-                              fs::create_directories(dir);
-                              fs::permissions(dir, fs::perms::owner_read | fs::perms::owner_exec);
-                              testing::LogCapture logs;
-                              {
-                                FilePreferenceStore store(file);
-                                store.setValue("a", 1);
-                                if (store.integerValue("a") != 1)
-                                  return "the change was not kept in memory";
-                              }
-                              fs::permissions(dir, fs::perms::owner_all);
-                              if (fs::exists(file)) return "the file was written after all";
-                              for (const auto& line : logs.lines()) {
-                                if (line.message.rfind(
-                                        "cannot write preferences to " + file.string(), 0) == 0) {
-                                  return "";
-                                }
-                              }
-                              return "nothing said the preferences could not be written";
-                            }),
-            "");
+  const auto check = [&]() -> std::string {
+    fs::create_directories(dir);
+    fs::permissions(dir, fs::perms::owner_read | fs::perms::owner_exec);
+    testing::LogCapture logs;
+    {
+      FilePreferenceStore store(file);
+      store.setValue("a", 1);
+      if (store.integerValue("a") != 1) return "the change was not kept in memory";
+    }
+    fs::permissions(dir, fs::perms::owner_all);
+    if (fs::exists(file)) return "the file was written after all";
+    for (const auto& message : logs.messages()) {
+      if (message.rfind("cannot write preferences to " + file.string(), 0) == 0) return "";
+    }
+    return "nothing said the preferences could not be written";
+  };
+  EXPECT_EQ(runUnprivileged(temp.path(), check), "");
 }
 
 TEST_F(FilePreferenceStoreTest, UnreadableFileIsNeitherReplacedNorTakenForEmpty) {
-  EXPECT_EQ(runUnprivileged(
-                temp.path(),
-                [&]() -> std::string {
-                  fs::create_directories(dir);
-                  writeFile(file, "{\"kept\": true}");
-                  fs::permissions(file, fs::perms::none);
-                  {
-                    FilePreferenceStore store(file);
-                    store.setValue("a", 1);
-                    if (store.integerValue("a") != 1) return "the change was not kept in memory";
-                  }
-                  fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
-                  if (nlohmann::json::parse(readFile(file)) != nlohmann::json{{"kept", true}}) {
-                    return "the unreadable file was replaced: " + readFile(file);
-                  }
-                  return "";
-                }),
-            "");
+  const auto check = [&]() -> std::string {
+    fs::create_directories(dir);
+    writeFile(file, "{\"kept\": true}");
+    fs::permissions(file, fs::perms::none);
+    {
+      FilePreferenceStore store(file);
+      store.setValue("a", 1);
+      if (store.integerValue("a") != 1) return "the change was not kept in memory";
+    }
+    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
+    const std::string text = readFile(file);
+    return nlohmann::json::parse(text) == nlohmann::json{{"kept", true}} ? "" : "replaced: " + text;
+  };
+  EXPECT_EQ(runUnprivileged(temp.path(), check), "");
 }
 
 }  // namespace

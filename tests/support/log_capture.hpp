@@ -9,11 +9,12 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/logging.hpp"
+#include "wait_until.hpp"
 
 namespace quorel::testing {
 
@@ -34,17 +35,11 @@ class LogCapture {
     std::lock_guard lock(sink_->entriesMutex);
     return sink_->captured;
   }
-  // Every message, in order.
-  std::vector<std::string> messages() const {
-    std::vector<std::string> out;
-    for (auto& e : lines()) out.push_back(std::move(e.message));
-    return out;
-  }
-  // The messages of one category ("PowerMonitor", "AppDelegate", ...).
-  std::vector<std::string> messages(const std::string& category) const {
+  // Every message in order, or only those of one category ("PowerMonitor", ...).
+  std::vector<std::string> messages(const std::optional<std::string>& category = {}) const {
     std::vector<std::string> out;
     for (auto& e : lines()) {
-      if (e.logger == category) out.push_back(std::move(e.message));
+      if (!category || e.logger == *category) out.push_back(std::move(e.message));
     }
     return out;
   }
@@ -56,12 +51,7 @@ class LogCapture {
   // Waits, bounded, for a message that another thread logs.
   bool waitFor(const std::string& message,
                std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
-    const auto until = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < until) {
-      if (contains(message)) return true;
-      std::this_thread::yield();
-    }
-    return contains(message);
+    return waitUntil([&] { return contains(message); }, limit);
   }
 
  private:
