@@ -13,8 +13,8 @@
 #include <string>
 #include <string_view>
 
-#include "telemetry/sleep_wake_source.hpp"
 #include "core/serial_queue.hpp"
+#include "telemetry/sleep_wake_source.hpp"
 
 namespace spdlog {
 class logger;

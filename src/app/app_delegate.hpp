@@ -7,10 +7,10 @@
 #include <optional>
 
 #include "app/settings_manager.hpp"
-#include "telemetry/sleep_wake_source.hpp"
 #include "core/clock.hpp"
 #include "core/serial_queue.hpp"
 #include "telemetry/power_monitor.hpp"
+#include "telemetry/sleep_wake_source.hpp"
 
 namespace spdlog {
 class logger;
