@@ -63,7 +63,7 @@ class ScriptedProvider : public PowerDataProvider {
 struct FixedSampler : ComponentPowerSampler {
   explicit FixedSampler(ComponentPower v) : value(v) {}
   bool isAvailable() const override { return true; }
-  std::optional<ComponentPower> sample(Seconds) override {
+  std::optional<ComponentPower> sample() override {
     ++calls;
     return value;
   }
