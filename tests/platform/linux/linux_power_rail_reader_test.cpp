@@ -85,9 +85,10 @@ TEST_F(RailFixture, PlatformZoneBatteryAndAdapterFillTheirRails) {
   EXPECT_EQ(second->thunderboltLeftWatts, std::nullopt);
 }
 
-TEST_F(RailFixture, BatteryPowerIsPreferredAndMainsWithoutCurrentGivesNoInput) {
+TEST_F(RailFixture, BatteryPowerIsPreferredEmptyBaysAreSkippedAndMainsWithoutCurrentGivesNoInput) {
   tree.writeSupply(
       "BAT1", {"TYPE=Battery", "POWER_NOW=-7126000", "VOLTAGE_NOW=11000000", "CURRENT_NOW=100000"});
+  tree.writeSupply("BAT0", {"TYPE=Battery", "PRESENT=0", "POWER_NOW=5000000"});  // empty bay
   tree.writeSupply("AC", {"TYPE=Mains", "ONLINE=1"});
   auto rails = reader().sample();
   ASSERT_TRUE(rails);
