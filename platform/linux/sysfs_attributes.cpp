@@ -48,6 +48,10 @@ std::filesystem::path thermalClassPath(const std::filesystem::path& sysfsRoot) {
   return sysfsRoot / "class" / "thermal";
 }
 
+std::filesystem::path powercapClassPath(const std::filesystem::path& sysfsRoot) {
+  return sysfsRoot / "class" / "powercap";
+}
+
 std::optional<std::string> readFile(const std::filesystem::path& path, int* error) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {

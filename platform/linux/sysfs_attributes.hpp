@@ -16,6 +16,7 @@ namespace quorel::sysfs {
 // Where the readers look under a sysfs root ("/sys" normally, a captured tree in tests).
 std::filesystem::path powerSupplyClassPath(const std::filesystem::path& sysfsRoot);
 std::filesystem::path thermalClassPath(const std::filesystem::path& sysfsRoot);
+std::filesystem::path powercapClassPath(const std::filesystem::path& sysfsRoot);
 
 // The whole content of a small kernel file (attributes are at most a page). Absent when it
 // cannot be opened or read, e.g. missing, forbidden or a directory; `error` then holds errno.

@@ -7,7 +7,7 @@
 
 namespace quorel {
 
-std::optional<ComponentPower> SandboxComponentPowerSampler::sample(Seconds) {
+std::optional<ComponentPower> SandboxComponentPowerSampler::sample() {
   return componentPower(config_.values().systemLoad);
 }
 

@@ -17,8 +17,10 @@
 #include "core/version.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp/mcp_server_switch.hpp"
+#include "platform/linux/linux_power_rail_reader.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
 #include "platform/linux/linux_power_supply_provider.hpp"
+#include "platform/linux/linux_powercap_component_sampler.hpp"
 #include "platform/linux/linux_thermal_monitor.hpp"
 #include "platform/linux/logind_sleep_monitor.hpp"
 #include "platform/linux/power_supply_scan.hpp"
@@ -94,6 +96,9 @@ class Agent {
           std::make_shared<LinuxPowerSourceFallbackProvider>(powerSupplyRoot, clock_);
       thermal_ = std::make_shared<LinuxThermalMonitor>(sysfs::thermalClassPath(options_.sysfsRoot));
       deps.sources.thermalSource = thermal_;
+      deps.sources.componentSampler = std::make_shared<LinuxPowercapComponentSampler>(
+          sysfs::powercapClassPath(options_.sysfsRoot));
+      deps.sources.railReader = std::make_shared<LinuxPowerRailReader>(options_.sysfsRoot);
       recordingStore_ = std::make_unique<QuorelDatabaseRecordingStore>(*database_);
       deps.recorder = std::make_shared<PowerRecorder>(*recordingStore_, clock_);
     } else {

@@ -16,7 +16,8 @@ struct AgentOptions {
   std::optional<std::filesystem::path> sandboxConfigFile;
   // Run on the simulated machine even when a battery is readable.
   bool sandbox = false;
-  // Stands in for /sys for every reader (DIR/class/power_supply, DIR/class/thermal).
+  // Stands in for /sys for every reader (DIR/class/power_supply, DIR/class/thermal,
+  // DIR/class/powercap).
   std::filesystem::path sysfsRoot = "/sys";
   // Replaces $XDG_DATA_HOME/quorel: the database and the server's token and endpoint files.
   std::optional<std::filesystem::path> dataDirectory;

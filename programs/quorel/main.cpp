@@ -77,8 +77,8 @@ static int runMain(int argc, char** argv) {
   app.add_flag("--sandbox", options.sandbox,
                "Run on the simulated machine even when this computer's battery is readable");
   app.add_option("--sysfs-root", sysfsRoot,
-                 "Directory standing in for /sys (readers use DIR/class/power_supply and "
-                 "DIR/class/thermal), e.g. a captured tree")
+                 "Directory standing in for /sys (readers use DIR/class/power_supply, "
+                 "DIR/class/thermal and DIR/class/powercap), e.g. a captured tree")
       ->check(CLI::ExistingDirectory);
   app.add_option("--data-dir", dataDir,
                  "Directory for the history database and the server's token and endpoint files "

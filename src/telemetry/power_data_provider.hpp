@@ -22,14 +22,16 @@ class PowerDataProvider {
   virtual std::optional<PowerSnapshot> fetchSnapshot() = 0;
 };
 
-// Per-component power measured across an interval (energy counters).
+// Per-component power from cumulative energy counters. Each call reads the counters once and
+// never waits: the figure is the average between this reading and the previous call's.
 class ComponentPowerSampler {
  public:
   virtual ~ComponentPowerSampler() = default;
-  // Whether the counters could be subscribed to at all.
+  // Whether the counters can be read at all.
   virtual bool isAvailable() const = 0;
-  // Measures across `interval` and returns the average power, or nothing on failure.
-  virtual std::optional<ComponentPower> sample(Seconds interval) = 0;
+  // The average power since the previous call. Nothing on the first call, and nothing when the
+  // pair of readings cannot be used (a counter failed to read, the machine slept in between).
+  virtual std::optional<ComponentPower> sample() = 0;
 };
 
 // Whole-machine power rails.

@@ -21,8 +21,6 @@ constexpr long kFallbackAfterFailures = 3;
 constexpr double kWakeNearZeroWatts = 0.5;
 // A component figure older than this is not stored as fresh, whatever the cadence.
 constexpr double kComponentFreshSeconds = 30;
-// Energy counters are read across this window.
-constexpr Seconds kComponentSampleWindow{0.05};
 
 std::optional<double> milliToUnit(const std::optional<std::int64_t>& v) {
   if (!v) return std::nullopt;
@@ -140,12 +138,12 @@ void PowerMonitor::seedHistoryFromDatabase() {
   for (const HistorySeedSample& s : recorder_->seedSamples(clock_.now())) histories_.seed(s);
 }
 
-// Energy counters report a difference; one early sample gives them a baseline so that the first
-// real tick already has a figure.
+// Energy counters report a difference; one early reading gives them a baseline, so that the
+// first sampling after it already spans a stretch of time.
 void PowerMonitor::seedComponentPowerBaseline() {
   const std::shared_ptr<ComponentPowerSampler> sampler = sources().componentSampler;
   if (!sampler || !sampler->isAvailable() || lastComponentPower_) return;
-  if (auto sampled = sampler->sample(kComponentSampleWindow)) lastComponentPower_ = sampled;
+  if (auto sampled = sampler->sample()) lastComponentPower_ = sampled;
 }
 
 void PowerMonitor::stop() {
@@ -381,9 +379,8 @@ PowerMonitor::ComponentReading PowerMonitor::sampleComponents(ComponentPowerSamp
     return {ComponentPowerValidator::validate(std::nullopt, consumptionW), false};
   }
   // A failed sample counts as sampled: it is retried a cadence later, not on every tick.
-  ComponentReading reading{
-      ComponentPowerValidator::validate(sampler->sample(kComponentSampleWindow), consumptionW),
-      true};
+  ComponentReading reading{ComponentPowerValidator::validate(sampler->sample(), consumptionW),
+                           true};
   lastComponentSampleTime_ = now;
   lastComponentPower_ = reading.validation.value;
   return reading;

@@ -53,7 +53,7 @@ struct ScriptedProvider : PowerDataProvider {
 struct FixedSampler : ComponentPowerSampler {
   explicit FixedSampler(ComponentPower v) : value(v) {}
   bool isAvailable() const override { return true; }
-  std::optional<ComponentPower> sample(Seconds) override { return ++calls, value; }
+  std::optional<ComponentPower> sample() override { return ++calls, value; }
   ComponentPower value;
   int calls = 0;
 };
