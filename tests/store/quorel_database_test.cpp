@@ -39,7 +39,6 @@ using testing::SqlFile;
 using testing::SqlValue;
 using Row = std::vector<std::string>;
 using Rows = std::vector<Row>;
-using Days = std::vector<std::string>;
 using Values = std::vector<std::pair<std::string, SqlValue>>;
 
 unsigned modeOf(const fs::path& p) {
@@ -58,6 +57,72 @@ std::size_t linesStartingWith(const LogCapture& logs, const std::string& prefix,
   }
   return n;
 }
+
+constexpr double kT0 = 1'800'000'000;  // 2027-01-15T08:00:00Z
+constexpr double kDay = 86400;
+
+TimePoint at(double offset) {
+  return fromUnixSeconds(kT0 + offset);
+}
+
+class ScratchStoreTest : public ::testing::Test {
+ protected:
+  // What the store logs, once, when `path` is damaged.
+  static std::string corruptionLine(const fs::path& path) {
+    const std::string f = path.string();
+    return "database corruption detected — to start a fresh history, stop quorel and run: rm -f "
+           "-- '" +
+           f + "' '" + f + "-wal' '" + f + "-shm'";
+  }
+
+  // Days are keyed in the local zone; pin it so the expected keys hold on any machine.
+  testing::ZoneGuard zone{"UTC0"};
+  ScratchDirectory scratch{"quorel-store"};
+  ManualClock clock{at(0)};
+  int corruptionSignals = 0;
+};
+
+// A store on a file in the scratch directory, and a second connection to look at it.
+class StoreFileTest : public ScratchStoreTest {
+ protected:
+  // On the scratch file, or on `path` with no data directory to tighten.
+  QuorelDatabase::Options options(bool readOnly = false, bool startQueue = false,
+                                  std::optional<fs::path> path = {}) {
+    return {.dataDirectory = path ? std::nullopt : std::optional(scratch.path()),
+            .databasePathOverride = path.value_or(file),
+            .onCorruption = [this] { ++corruptionSignals; },
+            .startQueue = startQueue,
+            .readOnly = readOnly};
+  }
+  void drain() { db->queue().runPending(); }
+  SqlFile& sql() {
+    if (!raw) raw = std::make_unique<SqlFile>(file);
+    return *raw;
+  }
+  std::int64_t count(const std::string& from) {
+    return sql().integer("SELECT COUNT(*) FROM " + from);
+  }
+  void sample(double offset, Values values = {}) {
+    values.insert(values.begin(), {"timestamp", kT0 + offset});
+    sql().insert("power_samples", values);
+  }
+  void energy(const char* table, double offset, const std::string& name, double watts, double wh,
+              Values values = {}) {
+    const bool agents = std::string(table) == "ai_agent_energy";
+    values.insert(values.end(), {{"timestamp", kT0 + offset},
+                                 {agents ? "agent_id" : "process_name", name},
+                                 {"avg_watts", watts},
+                                 {"energy_wh", wh},
+                                 {"avg_cpu", 1.0}});
+    sql().insert(table, values);
+  }
+
+  fs::path file = scratch.path() / "quorel.db";
+  std::unique_ptr<QuorelDatabase> db = std::make_unique<QuorelDatabase>(options(), clock);
+  std::unique_ptr<SqlFile> raw;
+};
+class ReadsTest : public StoreFileTest {};
+class WritesTest : public StoreFileTest {};
 
 // Tables with their columns, and indexes with their columns: everything two files must agree on.
 std::map<std::string, Rows> schemaOf(const fs::path& file) {
@@ -81,33 +146,24 @@ void insertIdenticalReadings(const fs::path& file) {
 }
 const char* kReadingsLeft = "SELECT COUNT(*) FROM power_samples WHERE ecpu_w IS NOT NULL";
 
-class QuorelDatabaseTest : public ::testing::Test {
+// Stores placed by the data directory, as the agent places them.
+class QuorelDatabaseTest : public ScratchStoreTest {
  protected:
-  ScratchDirectory temp{"quorel-db"};
-  fs::path dataDir = temp.path() / "share" / "quorel";
+  fs::path dataDir = scratch.path() / "share" / "quorel";
   fs::path dbFile = dataDir / "quorel.db";
-  int corruptionSignals = 0;
-  ManualClock clock;
 
   // At the default location inside `directory`, or at `file`.
-  QuorelDatabase::Options options(std::optional<fs::path> file = {},
-                                  std::optional<fs::path> directory = {}) {
+  QuorelDatabase::Options placed(std::optional<fs::path> file = {},
+                                 std::optional<fs::path> directory = {}) {
     return {.dataDirectory = file ? file->parent_path() : directory,
             .databasePathOverride = file,
             .onCorruption = [this] { ++corruptionSignals; },
             .startQueue = false};
   }
-  QuorelDatabase::Options atDefaultLocation() { return options({}, dataDir); }
+  QuorelDatabase::Options atDefaultLocation() { return placed({}, dataDir); }
   fs::path freshDatabase() {
     QuorelDatabase db(atDefaultLocation(), clock);
     return dbFile;
-  }
-  // What the store logs, once, when the file at the default location is damaged.
-  std::string corruptionLine() const {
-    const std::string f = dbFile.string();
-    return "database corruption detected — to start a fresh history, stop quorel and run: rm -f "
-           "-- '" +
-           f + "' '" + f + "-wal' '" + f + "-shm'";
   }
 };
 
@@ -134,25 +190,17 @@ TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentVersionPrivateModesAndWalAndReo
   for (const auto& line : logs.lines()) EXPECT_THAT(line.message, Not(HasSubstr("migrating")));
 }
 
-TEST_F(QuorelDatabaseTest, VersionZeroFileWithOldTablesEndsLikeAFreshOne) {
-  const auto fresh = schemaOf(freshDatabase());
-  const fs::path old = temp.path() / "v0.db";
-  testing::buildLegacyDatabase(old, 1);
-  SqlFile(old).exec("PRAGMA user_version = 0");
-  { QuorelDatabase db(options(old), clock); }
-  EXPECT_EQ(schemaOf(old), fresh);
-  EXPECT_EQ(SqlFile(old).integer("PRAGMA user_version"), 8);
-}
-
 class MigrationTest : public QuorelDatabaseTest, public ::testing::WithParamInterface<int> {};
 
+// Version 0 is a version 1 file that never had its version set.
 TEST_P(MigrationTest, CarriesTheFileToTheCurrentSchemaAndFixesItsRows) {
   const int version = GetParam();
   const auto fresh = schemaOf(freshDatabase());
-  const fs::path file = temp.path() / ("v" + std::to_string(version) + ".db");
-  testing::buildLegacyDatabase(file, version);
+  const fs::path file = scratch.path() / ("v" + std::to_string(version) + ".db");
+  testing::buildLegacyDatabase(file, std::max(version, 1));
+  if (version == 0) SqlFile(file).exec("PRAGMA user_version = 0");
   LogCapture logs;
-  { QuorelDatabase db(options(file), clock); }
+  { QuorelDatabase db(placed(file), clock); }
   EXPECT_EQ(corruptionSignals, 0);
   EXPECT_EQ(logs.count("migrating schema from v" + std::to_string(version) + " to v8"), 1u);
   EXPECT_EQ(schemaOf(file), fresh);
@@ -297,14 +345,14 @@ TEST_P(MigrationTest, CarriesTheFileToTheCurrentSchemaAndFixesItsRows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryOlderVersion, MigrationTest,
-                         ::testing::Range(testing::kOldestFixtureVersion,
+                         ::testing::Range(testing::kOldestFixtureVersion - 1,
                                           testing::kNewestFixtureVersion + 1),
                          [](const ::testing::TestParamInfo<int>& p) {
                            return "v" + std::to_string(p.param);
                          });
 
 TEST_F(QuorelDatabaseTest, AFailingStepLeavesTheFileAtItsOldVersionWithAllItsData) {
-  const fs::path file = temp.path() / "v2.db";
+  const fs::path file = scratch.path() / "v2.db";
   testing::buildLegacyDatabase(file, 2);
   // Step 6 is the first to update samples; refusing that update makes it fail after steps 3
   // to 5 have already changed the file inside the transaction.
@@ -314,7 +362,7 @@ TEST_F(QuorelDatabaseTest, AFailingStepLeavesTheFileAtItsOldVersionWithAllItsDat
   const auto before = schemaOf(file);
   const auto componentRows = SqlFile(file).integer(kReadingsLeft);
   LogCapture logs;
-  { QuorelDatabase db(options(file), clock); }
+  { QuorelDatabase db(placed(file), clock); }
   {
     SqlFile db(file);
     EXPECT_EQ(db.integer("PRAGMA user_version"), 2);
@@ -329,7 +377,7 @@ TEST_F(QuorelDatabaseTest, AFailingStepLeavesTheFileAtItsOldVersionWithAllItsDat
 
   // The next start tries again from the old version.
   SqlFile(file).exec("DROP TRIGGER refuse_heal");
-  { QuorelDatabase db(options(file), clock); }
+  { QuorelDatabase db(placed(file), clock); }
   EXPECT_EQ(SqlFile(file).integer("PRAGMA user_version"), 8);
 }
 
@@ -367,7 +415,7 @@ TEST_F(QuorelDatabaseTest, RandomBytesSignalCorruptionOnceAndStayUntouched) {
     EXPECT_FALSE(db.queryRecentSessions(5));
   }
   EXPECT_EQ(corruptionSignals, 1);
-  EXPECT_EQ(logs.count(corruptionLine()), 1u);
+  EXPECT_EQ(logs.count(corruptionLine(dbFile)), 1u);
   std::stringstream bytes;
   bytes << std::ifstream(dbFile, std::ios::binary).rdbuf();
   EXPECT_EQ(bytes.str(), noise);
@@ -403,7 +451,7 @@ TEST_F(QuorelDatabaseTest, SqliteErrorsAreClassifiedByResultCode) {
                        {warn, "insert sample transient: rc=6 msg=not an error"},
                        {err, "insert session failed: rc=19 msg=not an error"},
                        {err, "read history failed: rc=11 msg=not an error"},
-                       {critical, corruptionLine()},
+                       {critical, corruptionLine(dbFile)},
                        {err, "read history failed: rc=26 msg=not an error"},
                        {err, "read history failed: rc=779 msg=not an error"},
                    }));
@@ -412,7 +460,7 @@ TEST_F(QuorelDatabaseTest, SqliteErrorsAreClassifiedByResultCode) {
 TEST_F(QuorelDatabaseTest, NoUsableDataDirectoryMeansUnavailableAndOneSignal) {
   {
     LogCapture logs;
-    QuorelDatabase db(options(), clock);
+    QuorelDatabase db(placed(), clock);
     EXPECT_FALSE(db.isAvailable());
     EXPECT_EQ(corruptionSignals, 1);
     EXPECT_EQ(logs.count("cannot locate the data directory ($XDG_DATA_HOME/quorel, else "
@@ -423,10 +471,10 @@ TEST_F(QuorelDatabaseTest, NoUsableDataDirectoryMeansUnavailableAndOneSignal) {
   }
   // A plain file where the data directory should be: neither the directory nor the database
   // can be made.
-  const fs::path blocker = temp.path() / "blocker";
+  const fs::path blocker = scratch.path() / "blocker";
   std::ofstream(blocker) << "x";
   LogCapture logs;
-  QuorelDatabase db(options({}, blocker / "quorel"), clock);
+  QuorelDatabase db(placed({}, blocker / "quorel"), clock);
   EXPECT_FALSE(db.isAvailable());
   EXPECT_EQ(corruptionSignals, 2);
   EXPECT_EQ(
@@ -465,60 +513,6 @@ TEST(CorruptionReportTest, HeadlessReportNamesTheFolderAndTheCommandThatClearsIt
                                        "XDG_DATA_HOME or pass --data-dir)\n"));
   EXPECT_THAT(nowhere.str(), Not(HasSubstr("rm -f")));
 }
-
-constexpr double kT0 = 1'800'000'000;  // 2027-01-15T08:00:00Z
-constexpr double kDay = 86400;
-
-TimePoint at(double offset) {
-  return fromUnixSeconds(kT0 + offset);
-}
-
-class StoreFileTest : public ::testing::Test {
- protected:
-  // Days are keyed in the local zone; pin it so the expected keys hold on any machine.
-  testing::ZoneGuard zone{"UTC0"};
-
-  // On the scratch file, or on `path` with no data directory to tighten.
-  QuorelDatabase::Options options(bool readOnly = false, bool startQueue = false,
-                                  std::optional<fs::path> path = {}) {
-    return {.dataDirectory = path ? std::nullopt : std::optional(scratch.path()),
-            .databasePathOverride = path.value_or(file),
-            .onCorruption = [this] { ++corruptionSignals; },
-            .startQueue = startQueue,
-            .readOnly = readOnly};
-  }
-  void drain() { db->queue().runPending(); }
-  SqlFile& sql() {
-    if (!raw) raw = std::make_unique<SqlFile>(file);
-    return *raw;
-  }
-  std::int64_t count(const std::string& from) {
-    return sql().integer("SELECT COUNT(*) FROM " + from);
-  }
-  void sample(double offset, Values values = {}) {
-    values.insert(values.begin(), {"timestamp", kT0 + offset});
-    sql().insert("power_samples", values);
-  }
-  void energy(const char* table, double offset, const std::string& name, double watts, double wh,
-              Values values = {}) {
-    const bool agents = std::string(table) == "ai_agent_energy";
-    values.insert(values.end(), {{"timestamp", kT0 + offset},
-                                 {agents ? "agent_id" : "process_name", name},
-                                 {"avg_watts", watts},
-                                 {"energy_wh", wh},
-                                 {"avg_cpu", 1.0}});
-    sql().insert(table, values);
-  }
-
-  ScratchDirectory scratch{"quorel-store"};
-  fs::path file = scratch.path() / "quorel.db";
-  ManualClock clock{at(0)};
-  int corruptionSignals = 0;
-  std::unique_ptr<QuorelDatabase> db = std::make_unique<QuorelDatabase>(options(), clock);
-  std::unique_ptr<SqlFile> raw;
-};
-class ReadsTest : public StoreFileTest {};
-class WritesTest : public StoreFileTest {};
 
 PowerSample sampleAt(double t, std::optional<double> temperature = {},
                      std::optional<double> duration = {}) {
@@ -763,15 +757,12 @@ class PruneTest : public WritesTest {
     }
     for (double ago : {2.0, 0.5}) sql().insert("capacity_log", {{"timestamp", kT0 - ago * kDay}});
   }
-  // Days before now of what is left, newest last.
-  Days survivors(const std::string& table, const std::string& column) {
-    Days out;
-    for (const auto& r :
-         sql().rows("SELECT CAST(round((" + std::to_string(kT0) + " - " + column +
-                    ") / 86400.0, 1) AS TEXT) FROM " + table + " ORDER BY " + column)) {
-      out.push_back(r[0]);
-    }
-    return out;
+  // Days before now of what is left, oldest first.
+  std::string survivors(const std::string& table, const std::string& column) {
+    return sql()
+        .text("SELECT group_concat(d, ' ') FROM (SELECT round((" + std::to_string(kT0) + " - " +
+              column + ") / 86400.0, 1) AS d FROM " + table + " ORDER BY " + column + ")")
+        .value_or("none");
   }
 };
 
@@ -784,10 +775,10 @@ TEST_F(PruneTest, SamplesFollowTheRetentionHorizonAndTheDailyTableTheCapacityOne
                                       {"process_energy", "timestamp"},
                                       {"ai_agent_energy", "timestamp"},
                                       {"collection_intervals", "end_time"}}) {
-    EXPECT_EQ(survivors(table, column), Days{"29.0"}) << table;
+    EXPECT_EQ(survivors(table, column), "29.0") << table;
   }
-  EXPECT_EQ(survivors("daily_battery_metrics", "day_start"), (Days{"300.0", "31.0", "29.0"}));
-  EXPECT_EQ(survivors("capacity_log", "timestamp"), (Days{"300.0", "31.0", "29.0", "0.5"}));
+  EXPECT_EQ(survivors("daily_battery_metrics", "day_start"), "300.0 31.0 29.0");
+  EXPECT_EQ(survivors("capacity_log", "timestamp"), "300.0 31.0 29.0 0.5");
   EXPECT_EQ(count("lifetime_energy_state"), 1) << "the lifetime checkpoint is never pruned";
   // The log was checkpointed and truncated after the commit.
   EXPECT_EQ(fs::file_size(scratch.path() / "quorel.db-wal"), 0u);
@@ -798,9 +789,9 @@ TEST_F(PruneTest, KeepingForeverDeletesOnlyStaleCapacityReadingsWithoutADesignCa
   for (int days : {0, -5}) {
     db->pruneOldData(days, 365);
     drain();
-    EXPECT_EQ(survivors("power_samples", "timestamp"), (Days{"3000.0", "2.0"}));
-    EXPECT_EQ(survivors("daily_battery_metrics", "day_start"), (Days{"3000.0", "2.0"}));
-    EXPECT_EQ(survivors("capacity_log", "timestamp"), (Days{"3000.0", "2.0", "0.5"}));
+    EXPECT_EQ(survivors("power_samples", "timestamp"), "3000.0 2.0");
+    EXPECT_EQ(survivors("daily_battery_metrics", "day_start"), "3000.0 2.0");
+    EXPECT_EQ(survivors("capacity_log", "timestamp"), "3000.0 2.0 0.5");
   }
 }
 
@@ -866,11 +857,7 @@ TEST_F(WritesTest, ACorruptedTableIsSignalledOnceAndItsWritesAreDropped) {
   db->insertSession(sessionFrom(-60, 0));
   drain();
   EXPECT_EQ(corruptionSignals, 1);
-  EXPECT_EQ(linesStartingWith(logs,
-                              "database corruption detected — to start a fresh history, "
-                              "stop quorel and run: rm -f -- '" +
-                                  file.string() + "' "),
-            1u);
+  EXPECT_EQ(logs.count(corruptionLine(file)), 1u);
   EXPECT_EQ(linesStartingWith(logs, "insertPowerSample step failed: rc=11 "), 3u);
   // Tables that are whole still take their rows.
   EXPECT_EQ(count("sessions"), 1);
