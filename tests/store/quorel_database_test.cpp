@@ -681,22 +681,27 @@ TEST_F(WritesTest, CollectionIntervalsLandWithStatusAndOptionalReason) {
   EXPECT_EQ(linesStartingWith(logs, "insertCollectionInterval step failed: rc=19 "), 1u);
 }
 
-TEST_F(WritesTest, ProcessBatchLandsWithClampsAndRaisesItsRevisionOnlyAfterCommit) {
+TEST_F(WritesTest, EnergyBatchesLandWithClampsAndOneBadRecordCostsItsWholeBatch) {
+  LogCapture logs;
   std::vector<TrackedEnergyRecord> batch;
   for (int i = 0; i < 10; ++i) batch.push_back(energyRecord(i));
+  std::vector<TrackedEnergyRecord> bad = batch;
+  bad[5].averageCPU = std::numeric_limits<double>::quiet_NaN();  // NOT NULL refuses it
   // clang-format off
   batch[1] = {at(60), "proc-1", -4, -2, -1, 6, -1, -3, -0.5, 0, HistoricalValueQuality::measured,
               "cpu_time_share"};
   // clang-format on
   batch[2].coverageRatio = 1.4, batch[2].quality = HistoricalValueQuality::estimated;
   db->insertProcessEnergy(batch);
-  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::processes), 0u);
+  db->insertAIAgentEnergy(bad);
+  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::processes), 0u) << "raised only after commit";
   drain();
 
   EXPECT_EQ(db->energyRevision(EnergyHistoryKind::processes), 1u);
   EXPECT_EQ(db->energyRevision(EnergyHistoryKind::agents), 0u);
   EXPECT_EQ(count("process_energy"), 10);
   EXPECT_EQ(count("ai_agent_energy"), 0);
+  EXPECT_EQ(linesStartingWith(logs, "insertAIAgentEnergy step failed: rc=19 "), 1u);
   EXPECT_THAT(sql().rows("SELECT timestamp, process_name, avg_cpu, avg_watts, peak_watts, "
                          "sample_count, observed_duration_s, missing_duration_s, energy_wh, "
                          "coverage_ratio, quality, source FROM process_energy "
@@ -708,31 +713,17 @@ TEST_F(WritesTest, ProcessBatchLandsWithClampsAndRaisesItsRevisionOnlyAfterCommi
                           ElementsAre("1800000120.0", "proc-2", "12.5", "1.5", "3.0", "6", "60.0",
                                       "0.0", "0.025", "1.0", "estimated", "cpu_time_share")));
 
-  // An empty flush commits too, and tells the caches.
-  db->insertProcessEnergy({});
-  drain();
-  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::processes), 2u);
-}
-
-TEST_F(WritesTest, OneBadRecordCostsTheWholeBatchAndLeavesTheRevision) {
-  LogCapture logs;
-  std::vector<TrackedEnergyRecord> batch;
-  for (int i = 0; i < 10; ++i) batch.push_back(energyRecord(i));
-  batch[5].averageCPU = std::numeric_limits<double>::quiet_NaN();  // NOT NULL refuses it
-  db->insertAIAgentEnergy(batch);
-  drain();
-  EXPECT_EQ(count("ai_agent_energy"), 0);
-  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::agents), 0u);
-  EXPECT_EQ(linesStartingWith(logs, "insertAIAgentEnergy step failed: rc=19 "), 1u);
-
-  // The transaction is closed: the next batch and other writes go through.
-  batch[5].averageCPU = 1;
-  db->insertAIAgentEnergy(batch);
+  // The failed transaction is closed: the next batch and other writes go through, and an empty
+  // flush commits too, and tells the caches.
+  bad[5].averageCPU = 1;
+  db->insertAIAgentEnergy(bad);
   db->insertPowerSample(sampleAt(0));
+  db->insertProcessEnergy({});
   drain();
   EXPECT_EQ(count("ai_agent_energy"), 10);
   EXPECT_EQ(count("power_samples"), 1);
   EXPECT_EQ(db->energyRevision(EnergyHistoryKind::agents), 1u);
+  EXPECT_EQ(db->energyRevision(EnergyHistoryKind::processes), 2u);
   EXPECT_EQ(sql().text("SELECT agent_id FROM ai_agent_energy ORDER BY id LIMIT 1"), "proc-0");
 }
 
