@@ -7,10 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cmath>
-#include <cstdlib>
 #include <fstream>
 #include <limits>
 #include <map>
