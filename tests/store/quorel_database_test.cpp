@@ -173,8 +173,7 @@ TEST_F(QuorelDatabaseTest, FreshFileHasTheCurrentVersionPrivateModesAndWalAndReo
     EXPECT_EQ(db.databaseFolder(), dataDir);
     EXPECT_EQ(modeOf(dataDir), 0700u);
     for (const char* name : {"quorel.db", "quorel.db-wal", "quorel.db-shm"}) {
-      ASSERT_TRUE(fs::exists(dataDir / name)) << name;
-      EXPECT_EQ(modeOf(dataDir / name), 0600u) << name;
+      EXPECT_EQ(modeOf(dataDir / name), 0600u) << name << " (0 if it is missing)";
     }
   }
   EXPECT_EQ(corruptionSignals, 0);
@@ -355,12 +354,10 @@ TEST_F(QuorelDatabaseTest, AFailingStepLeavesTheFileAtItsOldVersionWithAllItsDat
   const auto componentRows = SqlFile(file).integer(kReadingsLeft);
   LogCapture logs;
   { QuorelDatabase db(placed(file), clock); }
-  {
-    SqlFile db(file);
-    EXPECT_EQ(db.integer("PRAGMA user_version"), 2);
-    EXPECT_EQ(db.rows("SELECT accumulated_wh FROM lifetime_energy_state"), Rows{{"6.75"}});
-    EXPECT_EQ(db.integer(kReadingsLeft), componentRows);
-  }
+  EXPECT_EQ(SqlFile(file).rows("SELECT (SELECT user_version FROM pragma_user_version), (SELECT "
+                               "accumulated_wh FROM lifetime_energy_state), (" +
+                               std::string(kReadingsLeft) + ")"),
+            (Rows{{"2", "6.75", std::to_string(componentRows)}}));
   EXPECT_EQ(schemaOf(file).at("table power_samples"), before.at("table power_samples"));
   EXPECT_EQ(corruptionSignals, 0);
   EXPECT_EQ(linesStartingWith(logs, "v6 migration heal stale component power failed: rc=19 msg=",
