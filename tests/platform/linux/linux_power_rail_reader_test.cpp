@@ -15,28 +15,16 @@ namespace {
 using testing::SysfsTree;
 
 TEST(PlausibleRailsTest, RoundsClampsAndBoundsEachFigure) {
-  auto rails = plausibleRails({400.0, -12.345, -12.345});
-  ASSERT_TRUE(rails);
-  EXPECT_EQ(rails->systemTotalWatts, 400.0) << "the bound itself is plausible";
-  EXPECT_EQ(rails->batteryWatts, 12.35) << "rounded, then made a magnitude";
-  EXPECT_EQ(rails->dcInWatts, 0.0) << "a negative input is floored";
-  EXPECT_EQ(rails->thunderboltLeftWatts, std::nullopt);
-  EXPECT_EQ(rails->pdBrightnessWatts, std::nullopt);
-
-  rails = plausibleRails({400.01, 12.344, -401.0});
-  ASSERT_TRUE(rails);
-  EXPECT_EQ(rails->systemTotalWatts, std::nullopt);
-  EXPECT_EQ(rails->batteryWatts, 12.34);
-  EXPECT_EQ(rails->dcInWatts, std::nullopt) << "implausible either way";
-
-  rails = plausibleRails({std::numeric_limits<double>::quiet_NaN(), 0.0, std::nullopt});
-  ASSERT_TRUE(rails) << "rails reading 0 are still rails";
-  EXPECT_EQ(rails->systemTotalWatts, std::nullopt);
-  EXPECT_EQ(rails->batteryWatts, 0.0);
-
+  constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+  constexpr double inf = std::numeric_limits<double>::infinity();
+  EXPECT_EQ(plausibleRails({400.0, -12.345, -12.345}), (SystemPowerRails{400.0, 12.35, 0.0}))
+      << "the bound is plausible, a battery is rounded then a magnitude, an input floored";
+  EXPECT_EQ(plausibleRails({400.01, 12.344, -401.0}),
+            (SystemPowerRails{std::nullopt, 12.34, std::nullopt}));
+  EXPECT_EQ(plausibleRails({nan, 0.0, std::nullopt}), (SystemPowerRails{std::nullopt, 0.0}))
+      << "rails reading 0 are still rails";
   EXPECT_EQ(plausibleRails({std::nullopt, std::nullopt, std::nullopt}), std::nullopt);
-  EXPECT_EQ(plausibleRails({std::numeric_limits<double>::infinity(), 900.0, std::nullopt}),
-            std::nullopt)
+  EXPECT_EQ(plausibleRails({inf, 900.0, std::nullopt}), std::nullopt)
       << "nothing plausible is no rails at all";
 }
 
@@ -65,11 +53,8 @@ TEST_F(RailFixture, PlatformZoneBatteryAndAdapterFillTheirRails) {
   tree.writeSupply("hidpp_battery_0", {"TYPE=Battery", "SCOPE=Device", "POWER_NOW=9000000"});
   auto rails = reader();
 
-  auto first = rails.sample();
-  ASSERT_TRUE(first);
-  EXPECT_EQ(first->systemTotalWatts, std::nullopt) << "one reading of the counter is no power";
-  EXPECT_EQ(first->batteryWatts, 18.0) << "the mouse's battery is not the machine's";
-  EXPECT_EQ(first->dcInWatts, 65.0);
+  // One reading of the counter is no power; the mouse's battery is not the machine's.
+  EXPECT_EQ(rails.sample(), (SystemPowerRails{std::nullopt, 18.0, 65.0}));
 
   clocks.monotonic += Seconds{5};
   clocks.boottime += Seconds{5};
@@ -77,12 +62,9 @@ TEST_F(RailFixture, PlatformZoneBatteryAndAdapterFillTheirRails) {
   tree.setProperty("BAT0", "STATUS", "Discharging");
   tree.setProperty("BAT0", "CURRENT_NOW", "-2000000");
   tree.setProperty("ucsi-source-psy-USBC000:001", "ONLINE", "0");
-  auto second = rails.sample();
-  ASSERT_TRUE(second);
-  EXPECT_EQ(second->systemTotalWatts, 24.69) << "the package zone is no part of the total";
-  EXPECT_EQ(second->batteryWatts, 24.0) << "a discharging pack is a magnitude too";
-  EXPECT_EQ(second->dcInWatts, std::nullopt) << "an offline port delivers nothing";
-  EXPECT_EQ(second->thunderboltLeftWatts, std::nullopt);
+  // The package zone is no part of the total, a discharging pack is a magnitude too, and an
+  // offline port delivers nothing.
+  EXPECT_EQ(rails.sample(), (SystemPowerRails{24.69, 24.0, std::nullopt}));
 }
 
 TEST_F(RailFixture, BatteryPowerIsPreferredEmptyBaysAreSkippedAndMainsWithoutCurrentGivesNoInput) {
@@ -90,11 +72,7 @@ TEST_F(RailFixture, BatteryPowerIsPreferredEmptyBaysAreSkippedAndMainsWithoutCur
       "BAT1", {"TYPE=Battery", "POWER_NOW=-7126000", "VOLTAGE_NOW=11000000", "CURRENT_NOW=100000"});
   tree.writeSupply("BAT0", {"TYPE=Battery", "PRESENT=0", "POWER_NOW=5000000"});  // empty bay
   tree.writeSupply("AC", {"TYPE=Mains", "ONLINE=1"});
-  auto rails = reader().sample();
-  ASSERT_TRUE(rails);
-  EXPECT_EQ(rails->batteryWatts, 7.13);
-  EXPECT_EQ(rails->dcInWatts, std::nullopt);
-  EXPECT_EQ(rails->systemTotalWatts, std::nullopt);
+  EXPECT_EQ(reader().sample(), (SystemPowerRails{std::nullopt, 7.13}));
 }
 
 TEST_F(RailFixture, APlatformCounterAcrossASleepGivesNoTotal) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 
 #include "platform/linux/linux_powercap_component_sampler.hpp"
 #include "platform/linux/powercap_energy_counters.hpp"
@@ -77,15 +78,24 @@ class PowercapTree {
   std::map<std::string, std::uint64_t> energy_;
 };
 
+using Zones = std::initializer_list<std::pair<const char*, const char*>>;
+using Joules = std::initializer_list<std::pair<const char*, double>>;
+
 // A laptop: one package with all three subzones, the platform zone beside it, and the
 // memory-mapped duplicate of the package that some kernels also expose.
-void writeLaptop(PowercapTree& tree) {
-  tree.zone("intel-rapl:0", "package-0");
-  tree.zone("intel-rapl:0:0", "core");
-  tree.zone("intel-rapl:0:1", "uncore");
-  tree.zone("intel-rapl:0:2", "dram");
-  tree.zone("intel-rapl:1", "psys");
-  tree.zone("intel-rapl-mmio:0", "package-0");
+constexpr Zones kLaptop{{"intel-rapl:0", "package-0"}, {"intel-rapl:0:0", "core"},
+                        {"intel-rapl:0:1", "uncore"},  {"intel-rapl:0:2", "dram"},
+                        {"intel-rapl:1", "psys"},      {"intel-rapl-mmio:0", "package-0"}};
+constexpr Zones kPackageAndCore{{"intel-rapl:0", "package-0"}, {"intel-rapl:0:0", "core"}};
+
+void expectPower(const std::optional<ComponentPower>& actual, const ComponentPower& expected) {
+  ASSERT_TRUE(actual);
+  EXPECT_NEAR(actual->ecpuWatts, expected.ecpuWatts, 1e-9);
+  EXPECT_NEAR(actual->pcpuWatts, expected.pcpuWatts, 1e-9);
+  EXPECT_NEAR(actual->gpuWatts, expected.gpuWatts, 1e-9);
+  EXPECT_NEAR(actual->aneWatts, expected.aneWatts, 1e-9);
+  EXPECT_NEAR(actual->dramWatts, expected.dramWatts, 1e-9);
+  EXPECT_EQ(actual->cpuAndMemoryAvailable, expected.cpuAndMemoryAvailable);
 }
 
 struct SamplerFixture : ::testing::Test {
@@ -93,56 +103,32 @@ struct SamplerFixture : ::testing::Test {
   ScriptedClocks clocks;
   std::unique_ptr<LinuxPowercapComponentSampler> sampler;
 
-  void build() {
+  // Lays out the zones, builds the sampler and takes its baseline.
+  void build(Zones zones) {
+    for (const auto& [id, name] : zones) tree.zone(id, name);
     sampler = std::make_unique<LinuxPowercapComponentSampler>(tree.root(), tree.reader(),
                                                               clocks.source());
+    EXPECT_EQ(sampler->sample(), std::nullopt) << "the first call only takes the baseline";
+  }
+  std::optional<ComponentPower> step(double seconds, Joules used) {
+    clocks.run(seconds);
+    for (const auto& [id, joules] : used) tree.add(id, joules);
+    return sampler->sample();
   }
 };
 
-TEST(PowercapZoneNamesTest, ZonesAreTheRaplDirectoriesOfAnyVendorAndNothingElse) {
-  EXPECT_EQ(powercapZoneGroup("intel-rapl:0"), "intel-rapl:0");
-  EXPECT_EQ(powercapZoneGroup("intel-rapl:1:2"), "intel-rapl:1");
-  EXPECT_EQ(powercapZoneGroup("amd-rapl:12:0"), "amd-rapl:12");
-  for (const char* notAZone : {"intel-rapl", "intel-rapl-mmio:0", "intel-rapl:", "intel-rapl:0:",
-                               "intel-rapl:x", "dtpm", "-rapl:0", "intel-rapl:0:1a"}) {
-    EXPECT_EQ(powercapZoneGroup(notAZone), std::nullopt) << notAZone;
-  }
-  EXPECT_EQ(powercapZoneKind("package-12"), PowercapZoneKind::package);
-  EXPECT_EQ(powercapZoneKind("package-"), PowercapZoneKind::unknown);
-  EXPECT_EQ(powercapZoneKind("package-0x"), PowercapZoneKind::unknown);
-  EXPECT_EQ(powercapZoneKind("Core"), PowercapZoneKind::unknown);
-}
-
-TEST(PowercapZoneNamesTest, CountersWrapThroughTheirRangeOnce) {
-  EXPECT_EQ(energyDelta_uJ(100, 350, 1000), 250u);
-  EXPECT_EQ(energyDelta_uJ(900, 50, 1000), 150u) << "100 to the top, then 50 past zero";
-  EXPECT_EQ(energyDelta_uJ(900, 50, std::nullopt), std::nullopt);
-  EXPECT_EQ(energyDelta_uJ(900, 50, 800), std::nullopt) << "a range below the old value is wrong";
-  EXPECT_EQ(energyDelta_uJ(7, 7, std::nullopt), 0u);
-}
-
 TEST_F(SamplerFixture, LaptopZonesMapToCoresGraphicsAndMemoryOnceEach) {
-  writeLaptop(tree);
   LogCapture logs;
-  build();
+  build(kLaptop);
   ASSERT_TRUE(sampler->isAvailable());
-  EXPECT_EQ(sampler->sample(), std::nullopt) << "the first call only takes the baseline";
-
-  clocks.run(5);
-  tree.add("intel-rapl:0", 60);  // 12 W package
-  tree.add("intel-rapl:0:0", 40);
-  tree.add("intel-rapl:0:1", 10);
-  tree.add("intel-rapl:0:2", 5);
-  tree.add("intel-rapl:1", 150);      // the whole machine: rails, not components
-  tree.add("intel-rapl-mmio:0", 60);  // the same package again
-  auto power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_DOUBLE_EQ(power->pcpuWatts, 8.0);
-  EXPECT_DOUBLE_EQ(power->gpuWatts, 2.0);
-  EXPECT_DOUBLE_EQ(power->dramWatts, 1.0);
-  EXPECT_EQ(power->ecpuWatts, 0);
-  EXPECT_EQ(power->aneWatts, 0);
-  EXPECT_TRUE(power->cpuAndMemoryAvailable);
+  // A 12 W package; psys is the whole machine (rails, not components); mmio repeats the package.
+  expectPower(step(5, {{"intel-rapl:0", 60},
+                       {"intel-rapl:0:0", 40},
+                       {"intel-rapl:0:1", 10},
+                       {"intel-rapl:0:2", 5},
+                       {"intel-rapl:1", 150},
+                       {"intel-rapl-mmio:0", 60}}),
+              {0, 8, 2, 0, 1, true});
   for (const auto& line : logs.messages("Powercap")) {
     EXPECT_EQ(line.find("unmapped"), std::string::npos) << line;
   }
@@ -150,115 +136,65 @@ TEST_F(SamplerFixture, LaptopZonesMapToCoresGraphicsAndMemoryOnceEach) {
 
 TEST_F(SamplerFixture, PackagesAddUpAndAPackageWithoutCoreZoneGivesItsRemainder) {
   // A two-socket server whose second package has no core zone, under another vendor's naming.
-  tree.zone("intel-rapl:0", "package-0");
-  tree.zone("intel-rapl:0:0", "core");
-  tree.zone("intel-rapl:0:1", "dram");
-  tree.zone("amd-rapl:1", "package-1");
-  tree.zone("amd-rapl:1:0", "uncore");
-  tree.zone("amd-rapl:1:1", "dram");
-  build();
-  sampler->sample();
-  clocks.run(10);
-  tree.add("intel-rapl:0", 500);
-  tree.add("intel-rapl:0:0", 300);
-  tree.add("intel-rapl:0:1", 40);
-  tree.add("amd-rapl:1", 400);
-  tree.add("amd-rapl:1:0", 50);
-  tree.add("amd-rapl:1:1", 60);
-  auto power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_DOUBLE_EQ(power->pcpuWatts, 30.0 + (40.0 - 5.0 - 6.0));
-  EXPECT_DOUBLE_EQ(power->gpuWatts, 5.0);
-  EXPECT_DOUBLE_EQ(power->dramWatts, 4.0 + 6.0);
-
+  build({{"intel-rapl:0", "package-0"},
+         {"intel-rapl:0:0", "core"},
+         {"intel-rapl:0:1", "dram"},
+         {"amd-rapl:1", "package-1"},
+         {"amd-rapl:1:0", "uncore"},
+         {"amd-rapl:1:1", "dram"}});
+  expectPower(step(10, {{"intel-rapl:0", 500},
+                        {"intel-rapl:0:0", 300},
+                        {"intel-rapl:0:1", 40},
+                        {"amd-rapl:1", 400},
+                        {"amd-rapl:1:0", 50},
+                        {"amd-rapl:1:1", 60}}),
+              {0, 30.0 + (40.0 - 5.0 - 6.0), 5, 0, 4.0 + 6.0, true});
   // A package reading less than its parts (counters updated at different moments) is no
   // negative core figure.
-  clocks.run(10);
-  tree.add("intel-rapl:0:0", 100);
-  tree.add("amd-rapl:1", 50);
-  tree.add("amd-rapl:1:0", 40);
-  tree.add("amd-rapl:1:1", 30);
-  power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_DOUBLE_EQ(power->pcpuWatts, 10.0);
+  expectPower(step(10, {{"intel-rapl:0:0", 100},
+                        {"amd-rapl:1", 50},
+                        {"amd-rapl:1:0", 40},
+                        {"amd-rapl:1:1", 30}}),
+              {0, 10, 4, 0, 3, true});
 }
 
 TEST_F(SamplerFixture, ATreeWithPackageAndCoreOnlyHasNoGraphicsOrMemory) {
-  tree.zone("intel-rapl:0", "package-0");
-  tree.zone("intel-rapl:0:0", "core");
-  build();
-  sampler->sample();
-  clocks.run(4);
-  tree.add("intel-rapl:0", 80);
-  tree.add("intel-rapl:0:0", 60);
-  auto power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_EQ(*power, (ComponentPower{0, 15, 0, 0, 0, true}));
+  build(kPackageAndCore);
+  expectPower(step(4, {{"intel-rapl:0", 80}, {"intel-rapl:0:0", 60}}), {0, 15, 0, 0, 0, true});
 }
 
 TEST_F(SamplerFixture, ACounterWrappingThroughItsRangeStillGivesThePower) {
   tree.zone("intel-rapl:0", "package-0", 1'000'000'000);
   tree.zone("intel-rapl:0:0", "core", 1'000'000'000);
   tree.set("intel-rapl:0:0", 990'000'000);
-  build();
-  sampler->sample();
+  build({});
   clocks.run(5);
   tree.set("intel-rapl:0:0", 15'000'000);  // 10 J to the top, 15 J past zero
-  auto power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_DOUBLE_EQ(power->pcpuWatts, 5.0);
+  expectPower(sampler->sample(), {0, 5, 0, 0, 0, true});
 }
 
 TEST_F(SamplerFixture, AGlitchingZoneContributesNothingAndTheOthersStand) {
-  writeLaptop(tree);
-  build();
-  sampler->sample();
-  clocks.run(2);
-  tree.add("intel-rapl:0:0", 202);  // 101 W from the cores: a glitch
-  tree.add("intel-rapl:0:1", 200);  // exactly 100 W: kept
-  tree.add("intel-rapl:0:2", 3);
-  auto power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_EQ(power->pcpuWatts, 0);
-  EXPECT_DOUBLE_EQ(power->gpuWatts, 100.0);
-  EXPECT_DOUBLE_EQ(power->dramWatts, 1.5);
-  EXPECT_TRUE(power->cpuAndMemoryAvailable) << "memory still read something";
+  build(kLaptop);
+  // 101 W from the cores is a glitch; exactly 100 W from graphics is kept; memory still moved.
+  expectPower(step(2, {{"intel-rapl:0:0", 202}, {"intel-rapl:0:1", 200}, {"intel-rapl:0:2", 3}}),
+              {0, 0, 100, 0, 1.5, true});
 }
 
 TEST_F(SamplerFixture, CoresAndMemoryReadingNothingIsAStallNotIdle) {
-  writeLaptop(tree);
-  build();
-  sampler->sample();
-  clocks.run(5);
-  tree.add("intel-rapl:0:1", 5);
-  auto power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_FALSE(power->cpuAndMemoryAvailable);
-  EXPECT_DOUBLE_EQ(power->gpuWatts, 1.0) << "the graphics figure stands";
-
-  clocks.run(5);
-  tree.add("intel-rapl:0:0", 5);
-  power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_TRUE(power->cpuAndMemoryAvailable) << "cores alone moving is a measurement";
+  build(kLaptop);
+  expectPower(step(5, {{"intel-rapl:0:1", 5}}), {0, 0, 1, 0, 0, false});
+  expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 0, 0, 0, true});
 }
 
 TEST_F(SamplerFixture, AnUnknownZoneIsLoggedOnceAndKeptOutOfTheFigures) {
-  tree.zone("intel-rapl:0", "package-0");
-  tree.zone("intel-rapl:0:0", "core");
-  tree.zone("intel-rapl:0:1", "gt-slice");
-  tree.zone("intel-rapl:0:2", "gt-slice");
   LogCapture logs;
-  build();
-  sampler->sample();
+  build({{"intel-rapl:0", "package-0"},
+         {"intel-rapl:0:0", "core"},
+         {"intel-rapl:0:1", "gt-slice"},
+         {"intel-rapl:0:2", "gt-slice"}});
   for (int i = 0; i < 3; ++i) {
-    clocks.run(5);
-    tree.add("intel-rapl:0:0", 10);
-    tree.add("intel-rapl:0:1", 25);
-    tree.add("intel-rapl:0:2", 25);
-    auto power = sampler->sample();
-    ASSERT_TRUE(power);
-    EXPECT_EQ(*power, (ComponentPower{0, 2, 0, 0, 0, true}));
+    expectPower(step(5, {{"intel-rapl:0:0", 10}, {"intel-rapl:0:1", 25}, {"intel-rapl:0:2", 25}}),
+                {0, 2, 0, 0, 0, true});
   }
   EXPECT_EQ(logs.count("unmapped powercap zone 'gt-slice' (5.00 W) — contribution dropped from "
                        "breakdown"),
@@ -266,95 +202,59 @@ TEST_F(SamplerFixture, AnUnknownZoneIsLoggedOnceAndKeptOutOfTheFigures) {
 }
 
 TEST_F(SamplerFixture, CountersReadableByRootOnlyLeaveTheSamplerUnavailable) {
-  writeLaptop(tree);
+  for (const auto& [id, name] : kLaptop) tree.zone(id, name);
   tree.denied = true;
   LogCapture logs;
-  build();
-  EXPECT_FALSE(sampler->isAvailable());
-  EXPECT_EQ(sampler->sample(), std::nullopt);
+  LinuxPowercapComponentSampler refused(tree.root(), tree.reader(), clocks.source());
+  EXPECT_FALSE(refused.isAvailable());
+  EXPECT_EQ(refused.sample(), std::nullopt);
   EXPECT_EQ(logs.count(std::string(kRootOnly)), 1u);
 
   // Losing the right mid-run (a helper that handed the counters over stops, say) ends the
   // figures the same way, and the sentence is not repeated.
   tree.denied = false;
-  PowercapTree other;
-  writeLaptop(other);
-  auto later = std::make_unique<LinuxPowercapComponentSampler>(other.root(), other.reader(),
-                                                               clocks.source());
-  ASSERT_TRUE(later->isAvailable());
-  later->sample();
-  other.denied = true;
-  clocks.run(5);
-  EXPECT_EQ(later->sample(), std::nullopt);
-  clocks.run(5);
-  EXPECT_EQ(later->sample(), std::nullopt);
-  EXPECT_FALSE(later->isAvailable());
+  build({});
+  ASSERT_TRUE(sampler->isAvailable());
+  tree.denied = true;
+  EXPECT_EQ(step(5, {}), std::nullopt);
+  EXPECT_EQ(step(5, {}), std::nullopt);
+  EXPECT_FALSE(sampler->isAvailable());
   EXPECT_EQ(logs.count(std::string(kRootOnly)), 2u) << "once for each of the two samplers";
 }
 
 TEST_F(SamplerFixture, APairSpanningASleepYieldsNothingAndTheNextStartsAfterIt) {
-  writeLaptop(tree);
   LogCapture logs;
-  build();
-  sampler->sample();
+  build(kLaptop);
   clocks.run(3);
   clocks.suspend(600);
-  clocks.run(2);
-  tree.add("intel-rapl:0:0", 500);  // whatever the counters did across the sleep
-  EXPECT_EQ(sampler->sample(), std::nullopt);
+  EXPECT_EQ(step(2, {{"intel-rapl:0:0", 500}}), std::nullopt);
   EXPECT_TRUE(
-      logs.contains("sample: skipping sleep-boundary sample (slept 600.0s between "
-                    "readings)"));
-
-  clocks.run(30);  // an idle cadence's worth: long, but awake throughout
-  tree.add("intel-rapl:0:0", 60);
-  auto power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_DOUBLE_EQ(power->pcpuWatts, 2.0) << "only the energy after the sleep";
+      logs.contains("sample: skipping sleep-boundary sample (slept 600.0s between readings)"));
+  // An idle cadence's worth: long, but awake throughout; only the energy after the sleep counts.
+  expectPower(step(30, {{"intel-rapl:0:0", 60}}), {0, 2, 0, 0, 0, true});
   for (const auto& line : logs.messages("Powercap")) {
     EXPECT_EQ(line.find("consecutive failures"), std::string::npos) << line;
   }
 }
 
 TEST_F(SamplerFixture, ACallTooSoonKeepsTheBaselineForTheNextPair) {
-  tree.zone("intel-rapl:0", "package-0");
-  tree.zone("intel-rapl:0:0", "core");
-  build();
-  sampler->sample();
-  clocks.run(0.01);
-  tree.add("intel-rapl:0:0", 0.1);
-  EXPECT_EQ(sampler->sample(), std::nullopt);
-  clocks.run(4.99);
-  tree.add("intel-rapl:0:0", 19.9);
-  auto power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_DOUBLE_EQ(power->pcpuWatts, 4.0);
+  build(kPackageAndCore);
+  EXPECT_EQ(step(0.01, {{"intel-rapl:0:0", 0.1}}), std::nullopt);
+  expectPower(step(4.99, {{"intel-rapl:0:0", 19.9}}), {0, 4, 0, 0, 0, true});
 }
 
 TEST_F(SamplerFixture, RepeatedReadFailuresRediscoverTheZones) {
-  tree.zone("intel-rapl:0", "package-0");
-  tree.zone("intel-rapl:0:0", "core");
-  tree.zone("intel-rapl:0:1", "dram");
   LogCapture logs;
-  build();
-  sampler->sample();
+  build({{"intel-rapl:0", "package-0"}, {"intel-rapl:0:0", "core"}, {"intel-rapl:0:1", "dram"}});
   tree.remove("intel-rapl:0:1");  // the driver dropped the memory zone
-  for (int i = 0; i < 3; ++i) {
-    clocks.run(5);
-    EXPECT_EQ(sampler->sample(), std::nullopt);
-  }
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(step(5, {}), std::nullopt);
   EXPECT_EQ(logs.count("sample: energy_uj of intel-rapl:0:1 unreadable (No such file or "
                        "directory) (consecutive failures: 2)"),
             1u);
   EXPECT_TRUE(logs.contains("sample: 3 consecutive failures — rediscovering energy zones"));
   ASSERT_TRUE(sampler->isAvailable());
-
   sampler->sample();
-  clocks.run(5);
-  tree.add("intel-rapl:0:0", 25);
-  auto power = sampler->sample();
-  ASSERT_TRUE(power);
-  EXPECT_DOUBLE_EQ(power->pcpuWatts, 5.0);
+  expectPower(step(5, {{"intel-rapl:0:0", 25}}), {0, 5, 0, 0, 0, true});
 }
 
 TEST(LinuxPowercapComponentSamplerTest, AMachineWithoutPowercapIsUnavailable) {

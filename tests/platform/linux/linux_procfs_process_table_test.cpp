@@ -91,21 +91,8 @@ class LinuxProcfsProcessTableTest : public ::testing::Test {
     tree.process(1, {.name = "systemd", .ppid = 0, .utime = 300, .stime = 200},
                  "/sbin/init\0splash\0"s, "/usr/lib/systemd/systemd");
     tree.process(2, {.name = "kthreadd", .ppid = 0, .flags = kKernelFlags}, "");
-    tree.process(15,
-                 {.name = "kworker/0:1-events",
-                  .state = 'I',
-                  .ppid = 2,
-                  .flags = kKernelFlags,
-                  .utime = 0,
-                  .stime = 41},
-                 "");
-    tree.process(4242,
-                 {.name = "my prog) (x",
-                  .state = 'R',
-                  .ppid = 1,
-                  .utime = 1000,
-                  .stime = 251,
-                  .startTicks = 322698},
+    tree.process(15, {"kworker/0:1-events", 'I', 2, kKernelFlags, 0, 41}, "");
+    tree.process(4242, {"my prog) (x", 'R', 1, kUserFlags, 1000, 251, 322698},
                  "node\0/opt/tool/cli.js\0--yes\0"s, "/usr/bin/node");
     tree.process(4300, {.name = "defunct", .state = 'Z', .ppid = 4242, .utime = 7}, "");
   }
