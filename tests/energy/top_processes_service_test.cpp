@@ -10,6 +10,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -266,6 +267,24 @@ TEST_F(TopProcessesServiceTest, KernelNameGivesWayToArgvBaseItDoesNotStartWith) 
     table.run(60, 1);
     EXPECT_THAT(names(fresh.snapshot(8).top), ElementsAre(c.expected));
   }
+}
+
+// The view model pushes package power from the main queue while the trackers sample from their
+// own; under ThreadSanitizer this shows the two meet only under the service's locks.
+TEST_F(TopProcessesServiceTest, PackagePowerPushedDuringPassesLandsWithoutARace) {
+  table.processes = {{10, program("editor")}};
+  std::thread pusher([this] {
+    for (int i = 0; i <= 200; ++i)
+      service.setCpuPackageWatts(i % 2 ? std::nullopt : std::optional(10.0));
+  });
+  for (int i = 0; i < 200; ++i) {
+    table.run(10, 0.1);  // the fake table is only read inside a pass, which this thread runs
+    clock.advance(Seconds{11});
+    (void)service.fetch(3);
+  }
+  pusher.join();
+  table.run(10, 1);
+  EXPECT_THAT(rows(passAfter(11).top), ElementsAre(Row{"editor", 100.0 / 11, 10.0}));
 }
 
 }  // namespace
