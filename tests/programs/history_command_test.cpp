@@ -50,8 +50,6 @@ TEST_F(HistoryCommandTest, BadArgumentsAreRefusedWithASentenceBeforeAnythingIsOp
   EXPECT_EQ(r.error,
             "--from \"yesterday\" is not an ISO-8601 date-time — write it like "
             "2026-11-22T10:15:30Z or 2026-11-22T11:15:30.250+01:00.");
-  EXPECT_EQ(run({.subcommand = "samples", .to = "2027-01-15T08:00:00"}).exitStatus, 2)
-      << "a time without a zone";
   r = run({.subcommand = "samples", .points = "12x"});
   EXPECT_EQ(r.exitStatus, 2);
   EXPECT_EQ(r.error,
@@ -61,20 +59,6 @@ TEST_F(HistoryCommandTest, BadArgumentsAreRefusedWithASentenceBeforeAnythingIsOp
   EXPECT_EQ(r.exitStatus, 2);
   EXPECT_NE(r.error.find("such as 20."), std::string::npos) << "the sessions' own default";
   EXPECT_EQ(run({.subcommand = "everything"}).exitStatus, 2);
-}
-
-TEST_F(HistoryCommandTest, AnEmptyHealthyStoreAnswersEveryQuestionEmptily) {
-  for (const char* question : kQuestions) {
-    const auto r = run({.subcommand = question, .json = true});
-    EXPECT_EQ(r.exitStatus, 0) << question << ": " << r.error;
-    EXPECT_TRUE(r.error.empty()) << question;
-    EXPECT_TRUE(JSONValue::parse(r.output)) << question;
-  }
-  const JSONValue v = parsed(run({.subcommand = "lifetime", .json = true}));
-  EXPECT_EQ(v.member("lifetime_wh"), JSONValue(0));
-  EXPECT_EQ(v.member("lifetime_from"), JSONValue(nullptr));
-  EXPECT_EQ(parsed(run({.subcommand = "sessions", .json = true})).member("count"), JSONValue(0));
-  EXPECT_EQ(run({.subcommand = "daily"}).exitStatus, 0);
 }
 
 TEST_F(HistoryCommandTest, AHistoryThatCannotBeReadIsAFailureNotAnEmptyAnswer) {
@@ -114,7 +98,6 @@ TEST_F(HistoryCommandTest, SamplesJsonHasTheToolsKeysWithNullsForAbsentFigures) 
       "(1799999400, -6, NULL, NULL, NULL, NULL, 'unavailable')");
   const JSONValue v = parsed(run({.subcommand = "samples", .json = true}));
   EXPECT_EQ(v.member("from"), JSONValue("2027-01-15T08:00:00.000Z")) << "an hour before now";
-  EXPECT_EQ(v.member("to"), JSONValue("2027-01-15T09:00:00.000Z"));
   EXPECT_EQ(v.member("count"), JSONValue(2));
   const auto* samples = v.find("samples")->arrayValue();
   ASSERT_EQ(samples->size(), 2u);
@@ -129,14 +112,7 @@ TEST_F(HistoryCommandTest, SamplesJsonHasTheToolsKeysWithNullsForAbsentFigures) 
   const JSONValue coverage = *v.member("coverage");
   EXPECT_EQ(coverage.member("collected_s"), JSONValue(60.0));
   EXPECT_EQ(coverage.member("missing_s"), JSONValue(3540.0));
-  EXPECT_EQ(coverage.member("confidence"), coverage.member("ratio"));
   EXPECT_EQ(parsed(run({.subcommand = "coverage", .json = true})), coverage);
-
-  const auto table = run({.subcommand = "samples", .from = "2027-01-15T08:10:15Z"});
-  EXPECT_EQ(table.exitStatus, 0);
-  EXPECT_NE(table.output.find("2027-01-15T08:10:30.000Z      -6.00"), std::string::npos)
-      << table.output;
-  EXPECT_EQ(table.output.find("08:10:00"), std::string::npos) << "--from bounds the table";
 }
 
 TEST_F(HistoryCommandTest, AppsRankOverADayWithCurrentPowerFromTheLastMinuteAndAHalf) {

@@ -46,13 +46,6 @@ TEST_F(BatteryEpochTest, FirstBatteryOpensAnInitialEpochAndAChangedSerialAnAutom
   EXPECT_EQ(rows("SELECT source FROM battery_epoch ORDER BY id"), (Rows{{"initial"}, {"auto"}}));
 }
 
-TEST_F(BatteryEpochTest, AnEpochWithoutSerialIsNeverSupersededAutomatically) {
-  db->forceNewBatteryEpoch(std::nullopt, std::nullopt, std::nullopt, std::nullopt, at(0));
-  EXPECT_FALSE(db->reconcileBatteryEpoch("C3", 10, 8693, 8600, at(60)));
-  EXPECT_EQ(rows("SELECT count(*) FROM battery_epoch"), Rows{{"1"}});
-  EXPECT_FALSE(db->currentBatteryEpoch()->serial) << "the new serial does not fill it in";
-}
-
 TEST_F(BatteryEpochTest, AbsentValuesAreNullAndValuesTheChecksWouldRefuseAreClamped) {
   const auto epoch =
       db->forceNewBatteryEpoch(std::string(), std::nullopt, std::nullopt, std::nullopt, at(5));

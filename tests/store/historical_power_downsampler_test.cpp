@@ -64,20 +64,6 @@ TEST(HistoricalPowerDownsampler, ThousandSamplesFillTheBudgetInOrderWithEndsAndE
   for (int i : {499, 500, 777, 320, 321, 322}) EXPECT_TRUE(keeps(out, input[i])) << i;
 }
 
-TEST(HistoricalPowerDownsampler, GapSurvivesWhenItsOwnSamplesAreThinnedAway) {
-  // With a budget of two only the ends stay; the gap in between must still show on the last.
-  auto samples = series(10);
-  shiftFrom(samples, 4, 600);
-  const auto out = HistoricalPowerDownsampler::downsample(samples, 1);
-  ASSERT_EQ(out.size(), 2u) << "a budget of 1 behaves as 2";
-  EXPECT_FALSE(out[0].precededByGap);
-  EXPECT_TRUE(out[1].precededByGap);
-
-  const auto noGap = HistoricalPowerDownsampler::downsample(series(10), 1);
-  ASSERT_EQ(noGap.size(), 2u);
-  EXPECT_FALSE(noGap[1].precededByGap);
-}
-
 TEST(HistoricalPowerDownsampler, ManyGapsAllMarkedAfterThinning) {
   // Far more gaps than the gap quota: each kept sample still tells whether time went missing
   // since the previous kept one.
@@ -104,17 +90,6 @@ TEST(HistoricalPowerDownsampler, SmallSeriesComeBackWholeWithGapsMarked) {
   EXPECT_TRUE(out[2].precededByGap);
   EXPECT_FALSE(out[4].precededByGap);
   EXPECT_TRUE(HistoricalPowerDownsampler::downsample({}, 10).empty());
-}
-
-TEST(HistoricalPowerDownsampler, ExtremesOfComponentsAndRailsSurvive) {
-  auto samples = series(600);
-  for (auto& s : samples) s.gpuW = 1.0, s.systemTotalW = 12.0;
-  samples[111].gpuW = 25.0;
-  samples[444].systemTotalW = 2.0;
-  samples[222].gpuW = std::numeric_limits<double>::quiet_NaN();  // never an extreme
-  const auto out = HistoricalPowerDownsampler::downsample(samples, 100);
-  ASSERT_EQ(out.size(), 100u);
-  for (int i : {111, 444}) EXPECT_TRUE(keeps(out, samples[i])) << i;
 }
 
 TEST(HistoricalPowerDownsampler, SignFlipsOfBatteryPowerSurviveButNoiseAroundZeroIsNotAFlip) {

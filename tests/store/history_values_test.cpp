@@ -15,7 +15,6 @@ namespace quorel {
 namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-constexpr double kInf = std::numeric_limits<double>::infinity();
 
 TEST(QualityCheckedTest, ComponentBoundsAndTheWallFloor) {
   using Q = HistoricalValueQuality;
@@ -35,26 +34,16 @@ TEST(QualityCheckedTest, ComponentBoundsAndTheWallFloor) {
       {"no component read at all", {}},
       {"E-cores at their ceiling", {30, 0, 0, 0, 0}},
       {"E-cores above", {30.01, 0, 0, 0, 0}, true},
-      {"P-cores at their ceiling", {0, 60, 0, 0, 0}},
-      {"P-cores above", {0, 60.01, 0, 0, 0}, true},
       {"GPU at its ceiling", {0, 0, 90, 0, 0}},
       {"GPU above", {0, 0, 90.01, 0, 0}, true},
       {"a GPU at 91 W with nothing else read", {kNone, kNone, 91, kNone, kNone}, true},
-      {"ANE at its ceiling", {0, 0, 0, 20, 0}},
-      {"ANE above", {0, 0, 0, 20.01, 0}, true},
-      {"DRAM at its ceiling", {0, 0, 0, 0, 35}},
-      {"DRAM above", {0, 0, 0, 0, 35.01}, true},
       {"negative", {-0.01, 1, 1, 1, 1}, true},
-      {"only DRAM, negative", {kNone, kNone, kNone, kNone, -1}, true},
       {"NaN", {1, kNaN, 1, 1, 1}, true},
-      {"infinite", {1, 1, kInf, 1, 1}, true},
       {"150 W in all", {30, 60, 60, 0, 0}},
       {"150.5 W in all, every rail within its ceiling", {30, 60, 60.5, 0, 0}, true},
       // Against a 5 W total 6.75 W is below the 10 W floor, so 10 W is the limit.
       {"12 W against a 5 W total", {2, 4, 3, 0, 3}, true, 5},
       {"9 W against a 5 W total", {2, 4, 3, 0, 0}, false, 5},
-      {"27 W against a 20 W total", {10, 17, 0, 0, 0}, false, 20},
-      {"27.5 W against a 20 W total", {10, 17.5, 0, 0, 0}, true, 20},
       {"a total below 1 W is not believed", {2, 40, 0, 0, 0}, false, 0.5},
       {"a total of 1 W is", {2, 40, 0, 0, 0}, true, 1.0},
       {"wall below the adapter input", {1, 1, 1, 0, 1}, false, {}, 30, 20, Q::rejected},
@@ -87,21 +76,6 @@ TEST(QualityCheckedTest, ComponentBoundsAndTheWallFloor) {
     out.wallPowerW = expected.wallPowerW = std::nullopt;  // a NaN equals nothing, itself included
     EXPECT_EQ(out, expected);
   }
-}
-
-TEST(SessionRecordTest, DurationTextTruncatesToWholeMinutes) {
-  SessionRecord r;
-  r.startTime = fromUnixSeconds(1'800'000'000);
-  const auto after = [&](double seconds) {
-    r.endTime = fromUnixSeconds(1'800'000'000 + seconds);
-    return r.durationText();
-  };
-  EXPECT_EQ(after(0), "0m");
-  EXPECT_EQ(after(59), "0m");
-  EXPECT_EQ(after(3599), "59m");
-  EXPECT_EQ(after(3600), "1h 0m");
-  EXPECT_EQ(after(3 * 3600 + 7 * 60 + 59), "3h 7m");
-  EXPECT_EQ(after(-120), "0m");
 }
 
 }  // namespace

