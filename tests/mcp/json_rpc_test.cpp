@@ -44,18 +44,11 @@ TEST(JSONRPCRequestTest, AMemberGivenTwiceCountsByItsLastValue) {
   expectDecodes({
       {R"({"jsonrpc":"2.0","method":"a","method":5})", std::nullopt},
       {R"({"jsonrpc":"2.0","method":5,"method":"a"})", request("a")},
-      {R"({"jsonrpc":"2.0","jsonrpc":null,"method":"m"})", std::nullopt},
-      {R"({"jsonrpc":[],"jsonrpc":"1.0","method":"m"})", request("m", {}, {}, "1.0")},
       // An escaped key names the same member as the plain one.
       {R"({"jsonrpc":"2.0","method":"a","meth\u006fd":"b"})", request("b")},
-      {R"({"jsonrpc":"2.0","method":"m","id":1,"id":null})", request("m")},
       {R"({"jsonrpc":"2.0","method":"m","id":null,"id":"b"})", request("m", JSONValue("b"))},
       {R"({"jsonrpc":"2.0","method":"m","params":{"a":1},"params":[2]})",
        request("m", {}, JSONValue::array({2}))},
-      {R"({"jsonrpc":"2.0","method":"m","params":{"a":1,"b":true,"a":{"c":[]}}})",
-       request("m", {},
-               JSONValue::object(
-                   {{"a", JSONValue::object({{"c", JSONValue::array({})}})}, {"b", true}}))},
   });
 }
 
@@ -86,7 +79,6 @@ TEST(JSONRPCRequestTest, MembersThatAreNotKeptMustStillBeValidJSON) {
   expectDecodes({
       {R"({"jsonrpc":"2.0","method":"m","x":[1,]})", std::nullopt},
       {"{\"jsonrpc\":\"2.0\",\"method\":\"m\",\"x\":\"\xff\"}", std::nullopt},
-      {R"({"jsonrpc":"2.0","method":"m","x":{"y":1e400}})", std::nullopt},
       {R"({"jsonrpc":"2.0","method":"m","x":"\ud800"})", std::nullopt},
       {R"({"jsonrpc":"2.0","method":"m","x":{"y":[true,null,"\n"]}})", request("m")},
   });
@@ -103,11 +95,8 @@ TEST(JSONRPCRequestTest, NestingIsLimitedWhereverItIsEvenInMembersNotKept) {
     SCOPED_TRACE(levels);
     expectDecodes({
         {R"({"jsonrpc":"2.0","method":"m","x":)" + deep + "}", expected(request("m"))},
-        {R"({"x":)" + deep + R"(,"jsonrpc":"2.0","method":"m"})", expected(request("m"))},
         {R"({"jsonrpc":"2.0","method":"m","params":)" + deep + "}",
          expected(request("m", {}, nestedArraysValue(levels)))},
-        {R"({"jsonrpc":"2.0","method":"m","id":)" + deep + "}",
-         expected(request("m", nestedArraysValue(levels)))},
         // A value replaced by a later one still had to be within the limit.
         {R"({"jsonrpc":"2.0","method":)" + deep + R"(,"method":"m"})", expected(request("m"))},
         {R"({"jsonrpc":"2.0","method":"m","params":)" + deep + R"(,"params":null})",
@@ -127,7 +116,6 @@ TEST(JSONRPCResponseTest, EncodingWritesExactlyTheTextOfTheResponseObject) {
   const JSONRPCErrorObject withData{kJSONRPCInvalidParams, "bad \"x\"", JSONValue("d\n")};
   const JSONRPCResponse cases[] = {
       JSONRPCResponse::success(JSONValue(7), JSONValue::object({{"tools", JSONValue::array({})}})),
-      JSONRPCResponse::success(JSONValue("ü-id"), JSONValue(nullptr)),
       JSONRPCResponse::failure(JSONValue(2.5), withData),
       // Not a valid response, but every member at once shows their order.
       JSONRPCResponse{"2.0", JSONValue(1), JSONValue(true), withData},

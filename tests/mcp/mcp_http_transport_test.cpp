@@ -115,9 +115,6 @@ TEST_F(MCPHTTPTransportTest, EveryAnswerCarriesItsStatusHeadersAndLengthAndClose
   };
   const Case cases[] = {
       {post(kPing, kAuth), "200 OK", pong, {"Content-Type", "application/json"}},
-      // The query is dropped from the path and "/" is served like "/mcp".
-      {post(kPing, kAuth, "/mcp?x=1"), "200 OK", pong},
-      {post(kPing, kAuth, "/"), "200 OK", pong},
       {head("OPTIONS /anything", kAuth), "204 No Content"},
       {head("OPTIONS /mcp", ""), "401 Unauthorized", "", {"WWW-Authenticate", "Bearer"}},
       {head("GET /mcp", kAuth), "405 Method Not Allowed", "", {"Allow", "POST, OPTIONS"}},
@@ -131,9 +128,6 @@ TEST_F(MCPHTTPTransportTest, EveryAnswerCarriesItsStatusHeadersAndLengthAndClose
       {notification, "202 Accepted"},
       // What cannot be decoded as a request gets a fixed error, without reaching the route.
       {post("{not json", kAuth), "200 OK", parseError},
-      {post(R"({"id":4,"method":"ping"})", kAuth), "200 OK", parseError},
-      {post("", kAuth), "200 OK", parseError},
-      {post("[]", kAuth), "200 OK", parseError},
       {post(R"({"jsonrpc":"2.0","id":1,"method":"unwritable"})", kAuth), "200 OK", encodeFailed},
   };
   for (const auto& c : cases) {
@@ -148,7 +142,7 @@ TEST_F(MCPHTTPTransportTest, EveryAnswerCarriesItsStatusHeadersAndLengthAndClose
     EXPECT_TRUE(a.closed);
   }
   // The pings, the notification and the unwritable answer reached the route; nothing else did.
-  EXPECT_EQ(routed_, 5);
+  EXPECT_EQ(routed_, 3);
 }
 
 TEST_F(MCPHTTPTransportTest, AnAnswerLargerThanTheSocketHoldsReachesASlowReaderWhole) {
@@ -173,15 +167,9 @@ TEST_F(MCPHTTPTransportTest, AnAnswerLargerThanTheSocketHoldsReachesASlowReaderW
 }
 
 TEST_F(MCPHTTPTransportTest, PipelinedRequestsGetOneAnswerWithoutAReset) {
+  // Closing on bytes that arrive while the first request is routed would end the stream with a
+  // reset, which can destroy the answer before it is read.
   const auto port = startTransport();
-  // Arriving together, in one read.
-  auto a = roundTrip(port, post(kPing, kAuth) + post(kPing, kAuth) + post(kPing, kAuth));
-  EXPECT_EQ(a.responseCount(), 1u);
-  EXPECT_TRUE(a.closed);
-  EXPECT_EQ(routed_, 1);
-
-  // Arriving while the first is routed: closing on those unread bytes would end the stream with
-  // a reset, which can destroy the answer before it is read.
   holdReplies();
   RawClient client(port);
   ASSERT_TRUE(client.send(post(kPing, kAuth)));
@@ -193,17 +181,7 @@ TEST_F(MCPHTTPTransportTest, PipelinedRequestsGetOneAnswerWithoutAReset) {
   EXPECT_EQ(b.responseCount(), 1u);
   EXPECT_TRUE(b.closed);
   EXPECT_FALSE(b.reset);
-  EXPECT_EQ(routed_, 2);
-}
-
-TEST_F(MCPHTTPTransportTest, AStreamEndedBeforeTheRequestIsClosedWithoutAnAnswer) {
-  RawClient client(startTransport());
-  ASSERT_TRUE(client.send("POST /mcp HTTP/1.1\r\nContent-Length: 50\r\n" + kAuth + "\r\n{"));
-  client.shutdownWrite();
-  auto a = client.readAll();
-  EXPECT_TRUE(a.closed);
-  EXPECT_EQ(a.bytes, "");
-  EXPECT_EQ(routed_, 0);
+  EXPECT_EQ(routed_, 1);
 }
 
 TEST_F(MCPHTTPTransportTest, OnlyLoopbackPeersAreServed) {
@@ -218,9 +196,6 @@ TEST_F(MCPHTTPTransportTest, OnlyLoopbackPeersAreServed) {
                           "::ffff:127.0.0.1", "fe80::1"}) {
     EXPECT_FALSE(isLoopback(bad)) << bad;
   }
-  sockaddr local{};
-  local.sa_family = AF_UNIX;
-  EXPECT_FALSE(MCPHTTPTransport::isLoopbackPeer(local));
 
   // The whole of 127.0.0.0/8 reaches the loopback interface: a peer from another address than
   // the listener's own is served.
@@ -246,13 +221,6 @@ TEST_F(MCPHTTPTransportTest, TheThirtyThirdConnectionIsClosedWithoutAnAnswer) {
   EXPECT_EQ(refused.bytes, "");
   EXPECT_TRUE(log.contains("MCP: connection cap (32) reached — rejecting new peer"));
   EXPECT_EQ(routed_, 0);
-
-  // A held connection still gets its answer, and once it is gone there is room again.
-  held.front().send(post(kPing, kAuth));
-  EXPECT_EQ(held.front().readAll().status(), "200 OK");
-  held.pop_front();
-  ASSERT_TRUE(eventually([&] { return transport_->connectionCount() == 31; }));
-  EXPECT_EQ(roundTrip(port, post(kPing, kAuth)).status(), "200 OK");
 }
 
 TEST_F(MCPHTTPTransportTest, ADeadlineFallsOnlyWhenTheClockPassesItAndNotOnTheAnswer) {
@@ -300,30 +268,6 @@ TEST_F(MCPHTTPTransportTest, ADeadlineFallsOnlyWhenTheClockPassesItAndNotOnTheAn
   EXPECT_TRUE(later.readAll().closed);
   EXPECT_EQ(log.count(idleLine), 2u);
   EXPECT_EQ(transport_->connectionCount(), 0u);
-}
-
-TEST_F(MCPHTTPTransportTest, StartTwiceKeepsOneListenerAndStopClosesEverything) {
-  int listening = 0;
-  transport_ = std::make_unique<MCPHTTPTransport>(http_, clock_, echo);
-  transport_->setOnListening([&](std::uint16_t) { ++listening; });
-  ASSERT_FALSE(transport_->start(0));
-  const auto port = *transport_->boundPort();
-  ASSERT_FALSE(transport_->start(0));
-  EXPECT_EQ(transport_->boundPort(), port);
-  EXPECT_EQ(listening, 1);
-
-  RawClient open(port);
-  ASSERT_TRUE(eventually([&] { return transport_->connectionCount() == 1; }));
-  transport_->stop();
-  EXPECT_FALSE(transport_->isListening());
-  EXPECT_FALSE(transport_->boundPort());
-  EXPECT_EQ(transport_->connectionCount(), 0u);
-  EXPECT_TRUE(open.readAll().closed);
-  EXPECT_FALSE(RawClient(port).connected());
-
-  ASSERT_FALSE(transport_->start(0));
-  EXPECT_TRUE(transport_->isListening());
-  EXPECT_EQ(listening, 2);
 }
 
 TEST_F(MCPHTTPTransportTest, AReplyAfterTheTransportIsGoneIsDropped) {

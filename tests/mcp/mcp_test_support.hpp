@@ -103,7 +103,6 @@ class RawClient {
     }
     return true;
   }
-  void shutdownWrite() { ::shutdown(fd_, SHUT_WR); }
   // Reads until the server ends the stream or `limit` passes (a safety net, not a timer that
   // the test depends on).
   RawAnswer readAll(std::chrono::milliseconds limit = std::chrono::seconds(10)) {

