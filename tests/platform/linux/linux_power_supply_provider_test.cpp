@@ -14,7 +14,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using testing::fixturePath;
-using ::testing::IsEmpty;
 using testing::LogCapture;
 using testing::SysfsTree;
 
@@ -127,15 +126,6 @@ TEST_F(LinuxPowerSupplyProviderTest, FixtureTreesReadIntoTheSnapshotsUnitsAndSig
     EXPECT_EQ(*reading.snapshot, stamped(c.expected));
     EXPECT_EQ(reading.diagnostics.notes(), c.notes);
   }
-}
-
-TEST_F(LinuxPowerSupplyProviderTest, FixtureTreesNameTheAdapterAndReadAlikeWithoutUevent) {
-  EXPECT_EQ(readFixture("charge-pack").diagnostics.adapterSupply, "ucsi-source-psy-USBC000:001");
-  EXPECT_EQ(phaseFrom(*readFixture("desktop-mains").snapshot, 0, {}), PowerPhase::noBattery);
-
-  SysfsTree tree("energy-pack");
-  tree.makeUnreadable("class/power_supply/BAT0/uevent");
-  EXPECT_EQ(read(tree).snapshot, readFixture("energy-pack").snapshot) << "files beat no uevent";
 }
 
 TEST_F(LinuxPowerSupplyProviderTest, StatusDecidesTheSignAndExternalPowerWithoutAnAdapter) {
@@ -259,9 +249,6 @@ TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsAreReadBesideTheUeventWhenI
               ElementsAre(ChargeControlReading{
                   "BAT0", 40, 80, "auto", {"auto", "inhibit-charge", "force-discharge"}}));
 
-  LinuxPowerSupplyProvider without(fixturePath("charge-pack") / "class/power_supply", clock);
-  EXPECT_THAT(without.readChargeControl(), IsEmpty());
-
   // Out of range is absent; a peripheral's thresholds are not the machine's.
   SysfsTree tree;
   tree.writeSupply("BAT0",
@@ -276,18 +263,6 @@ TEST_F(LinuxPowerSupplyProviderTest, ChargeThresholdsAreReadBesideTheUeventWhenI
                   "BAT0", std::nullopt, 60, "force-discharge", {"auto", "force-discharge"}}));
 }
 
-// Only the flags, the percentage and the estimates may differ from an empty snapshot.
-TEST_F(LinuxPowerSourceFallbackProviderTest, OffersOnlyPercentageFlagsAndEstimates) {
-  // clang-format off
-  EXPECT_EQ(fetchFixture("energy-pack"), stamped({.batteryInstalled = true, .iopsPercent = 74}));
-  EXPECT_EQ(fetchFixture("charge-pack"), stamped({.isCharging = true, .externalConnected = true,
-                                                  .batteryInstalled = true, .iopsPercent = 71}));
-  // The gauge's estimate of time to empty serves both estimates, as the fallback reads it.
-  EXPECT_EQ(fetchFixture("fuel-gauge"), stamped({.batteryInstalled = true, .timeRemaining_min = 348,
-                                                 .avgTimeToEmpty_min = 348, .iopsPercent = 62}));
-  // clang-format on
-}
-
 TEST_F(LinuxPowerSourceFallbackProviderTest, PercentageFullAndEstimatesFromWhatTheDriverGives) {
   struct Case {
     const char* what;
@@ -300,18 +275,12 @@ TEST_F(LinuxPowerSourceFallbackProviderTest, PercentageFullAndEstimatesFromWhatT
       {"charge counters", nullptr,
        {"STATUS=Discharging", "CHARGE_NOW=1500000", "CHARGE_FULL=4000000"},
        {.batteryInstalled = true, .iopsPercent = 38}},
-      {"energy counters over a bogus capacity", nullptr,
-       {"STATUS=Discharging", "ENERGY_NOW=30000000", "ENERGY_FULL=40000000", "CAPACITY=999"},
-       {.batteryInstalled = true, .iopsPercent = 75}},
       {"nothing to take a percentage from", nullptr, {"STATUS=Discharging"}, {}},
       {"full by the driver's word", "1", {"STATUS=Full", "CAPACITY=97"},
        {.externalConnected = true, .fullyCharged = true, .batteryInstalled = true,
         .iopsPercent = 97}},
       {"held short of full", "1", {"STATUS=Not charging", "CAPACITY=97"},
        {.externalConnected = true, .batteryInstalled = true, .iopsPercent = 97}},
-      {"a full gauge on the adapter", "1", {"STATUS=Not charging", "CAPACITY=100"},
-       {.externalConnected = true, .fullyCharged = true, .batteryInstalled = true,
-        .iopsPercent = 100}},
       {"a full gauge on battery is not charged", "0", {"STATUS=Discharging", "CAPACITY=100"},
        {.batteryInstalled = true, .iopsPercent = 100}},
       // A charging battery says there is an adapter; a zero estimate is no estimate.
@@ -348,50 +317,6 @@ TEST_F(LinuxPowerSourceFallbackProviderTest, WithoutAReadableSystemBatteryOnlyTh
   tree.writeSupply("ups0", {"TYPE=UPS", "CAPACITY=100", "STATUS=Full"});
   EXPECT_EQ(fetch(tree.powerSupply()), stamped({}));
   EXPECT_FALSE(fetchFixture("nowhere")) << "no class directory, nothing to say";
-}
-
-// Both providers behind the real monitor loop, as the agent runs them.
-TEST_F(LinuxPowerSupplyProviderTest, UnreadableBatteryEngagesTheFallbackUntilItReturns) {
-  SysfsTree tree("energy-pack");
-  SerialQueue pollQueue("test.poll", clock);
-  SerialQueue mainQueue("test.main", clock);
-  PowerMonitor::Dependencies deps;
-  deps.sources.provider = std::make_shared<LinuxPowerSupplyProvider>(tree.powerSupply(), clock);
-  deps.sources.fallbackProvider =
-      std::make_shared<LinuxPowerSourceFallbackProvider>(tree.powerSupply(), clock);
-  deps.pollQueue = &pollQueue;
-  deps.mainQueue = &mainQueue;
-  auto monitor = PowerMonitor::create(std::move(deps), clock);
-  std::vector<PowerState> states;
-  monitor->setOnStateUpdate(
-      [&](const PowerState& s, const PowerMonitor::HistorySnapshot&) { states.push_back(s); });
-  auto tick = [&] {
-    clock.advance(Seconds{2});
-    monitor->poll();
-    mainQueue.runPending();
-  };
-
-  tick();
-  tree.makeUnreadable("class/power_supply/BAT0/uevent");
-  tree.makeUnreadable("class/power_supply/BAT0/voltage_now");
-  tick();
-  tick();
-  EXPECT_FALSE(monitor->diagnosticsOnPollQueue().usingFallback);
-  EXPECT_EQ(states.size(), 1u);
-  tick();
-  EXPECT_TRUE(monitor->diagnosticsOnPollQueue().usingFallback);
-  ASSERT_EQ(states.size(), 2u);
-  // What the fallback can vouch for: the percentage and the flags, no watts.
-  EXPECT_EQ(states.back().displayPercent(), 74);
-  EXPECT_EQ(states.back().voltage_mV, 0);
-  EXPECT_EQ(states.back().phase, PowerPhase::draining);
-
-  tree.remove("class/power_supply/BAT0/uevent");
-  tree.remove("class/power_supply/BAT0/voltage_now");
-  tree.write("class/power_supply/BAT0/voltage_now", "16502000\n");
-  tick();
-  EXPECT_FALSE(monitor->diagnosticsOnPollQueue().usingFallback);
-  EXPECT_EQ(states.back().voltage_mV, 16502);
 }
 
 }  // namespace
