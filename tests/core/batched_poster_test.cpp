@@ -58,22 +58,6 @@ TEST_F(BatchedPosterTest, ItemsPostedWhileADrainRunsStartAnotherAndItemsOutliveT
   EXPECT_EQ(seen.back(), 4);
 }
 
-TEST_F(BatchedPosterTest, ItemsAreMovedWholeAlsoWhenTheStorageIsReusedBetweenBatches) {
-  std::vector<std::string> seen;
-  BatchedPoster<std::unique_ptr<std::string>> poster(
-      target, [&](std::unique_ptr<std::string>& s) { seen.push_back(*s); });
-  for (int batch = 0; batch < 3; ++batch) {
-    for (int i = 0; i < 3; ++i) {
-      poster.post(std::make_unique<std::string>(std::to_string(batch) + std::to_string(i) +
-                                                std::string(40, 'x')));
-    }
-    EXPECT_EQ(target.runPending(), 1u);
-  }
-  ASSERT_EQ(seen.size(), 9u);
-  EXPECT_EQ(seen[0].substr(0, 2), "00");
-  EXPECT_EQ(seen[8].substr(0, 2), "22");
-}
-
 TEST_F(BatchedPosterTest, EveryItemFromManyThreadsRunsOnceInEachThreadsOrder) {
   target.start();
   constexpr int kThreads = 4;

@@ -39,10 +39,8 @@ TEST(PowerPhaseTest, FirstRuleThatFiresDecides) {
       {"the full flag outranks charging", P::full, 20, kCharging | kFull},
       {"charging flag, drawing", P::supplementing, -1, kCharging},
       {"charging flag at -0.5 W", P::trickleCharge, -0.5, kCharging},
-      {"charging flag at 2 W", P::trickleCharge, 2, kCharging},
       {"charging flag at 4.99 W", P::trickleCharge, 4.99, kCharging},
       {"charging flag at 5 W", P::charging, 5, kCharging},
-      {"charging flag at 40 W", P::charging, 40, kCharging},
       {"6 W in without the flag", P::charging, 6},
       {"5 W in without the flag", P::charging, 5},
       {"6 W in with every hold signal", P::charging, 6, 0, 100, T::critical, 0x3},
@@ -56,9 +54,7 @@ TEST(PowerPhaseTest, FirstRuleThatFiresDecides) {
        0x8 | kLimitBit55},
       {"the thermal bit outranks the limit", P::thermalHold, 0, 0, 100, T::nominal, 0x1 | 0x2},
       {"serious outranks the limit", P::thermalHold, 0, 0, 100, T::serious, 0x1},
-      {"critical outranks the limit", P::thermalHold, 0, 0, 100, T::critical, 0x1},
       {"fair is no reason to hold", P::chargeLimitHold, 0, 0, 100, T::fair, 0x1},
-      {"fair without a reason", P::onHold, 0, 0, 100, T::fair},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -69,18 +65,6 @@ TEST(PowerPhaseTest, FirstRuleThatFiresDecides) {
     s.fullyCharged = (c.flags & kFull) != 0;
     s.notChargingReason = c.reason;
     EXPECT_EQ(phaseFrom(s, c.watts, PowerPhaseDetectionContext{c.thermal, c.awake_s}), c.expected);
-  }
-}
-
-TEST(PowerSessionModeTest, ClassifiesEveryPhase) {
-  using M = PowerSessionMode;
-  const M expected[] = {M::battery, M::charging, M::charging,      M::holding,       M::holding,
-                        M::holding, M::holding,  M::supplementing, M::supplementing, M::legacy};
-  for (int tag = 0; tag < 10; ++tag) {
-    const auto phase = static_cast<PowerPhase>(tag);
-    EXPECT_EQ(classifySessionMode(phase, false), expected[tag]) << toString(phase);
-    EXPECT_EQ(classifySessionMode(phase, true), PowerSessionMode::forceDischarge)
-        << toString(phase);
   }
 }
 
@@ -116,7 +100,6 @@ TEST(PowerStateTest, ConsumptionNeverGoesNegativeAndIsUnknownOnAdapterWithoutInp
       {"the battery helps the adapter", true, 60, -5, 65},
       {"charging faster than the input reading, a timing artefact", true, 60, 70, 0},
       {"on battery the drain", false, std::nullopt, -18, 18},
-      {"idle on battery", false, std::nullopt, 0, 0},
       {"a positive reading on battery is noise", false, std::nullopt, 2, 0},
       {"input telemetry decides even on battery", false, 0, -18, 18},
       {"adapter without input telemetry", true, std::nullopt, -3, std::nullopt},
@@ -144,7 +127,6 @@ const std::string kStalled = "CPU and DRAM energy counters stalled";
 
 TEST(ComponentPowerValidatorTest, RulesApplyInOrderAndEveryBoundIsInclusive) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
-  const double inf = std::numeric_limits<double>::infinity();
   const auto big = reading(10, 20, 30, 5, 10);  // 75 W
   struct Case {
     const char* name;
@@ -156,17 +138,10 @@ TEST(ComponentPowerValidatorTest, RulesApplyInOrderAndEveryBoundIsInclusive) {
       {"idle zeros are legitimate", reading(0, 0, 0, 0, 0), std::nullopt, std::nullopt},
       {"plausible", reading(1.2, 4.0, 6.0, 0.5, 4.5), 18.0, std::nullopt},
       {"NaN rail", reading(nan, 1, 1, 1, 1), std::nullopt, kNonFinite},
-      {"infinite rail", reading(1, inf, 1, 1, 1), std::nullopt, kNonFinite},
       {"negative rail", reading(1, 1, 1, 1, -0.01), std::nullopt, kNonFinite},
       {"the rail rule comes before the stall", reading(0, 0, -1, 0, 0, false), 5.0, kNonFinite},
       {"E-cores at 30 W", reading(30, 0, 0, 0, 0), std::nullopt, std::nullopt},
       {"E-cores over 30 W", reading(30.1, 0, 0, 0, 0), std::nullopt, kBounds},
-      {"P-cores at 60 W", reading(0, 60, 0, 0, 0), std::nullopt, std::nullopt},
-      {"P-cores over 60 W", reading(0, 60.1, 0, 0, 0), std::nullopt, kBounds},
-      {"GPU at 90 W", reading(0, 0, 90, 0, 0), std::nullopt, std::nullopt},
-      {"GPU over 90 W", reading(0, 0, 90.1, 0, 0), std::nullopt, kBounds},
-      {"ANE at 20 W", reading(0, 0, 0, 20, 0), std::nullopt, std::nullopt},
-      {"ANE over 20 W", reading(0, 0, 0, 20.1, 0), std::nullopt, kBounds},
       {"DRAM at 35 W", reading(0, 0, 0, 0, 35), std::nullopt, std::nullopt},
       {"DRAM over 35 W", reading(0, 0, 0, 0, 35.1), std::nullopt, kBounds},
       {"150 W in all, each rail within bounds", reading(25, 40, 60, 10, 15), std::nullopt,
@@ -179,7 +154,6 @@ TEST(ComponentPowerValidatorTest, RulesApplyInOrderAndEveryBoundIsInclusive) {
       {"consumption below 1 W is not believed", big, 0.5, std::nullopt},
       {"no consumption figure", big, std::nullopt, std::nullopt},
       {"NaN consumption", big, nan, std::nullopt},
-      {"infinite consumption", big, inf, std::nullopt},
       {"1 W is the first figure compared against", big, 1.0, kWholeSystem},
       {"plausibility applies to a stalled reading", reading(0, 0, 95, 0, 0, false), 18.0, kBounds},
   };

@@ -108,9 +108,6 @@ TEST(MemoryPreferenceStoreTest, StoresTypedValuesAndNotifiesOnlyOnChange) {
   EXPECT_TRUE(store.boolValue("Quorel.mcpServerEnabled"));
   EXPECT_EQ(store.integerValue("Quorel.mcpServerPort"), 8473);
   EXPECT_EQ(store.dataValue("QuorelSettings"), "{\"a\":1}");
-  // Mistyped reads take the platform's defaults rather than failing.
-  EXPECT_FALSE(store.boolValue("Quorel.mcpServerPort"));
-  EXPECT_EQ(store.integerValue("QuorelSettings"), 0);
   EXPECT_EQ(calls, 3);
 
   store.setValue("Quorel.mcpServerPort", 8473);  // same value: nothing changed
@@ -121,7 +118,6 @@ TEST(MemoryPreferenceStoreTest, StoresTypedValuesAndNotifiesOnlyOnChange) {
   store.removeObserver(id);
   store.setValue("x", 1);
   EXPECT_EQ(calls, 4);
-  EXPECT_EQ(store.changeCount(), 5u);
   // An observer may write back without deadlocking.
   store.addObserver([&] {
     if (!store.hasValue("echo")) store.setValue("echo", store.value("source").value_or(0));
@@ -145,8 +141,6 @@ TEST_F(FilePreferenceStoreTest, PersistsAcrossInstancesWithPrivateModes) {
   }
   EXPECT_EQ(modeOf(dir), 0700u);
   EXPECT_EQ(modeOf(file), 0600u);
-  auto onDisk = nlohmann::json::parse(readFile(file));
-  EXPECT_EQ(onDisk["Quorel.migration.collapsedByDefault.v1"], true);
 
   FilePreferenceStore reopened(file);
   EXPECT_EQ(reopened.dataValue("QuorelSettings"), "{\"pollingInterval\":2}");
@@ -183,20 +177,6 @@ TEST_F(FilePreferenceStoreTest, CorruptFileIsMovedAsideWithAWarningNamingBothPat
 
   again.setValue("k", 1);
   EXPECT_EQ(nlohmann::json::parse(readFile(file)), (nlohmann::json{{"k", 1}}));
-}
-
-TEST_F(FilePreferenceStoreTest, EmptyFileIsEmptyButOneCorruptedWhileRunningIsSetAside) {
-  fs::create_directories(dir);
-  writeFile(file, "");
-  FilePreferenceStore store(file);
-  store.setValue("a", 1);
-  EXPECT_FALSE(fs::exists(file.string() + ".corrupt"));
-  EXPECT_EQ(FilePreferenceStore(file).integerValue("a"), 1);
-  writeFile(file, "not json");
-  store.setValue("b", 2);
-  EXPECT_EQ(readFile(file.string() + ".corrupt"), "not json");
-  EXPECT_EQ(nlohmann::json::parse(readFile(file)), (nlohmann::json{{"b", 2}}));
-  EXPECT_FALSE(store.hasValue("a"));
 }
 
 TEST_F(FilePreferenceStoreTest, TwoStoresOnOneFileKeepEachOthersKeysAndPollSeesOnlyTheOther) {

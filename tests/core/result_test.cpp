@@ -26,13 +26,5 @@ TEST(ResultTest, AnEmptyAnswerAndAFailureAreToldApart) {
   EXPECT_EQ(empty.valueOr({7}), std::vector<int>{});
 }
 
-TEST(ResultTest, HoldsMoveOnlyValuesAndGivesThemUp) {
-  Result<std::unique_ptr<int>> r = std::make_unique<int>(4);
-  ASSERT_TRUE(r.ok());
-  **r = 5;
-  const std::unique_ptr<int> taken = std::move(r).value();
-  EXPECT_EQ(*taken, 5);
-}
-
 }  // namespace
 }  // namespace quorel
