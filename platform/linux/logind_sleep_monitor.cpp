@@ -1,8 +1,10 @@
 #include "platform/linux/logind_sleep_monitor.hpp"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <spdlog/logger.h>
 #include <systemd/sd-bus.h>
+#include <unistd.h>
 
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
@@ -10,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "core/logging.hpp"
 
@@ -21,6 +24,8 @@ constexpr const char* kLogindName = "org.freedesktop.login1";
 constexpr const char* kLogindPath = "/org/freedesktop/login1";
 constexpr const char* kLogindInterface = "org.freedesktop.login1.Manager";
 constexpr const char* kSignalName = "PrepareForSleep";
+constexpr const char* kDelayWarning =
+    "logind gave no sleep delay lock — energy of the minute before a sleep may be lost";
 // Bounds start() on a bus that accepts the connection and then never answers; the agent must
 // not hang at launch for sd-bus's default of 25 seconds.
 constexpr std::uint64_t kCallTimeout_us = 2'000'000;
@@ -40,6 +45,32 @@ std::string errorText(int negativeErrno) {
 
 }  // namespace
 
+// The descriptor logind hands out for a delay lock: the machine sleeps once every holder has
+// closed it. Shared with the permits, which may be dropped on any thread after the connection.
+struct LogindSleepMonitor::DelayLock {
+  ~DelayLock() { release(); }
+  // Keeps `fd` (already ours) as the lock unless one is held.
+  void hold(int fd) {
+    const std::lock_guard lock(mutex);
+    if (held >= 0) {
+      ::close(fd);
+      return;
+    }
+    held = fd;
+  }
+  void release() {
+    const std::lock_guard lock(mutex);
+    if (held >= 0) ::close(held);
+    held = -1;
+  }
+  bool holding() {
+    const std::lock_guard lock(mutex);
+    return held >= 0;
+  }
+  std::mutex mutex;
+  int held = -1;
+};
+
 // What the posted handler jobs share with the monitor. Handlers never change after start, so
 // only the flag is read across threads.
 struct LogindSleepMonitor::Delivery {
@@ -52,12 +83,13 @@ struct LogindSleepMonitor::Delivery {
 // Asio waits for the bus's socket to be ready; sd-bus does the reading, writing and matching.
 struct LogindSleepMonitor::Connection : std::enable_shared_from_this<Connection> {
   Connection(asio::io_context& io, BusPtr openBus, std::shared_ptr<Delivery> toDeliver,
-             SerialQueue& queue, std::shared_ptr<spdlog::logger> logger,
-             std::atomic<std::uint64_t>& received)
+             std::shared_ptr<DelayLock> lock, SerialQueue& queue,
+             std::shared_ptr<spdlog::logger> logger, std::atomic<std::uint64_t>& received)
       : bus(std::move(openBus)),
         descriptor(io),
         timer(io),
         delivery(std::move(toDeliver)),
+        delayLock(std::move(lock)),
         deliveryQueue(queue),
         log(std::move(logger)),
         signalsReceived(received) {}
@@ -69,15 +101,18 @@ struct LogindSleepMonitor::Connection : std::enable_shared_from_this<Connection>
   // Declared in this order so that the slot is released before the bus that holds it.
   BusPtr bus;
   SlotPtr slot;
+  SlotPtr inhibitCall;
   asio::posix::stream_descriptor descriptor;
   asio::steady_timer timer;
   std::shared_ptr<Delivery> delivery;
+  std::shared_ptr<DelayLock> delayLock;
   SerialQueue& deliveryQueue;
   std::shared_ptr<spdlog::logger> log;
   std::atomic<std::uint64_t>& signalsReceived;
   bool readWaiting = false;
   bool writeWaiting = false;
   bool closed = false;
+  bool reportedNoDelay = false;
 
   static int onPrepareForSleep(sd_bus_message* message, void* userdata, sd_bus_error*) {
     static_cast<Connection*>(userdata)->received(message);
@@ -92,11 +127,58 @@ struct LogindSleepMonitor::Connection : std::enable_shared_from_this<Connection>
       return;
     }
     signalsReceived.fetch_add(1);
-    deliveryQueue.async([d = delivery, sleeping = sleeping != 0] {
-      if (!d->open.load()) return;
-      const auto& handler = sleeping ? d->handlers.willSleep : d->handlers.didWake;
-      if (handler) handler();
+    if (sleeping == 0) {
+      // Awake again: hold the next sleep until its work is done, as for the first.
+      requestDelayLock();
+      deliveryQueue.async([d = delivery] {
+        if (d->open.load() && d->handlers.didWake) d->handlers.didWake();
+      });
+      return;
+    }
+    // The lock goes when the handler and everything it handed the permit to are done; a
+    // handler that is not there, or no longer wanted, lets the machine sleep at once.
+    SleepPermit permit([lock = delayLock] { lock->release(); });
+    deliveryQueue.async([d = delivery, permit = std::move(permit)]() mutable {
+      if (d->open.load() && d->handlers.willSleep) d->handlers.willSleep(std::move(permit));
     });
+  }
+
+  // Asks logind for a delay lock on sleep. Asynchronous, so that a bus without logind (or a
+  // slow one) costs nothing but a warning.
+  void requestDelayLock() {
+    if (closed || delayLock->holding()) return;
+    sd_bus_slot* call = nullptr;
+    const int r = sd_bus_call_method_async(
+        bus.get(), &call, kLogindName, kLogindPath, kLogindInterface, "Inhibit", &onInhibitReply,
+        this, "ssss", "sleep", "Quorel", "Saving the energy history before sleep", "delay");
+    if (r < 0) return noDelayLock(fmt::format("Inhibit could not be sent: {}", errorText(r)));
+    inhibitCall.reset(call);
+  }
+
+  static int onInhibitReply(sd_bus_message* reply, void* userdata, sd_bus_error*) {
+    auto* self = static_cast<Connection*>(userdata);
+    if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
+      self->noDelayLock(fmt::format("Inhibit failed: {}", error->message ? error->message : "?"));
+      return 0;
+    }
+    int fd = -1;
+    if (sd_bus_message_read(reply, "h", &fd) <= 0 || fd < 0) {
+      self->noDelayLock("Inhibit answered without a descriptor");
+      return 0;
+    }
+    // The message owns its descriptor and closes it with the message.
+    const int own = ::fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    if (own < 0) return 0;
+    self->delayLock->hold(own);
+    return 0;
+  }
+
+  void noDelayLock(const std::string& detail) {
+    if (!reportedNoDelay) {
+      reportedNoDelay = true;
+      log->warn(kDelayWarning);
+    }
+    log->debug(detail);
   }
 
   // Handles everything the bus has ready, then waits for what it needs next.
@@ -157,6 +239,7 @@ struct LogindSleepMonitor::Connection : std::enable_shared_from_this<Connection>
     // The socket belongs to sd-bus: stop waiting on it without closing it.
     if (descriptor.is_open()) descriptor.release();
     timer.cancel();
+    inhibitCall.reset();
     slot.reset();
     sd_bus_close(bus.get());
   }
@@ -166,7 +249,8 @@ LogindSleepMonitor::LogindSleepMonitor(SerialQueue& deliveryQueue,
                                        std::optional<std::string> busAddress)
     : deliveryQueue_(deliveryQueue),
       busAddress_(std::move(busAddress)),
-      log_(logging::get("AppDelegate")) {}
+      log_(logging::get("AppDelegate")),
+      delayLock_(std::make_shared<DelayLock>()) {}
 
 LogindSleepMonitor::~LogindSleepMonitor() {
   stop();
@@ -214,8 +298,9 @@ bool LogindSleepMonitor::start(Handlers handlers) {
 
   auto delivery = std::make_shared<Delivery>(std::move(handlers));
   auto queue = std::make_unique<SerialQueue>("quorel.logind", deliveryQueue_.clock());
-  auto connection = std::make_shared<Connection>(queue->context(), std::move(bus), delivery,
-                                                 deliveryQueue_, log_, signalsReceived_);
+  auto connection =
+      std::make_shared<Connection>(queue->context(), std::move(bus), delivery, delayLock_,
+                                   deliveryQueue_, log_, signalsReceived_);
 
   // Subscribing waits for the bus's answer, which also proves the connection is alive.
   sd_bus_slot* slot = nullptr;
@@ -245,7 +330,10 @@ bool LogindSleepMonitor::start(Handlers handlers) {
   std::weak_ptr<Connection> weak = connection;
   queue->start();
   queue->async([weak] {
-    if (auto self = weak.lock()) self->pump();
+    auto self = weak.lock();
+    if (!self) return;
+    self->requestDelayLock();
+    self->pump();
   });
 
   log_->debug("watching {} on {}", kSignalName, address);
@@ -253,6 +341,10 @@ bool LogindSleepMonitor::start(Handlers handlers) {
   busQueue_ = std::move(queue);
   connection_ = std::move(connection);
   return true;
+}
+
+bool LogindSleepMonitor::holdsDelayLock() const {
+  return delayLock_->holding();
 }
 
 void LogindSleepMonitor::stop() {
@@ -265,6 +357,8 @@ void LogindSleepMonitor::stop() {
   busQueue_->sync([connection = std::move(connection_)]() mutable { connection.reset(); });
   busQueue_->shutdown();
   busQueue_.reset();
+  // Nothing is left to hold the machine for.
+  delayLock_->release();
 }
 
 }  // namespace quorel

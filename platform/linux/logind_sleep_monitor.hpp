@@ -3,8 +3,10 @@
 // bus: true just before the machine sleeps, false once it has woken. The bus connection lives on
 // a queue of its own ("quorel.logind"), so a slow or silent bus never holds up the delivery
 // queue; each signal is posted to the delivery queue as willSleep or didWake, in the order sent.
-// Only signals from the owner of org.freedesktop.login1 count. No sleep inhibitor is taken: the
-// agent has nothing it must finish before the machine sleeps.
+// Only signals from the owner of org.freedesktop.login1 count. While awake it holds logind's
+// delay lock on sleep, so the machine waits (at most logind's InhibitDelayMaxSec) until the
+// willSleep handler's permit is let go: what the agent has measured is saved before a battery
+// can die asleep. The lock is asked for again at every wake.
 
 #include <atomic>
 #include <cstdint>
@@ -49,12 +51,16 @@ class LogindSleepMonitor final : public SleepWakeSource {
   void stop() override;
   std::string sourceName() const override { return std::string(kSourceName); }
 
+  // Whether logind's delay lock is held now. Thread-safe.
+  bool holdsDelayLock() const;
+
   // Well-formed PrepareForSleep signals received since construction. Thread-safe.
   std::uint64_t signalsReceived() const { return signalsReceived_.load(); }
 
  private:
   struct Connection;
   struct Delivery;
+  struct DelayLock;
 
   SerialQueue& deliveryQueue_;
   std::optional<std::string> busAddress_;
@@ -62,6 +68,7 @@ class LogindSleepMonitor final : public SleepWakeSource {
   std::atomic<std::uint64_t> signalsReceived_{0};
   bool reportedFailure_ = false;
   std::shared_ptr<Delivery> delivery_;
+  std::shared_ptr<DelayLock> delayLock_;
   std::unique_ptr<SerialQueue> busQueue_;
   std::shared_ptr<Connection> connection_;
 };

@@ -36,8 +36,8 @@ void AppDelegate::launch() {
       });
 
   if (deps_.sleepWake) {
-    deps_.sleepWake->start({[weak] {
-                              if (auto self = weak.lock()) (*self)->handleSleep();
+    deps_.sleepWake->start({[weak](SleepPermit permit) {
+                              if (auto self = weak.lock()) (*self)->handleSleep(std::move(permit));
                             },
                             [weak] {
                               if (auto self = weak.lock()) (*self)->handleWake();
@@ -101,7 +101,7 @@ void AppDelegate::runDailyDatabaseMaintenanceIfNeeded(TimePoint now) {
   prune(now);
 }
 
-void AppDelegate::handleSleep() {
+void AppDelegate::handleSleep(SleepPermit /*permit*/) {
   pendingWakeWork_.cancel();
   sleepBeganAt_ = clock_.now();
   deps_.monitor->stop();

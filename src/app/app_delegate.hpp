@@ -64,7 +64,8 @@ class AppDelegate {
   void setWatched(bool watched);
   void updatePollingState();
 
-  void handleSleep();
+  // The machine waits for `permit` to be let go, so what must reach the disk first holds it.
+  void handleSleep(SleepPermit permit = {});
   void handleWake();
   void runDailyDatabaseMaintenanceIfNeeded(TimePoint now);
 

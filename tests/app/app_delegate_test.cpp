@@ -130,7 +130,7 @@ TEST_F(AppDelegateTest, IntervalOverrideAndSettingsChangesApply) {
 TEST_F(AppDelegateTest, SleepIsRecordedAsAnIntervalAndASecondWakeReplacesTheFirst) {
   launch();
   const TimePoint slept = clock.now();
-  sleepWake.handlers.willSleep();
+  sleepWake.handlers.willSleep({});
   clock.advance(1h);
   sleepWake.handlers.didWake();
   EXPECT_TRUE(delegate->wakeWorkPending());
@@ -155,7 +155,7 @@ TEST_F(AppDelegateTest, SleepIsRecordedAsAnIntervalAndASecondWakeReplacesTheFirs
 TEST_F(AppDelegateTest, NoIntervalForAWakeWithoutSleepOrWithTheClockSetBack) {
   launch();
   sleepWake.handlers.didWake();
-  sleepWake.handlers.willSleep();
+  sleepWake.handlers.willSleep({});
   clock.advance(-1h);
   sleepWake.handlers.didWake();
   EXPECT_EQ(rows("SELECT count(*) FROM collection_intervals"),

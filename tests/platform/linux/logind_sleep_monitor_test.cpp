@@ -3,7 +3,9 @@
 
 #include "platform/linux/logind_sleep_monitor.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
@@ -31,6 +33,8 @@ constexpr const char* kUnavailable = "system bus unavailable — sleep and wake 
 constexpr const char* kLost = "system bus connection lost — sleep and wake will no longer be seen";
 constexpr const char* kMalformed = "PrepareForSleep without a boolean argument — ignored";
 constexpr const char* kLogind = "org.freedesktop.login1";
+constexpr const char* kNoDelayLock =
+    "logind gave no sleep delay lock — energy of the minute before a sleep may be lost";
 constexpr auto kCrossProcessBound = 10s;
 
 // A client of the private bus that sends PrepareForSleep, under the logind name or not.
@@ -43,7 +47,11 @@ class Peer {
     EXPECT_GE(sd_bus_start(bus_), 0);
     EXPECT_GE(wellKnownName ? sd_bus_request_name(bus_, wellKnownName, 0) : 0, 0);
   }
-  ~Peer() { sd_bus_flush_close_unref(bus_); }
+  ~Peer() {
+    sd_bus_slot_unref(objectSlot_);
+    sd_bus_flush_close_unref(bus_);
+    for (int fd : lockEnds_) ::close(fd);
+  }
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
 
@@ -55,6 +63,22 @@ class Peer {
               0);
     ASSERT_GE(sd_bus_flush(bus_), 0);
   }
+  // Answers Inhibit as logind does: with one end of a pipe, whose other end stays here and
+  // reads end-of-file once every holder has closed theirs. Calls are answered by process().
+  void serveInhibit() {
+    ASSERT_GE(sd_bus_add_object(bus_, &objectSlot_, "/org/freedesktop/login1", &onCall, this), 0);
+  }
+  void process() {
+    while (sd_bus_process(bus_, nullptr) > 0) {
+    }
+  }
+  std::size_t locksGiven() const { return lockEnds_.size(); }
+  // Whether the latest lock handed out has been released by everybody who held it.
+  bool latestLockReleased() const {
+    pollfd p{lockEnds_.back(), POLLIN, 0};
+    return ::poll(&p, 1, 0) == 1 && (p.revents & POLLHUP) != 0;
+  }
+
   void prepareForSleep(std::initializer_list<bool> sleeping) {
     for (bool s : sleeping) emit("b", static_cast<int>(s));
   }
@@ -71,21 +95,39 @@ class Peer {
   }
 
  private:
+  static int onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {
+    if (sd_bus_message_is_method_call(call, "org.freedesktop.login1.Manager", "Inhibit") <= 0) {
+      return 0;
+    }
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) return -errno;
+    static_cast<Peer*>(userdata)->lockEnds_.push_back(ends[0]);
+    const int r = sd_bus_reply_method_return(call, "h", ends[1]);
+    ::close(ends[1]);
+    return r < 0 ? r : 1;
+  }
+
   sd_bus* bus_ = nullptr;
+  sd_bus_slot* objectSlot_ = nullptr;
+  std::vector<int> lockEnds_;
 };
 
 // What the handlers saw, in order; a handler run off the delivery queue is marked so. The
 // tests drive the delivery queue on their own thread, so only that thread touches `events`.
 struct Recorder {
   Events events;
+  // The permits of the sleeps seen, kept until the test lets go of them.
+  std::vector<SleepPermit> permits;
 
   SleepWakeSource::Handlers handlers(SerialQueue& queue) {
     auto record = [this, &queue](std::string event) {
-      return [this, &queue, event] {
-        events.push_back(queue.isCurrent() ? event : event + " off the queue");
-      };
+      events.push_back(queue.isCurrent() ? event : event + " off the queue");
     };
-    return {record("sleep"), record("wake")};
+    return {[record, this](SleepPermit permit) {
+              permits.push_back(std::move(permit));
+              record("sleep");
+            },
+            [record] { record("wake"); }};
   }
 };
 
@@ -155,6 +197,45 @@ TEST_F(LogindSleepMonitorTest, DeliversSleepAndWakeInOrderOnTheDeliveryQueue) {
   ASSERT_TRUE(deliver(recorder_, 4));
   EXPECT_EQ(recorder_.events, (Events{"sleep", "wake", "sleep", "wake"}));
   EXPECT_EQ(monitor.signalsReceived(), 4u);
+}
+
+TEST_F(LogindSleepMonitorTest, HoldsSleepUntilThePermitIsLetGoAndTakesTheLockAgainAtWake) {
+  Peer logind(address_, kLogind);
+  logind.serveInhibit();
+  LogindSleepMonitor monitor(main_, address_);
+  ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
+  ASSERT_TRUE(eventually([&] { return monitor.holdsDelayLock(); }, [&] { logind.process(); }));
+  ASSERT_EQ(logind.locksGiven(), 1u);
+
+  logind.prepareForSleep({true});
+  ASSERT_TRUE(deliver(recorder_, 1));
+  // The handler's work is not done while it holds the permit: the machine must not sleep yet.
+  EXPECT_FALSE(logind.latestLockReleased());
+  SleepPermit handedOn = recorder_.permits.front();
+  recorder_.permits.clear();
+  EXPECT_FALSE(logind.latestLockReleased());
+  handedOn.reset();
+  EXPECT_TRUE(eventually([&] { return logind.latestLockReleased(); }));
+  EXPECT_FALSE(monitor.holdsDelayLock());
+
+  logind.prepareForSleep({false});
+  ASSERT_TRUE(deliver(recorder_, 2));
+  ASSERT_TRUE(eventually([&] { return monitor.holdsDelayLock(); }, [&] { logind.process(); }));
+  EXPECT_EQ(logind.locksGiven(), 2u);
+  monitor.stop();
+  EXPECT_TRUE(eventually([&] { return logind.latestLockReleased(); }));
+}
+
+TEST_F(LogindSleepMonitorTest, WithoutALockFromLogindSleepStillArrivesAndOneWarningSaysWhy) {
+  Peer logind(address_, kLogind);  // answers no Inhibit call
+  LogindSleepMonitor monitor(main_, address_);
+  ASSERT_TRUE(monitor.start(recorder_.handlers(main_)));
+  logind.prepareForSleep({true, false, true});
+  ASSERT_TRUE(deliver(recorder_, 3));
+  ASSERT_TRUE(
+      eventually([&] { return countLines(logs_, kNoDelayLock) >= 1; }, [&] { logind.process(); }));
+  EXPECT_FALSE(monitor.holdsDelayLock());
+  EXPECT_EQ(countLines(logs_, kNoDelayLock), 1u);
 }
 
 TEST_F(LogindSleepMonitorTest, HeedsOnlyWellFormedSignalsFromLogind) {
