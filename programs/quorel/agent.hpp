@@ -19,6 +19,8 @@ struct AgentOptions {
   // Stands in for /sys for every reader (DIR/class/power_supply, DIR/class/thermal,
   // DIR/class/powercap).
   std::filesystem::path sysfsRoot = "/sys";
+  // Stands in for /proc for the process sampler.
+  std::filesystem::path procRoot = "/proc";
   // Replaces $XDG_DATA_HOME/quorel: the database and the server's token and endpoint files.
   std::optional<std::filesystem::path> dataDirectory;
   bool verbose = false;

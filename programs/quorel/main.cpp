@@ -63,6 +63,7 @@ static int runMain(int argc, char** argv) {
   double intervalSeconds = 0;
   std::string sandboxConfig;
   std::string sysfsRoot = "/sys";
+  std::string procRoot = "/proc";
   std::string dataDir;
   app.add_flag("--json", options.json,
                "Write every published power state to standard output, one JSON object per line");
@@ -79,6 +80,10 @@ static int runMain(int argc, char** argv) {
   app.add_option("--sysfs-root", sysfsRoot,
                  "Directory standing in for /sys (readers use DIR/class/power_supply, "
                  "DIR/class/thermal and DIR/class/powercap), e.g. a captured tree")
+      ->check(CLI::ExistingDirectory);
+  app.add_option("--proc-root", procRoot,
+                 "Directory standing in for /proc, where the process sampler reads which "
+                 "processes use the CPU, e.g. a generated tree")
       ->check(CLI::ExistingDirectory);
   app.add_option("--data-dir", dataDir,
                  "Directory for the history database and the server's token and endpoint files "
@@ -137,6 +142,7 @@ static int runMain(int argc, char** argv) {
   if (interval->count() > 0) options.interval = quorel::Seconds{intervalSeconds};
   if (!sandboxConfig.empty()) options.sandboxConfigFile = sandboxConfig;
   options.sysfsRoot = sysfsRoot;
+  options.procRoot = procRoot;
   options.dataDirectory = context.dataDirectory;
   return quorel::runAgent(options);
 }
