@@ -39,6 +39,7 @@ std::optional<GpuPowerSource> findReading(const std::filesystem::path& device) {
       std::error_code ignored;
       if (std::filesystem::is_regular_file(file, ignored)) {
         GpuPowerSource source;
+        source.device = device;
         source.file = file;
         source.kind = candidate.kind;
         return source;
@@ -95,6 +96,11 @@ std::vector<std::optional<double>> GpuPowerMeter::read() {
   std::vector<std::optional<double>> watts(sources_.size());
   std::vector<std::optional<std::uint64_t>> energy(sources_.size());
   for (std::size_t i = 0; i < sources_.size(); ++i) {
+    const auto status = read_(sources_[i].device / "power/runtime_status", nullptr);
+    if (status && sysfs::trim(*status) == "suspended") {
+      watts[i] = 0.0;
+      continue;
+    }
     const auto value = readInteger(read_, sources_[i].file);
     if (!value || *value < 0) continue;
     if (sources_[i].kind == GpuReadingKind::energy) {

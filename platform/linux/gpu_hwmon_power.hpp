@@ -22,6 +22,7 @@ enum class GpuReadingKind {
 
 struct GpuPowerSource {
   std::string card;  // "card1"
+  std::filesystem::path device;
   std::filesystem::path file;
   GpuReadingKind kind = GpuReadingKind::energy;
   // The GPU shares the processor's die and its reading covers the whole package, processor
@@ -53,9 +54,10 @@ class GpuPowerMeter {
   const std::vector<GpuPowerSource>& sources() const { return sources_; }
 
   // Watts per source, in the set's order. A power figure is taken as it stands; an energy
-  // counter gives its average since the previous read. Absent for a source that could not be
-  // read (a discrete GPU asleep may refuse), on a counter's first read, when it went backwards,
-  // and when the machine slept since the previous read.
+  // counter gives its average since the previous read. A card the kernel has put to sleep
+  // (runtime power management) is 0 W and is not read: on some kernels a read wakes it.
+  // Absent for a source that could not be read, on a counter's first read, when it went
+  // backwards, and when the machine slept since the previous read.
   std::vector<std::optional<double>> read();
   // Forgets the counters' baselines.
   void reset();

@@ -65,6 +65,10 @@ class PowercapTree {
       tree_.write(device / "mem_info_vram_total", std::to_string(*memory_bytes) + "\n");
     }
   }
+  void gpuRuntimeStatus(const std::string& card, const std::string& status) {
+    tree_.write(std::filesystem::path("class/drm") / card / "device/power/runtime_status",
+                status + "\n");
+  }
   void unreadableGpu(const std::string& card, const std::string& file) {
     tree_.makeUnreadable(std::filesystem::path("class/drm") / card / "device/hwmon/hwmon4" / file);
   }
@@ -281,6 +285,14 @@ TEST_F(SamplerFixture, DiscreteGpusGiveTheGraphicsFigureInsteadOfTheUncoreAndAdd
   expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 6, 0, 0, true});
   tree.gpu("card0", "energy1_input", 2'010'000'000);
   expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 2 + 6, 0, 0, true});
+
+  // Put to sleep by the kernel, a card draws next to nothing and is left unread, whatever its
+  // last figure says.
+  tree.gpuRuntimeStatus("card1", "suspended");
+  tree.gpu("card0", "energy1_input", 2'020'000'000);
+  expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 2, 0, 0, true});
+  tree.gpuRuntimeStatus("card1", "active");
+  expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 6, 0, 0, true});
 }
 
 TEST_F(SamplerFixture, AnIntegratedGpusReadingIsNeverAddedToTheProcessorsFigures) {
