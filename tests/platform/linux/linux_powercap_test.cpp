@@ -54,8 +54,7 @@ class PowercapTree {
     set(id, energy_[id] + static_cast<std::uint64_t>(joules * 1e6));
   }
   void remove(const std::string& id) { tree_.remove(dir(id)); }
-  // A card under the DRM class beside the powercap class, with one hwmon reading and, when
-  // given, the dedicated memory its driver reports.
+  // A card beside the powercap class: one hwmon reading and, when given, its dedicated memory.
   void gpu(const std::string& card, const std::string& file, std::uint64_t value,
            std::optional<std::int64_t> memory_bytes = std::nullopt) {
     const auto device = std::filesystem::path("class/drm") / card / "device";
@@ -277,8 +276,7 @@ TEST_F(SamplerFixture, DiscreteGpusGiveTheGraphicsFigureInsteadOfTheUncoreAndAdd
   expectPower(step(5, {{"intel-rapl:0:0", 40}, {"intel-rapl:0:1", 10}, {"intel-rapl:0:2", 5}}),
               {0, 8, 15 + 6, 0, 1, true});
 
-  // A card asleep refuses its reading: it adds nothing, the sample stands, and its counter
-  // starts afresh once it answers again.
+  // A card that refuses its reading adds nothing; its counter starts afresh once it answers.
   tree.unreadableGpu("card0", "energy1_input");
   expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 6, 0, 0, true});
   tree.gpu("card0", "energy1_input", 2'000'000'000);
@@ -286,8 +284,7 @@ TEST_F(SamplerFixture, DiscreteGpusGiveTheGraphicsFigureInsteadOfTheUncoreAndAdd
   tree.gpu("card0", "energy1_input", 2'010'000'000);
   expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 2 + 6, 0, 0, true});
 
-  // Put to sleep by the kernel, a card draws next to nothing and is left unread, whatever its
-  // last figure says.
+  // Put to sleep by the kernel, a card is left unread and draws nothing, whatever it last said.
   tree.gpuRuntimeStatus("card1", "suspended");
   tree.gpu("card0", "energy1_input", 2'020'000'000);
   expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 2, 0, 0, true});
@@ -296,8 +293,7 @@ TEST_F(SamplerFixture, DiscreteGpusGiveTheGraphicsFigureInsteadOfTheUncoreAndAdd
 }
 
 TEST_F(SamplerFixture, AnIntegratedGpusReadingIsNeverAddedToTheProcessorsFigures) {
-  // Reported dedicated memory up to 2 GiB is a carve-out of system memory: the GPU shares the
-  // processor's die and its reading covers the whole package.
+  // Dedicated memory up to 2 GiB is a carve-out: the reading covers the whole package.
   const struct {
     std::optional<std::int64_t> memory_bytes;
     double gpuWatts;

@@ -101,8 +101,7 @@ std::size_t openDescriptorCount() {
   return openDescriptors().size();
 }
 
-// One sampler pass: every listed process's CPU time, kernel threads included, in ticks of
-// kTicksPerSecond (4 ms).
+// One sampler pass: every listed process's CPU time in ticks of kTicksPerSecond (4 ms).
 std::uint64_t passTicks(const LinuxProcfsProcessTable& table) {
   std::uint64_t total_ns = 0;
   for (ProcessId pid : table.listPids()) {
@@ -275,8 +274,7 @@ TEST_F(LinuxProcfsProcessTableTest, KeptDescriptorsFollowTheListingAndCloseWithT
     // 500 + 0 + 41 + 1251 + 7: the kernel thread's 41 count in the total.
     EXPECT_EQ(passTicks(table), 1799u);
     EXPECT_EQ(openDescriptorCount(), before + 5);
-    // Rewritten in place, as procfs renders a line afresh on every read: a pass sees the new
-    // figure through the descriptor it kept, opening nothing.
+    // Rewritten in place, as procfs renders lines afresh: read through the kept descriptor.
     tree.process(4242, {"my prog) (x", 'R', 1, kUserFlags, 1500, 251, 322698}, "node\0"s);
     EXPECT_EQ(passTicks(table), 2299u);
     EXPECT_EQ(openDescriptorCount(), before + 5);
@@ -303,8 +301,7 @@ TEST_F(LinuxProcfsProcessTableTest, KeptDescriptorsFollowTheListingAndCloseWithT
 }
 
 TEST_F(LinuxProcfsProcessTableTest, OnPlainFilesAReplacedStatIsReadAfresh) {
-  // Unlike procfs, a plain file replaced under a kept descriptor would still be read through
-  // it, so a captured tree is reopened on every read unless told otherwise.
+  // A plain file replaced under a kept descriptor would still be read through it.
   const LinuxProcfsProcessTable table(tree.root(), kTicksPerSecond);
   EXPECT_EQ(table.readStat(4242)->cpuTime_ns, 5'004'000'000u);
   tree.remove("4242");
@@ -326,8 +323,7 @@ TEST_F(LinuxProcfsProcessTableTest, RunningOutOfDescriptorsFallsBackToReopeningA
   const auto run = [&] {
     testing::LogCapture logs;
     const LinuxProcfsProcessTable table(tree.root(), kTicksPerSecond, StatDescriptors::keepOpen);
-    // New descriptors take the lowest free numbers: about twenty are left free below the limit
-    // (the death test's own, numbered high, stay open above it).
+    // About twenty free below the limit (the death test's own, numbered high, stay open).
     rlimit limit{};
     ::getrlimit(RLIMIT_NOFILE, &limit);
     limit.rlim_cur = static_cast<rlim_t>(openDescriptorCount() + 20);
