@@ -31,6 +31,11 @@ struct PackageFigures {
   }
 };
 
+double bounded(const std::optional<double>& watts) {
+  return watts && *watts >= 0 && *watts <= LinuxPowercapComponentSampler::kMaxZoneWatts ? *watts
+                                                                                        : 0.0;
+}
+
 }  // namespace
 
 LinuxPowercapComponentSampler::LinuxPowercapComponentSampler(std::filesystem::path powercapRoot,
@@ -48,10 +53,24 @@ LinuxPowercapComponentSampler::LinuxPowercapComponentSampler(std::filesystem::pa
   log_->info("init: energy zones = [{}], isAvailable={}", zones, available_);
 }
 
+void LinuxPowercapComponentSampler::discoverGpus() {
+  std::vector<GpuPowerSource> discrete;
+  std::string found;
+  for (auto& source : discoverGpuPowerSources(root_.parent_path() / "drm", read_)) {
+    found += fmt::format(
+        "{}{} ({}{})", found.empty() ? "" : ", ", source.card, source.file.filename().string(),
+        source.integrated ? ", integrated: processor's power included, unused" : "");
+    if (!source.integrated) discrete.push_back(std::move(source));
+  }
+  if (!found.empty()) log_->info("init: GPU power readings = [{}]", found);
+  gpus_ = std::make_unique<GpuPowerMeter>(std::move(discrete), read_, clocks_);
+}
+
 LinuxPowercapComponentSampler::~LinuxPowercapComponentSampler() = default;
 
 // The whole-machine zone belongs to the rails, not to the breakdown of the chip.
 void LinuxPowercapComponentSampler::discover() {
+  discoverGpus();
   PowercapDiscovery discovery = discoverPowercapZones(root_, read_);
   if (discovery.error) log_->warn("init: {} — component power unavailable", *discovery.error);
   std::erase_if(discovery.zones,
@@ -97,19 +116,28 @@ std::optional<ComponentPower> LinuxPowercapComponentSampler::sample() {
     return std::nullopt;
   }
   const EnergyCounterSet::Reading reading = counters_->read();
+  // The GPUs' counters keep the same baselines as the zones': taken when the zones take theirs,
+  // kept while a call comes too soon, dropped with them.
   switch (reading.outcome) {
     case EnergyCounterSet::Outcome::first:
+      gpus_->reset();
+      gpus_->read();
+      return std::nullopt;
     case EnergyCounterSet::Outcome::tooShort:
       return std::nullopt;
     case EnergyCounterSet::Outcome::sleptBetween:
       log_->info("sample: skipping sleep-boundary sample (slept {:.1f}s between readings)",
                  reading.slept.count());
       consecutiveFailures_ = 0;
+      gpus_->reset();
+      gpus_->read();
       return std::nullopt;
     case EnergyCounterSet::Outcome::denied:
+      gpus_->reset();
       reportDenied();
       return std::nullopt;
     case EnergyCounterSet::Outcome::failed:
+      gpus_->reset();
       return recordFailure(reading.failure);
     case EnergyCounterSet::Outcome::measured:
       break;
@@ -130,8 +158,7 @@ ComponentPower LinuxPowercapComponentSampler::combine(const EnergyCounterSet::Re
   const auto& zones = counters_->zones();
   for (std::size_t i = 0; i < zones.size(); ++i) {
     const PowercapZone& zone = zones[i];
-    const std::optional<double> raw = reading.watts[i];
-    const double watts = raw && *raw >= 0 && *raw <= kMaxZoneWatts ? *raw : 0.0;
+    const double watts = bounded(reading.watts[i]);
     PackageFigures& figures = packages[zone.groupId];
     switch (zone.kind) {
       case PowercapZoneKind::package:
@@ -162,6 +189,12 @@ ComponentPower LinuxPowercapComponentSampler::combine(const EnergyCounterSet::Re
     power.pcpuWatts += figures.cores();
     power.gpuWatts += figures.uncore;
     power.dramWatts += figures.dram;
+  }
+  if (!gpus_->sources().empty()) {
+    // A GPU's own reading is the better figure for graphics; the uncore zone holds more than
+    // the integrated graphics, and nothing of a discrete card.
+    power.gpuWatts = 0;
+    for (const std::optional<double>& watts : gpus_->read()) power.gpuWatts += bounded(watts);
   }
   return power;
 }

@@ -1,8 +1,10 @@
 #pragma once
 // Per-component power on Linux, from the RAPL energy counters under the powercap class. The
 // cores are the "core" zone (or, where a package has none, the package less its uncore and
-// memory), integrated graphics the "uncore" zone, memory the "dram" zone. The kernel has no
-// counter for efficiency cores or neural units, so those stay 0. Several packages add up.
+// memory), memory the "dram" zone. Graphics is the discrete GPUs' own hwmon readings, added up,
+// where any has one, and the "uncore" zone (integrated graphics) otherwise; an integrated GPU's
+// reading already holds the processor's power and is never used. The kernel has no counter for
+// efficiency cores or neural units, so those stay 0. Several packages add up.
 
 #include <cstdint>
 #include <filesystem>
@@ -11,6 +13,7 @@
 #include <set>
 #include <string>
 
+#include "platform/linux/gpu_hwmon_power.hpp"
 #include "platform/linux/powercap_energy_counters.hpp"
 #include "telemetry/power_data_provider.hpp"
 
@@ -22,13 +25,14 @@ namespace quorel {
 
 class LinuxPowercapComponentSampler final : public ComponentPowerSampler {
  public:
-  // Above this one zone's figure is a counter glitch, not power, and contributes 0.
+  // Above this one zone's (or one GPU's) figure is a counter glitch, not power, and contributes 0.
   static constexpr double kMaxZoneWatts = 100;
   // After this many failed samples in a row the zones are discovered afresh.
   static constexpr long kRediscoverAfterFailures = 3;
 
-  // `powercapRoot` is e.g. /sys/class/powercap. Discovers the zones and checks that their
-  // counters may be read; `read` and `clocks` are the seams for tests.
+  // `powercapRoot` is e.g. /sys/class/powercap; the GPUs are looked for in the DRM class beside
+  // it (/sys/class/drm). Discovers the zones and checks that their counters may be read; `read`
+  // and `clocks` are the seams for tests.
   explicit LinuxPowercapComponentSampler(std::filesystem::path powercapRoot,
                                          AttributeReader read = sysfsAttributeReader(),
                                          KernelClockSource clocks = readKernelClocks);
@@ -41,6 +45,7 @@ class LinuxPowercapComponentSampler final : public ComponentPowerSampler {
 
  private:
   void discover();
+  void discoverGpus();
   std::optional<ComponentPower> recordFailure(const std::string& what);
   void reportDenied();
   ComponentPower combine(const EnergyCounterSet::Reading& reading);
@@ -50,6 +55,7 @@ class LinuxPowercapComponentSampler final : public ComponentPowerSampler {
   KernelClockSource clocks_;
   std::shared_ptr<spdlog::logger> log_;
   std::unique_ptr<EnergyCounterSet> counters_;
+  std::unique_ptr<GpuPowerMeter> gpus_;  // the discrete GPUs with a reading
   bool available_ = false;
   bool deniedLogged_ = false;
   long consecutiveFailures_ = 0;

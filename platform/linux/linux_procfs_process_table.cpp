@@ -3,6 +3,10 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/magic.h>
+#include <spdlog/logger.h>
+#include <sys/resource.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +15,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "core/logging.hpp"
 #include "energy/process_text.hpp"
 #include "platform/linux/file_descriptor.hpp"
 
@@ -35,6 +40,46 @@ ssize_t readOnce(int fd, char* buffer, std::size_t size) {
     const ssize_t n = ::read(fd, buffer, size);
     if (n >= 0 || errno != EINTR) return n;
   }
+}
+
+ssize_t readAtStart(int fd, char* buffer, std::size_t size) {
+  while (true) {
+    const ssize_t n = ::pread(fd, buffer, size, 0);
+    if (n >= 0 || errno != EINTR) return n;
+  }
+}
+
+// Descriptors left to the rest of the program (the database, sockets, sysfs reads) however many
+// processes there are.
+constexpr rlim_t kReservedDescriptors = 256;
+// Beyond any machine's process count; keeps an unlimited soft limit from meaning unbounded.
+constexpr std::size_t kMaxKeptStats = 1 << 20;
+
+// The limit belongs to the process, not to a table, so it is raised once.
+void raiseOpenFileLimit() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+  });
+}
+
+// How many stat descriptors a table may keep under the current soft limit.
+std::size_t keptStatCapacity() {
+  raiseOpenFileLimit();
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return 0;
+  if (limit.rlim_cur == RLIM_INFINITY) return kMaxKeptStats;
+  const rlim_t soft = limit.rlim_cur;
+  const rlim_t capacity = soft > 2 * kReservedDescriptors ? soft - kReservedDescriptors : soft / 2;
+  return std::min<std::size_t>(capacity, kMaxKeptStats);
+}
+
+bool isProcfs(const std::string& root) {
+  struct statfs fs {};
+  return ::statfs(root.c_str(), &fs) == 0 && fs.f_type == PROC_SUPER_MAGIC;
 }
 
 // Appends the rest of the file to `text`, up to `limit` bytes in all.
@@ -186,11 +231,19 @@ std::optional<std::int64_t> parseBootTime(std::string_view systemStat) {
 }  // namespace procfs
 
 LinuxProcfsProcessTable::LinuxProcfsProcessTable(std::filesystem::path procRoot,
-                                                 std::optional<long> ticksPerSecond)
+                                                 std::optional<long> ticksPerSecond,
+                                                 StatDescriptors descriptors)
     : root_(procRoot.string()),
       ticksPerSecond_(ticksPerSecond && *ticksPerSecond > 0 ? *ticksPerSecond : systemTickRate()) {
   while (root_.size() > 1 && root_.back() == '/') root_.pop_back();
+  keepOpen_ = descriptors == StatDescriptors::keepOpen ||
+              (descriptors == StatDescriptors::automatic && isProcfs(root_));
+  if (keepOpen_) keptCapacity_ = keptStatCapacity();
   refreshSystemFacts();
+}
+
+LinuxProcfsProcessTable::~LinuxProcfsProcessTable() {
+  for (const KeptStat& kept : kept_) ::close(kept.fd);
 }
 
 std::optional<std::int64_t> LinuxProcfsProcessTable::bootTime_s() const {
@@ -236,14 +289,33 @@ std::vector<ProcessId> LinuxProcfsProcessTable::listPids() const {
   refreshSystemFacts();
   std::vector<ProcessId> pids;
   DIR* dir = ::opendir(root_.c_str());
-  if (dir == nullptr) return pids;
+  if (dir == nullptr) {
+    if (keepOpen_) closeStatsNotIn(pids);
+    return pids;
+  }
   while (const dirent* entry = ::readdir(dir)) {
     ProcessId pid = 0;
     if (isPidName(entry->d_name, pid)) pids.push_back(pid);
   }
   ::closedir(dir);
   std::sort(pids.begin(), pids.end());
+  if (keepOpen_) closeStatsNotIn(pids);
   return pids;
+}
+
+void LinuxProcfsProcessTable::closeStatsNotIn(const std::vector<ProcessId>& pids) const {
+  const std::lock_guard lock(keptLock_);
+  auto listed = pids.begin();
+  auto out = kept_.begin();
+  for (const KeptStat& kept : kept_) {
+    listed = std::lower_bound(listed, pids.end(), kept.pid);
+    if (listed != pids.end() && *listed == kept.pid) {
+      *out++ = kept;
+    } else {
+      ::close(kept.fd);
+    }
+  }
+  kept_.erase(out, kept_.end());
 }
 
 bool LinuxProcfsProcessTable::pidFilePath(ProcessId pid, std::string_view file, char* buffer,
@@ -262,22 +334,84 @@ bool LinuxProcfsProcessTable::pidFilePath(ProcessId pid, std::string_view file, 
   return true;
 }
 
-std::optional<ProcessStat> LinuxProcfsProcessTable::readStat(ProcessId pid) const {
+int LinuxProcfsProcessTable::openStat(ProcessId pid) const {
   char path[PATH_MAX];
-  if (pid <= 0 || !pidFilePath(pid, "stat", path, sizeof path)) return std::nullopt;
-  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::nullopt;
-  FileDescriptor guard(fd);
+  if (!pidFilePath(pid, "stat", path, sizeof path)) return -1;
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (fd < 0 && (errno == EMFILE || errno == ENFILE) && keepOpen_ && !kept_.empty()) {
+    shedStatDescriptors();
+    fd = ::open(path, O_RDONLY | O_CLOEXEC);
+  }
+  return fd;
+}
+
+// The program needs descriptors more than a pass needs to save opens: a quarter of the kept
+// ones are given back (the highest pids, as good as any), no more are kept from now on, and the
+// processes not kept are read open-read-close.
+void LinuxProcfsProcessTable::shedStatDescriptors() const {
+  const std::size_t keep = kept_.size() - std::max<std::size_t>(1, kept_.size() / 4);
+  for (std::size_t i = keep; i < kept_.size(); ++i) ::close(kept_[i].fd);
+  kept_.resize(keep);
+  keptCapacity_ = keep;
+  if (exhaustionLogged_) return;
+  exhaustionLogged_ = true;
+  logging::get("ProcessTable")
+      ->warn(
+          "out of file descriptors — keeping {} stat files open, reading the others "
+          "open-read-close",
+          keep);
+}
+
+std::optional<ProcessStat> LinuxProcfsProcessTable::readStatFrom(int fd, ProcessId pid,
+                                                                 bool& wholeInBuffer) const {
   char buffer[kStatBufferSize];
   const ssize_t n = readOnce(fd, buffer, sizeof buffer);
+  wholeInBuffer = n > 0 && static_cast<std::size_t>(n) < sizeof buffer;
   if (n <= 0) return std::nullopt;
   const auto length = static_cast<std::size_t>(n);
-  if (length < sizeof buffer) {
-    return procfs::parseStat({buffer, length}, pid, statContext());
-  }
+  if (wholeInBuffer) return procfs::parseStat({buffer, length}, pid, statContext());
   std::string longLine(buffer, length);
   if (!readRest(fd, longLine, 64 * 1024)) return std::nullopt;
   return procfs::parseStat(longLine, pid, statContext());
+}
+
+std::optional<ProcessStat> LinuxProcfsProcessTable::readKeptStat(ProcessId pid) const {
+  const auto byPid = [](const KeptStat& kept, ProcessId p) { return kept.pid < p; };
+  const std::lock_guard lock(keptLock_);
+  auto kept = std::lower_bound(kept_.begin(), kept_.end(), pid, byPid);
+  if (kept != kept_.end() && kept->pid == pid) {
+    char buffer[kStatBufferSize];
+    const ssize_t n = readAtStart(kept->fd, buffer, sizeof buffer);
+    if (n > 0 && static_cast<std::size_t>(n) < sizeof buffer) {
+      auto stat = procfs::parseStat({buffer, static_cast<std::size_t>(n)}, pid, statContext());
+      if (stat && stat->startTicks == kept->startTicks) return stat;
+    }
+    // ESRCH or nothing to read: the process ended. Another start: the file was replaced under
+    // the descriptor. Either way the pid may belong to a new process now, so look afresh.
+    ::close(kept->fd);
+    kept_.erase(kept);
+  }
+  const int fd = openStat(pid);
+  if (fd < 0) return std::nullopt;
+  FileDescriptor guard(fd);
+  bool wholeInBuffer = false;
+  auto stat = readStatFrom(fd, pid, wholeInBuffer);
+  // A line longer than the buffer cannot be read again with one pread; it is not kept.
+  if (stat && wholeInBuffer && kept_.size() < keptCapacity_) {
+    kept_.insert(std::lower_bound(kept_.begin(), kept_.end(), pid, byPid),
+                 {pid, guard.release(), stat->startTicks});
+  }
+  return stat;
+}
+
+std::optional<ProcessStat> LinuxProcfsProcessTable::readStat(ProcessId pid) const {
+  if (pid <= 0) return std::nullopt;
+  if (keepOpen_) return readKeptStat(pid);
+  const int fd = openStat(pid);
+  if (fd < 0) return std::nullopt;
+  FileDescriptor guard(fd);
+  bool wholeInBuffer = false;
+  return readStatFrom(fd, pid, wholeInBuffer);
 }
 
 std::optional<std::string> LinuxProcfsProcessTable::readPidFile(ProcessId pid,

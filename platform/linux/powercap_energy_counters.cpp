@@ -13,10 +13,6 @@ namespace quorel {
 
 namespace {
 
-// The two clocks are read one after the other, so their difference jitters by microseconds;
-// anything beyond this is time the machine spent suspended.
-constexpr Seconds kSleepTolerance{0.1};
-
 constexpr EnumTextTable kZoneNames{std::array{
     std::pair{PowercapZoneKind::core, std::string_view{"core"}},
     std::pair{PowercapZoneKind::uncore, std::string_view{"uncore"}},

@@ -84,6 +84,9 @@ class EnergyCounterSet {
 
   // Below this a pair says more about the counters' update granularity than about power.
   static constexpr Seconds kMinimumInterval{0.05};
+  // The two kernel clocks are read one after the other, so their difference jitters by
+  // microseconds; anything beyond this is time the machine spent suspended.
+  static constexpr Seconds kSleepTolerance{0.1};
 
   EnergyCounterSet(std::vector<PowercapZone> zones, AttributeReader read, KernelClockSource clocks);
 

@@ -54,6 +54,23 @@ class PowercapTree {
     set(id, energy_[id] + static_cast<std::uint64_t>(joules * 1e6));
   }
   void remove(const std::string& id) { tree_.remove(dir(id)); }
+  // A card beside the powercap class: one hwmon reading and, when given, its dedicated memory.
+  void gpu(const std::string& card, const std::string& file, std::uint64_t value,
+           std::optional<std::int64_t> memory_bytes = std::nullopt) {
+    const auto device = std::filesystem::path("class/drm") / card / "device";
+    tree_.remove(device / "hwmon/hwmon4" / file);  // it may have been made unreadable
+    tree_.write(device / "hwmon/hwmon4" / file, std::to_string(value) + "\n");
+    if (memory_bytes) {
+      tree_.write(device / "mem_info_vram_total", std::to_string(*memory_bytes) + "\n");
+    }
+  }
+  void gpuRuntimeStatus(const std::string& card, const std::string& status) {
+    tree_.write(std::filesystem::path("class/drm") / card / "device/power/runtime_status",
+                status + "\n");
+  }
+  void unreadableGpu(const std::string& card, const std::string& file) {
+    tree_.makeUnreadable(std::filesystem::path("class/drm") / card / "device/hwmon/hwmon4" / file);
+  }
   std::filesystem::path root() const { return sysfs::powercapClassPath(tree_.root()); }
 
   // Reads through the real reader, except that energy_uj is refused while `denied` is set, as
@@ -243,6 +260,71 @@ TEST_F(SamplerFixture, RepeatedReadFailuresRediscoverTheZones) {
   ASSERT_TRUE(sampler->isAvailable());
   sampler->sample();
   expectPower(step(5, {{"intel-rapl:0:0", 25}}), {0, 5, 0, 0, 0, true});
+}
+
+constexpr std::int64_t kGiB = std::int64_t{1} << 30;
+
+TEST_F(SamplerFixture, DiscreteGpusGiveTheGraphicsFigureInsteadOfTheUncoreAndAddUp) {
+  // A counter and an average, on two cards; a connector and a render node are no cards.
+  tree.gpu("card0", "energy1_input", 1'000'000'000, 8 * kGiB);
+  tree.gpu("card1", "power1_average", 6'000'000);
+  tree.gpu("card1", "power1_input", 90'000'000);  // the average is preferred to it
+  tree.gpu("card0-DP-1", "power1_input", 50'000'000);
+  tree.gpu("renderD128", "power1_input", 50'000'000);
+  build(kLaptop);
+  tree.gpu("card0", "energy1_input", 1'075'000'000);  // 75 J over the 5 s
+  expectPower(step(5, {{"intel-rapl:0:0", 40}, {"intel-rapl:0:1", 10}, {"intel-rapl:0:2", 5}}),
+              {0, 8, 15 + 6, 0, 1, true});
+
+  // A card that refuses its reading adds nothing; its counter starts afresh once it answers.
+  tree.unreadableGpu("card0", "energy1_input");
+  expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 6, 0, 0, true});
+  tree.gpu("card0", "energy1_input", 2'000'000'000);
+  expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 6, 0, 0, true});
+  tree.gpu("card0", "energy1_input", 2'010'000'000);
+  expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 2 + 6, 0, 0, true});
+
+  // Put to sleep by the kernel, a card is left unread and draws nothing, whatever it last said.
+  tree.gpuRuntimeStatus("card1", "suspended");
+  tree.gpu("card0", "energy1_input", 2'020'000'000);
+  expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 2, 0, 0, true});
+  tree.gpuRuntimeStatus("card1", "active");
+  expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 6, 0, 0, true});
+}
+
+TEST_F(SamplerFixture, AnIntegratedGpusReadingIsNeverAddedToTheProcessorsFigures) {
+  // Dedicated memory up to 2 GiB is a carve-out: the reading covers the whole package.
+  const struct {
+    std::optional<std::int64_t> memory_bytes;
+    double gpuWatts;
+  } cases[] = {{kGiB / 2, 2}, {2 * kGiB, 2}, {2 * kGiB + 1, 20}, {std::nullopt, 20}};
+  for (const auto& c : cases) {
+    PowercapTree machine;
+    for (const auto& [id, name] : kLaptop) machine.zone(id, name);
+    machine.gpu("card0", "power1_average", 20'000'000, c.memory_bytes);
+    LinuxPowercapComponentSampler apu(machine.root(), machine.reader(), clocks.source());
+    apu.sample();
+    clocks.run(5);
+    machine.add("intel-rapl:0:0", 40);
+    machine.add("intel-rapl:0:1", 10);
+    expectPower(apu.sample(), {0, 8, c.gpuWatts, 0, 0, true});
+  }
+}
+
+TEST_F(SamplerFixture, GpuReadingsKeepTheGlitchBoundAndTheSleepRule) {
+  tree.gpu("card0", "energy1_input", 0, 16 * kGiB);
+  tree.gpu("card1", "power1_input", 100'000'001);  // just beyond the bound
+  build(kLaptop);
+  tree.gpu("card0", "energy1_input", 500'000'000);  // exactly 100 W over 5 s: kept
+  expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 100, 0, 0, true});
+
+  // The energy used across a sleep is no one's: the first pair after it starts at the wake.
+  clocks.suspend(600);
+  tree.gpu("card0", "energy1_input", 900'000'000);
+  tree.gpu("card1", "power1_input", 4'000'000);
+  EXPECT_EQ(step(5, {{"intel-rapl:0:0", 5}}), std::nullopt);
+  tree.gpu("card0", "energy1_input", 920'000'000);
+  expectPower(step(5, {{"intel-rapl:0:0", 5}}), {0, 1, 4 + 4, 0, 0, true});
 }
 
 }  // namespace

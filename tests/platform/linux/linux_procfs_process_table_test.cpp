@@ -2,9 +2,13 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -84,6 +88,27 @@ class ProcTree {
  private:
   testing::SysfsTree tree_;
 };
+
+// The descriptors this process holds, as the kernel lists them (the listing's own included).
+std::vector<int> openDescriptors() {
+  std::vector<int> fds;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    fds.push_back(std::stoi(entry.path().filename().string()));
+  }
+  return fds;
+}
+std::size_t openDescriptorCount() {
+  return openDescriptors().size();
+}
+
+// One sampler pass: every listed process's CPU time in ticks of kTicksPerSecond (4 ms).
+std::uint64_t passTicks(const LinuxProcfsProcessTable& table) {
+  std::uint64_t total_ns = 0;
+  for (ProcessId pid : table.listPids()) {
+    if (const auto stat = table.readStat(pid)) total_ns += stat->cpuTime_ns;
+  }
+  return total_ns / 4'000'000;
+}
 
 class LinuxProcfsProcessTableTest : public ::testing::Test {
  protected:
@@ -242,6 +267,77 @@ TEST_F(LinuxProcfsProcessTableTest, ReadsNamesArgumentsAndExecutablesOnDemand) {
   EXPECT_EQ(table.readExecutablePath(4243), std::filesystem::path("/usr/lib/firefox/firefox"));
 }
 
+TEST_F(LinuxProcfsProcessTableTest, KeptDescriptorsFollowTheListingAndCloseWithTheTable) {
+  const std::size_t before = openDescriptorCount();
+  {
+    const LinuxProcfsProcessTable table(tree.root(), kTicksPerSecond, StatDescriptors::keepOpen);
+    // 500 + 0 + 41 + 1251 + 7: the kernel thread's 41 count in the total.
+    EXPECT_EQ(passTicks(table), 1799u);
+    EXPECT_EQ(openDescriptorCount(), before + 5);
+    // Rewritten in place, as procfs renders lines afresh: read through the kept descriptor.
+    tree.process(4242, {"my prog) (x", 'R', 1, kUserFlags, 1500, 251, 322698}, "node\0"s);
+    EXPECT_EQ(passTicks(table), 2299u);
+    EXPECT_EQ(openDescriptorCount(), before + 5);
+
+    tree.remove("4300");  // ended: its descriptor closes in the first pass not to list it
+    EXPECT_EQ(passTicks(table), 2292u);
+    EXPECT_EQ(openDescriptorCount(), before + 4);
+
+    // Pid 15 given to a new process: another start, another owner, no longer a kernel thread.
+    tree.process(15, {"worker", 'R', 1, kUserFlags, 3, 0, 999'999}, "worker\0"s);
+    const auto reused = table.readStat(15);
+    ASSERT_TRUE(reused.has_value());
+    EXPECT_EQ(reused->startTicks, 999'999u);
+    EXPECT_EQ(reused->ppid, 1);
+    EXPECT_FALSE(reused->isKernelThread);
+    EXPECT_EQ(openDescriptorCount(), before + 4);
+
+    // A stat that reads nothing belongs to a process that has just ended.
+    tree.write("4242/stat", "");
+    EXPECT_EQ(table.readStat(4242), std::nullopt);
+    EXPECT_EQ(openDescriptorCount(), before + 3);
+  }
+  EXPECT_EQ(openDescriptorCount(), before);
+}
+
+TEST_F(LinuxProcfsProcessTableTest, OnPlainFilesAReplacedStatIsReadAfresh) {
+  // A plain file replaced under a kept descriptor would still be read through it.
+  const LinuxProcfsProcessTable table(tree.root(), kTicksPerSecond);
+  EXPECT_EQ(table.readStat(4242)->cpuTime_ns, 5'004'000'000u);
+  tree.remove("4242");
+  tree.process(4242, {.name = "successor", .utime = 25, .startTicks = 400'000}, "successor\0"s);
+  const auto stat = table.readStat(4242);
+  ASSERT_TRUE(stat.has_value());
+  EXPECT_EQ(stat->startTicks, 400'000u);
+  EXPECT_EQ(stat->cpuTime_ns, 100'000'000u);
+}
+
+// Built only without sanitizers, whose runtimes need descriptors of their own. The limit is
+// lowered in a process of its own, the death test's.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(LinuxProcfsProcessTableTest, RunningOutOfDescriptorsFallsBackToReopeningAndLogsOnce) {
+  for (ProcessId pid = 5000; pid < 5060; ++pid) {
+    tree.process(pid, {.name = "w", .utime = 1, .startTicks = 9}, "w\0"s);
+  }
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto run = [&] {
+    testing::LogCapture logs;
+    const LinuxProcfsProcessTable table(tree.root(), kTicksPerSecond, StatDescriptors::keepOpen);
+    // About twenty free below the limit (the death test's own, numbered high, stay open).
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = static_cast<rlim_t>(openDescriptorCount() + 20);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    bool ok = true;
+    for (int pass = 0; pass < 3; ++pass) ok = ok && passTicks(table) == 1799u + 60u;
+    const auto messages = logs.messages("ProcessTable");
+    ok = ok && messages.size() == 1 && messages[0].rfind("out of file descriptors", 0) == 0;
+    std::exit(ok ? 0 : 1);
+  };
+  EXPECT_EXIT(run(), ::testing::ExitedWithCode(0), "");
+}
+#endif
+
 // The layouts above are written from the kernel's; this holds them to the real thing.
 TEST(LinuxProcfsProcessTableOnThisMachineTest, ReadsItsOwnProcess) {
   const LinuxProcfsProcessTable table;
@@ -263,6 +359,34 @@ TEST(LinuxProcfsProcessTableOnThisMachineTest, ReadsItsOwnProcess) {
   if (const auto kthreadd = table.readStat(2); kthreadd && table.readName(2) == "kthreadd") {
     EXPECT_TRUE(kthreadd->isKernelThread);
   }
+}
+
+TEST(LinuxProcfsProcessTableOnThisMachineTest, AKeptDescriptorClosesWhenItsProcessEnds) {
+  const LinuxProcfsProcessTable table;
+  ASSERT_TRUE(table.keepsDescriptorsOpen()) << "/proc is procfs";
+  int gate[2];
+  ASSERT_EQ(::pipe(gate), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(gate[1]);
+    char byte;
+    (void)!::read(gate[0], &byte, 1);  // until the parent closes its end
+    ::_exit(0);
+  }
+  ::close(gate[0]);
+  const std::size_t before = openDescriptorCount() - 1;  // less the end closed below
+  ASSERT_TRUE(table.readStat(child).has_value());
+  const auto again = table.readStat(child);
+  ASSERT_TRUE(again.has_value());
+  EXPECT_EQ(again->ppid, ::getpid());
+  EXPECT_EQ(openDescriptorCount(), before + 2);
+
+  ::close(gate[1]);
+  ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+  // The kept descriptor now reads ESRCH; the pid is gone from the listing as well.
+  EXPECT_EQ(table.readStat(child), std::nullopt);
+  EXPECT_EQ(openDescriptorCount(), before);
 }
 
 }  // namespace
