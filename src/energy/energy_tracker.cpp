@@ -85,6 +85,9 @@ void EnergyTracker::sampleOnBackground() {
 }
 
 bool EnergyTracker::flush() {
+  // A caller whose flush found nothing must still be able to rely on rows another thread's flush
+  // took a moment earlier being queued by now; so taking and handing over are one step.
+  std::lock_guard ordered(flushLock_);
   const TimePoint now = clock_.now();
   EnergyIntegrator::Accumulators taken;
   QuorelDatabase* database = nullptr;

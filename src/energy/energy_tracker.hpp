@@ -55,9 +55,10 @@ class EnergyTracker {
   void stop();
 
   // Writes one row per name that observed time since the last flush and empties the
-  // accumulators. Returns true when rows were handed to the database's queue(): work posted there
-  // after this returns runs once they are written, which is how the agent learns that sleep may
-  // proceed. False when there was nothing to write or no database, and the energy is dropped.
+  // accumulators. Returns true when this call handed rows to the database's queue(). Either way,
+  // work posted on that queue after this returns runs once every row flushed so far (by this
+  // call or a tick's) is written: that is how the agent learns that sleep may proceed. Without a
+  // database the accumulated energy is dropped.
   bool flush();
 
   // One sampling pass, as the timer runs it.
@@ -102,6 +103,10 @@ class EnergyTracker {
   std::mutex timerLock_;
   TimerHandle timer_;
   std::optional<double> interval_s_;
+
+  // Held by flush() from taking the accumulators until their rows are queued; taken before
+  // bufferLock_, and never while waiting on the store.
+  std::mutex flushLock_;
 
   // Guarded by bufferLock_.
   mutable std::mutex bufferLock_;
