@@ -1,7 +1,5 @@
 #include "energy/energy_tracker.hpp"
 
-#include <spdlog/spdlog.h>
-
 #include <cmath>
 #include <utility>
 
