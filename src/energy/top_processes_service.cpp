@@ -63,6 +63,11 @@ void TopProcessesService::setCpuPackageWatts(std::optional<double> watts) {
   cpuPackageWatts_ = watts;
 }
 
+std::optional<double> TopProcessesService::cpuPackageWatts() {
+  std::lock_guard lock(powerLock_);
+  return cpuPackageWatts_;
+}
+
 TopProcessesSnapshot TopProcessesService::fetchFromSystem(int limit) {
   const std::vector<ProcessId> pids = table_.listPids();
   if (pids.empty()) return {};

@@ -81,6 +81,8 @@ class TopProcessesService {
 
   // The CPU package's power (efficiency plus performance cores), absent when not measured.
   void setCpuPackageWatts(std::optional<double> watts);
+  // The value last set: what the shares of the latest passes were taken of, near enough.
+  std::optional<double> cpuPackageWatts();
 
  private:
   struct ProcSample {
