@@ -9,6 +9,8 @@
 #include <thread>
 #include <vector>
 
+#include "energy/ai_agent_registry.hpp"
+
 namespace quorel {
 namespace {
 
@@ -94,6 +96,19 @@ TEST(AIAgentClassifierMatchTest, NamesNeedASeparatorAfterTheKnownNameAndScriptsS
   }
 }
 
+TEST(AIAgentRegistryTest, DisplayKeyedKeepsTheFirstOfIdentifiersSharingADisplayName) {
+  const auto summary = [](double energyWh) {
+    TrackedEnergySummary s;
+    s.energyWh = energyWh;
+    return s;
+  };
+  // An identifier the table does not know goes by itself, and "Amp" sorts before "amp".
+  const auto keyed = AIAgentRegistry::displayKeyed(
+      {{"amp", summary(1)}, {"Amp", summary(2)}, {"mlx", summary(3)}, {"x-agent", summary(4)}});
+  EXPECT_EQ(keyed, (std::map<std::string, TrackedEnergySummary>{
+                       {"Amp", summary(2)}, {"MLX", summary(3)}, {"x-agent", summary(4)}}));
+}
+
 class AIAgentClassifierTest : public ::testing::Test {
  protected:
   AIAgentClassifierTest() {
@@ -109,6 +124,9 @@ class AIAgentClassifierTest : public ::testing::Test {
         {210, {1, "codex", {"codex"}}},
         {211, {210, "node", {"node", "server.js"}}},
         {300, {1, "python3.12", {"python3.12", "-m", "mlx_lm.server"}}},
+        // What interprets is told by the kernel's name or by argv[0], whichever says so.
+        {310, {1, "MainThread", {"/usr/bin/bun", "/opt/gemini/bin/gemini"}}},
+        {311, {1, "uv", {"uvx", "--from", "aider-chat", "aider"}}},
         {400, {1, "ollama", {"/usr/bin/ollama", "serve"}}},
         {401, {400, "llama-server", {"llama-server"}}},
         {410, {100, "llama-server", {"llama-server"}}},
@@ -132,26 +150,26 @@ class AIAgentClassifierTest : public ::testing::Test {
 };
 
 TEST_F(AIAgentClassifierTest, FindsAgentsThroughAncestryInterpretersAndOwnNames) {
+  table.processes[0] = {0, "claude", {}};
   std::vector<ProcessId> all;
   for (const auto& [pid, p] : table.processes) all.push_back(pid);
-  ProcessStat pidZero{0, 0, 0, 1, std::nullopt, 'S', false};
-  std::vector<ProcessStat> stats = table.statsOf(all);
-  stats.push_back(pidZero);
-  table.processes[0] = {0, "claude", {}};
-  const Agents expected = {{101, "claude-code"}, {102, "claude-code"}, {103, "claude-code"},
-                           {104, "claude-code"}, {210, "codex"},       {211, "codex"},
-                           {300, "mlx"},         {400, "ollama"},      {401, "ollama"},
-                           {410, "llama-cpp"},   {420, "llama-cpp"},   {430, "aider"},
-                           {600, "claude-code"}, {602, "lm-studio"}};
-  EXPECT_EQ(classifier.classify(stats), expected);
+  const Agents expected = {
+      {101, "claude-code"}, {102, "claude-code"}, {103, "claude-code"}, {104, "claude-code"},
+      {210, "codex"},       {211, "codex"},       {300, "mlx"},         {310, "gemini-cli"},
+      {311, "aider"},       {400, "ollama"},      {401, "ollama"},      {410, "llama-cpp"},
+      {420, "llama-cpp"},   {430, "aider"},       {600, "claude-code"}, {602, "lm-studio"}};
+  EXPECT_EQ(classify(all), expected);
 }
 
 TEST_F(AIAgentClassifierTest, AncestryIsFollowedFifteenLevelsUp) {
   table.processes[900] = {1, "claude", {}};
   for (ProcessId pid = 901; pid <= 916; ++pid) table.processes[pid] = {pid - 1, "sh", {"sh"}};
+  EXPECT_EQ(classify({916}), Agents{});
+  table.calls = 0;
+  EXPECT_EQ(classify({916}), Agents{});
+  EXPECT_EQ(table.calls, 0);
+  // The walk from 916 stopped short of the agent; that says nothing about those it passed.
   EXPECT_EQ(classify({915}), (Agents{{915, "claude-code"}}));
-  AIAgentClassifier fresh{table};
-  EXPECT_EQ(fresh.classify(table.statsOf({916})), Agents{});
 }
 
 TEST_F(AIAgentClassifierTest, KnownProcessesCostNoTableCallAndNewOnesStopAtAKnownAncestor) {
@@ -189,9 +207,13 @@ TEST_F(AIAgentClassifierTest, AnswerLastsForTheProcessLifeAndNoLonger) {
   table.processes[104].startTicks = 2;
   EXPECT_EQ(classify({104}), Agents{});
 
-  // A process nobody asks about for long enough is forgotten and looked at afresh.
-  for (std::uint64_t i = 0; i <= AIAgentClassifier::kRetainedCalls; ++i) classify({});
-  EXPECT_EQ(classify({102}), Agents{});
+  // Passing through a process keeps it; one nobody asks about or passes through for long enough
+  // is forgotten and looked at afresh.
+  for (ProcessId pid = 2000; pid <= 2000 + int{AIAgentClassifier::kRetainedCalls}; ++pid) {
+    table.processes[pid] = {102, "cc1", {"cc1"}};
+    classify({pid});
+  }
+  EXPECT_EQ(classify({102, 103}), (Agents{{102, "claude-code"}}));
 }
 
 // Two callers at once both work from the cache as it was; under ThreadSanitizer this shows the
