@@ -62,8 +62,9 @@ std::map<ProcessId, std::string> AIAgentClassifier::classify(
   std::map<ProcessId, std::string> agentByPid;
   for (const ProcessStat& stat : processes) {
     const Resolution resolution = resolve(stat.pid, 0, walk);
-    if (stat.pid >= 2)
+    if (stat.pid >= 2) {
       next->insert_or_assign(stat.pid, AttributionEntry{stat.startTicks, resolution.agentId, call});
+    }
     if (resolution.agentId) agentByPid.emplace(stat.pid, *resolution.agentId);
   }
   std::erase_if(*next, [call](const auto& entry) {
