@@ -12,11 +12,10 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <random>
 #include <string>
 #include <vector>
 
+#include "bench/generated_proc_tree.hpp"
 #include "core/clock.hpp"
 #include "platform/linux/linux_procfs_process_table.hpp"
 
@@ -25,75 +24,36 @@ namespace {
 using quorel::LinuxProcfsProcessTable;
 using quorel::ProcessId;
 using quorel::StatDescriptors;
+using namespace std::string_literals;
 
 constexpr int kProcesses = 1000;
 
-// A generated procfs of `kProcesses` processes, laid out as the kernel does, with stat lines of
-// realistic length and a mix of names (spaces and parentheses among them) and kernel threads.
-class GeneratedProcTree {
- public:
-  GeneratedProcTree() {
-    std::random_device random;
-    root_ = std::filesystem::temp_directory_path() /
-            ("quorel-proc-bench-" + std::to_string(random()) + std::to_string(random()));
-    std::filesystem::create_directories(root_);
-    write("stat", "cpu  10132153 290696 3084719 46828483 16683 0 25195 0 0 0\nbtime 1795445428\n");
-    std::filesystem::create_symlink("1", root_ / "self");
-    std::filesystem::create_directories(root_ / "sys" / "kernel");
-    std::mt19937 numbers(7);
-    const char* names[] = {"bash",
-                           "node",
-                           "Web Content",
-                           "my prog) (x",
-                           "kworker/3:2-events",
-                           "python3",
-                           "systemd-journal",
-                           "gnome-shell"};
-    for (int i = 0; i < kProcesses; ++i) {
-      const int pid = i == 0 ? 1 : i == 1 ? 2 : 100 + i * 7;
-      const bool kernel = i % 5 == 1;
-      const std::string name = i == 1 ? "kthreadd" : names[i % 8];
-      const unsigned long flags = kernel ? 0x208040 : 0x400100;
-      const int ppid = i < 2 ? 0 : kernel ? 2 : 1;
-      const std::string line =
-          std::to_string(pid) + " (" + name + ") S " + std::to_string(ppid) + " " +
-          std::to_string(pid) + " " + std::to_string(pid) + " 34817 " + std::to_string(pid) + " " +
-          std::to_string(flags) + " " + std::to_string(numbers() % 100000) + " 0 12 0 " +
-          std::to_string(numbers() % 1000000) + " " + std::to_string(numbers() % 100000) +
-          " 0 0 20 0 4 0 " + std::to_string(24 + numbers() % 5000000) +
-          " 1249550336 41250 18446744073709551615 94274067419136 94274067439017 "
-          "140728902011280 0 0 0 0 4096 134234626 0 0 0 17 1 0 0 0 0 0 94274067455024 "
-          "94274067456640 94275096457216 140728902015627 140728902015647 140728902015647 "
-          "140728902017003 0\n";
-      const std::string dir = std::to_string(pid);
-      write(dir + "/stat", line);
-      write(dir + "/comm", name + "\n");
-      write(dir + "/cmdline", kernel ? "" : name + std::string("\0--flag\0", 8));
-      pids_.push_back(pid);
-    }
+// `kProcesses` processes with a mix of names (spaces and parentheses among them) and kernel
+// threads.
+std::vector<quorel::bench::GeneratedProcess> mixedProcesses() {
+  const char* names[] = {"bash",
+                         "node",
+                         "Web Content",
+                         "my prog) (x",
+                         "kworker/3:2-events",
+                         "python3",
+                         "systemd-journal",
+                         "gnome-shell"};
+  std::vector<quorel::bench::GeneratedProcess> processes;
+  for (int i = 0; i < kProcesses; ++i) {
+    const int pid = i == 0 ? 1 : i == 1 ? 2 : 100 + i * 7;
+    const bool kernel = i % 5 == 1;
+    const std::string name = i == 1 ? "kthreadd" : names[i % 8];
+    const int ppid = i < 2 ? 0 : kernel ? 2 : 1;
+    processes.push_back({pid, ppid, name,
+                         kernel ? std::vector<std::string>{} : std::vector{name, "--flag"s},
+                         kernel});
   }
-  ~GeneratedProcTree() {
-    std::error_code ignored;
-    std::filesystem::remove_all(root_, ignored);
-  }
-  GeneratedProcTree(const GeneratedProcTree&) = delete;
-  GeneratedProcTree& operator=(const GeneratedProcTree&) = delete;
+  return processes;
+}
 
-  const std::filesystem::path& root() const { return root_; }
-
- private:
-  void write(const std::string& relative, const std::string& content) {
-    const auto path = root_ / relative;
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::trunc | std::ios::binary) << content;
-  }
-
-  std::filesystem::path root_;
-  std::vector<ProcessId> pids_;
-};
-
-const GeneratedProcTree& generatedTree() {
-  static const GeneratedProcTree tree;
+const quorel::bench::GeneratedProcTree& generatedTree() {
+  static const quorel::bench::GeneratedProcTree tree("proc-bench", mixedProcesses());
   return tree;
 }
 

@@ -75,4 +75,20 @@ std::vector<std::string> splitArguments(std::string_view block) {
   return arguments;
 }
 
+std::string lowerASCII(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return out;
+}
+
+std::string lastPathComponent(std::string_view path) {
+  const auto end = path.find_last_not_of('/');
+  if (end == std::string_view::npos) return std::string(path);
+  const std::string_view trimmed = path.substr(0, end + 1);
+  const auto slash = trimmed.rfind('/');
+  return std::string(slash == std::string_view::npos ? trimmed : trimmed.substr(slash + 1));
+}
+
 }  // namespace quorel

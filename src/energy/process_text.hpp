@@ -19,4 +19,11 @@ std::string repairUTF8(std::string_view bytes);
 // rewrites its own arguments leaves NUL padding there that was never an argument.
 std::vector<std::string> splitArguments(std::string_view block);
 
+// ASCII letters lowered, everything else kept: process names are compared without case, but
+// their non-ASCII bytes must survive untouched.
+std::string lowerASCII(std::string_view text);
+
+// The part after the last '/', trailing slashes ignored; a name of slashes alone stays as it is.
+std::string lastPathComponent(std::string_view path);
+
 }  // namespace quorel

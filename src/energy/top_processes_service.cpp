@@ -1,32 +1,17 @@
 #include "energy/top_processes_service.hpp"
 
 #include <algorithm>
-#include <cctype>
 #include <string_view>
 #include <utility>
 
 #include "core/uuid.hpp"
+#include "energy/process_text.hpp"
 
 namespace quorel {
 namespace {
 
 // Our own privileged daemon: its work is done on the user's behalf, not a program to blame.
 constexpr std::string_view kHelperName = "quorel-helper";
-
-std::string lowerASCII(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return out;
-}
-
-// The part after the last '/', trailing slashes ignored; a name of slashes alone stays as it is.
-std::string lastPathComponent(std::string_view path) {
-  const auto end = path.find_last_not_of('/');
-  if (end == std::string_view::npos) return std::string(path);
-  const std::string_view trimmed = path.substr(0, end + 1);
-  const auto slash = trimmed.rfind('/');
-  return std::string(slash == std::string_view::npos ? trimmed : trimmed.substr(slash + 1));
-}
 
 std::optional<double> shareOfPackage(double cpuPercent, double total,
                                      std::optional<double> packageWatts) {
@@ -100,7 +85,7 @@ TopProcessesSnapshot TopProcessesService::fetchFromSystem(int limit) {
     const double delta_ns = static_cast<double>(stat->cpuTime_ns - prev->second.cpuTime_ns);
     const double cpuPercent = delta_ns / (dt * 1e9) * 100.0;
     if (cpuPercent > 0) {
-      candidates.push_back({pid, cpuPercent, stat->startTicks, stat->isKernelThread});
+      candidates.push_back({*stat, cpuPercent});
     }
   }
   std::stable_sort(
@@ -116,15 +101,15 @@ TopProcessesSnapshot TopProcessesService::fetchFromSystem(int limit) {
     packageWatts = cpuPackageWatts_;
   }
 
-  std::vector<ProcessId> candidatePids;
-  candidatePids.reserve(candidates.size());
-  for (const Candidate& c : candidates) candidatePids.push_back(c.pid);
-  const std::map<ProcessId, std::string> agentByPid = aiClassifier_.classify(candidatePids);
+  std::vector<ProcessStat> candidateStats;
+  candidateStats.reserve(candidates.size());
+  for (const Candidate& c : candidates) candidateStats.push_back(c.stat);
+  const std::map<ProcessId, std::string> agentByPid = aiClassifier_.classify(candidateStats);
 
   TopProcessesSnapshot result;
   std::map<std::string, AIAgentUsage> byAgent;
   for (const Candidate& c : candidates) {
-    const auto agent = agentByPid.find(c.pid);
+    const auto agent = agentByPid.find(c.stat.pid);
     if (agent == agentByPid.end()) continue;
     AIAgentUsage& usage = byAgent[agent->second];
     usage.agentId = agent->second;
@@ -144,10 +129,10 @@ TopProcessesSnapshot TopProcessesService::fetchFromSystem(int limit) {
   for (const Candidate& c : candidates) {
     if (result.top.size() >= wanted) break;
     // Kernel threads belong to no program; their time stays in the total only.
-    if (c.isKernelThread) continue;
+    if (c.stat.isKernelThread) continue;
     std::optional<std::string> name = resolveName(c, names);
     if (!name) continue;
-    newNames[c.pid] = NameEntry{c.startTicks, *name};
+    newNames[c.stat.pid] = NameEntry{c.stat.startTicks, *name};
     if (*name == kHelperName) continue;
     result.top.push_back(TopProcess{makeUuid(), lastPathComponent(*name), c.cpuPercent,
                                     shareOfPackage(c.cpuPercent, total, packageWatts)});
@@ -163,16 +148,17 @@ TopProcessesSnapshot TopProcessesService::fetchFromSystem(int limit) {
 
 std::optional<std::string> TopProcessesService::resolveName(
     const Candidate& candidate, const std::unordered_map<ProcessId, NameEntry>& names) {
-  if (const auto cached = names.find(candidate.pid);
-      cached != names.end() && cached->second.startTicks == candidate.startTicks) {
+  const ProcessId pid = candidate.stat.pid;
+  if (const auto cached = names.find(pid);
+      cached != names.end() && cached->second.startTicks == candidate.stat.startTicks) {
     return cached->second.name;
   }
-  std::optional<std::string> name = table_.readName(candidate.pid);
+  std::optional<std::string> name = table_.readName(pid);
   if (!name || name->empty()) return std::nullopt;
   // The kernel keeps only 15 bytes of a name, and a thread may rename the process; the base
   // name of argv[0] is the fuller one when the kernel's doesn't start with it. The kernel's
   // short name is the only other name there is, so without argv[0] it stands as it is.
-  const std::optional<std::vector<std::string>> arguments = table_.readArguments(candidate.pid);
+  const std::optional<std::vector<std::string>> arguments = table_.readArguments(pid);
   if (arguments && !arguments->empty()) {
     std::string argvBase = lastPathComponent(arguments->front());
     if (!argvBase.empty() && !lowerASCII(*name).starts_with(lowerASCII(argvBase))) {

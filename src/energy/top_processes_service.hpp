@@ -47,14 +47,15 @@ struct TopProcessesSnapshot {
   std::vector<AIAgentUsage> ai;
 };
 
-// Tells which AI agent, if any, each process works for. The service hands it every process that
-// used CPU in a pass; the classifier that walks process ancestry and arguments implements this
-// and is built separately. Called from the sampling thread only, never under the service's locks.
+// Tells which AI agent, if any, each process works for. The service hands it the records it
+// read this pass of every process that used CPU, so that a classifier need not read them again:
+// the start tells a known process from a new one on a reused pid, the parent where to look next.
+// Called from the sampling thread only, never under the service's locks.
 class AIAgentClassifying {
  public:
   virtual ~AIAgentClassifying() = default;
   // Agent identifier by pid; pids that belong to no agent are absent.
-  virtual std::map<ProcessId, std::string> classify(const std::vector<ProcessId>& pids) = 0;
+  virtual std::map<ProcessId, std::string> classify(const std::vector<ProcessStat>& processes) = 0;
 };
 
 // Thread-safe: passes are exclusive, and callers on any thread may fetch while the view model
@@ -94,10 +95,8 @@ class TopProcessesService {
     std::string name;
   };
   struct Candidate {
-    ProcessId pid = 0;
+    ProcessStat stat;
     double cpuPercent = 0;
-    std::uint64_t startTicks = 0;
-    bool isKernelThread = false;
   };
 
   TopProcessesSnapshot fetchFromSystem(int limit);

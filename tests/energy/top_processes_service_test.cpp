@@ -19,7 +19,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using ::testing::UnorderedElementsAre;
+using ::testing::UnorderedElementsAreArray;
 
 struct FakeProcess {
   std::optional<std::string> name;
@@ -68,12 +68,12 @@ class FakeProcessTable final : public ProcessTable {
 class FakeClassifier final : public AIAgentClassifying {
  public:
   std::map<ProcessId, std::string> agents;
-  std::vector<ProcessId> asked;
-  std::map<ProcessId, std::string> classify(const std::vector<ProcessId>& pids) override {
-    asked = pids;
+  std::vector<ProcessStat> asked;
+  std::map<ProcessId, std::string> classify(const std::vector<ProcessStat>& processes) override {
+    asked = processes;
     std::map<ProcessId, std::string> out;
-    for (ProcessId pid : pids) {
-      if (agents.count(pid)) out[pid] = agents[pid];
+    for (const ProcessStat& stat : processes) {
+      if (agents.count(stat.pid)) out[stat.pid] = agents[stat.pid];
     }
     return out;
   }
@@ -150,7 +150,10 @@ TEST_F(TopProcessesServiceTest, SharesPackageOverAllBusyProcessesButListsOnlyPro
   const TopProcessesSnapshot second = passAfter(10, 2);
   EXPECT_THAT(rows(second.top), ElementsAre(Row{"editor", 30, 6.0}, Row{"builder", 20, 4.0}));
   EXPECT_THAT(aiRows(second.ai), ElementsAre(Row{"coder*1", 30, 6.0}, Row{"assistant*2", 25, 5.0}));
-  EXPECT_THAT(classifier.asked, UnorderedElementsAre(20, 21, 10, 11, 12, 22));
+  // The classifier gets the records of this very pass, so it need not read them again.
+  std::vector<ProcessStat> expectedStats;
+  for (ProcessId pid : {20, 21, 10, 11, 12, 22}) expectedStats.push_back(*table.readStat(pid));
+  EXPECT_THAT(classifier.asked, UnorderedElementsAreArray(expectedStats));
 }
 
 TEST_F(TopProcessesServiceTest, RateNeedsARecentEarlierSampleAndResumesOnePassLater) {
