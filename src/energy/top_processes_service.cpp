@@ -1,32 +1,17 @@
 #include "energy/top_processes_service.hpp"
 
 #include <algorithm>
-#include <cctype>
 #include <string_view>
 #include <utility>
 
 #include "core/uuid.hpp"
+#include "energy/process_display_name.hpp"
 
 namespace quorel {
 namespace {
 
 // Our own privileged daemon: its work is done on the user's behalf, not a program to blame.
 constexpr std::string_view kHelperName = "quorel-helper";
-
-std::string lowerASCII(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return out;
-}
-
-// The part after the last '/', trailing slashes ignored; a name of slashes alone stays as it is.
-std::string lastPathComponent(std::string_view path) {
-  const auto end = path.find_last_not_of('/');
-  if (end == std::string_view::npos) return std::string(path);
-  const std::string_view trimmed = path.substr(0, end + 1);
-  const auto slash = trimmed.rfind('/');
-  return std::string(slash == std::string_view::npos ? trimmed : trimmed.substr(slash + 1));
-}
 
 std::optional<double> shareOfPackage(double cpuPercent, double total,
                                      std::optional<double> packageWatts) {
@@ -164,17 +149,8 @@ std::optional<std::string> TopProcessesService::resolveName(
   }
   std::optional<std::string> name = table_.readName(candidate.pid);
   if (!name || name->empty()) return std::nullopt;
-  // The kernel keeps only 15 bytes of a name, and a thread may rename the process; the base
-  // name of argv[0] is the fuller one when the kernel's doesn't start with it. The kernel's
-  // short name is the only other name there is, so without argv[0] it stands as it is.
   const std::optional<std::vector<std::string>> arguments = table_.readArguments(candidate.pid);
-  if (arguments && !arguments->empty()) {
-    std::string argvBase = lastPathComponent(arguments->front());
-    if (!argvBase.empty() && !lowerASCII(*name).starts_with(lowerASCII(argvBase))) {
-      return argvBase;
-    }
-  }
-  return name;
+  return processName(*name, arguments.value_or(std::vector<std::string>{}));
 }
 
 }  // namespace quorel
