@@ -303,7 +303,9 @@ void DesktopApplicationCatalog::buildIndex() const {
                                         error);
     for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
       const fs::path& file = it->path();
-      if (file.extension() != ".desktop" || !it->is_regular_file(error)) continue;
+      // Its own error: a dangling link fails the test, and must not end the scan.
+      std::error_code typeError;
+      if (file.extension() != ".desktop" || !it->is_regular_file(typeError)) continue;
       // The id names sub-directories too: applications/vendor/app.desktop is "vendor-app".
       std::string identifier = file.lexically_relative(applications).replace_extension().string();
       std::replace(identifier.begin(), identifier.end(), '/', '-');

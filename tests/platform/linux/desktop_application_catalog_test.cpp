@@ -67,6 +67,8 @@ class DesktopApplicationCatalogTest : public ::testing::Test {
     tree.write("sys/metainfo/org.example.Editor.metainfo.xml",
                "<component><releases><release version=\"2.4.1\"/></releases></component>");
     tree.write("sys/appdata/org.example.Viewer.appdata.xml", "<component/>");
+    // Left behind by an uninstall; one such link must not end the scan of its directory.
+    fs::create_symlink("missing.desktop", tree.root() / "sys/applications/dangling.desktop");
   }
 
   std::string path(const std::string& relative) const { return (tree.root() / relative).string(); }
