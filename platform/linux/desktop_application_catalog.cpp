@@ -303,7 +303,7 @@ void DesktopApplicationCatalog::buildIndex() const {
                                         error);
     for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
       const fs::path& file = it->path();
-      // Its own error: a dangling link fails the test, and must not end the scan.
+      // Its own error code: a dangling link fails the type check but must not end the scan.
       std::error_code typeError;
       if (file.extension() != ".desktop" || !it->is_regular_file(typeError)) continue;
       // The id names sub-directories too: applications/vendor/app.desktop is "vendor-app".
@@ -325,10 +325,10 @@ void DesktopApplicationCatalog::indexEntry(const fs::path& file, std::string ide
   // A hidden entry is one the user deleted; it still hides the same id further down the path.
   if (!entry || entry->hidden || (!entry->type.empty() && entry->type != "Application")) return;
   const Claim claim{std::move(identifier), entry->name, entry->noDisplay};
-  for (const std::string* source : {&entry->exec, &entry->tryExec}) {
-    if (source->empty()) continue;
-    const std::optional<std::string> program =
-        source == &entry->exec ? execProgram(*source) : std::optional<std::string>(*source);
+  const std::optional<std::string> programs[] = {
+      execProgram(entry->exec),
+      entry->tryExec.empty() ? std::nullopt : std::optional<std::string>(entry->tryExec)};
+  for (const std::optional<std::string>& program : programs) {
     if (!program) continue;
     const std::optional<fs::path> path = resolveProgram(*program);
     if (!path) continue;

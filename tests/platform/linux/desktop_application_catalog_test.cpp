@@ -45,9 +45,10 @@ TEST(AppStreamTest, FirstReleaseVersionOfTheReleasesList) {
 class DesktopApplicationCatalogTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* program : {"opt/Example Editor/editor", "opt/viewer/viewer-bin", "bin/term",
-                                "opt/player/player", "opt/player/player-new", "opt/gone/gone",
-                                "opt/settings/settings", "opt/legacy/legacy", "opt/zeta/zeta"}) {
+    for (const char* program :
+         {"opt/Example Editor/editor", "opt/viewer/viewer-bin", "bin/term", "opt/player/player",
+          "opt/player/player-new", "opt/gone/gone", "opt/settings/settings", "opt/legacy/legacy",
+          "opt/zeta/zeta", "opt/wrapped/real"}) {
       tree.write(program, "#!/bin/sh\n");
     }
     fs::create_directories(tree.root() / "usr/bin");
@@ -62,6 +63,7 @@ class DesktopApplicationCatalogTest : public ::testing::Test {
     entry("sys", "a.panel", "NoDisplay=true\nExec=" + path("opt/settings/settings") + " panel");
     entry("sys", "org.example.Settings", "Exec=" + path("opt/settings/settings"));
     entry("sys", "org.example.Legacy", "Exec=env GDK_BACKEND=x11 " + path("opt/legacy/legacy"));
+    entry("sys", "org.example.Wrapped", "TryExec=" + path("opt/wrapped/real") + "\nExec=wrapped");
     tree.write("sys/applications/broken.desktop", "Exec=" + path("opt/zeta/zeta") + "\n");
     entry("sys", "zeta", "Exec=" + path("opt/zeta/zeta"));
     tree.write("sys/metainfo/org.example.Editor.metainfo.xml",
@@ -98,6 +100,7 @@ TEST_F(DesktopApplicationCatalogTest, FindsTheApplicationOfAnExecutable) {
        ApplicationInfo{"org.example.Settings", "org.example.Settings", {}}},
       {"opt/legacy/legacy", ApplicationInfo{"org.example.Legacy", "org.example.Legacy", {}}},
       {"opt/zeta/zeta", ApplicationInfo{"zeta", "zeta", {}}},
+      {"opt/wrapped/real", ApplicationInfo{"org.example.Wrapped", "org.example.Wrapped", {}}},
       {"opt/missing", std::nullopt},
   };
   for (const auto& [relative, info] : cases) {
