@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "core/uuid.hpp"
-#include "energy/process_text.hpp"
+#include "energy/process_display_name.hpp"
 
 namespace quorel {
 namespace {
@@ -155,17 +155,8 @@ std::optional<std::string> TopProcessesService::resolveName(
   }
   std::optional<std::string> name = table_.readName(pid);
   if (!name || name->empty()) return std::nullopt;
-  // The kernel keeps only 15 bytes of a name, and a thread may rename the process; the base
-  // name of argv[0] is the fuller one when the kernel's doesn't start with it. The kernel's
-  // short name is the only other name there is, so without argv[0] it stands as it is.
   const std::optional<std::vector<std::string>> arguments = table_.readArguments(pid);
-  if (arguments && !arguments->empty()) {
-    std::string argvBase = lastPathComponent(arguments->front());
-    if (!argvBase.empty() && !lowerASCII(*name).starts_with(lowerASCII(argvBase))) {
-      return argvBase;
-    }
-  }
-  return name;
+  return processName(*name, arguments.value_or(std::vector<std::string>{}));
 }
 
 }  // namespace quorel
