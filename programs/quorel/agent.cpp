@@ -15,12 +15,18 @@
 #include "core/paths.hpp"
 #include "core/serial_queue.hpp"
 #include "core/version.hpp"
+#include "energy/ai_agent_classifier.hpp"
+#include "energy/ai_agent_energy_tracker.hpp"
+#include "energy/energy_usage_source.hpp"
+#include "energy/process_energy_tracker.hpp"
+#include "energy/top_processes_service.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp/mcp_server_switch.hpp"
 #include "platform/linux/linux_power_rail_reader.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
 #include "platform/linux/linux_power_supply_provider.hpp"
 #include "platform/linux/linux_powercap_component_sampler.hpp"
+#include "platform/linux/linux_procfs_process_table.hpp"
 #include "platform/linux/linux_thermal_monitor.hpp"
 #include "platform/linux/logind_sleep_monitor.hpp"
 #include "platform/linux/power_supply_scan.hpp"
@@ -101,6 +107,7 @@ class Agent {
       deps.sources.railReader = std::make_shared<LinuxPowerRailReader>(options_.sysfsRoot);
       recordingStore_ = std::make_unique<QuorelDatabaseRecordingStore>(*database_);
       deps.recorder = std::make_shared<PowerRecorder>(*recordingStore_, clock_);
+      startEnergyAttribution();
     } else {
       scenario.enabled = true;
       sandbox_ = std::make_unique<SandboxConfig>(scenario);
@@ -130,6 +137,7 @@ class Agent {
     core.sleepWake = sleepWake_.get();
     core.mcpServer = mcpServer_.get();
     core.mcpSwitch = mcpSwitch_.get();
+    if (processEnergy_) core.energyTrackers = {processEnergy_.get(), agentEnergy_.get()};
     AppDelegate::Options coreOptions;
     coreOptions.intervalOverride = options_.interval;
     delegate_ = std::make_unique<AppDelegate>(std::move(core), clock_, coreOptions);
@@ -145,6 +153,9 @@ class Agent {
     // The main queue has stopped: finish the tick in flight and end the other threads. The
     // server goes while its queue still runs, since it stops its listener there.
     delegate_.reset();
+    processEnergy_.reset();
+    agentEnergy_.reset();
+    energyQueue_.shutdown();
     sleepWake_.reset();
     mcpSwitch_.reset();
     mcpServer_.reset();
@@ -161,7 +172,21 @@ class Agent {
   }
 
  private:
+  // Where the power goes, per process and per AI agent. Only a real machine's processes are
+  // sampled: the simulated machine has none of its own, and records nothing.
+  void startEnergyAttribution() {
+    processTable_ = std::make_unique<LinuxProcfsProcessTable>(options_.procRoot);
+    classifier_ = std::make_unique<AIAgentClassifier>(*processTable_);
+    topProcesses_ = std::make_unique<TopProcessesService>(*processTable_, *classifier_, clock_);
+    usageSource_ = std::make_unique<TopProcessesUsageSource>(*topProcesses_);
+    processEnergy_ = std::make_unique<ProcessEnergyTracker>(*usageSource_, energyQueue_, clock_);
+    agentEnergy_ = std::make_unique<AIAgentEnergyTracker>(*usageSource_, energyQueue_, clock_);
+    energyQueue_.start();
+  }
+
   void publish(const PowerState& state) {
+    if (topProcesses_)
+      topProcesses_->setCpuPackageWatts(TopProcessesService::cpuPackageWatts(state.componentPower));
     if (options_.json) {
       const std::string line = toJson(state).dump() + "\n";
       if (std::fwrite(line.data(), 1, line.size(), stdout) != line.size() ||
@@ -221,12 +246,19 @@ class Agent {
   SerialQueue mainQueue_{"com.quorel.main", clock_};
   SerialQueue pollQueue_{"com.quorel.poll", clock_};
   SerialQueue httpQueue_{kMCPTransportQueueLabel, clock_};
+  SerialQueue energyQueue_{"com.quorel.energy", clock_};
   asio::signal_set signals_;
   std::unique_ptr<FilePreferenceStore> preferences_;
   std::unique_ptr<SettingsManager> settings_;
   std::unique_ptr<QuorelDatabase> database_;
   std::unique_ptr<QuorelDatabaseRecordingStore> recordingStore_;
   std::unique_ptr<SandboxConfig> sandbox_;
+  std::unique_ptr<LinuxProcfsProcessTable> processTable_;
+  std::unique_ptr<AIAgentClassifier> classifier_;
+  std::unique_ptr<TopProcessesService> topProcesses_;
+  std::unique_ptr<TopProcessesUsageSource> usageSource_;
+  std::unique_ptr<ProcessEnergyTracker> processEnergy_;
+  std::unique_ptr<AIAgentEnergyTracker> agentEnergy_;
   std::shared_ptr<LinuxThermalMonitor> thermal_;
   std::shared_ptr<PowerMonitor> monitor_;
   std::unique_ptr<MCPServer> mcpServer_;

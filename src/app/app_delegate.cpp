@@ -3,6 +3,7 @@
 #include <spdlog/logger.h>
 
 #include "core/logging.hpp"
+#include "energy/energy_tracker.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp/mcp_server_switch.hpp"
 #include "store/quorel_database.hpp"
@@ -47,8 +48,12 @@ void AppDelegate::launch() {
 
   // A settings change (another process saving, say) may move the polling intervals.
   settingsSubscription_ = deps_.settings->subscribe([weak](const QuorelSettings&) {
-    if (auto self = weak.lock()) (*self)->updatePollingState();
+    if (auto self = weak.lock()) {
+      (*self)->updatePollingState();
+      (*self)->followEnergySamplingInterval();
+    }
   });
+  followEnergySamplingInterval();
 
   const auto intervals = pollingIntervals(deps_.settings->settings(), options_.intervalOverride);
   deps_.monitor->setPollingInterval(watched_ ? intervals.focused : intervals.idle);
@@ -59,6 +64,30 @@ void AppDelegate::launch() {
 void AppDelegate::terminate() {
   maintenanceTimer_.cancel();
   if (deps_.mcpServer) deps_.mcpServer->stop();
+  flushEnergy({});
+}
+
+void AppDelegate::followEnergySamplingInterval() {
+  const double interval = deps_.settings->settings().processEnergySamplingInterval;
+  if (energySamplingInterval_ == interval) return;
+  const bool running = energySamplingInterval_.has_value();
+  energySamplingInterval_ = interval;
+  for (EnergyTracker* tracker : deps_.energyTrackers) {
+    if (running) {
+      tracker->updateInterval(interval);
+    } else {
+      tracker->start(interval, deps_.database);
+    }
+  }
+}
+
+void AppDelegate::flushEnergy(SleepPermit permit) {
+  bool written = false;
+  for (EnergyTracker* tracker : deps_.energyTrackers) written = tracker->flush() || written;
+  // The store writes in order, so this runs once the rows are in.
+  if (written && deps_.database) {
+    deps_.database->queue().async([permit = std::move(permit)] {});
+  }
 }
 
 void AppDelegate::setWatched(bool watched) {
@@ -101,11 +130,12 @@ void AppDelegate::runDailyDatabaseMaintenanceIfNeeded(TimePoint now) {
   prune(now);
 }
 
-void AppDelegate::handleSleep(SleepPermit /*permit*/) {
+void AppDelegate::handleSleep(SleepPermit permit) {
   pendingWakeWork_.cancel();
   sleepBeganAt_ = clock_.now();
   deps_.monitor->stop();
   if (deps_.mcpServer) deps_.mcpServer->stop();
+  flushEnergy(std::move(permit));
 }
 
 void AppDelegate::handleWake() {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include "app/settings_manager.hpp"
 #include "core/clock.hpp"
@@ -19,6 +20,7 @@ class logger;
 namespace quorel {
 
 class QuorelDatabase;
+class EnergyTracker;
 class MCPServer;
 class MCPServerSwitch;
 
@@ -33,6 +35,9 @@ class AppDelegate {
     SleepWakeSource* sleepWake = nullptr;
     MCPServer* mcpServer = nullptr;
     MCPServerSwitch* mcpSwitch = nullptr;
+    // The process and AI-agent energy trackers, started at launch on the sampling interval of
+    // the settings and flushed at sleep and at quit.
+    std::vector<EnergyTracker*> energyTrackers;
   };
   struct Options {
     // --interval: replaces both settings intervals for this run.
@@ -56,8 +61,8 @@ class AppDelegate {
   // Prune at once, the hourly maintenance check, sleep and wake, the server rule, the initial
   // polling interval, then the monitor's start.
   void launch();
-  // Stops the maintenance timer and the server. The monitor is not stopped here: an open
-  // session is lost with the process.
+  // Stops the maintenance timer and the server, and hands the trackers' last energy to the
+  // store. The monitor is not stopped here: an open session is lost with the process.
   void terminate();
 
   // A client that watches (a --json reader, a status surface) counts as a focused window.
@@ -77,6 +82,9 @@ class AppDelegate {
 
  private:
   void prune(TimePoint now);
+  void followEnergySamplingInterval();
+  // Hands what the trackers accumulated to the store; `permit` is let go once it is written.
+  void flushEnergy(SleepPermit permit);
 
   Dependencies deps_;
   const Clock& clock_;
@@ -84,6 +92,7 @@ class AppDelegate {
   std::shared_ptr<spdlog::logger> log_;
   bool watched_ = false;
   std::optional<bool> lastAppliedFocused_;
+  std::optional<double> energySamplingInterval_;
   bool lastUIVisible_ = false;
   std::optional<TimePoint> lastPruneDate_;
   std::optional<TimePoint> sleepBeganAt_;

@@ -43,6 +43,12 @@ TopProcessesSnapshot TopProcessesService::snapshot(int limit) {
   return cachedResult_;
 }
 
+std::optional<double> TopProcessesService::cpuPackageWatts(
+    const std::optional<ComponentPower>& reading) {
+  if (!reading || !reading->cpuAndMemoryAvailable) return std::nullopt;
+  return reading->ecpuWatts + reading->pcpuWatts;
+}
+
 void TopProcessesService::setCpuPackageWatts(std::optional<double> watts) {
   std::lock_guard lock(powerLock_);
   cpuPackageWatts_ = watts;

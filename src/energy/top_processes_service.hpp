@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/clock.hpp"
+#include "core/component_power.hpp"
 #include "energy/process_table.hpp"
 
 namespace quorel {
@@ -82,6 +83,9 @@ class TopProcessesService {
 
   // The CPU package's power (efficiency plus performance cores), absent when not measured.
   void setCpuPackageWatts(std::optional<double> watts);
+  // What that is for a component reading: absent without one, and when its CPU and memory
+  // counters stalled. The GPU, neural units and memory are not the package's.
+  static std::optional<double> cpuPackageWatts(const std::optional<ComponentPower>& reading);
   // The value last set: what the shares of the latest passes were taken of, near enough.
   std::optional<double> cpuPackageWatts();
 
