@@ -5,6 +5,8 @@
 
 #include "app/single_instance_lock.hpp"
 #include "core/memory_preference_store.hpp"
+#include "energy/energy_usage_source.hpp"
+#include "energy/process_energy_tracker.hpp"
 #include "store/quorel_database.hpp"
 #include "store/sqlite_test_support.hpp"
 #include "support/wait_until.hpp"
@@ -42,6 +44,14 @@ class FakeSleepWake : public SleepWakeSource {
   Handlers handlers;
 };
 
+// One busy program taking 4 W of a 10 W package; the rest is the trackers' "Other".
+class SteadyUsage : public EnergyUsageSource {
+ public:
+  std::vector<TopProcess> fetch(int) override { return {{"1", "cargo", 50, 4.0}}; }
+  std::vector<AIAgentUsage> agentUsage(int) override { return {}; }
+  std::optional<double> cpuPackageWatts() override { return 10.0; }
+};
+
 class AppDelegateTest : public ::testing::Test {
  protected:
   AppDelegateTest() {
@@ -73,6 +83,7 @@ class AppDelegateTest : public ::testing::Test {
     d.monitor = monitor;
     d.database = database.get();
     d.sleepWake = &sleepWake;
+    d.energyTrackers = energyTrackers;
     delegate = std::make_unique<AppDelegate>(std::move(d), clock, options);
     delegate->launch();
   }
@@ -93,6 +104,7 @@ class AppDelegateTest : public ::testing::Test {
   std::shared_ptr<SteadyProvider> provider;
   std::shared_ptr<PowerMonitor> monitor;
   FakeSleepWake sleepWake;
+  std::vector<EnergyTracker*> energyTrackers;
   std::unique_ptr<AppDelegate> delegate;
 };
 
@@ -176,6 +188,45 @@ TEST(SingleInstanceLockTest, SecondInstanceNamesTheFirstAndTheLockFreesOnExit) {
   }
   SingleInstanceLock third(file);
   EXPECT_TRUE(third.acquired());
+}
+
+}  // namespace
+}  // namespace quorel
+
+namespace quorel {
+namespace {
+
+TEST_F(AppDelegateTest, EnergyFollowsTheSamplingSettingAndIsStoredBeforeSleepAndAtQuit) {
+  SteadyUsage usage;
+  SerialQueue energyQueue{"test.energy", clock};
+  ProcessEnergyTracker tracker(usage, energyQueue, clock);
+  energyTrackers = {&tracker};
+  launch();
+  auto tick = [&](Seconds step) {
+    clock.advance(step);
+    energyQueue.runPending();
+  };
+  // The default 5 s: the first batch at 5 s starts the integration, the second adds 5 s.
+  tick(5s);
+  tick(5s);
+  settings->update([](QuorelSettings& s) { s.processEnergySamplingInterval = 2; });
+  mainQueue.runPending();
+  tick(2s);  // only a tracker that followed the setting samples here
+
+  bool released = false;
+  sleepWake.handlers.willSleep(SleepPermit([&] { released = true; }));
+  ASSERT_TRUE(testing::waitUntil([&] { return released; }));
+  // Read without waiting for the store: the permit went only once the rows were written.
+  testing::SqlFile look(dir_.path() / "quorel.db");
+  EXPECT_EQ(look.rows("SELECT process_name, observed_duration_s, round(energy_wh * 3600, 6) "
+                      "FROM process_energy ORDER BY process_name"),
+            (std::vector<std::vector<std::string>>{{"Other", "7.0", "42.0"},
+                                                   {"cargo", "7.0", "28.0"}}));
+
+  tick(2s);
+  delegate->terminate();
+  EXPECT_EQ(rows("SELECT count(*), sum(observed_duration_s) FROM process_energy")[0],
+            (std::vector<std::string>{"4", "18.0"}));
 }
 
 }  // namespace
