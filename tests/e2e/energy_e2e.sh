@@ -22,7 +22,7 @@ export XDG_CONFIG_HOME="$work/config" XDG_STATE_HOME="$work/state" XDG_RUNTIME_D
 sys="$work/sys"
 proc="$work/proc"
 mkdir -p "$work/run" "$sys/class/power_supply/BAT0" "$sys/class/power_supply/AC" "$proc" \
-  "$sys/class/powercap/intel-rapl:0/intel-rapl:0:0"
+  "$sys/devices/virtual/powercap/intel-rapl/intel-rapl:0/intel-rapl:0:0" "$sys/class/powercap"
 
 cat > "$sys/class/power_supply/BAT0/uevent" <<EOT
 POWER_SUPPLY_NAME=BAT0
@@ -39,7 +39,10 @@ POWER_SUPPLY_SERIAL_NUMBER=E2E
 EOT
 printf 'POWER_SUPPLY_NAME=AC\nPOWER_SUPPLY_TYPE=Mains\nPOWER_SUPPLY_ONLINE=0\n' \
   > "$sys/class/power_supply/AC/uevent"
-rapl="$sys/class/powercap/intel-rapl:0"
+# As sysfs lays it out: the zones nested under their device, listed flat in the class.
+rapl="$sys/devices/virtual/powercap/intel-rapl/intel-rapl:0"
+ln -s "$rapl" "$sys/class/powercap/intel-rapl:0"
+ln -s "$rapl/intel-rapl:0:0" "$sys/class/powercap/intel-rapl:0:0"
 echo package-0 > "$rapl/name"
 echo core > "$rapl/intel-rapl:0:0/name"
 for zone in "$rapl" "$rapl/intel-rapl:0:0"; do echo 262143328850 > "$zone/max_energy_range_uj"; done
