@@ -56,7 +56,6 @@ Result<EnergySeries> QuorelDatabase::energySeriesOnQueue(EnergyHistoryKind kind,
   if (!top) return top.error();
   std::vector<std::string> names;
   for (auto& summary : *top) names.push_back(std::move(summary.identifier));
-  int rc = SQLITE_OK;
   if (names.empty()) return EnergySeries{};
 
   std::string marks;
@@ -75,6 +74,7 @@ Result<EnergySeries> QuorelDatabase::energySeriesOnQueue(EnergyHistoryKind kind,
       "GROUP BY {0}, CAST((timestamp - ?) / ? AS INTEGER)\n"
       "ORDER BY {0}, AVG(timestamp)",
       t.column, t.table, marks);
+  int rc = SQLITE_OK;
   auto series = prepareStatement(db_.get(), seriesSql.c_str(), rc);
   if (!series) return readFailure(rc, fmt::format("{} series prepare", t.name));
   Binder binder(series.get());
