@@ -44,6 +44,8 @@ QuorelDatabase::QuorelDatabase(Options options, const Clock& clock)
       for (const char* sql : schema::createStatements()) db_.execute(sql);
       migrateSchema(db_, *log_);
       prepareCachedStatements();
+      // Vouched for from the start, so that every batch written from now on folds straight in.
+      (void)energyRollupOnQueue(EnergyHistoryKind::processes);
     }
   }
   if (options.startQueue) {

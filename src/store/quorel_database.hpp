@@ -24,6 +24,7 @@
 #include "core/serial_queue.hpp"
 #include "store/battery_epoch.hpp"
 #include "store/database_files.hpp"
+#include "store/energy_rollup.hpp"
 #include "store/history_read_records.hpp"
 #include "store/history_records.hpp"
 #include "store/sqlite_connection.hpp"
@@ -205,6 +206,13 @@ class QuorelDatabase {
   Result<std::vector<TrackedEnergySummary>> trackedEnergySummariesOnQueue(EnergyHistoryKind kind,
                                                                           double from, double to,
                                                                           int limit);
+  // The rollup of `kind`, rebuilt from scratch when another connection changed the file since
+  // it was last vouched for; an error when that cannot be told.
+  Result<EnergyRollup*> energyRollupOnQueue(EnergyHistoryKind kind);
+  // Visits the rows of `kind` with from <= timestamp < to (<= to when `includeTo`) for the
+  // rollup; the failure, logged, when they could not all be read.
+  std::optional<Error> scanEnergyRows(EnergyHistoryKind kind, double from, double to,
+                                      bool includeTo, const EnergyRollup::RowVisitor& visit);
   EnergyHistoryEntry buildEnergyHistory(EnergyHistoryKind kind, TimePoint from, TimePoint to);
   // Runs BEGIN, COMMIT or ROLLBACK; the result code of sqlite3_exec.
   int transaction(const char* sql);
@@ -224,6 +232,9 @@ class QuorelDatabase {
   std::map<EnergyHistoryKey, EnergyHistoryEntry> energyHistoryCache_;
   std::uint64_t energyHistoryBuilds_ = 0;
   std::uint64_t powerHistoryReads_ = 0;
+  // Per kind; vouched for at rollupDataVersion_, and kept current with this connection's writes.
+  std::array<EnergyRollup, 2> energyRollups_;
+  std::int64_t rollupDataVersion_ = -1;
 
   // Compiled once at start-up and reused on queue() for the life of the connection; null when
   // preparing failed, and then the write that needs it is skipped.

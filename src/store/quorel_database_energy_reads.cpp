@@ -51,19 +51,11 @@ Result<EnergySeries> QuorelDatabase::energySeriesOnQueue(EnergyHistoryKind kind,
                                                          double to, int maxPoints, int topN) {
   if (!db_) return unavailableError();
   const EnergyTable t = energyTable(kind);
-  const std::string topSql = fmt::format(
-      "SELECT {0} FROM {1}\nWHERE timestamp BETWEEN ? AND ?\nGROUP BY {0}\n"
-      "ORDER BY SUM(energy_wh) DESC\nLIMIT ?",
-      t.column, t.table);
-  int rc = SQLITE_OK;
-  auto top = prepareStatement(db_.get(), topSql.c_str(), rc);
-  if (!top) return readFailure(rc, fmt::format("{} top prepare", t.name));
-  Binder(top.get()).real(from).real(to).integer(topN);
+  // The same names the ranking puts first, from the rollup rather than a scan of the window.
+  auto top = trackedEnergySummariesOnQueue(kind, from, to, topN);
+  if (!top) return top.error();
   std::vector<std::string> names;
-  while ((rc = sqlite3_step(top.get())) == SQLITE_ROW) {
-    if (auto name = ColumnReader(top.get()).optionalText()) names.push_back(std::move(*name));
-  }
-  if (rc != SQLITE_DONE) return readFailure(rc, fmt::format("{} top step", t.name));
+  for (auto& summary : *top) names.push_back(std::move(summary.identifier));
   if (names.empty()) return EnergySeries{};
 
   std::string marks;
@@ -82,6 +74,7 @@ Result<EnergySeries> QuorelDatabase::energySeriesOnQueue(EnergyHistoryKind kind,
       "GROUP BY {0}, CAST((timestamp - ?) / ? AS INTEGER)\n"
       "ORDER BY {0}, AVG(timestamp)",
       t.column, t.table, marks);
+  int rc = SQLITE_OK;
   auto series = prepareStatement(db_.get(), seriesSql.c_str(), rc);
   if (!series) return readFailure(rc, fmt::format("{} series prepare", t.name));
   Binder binder(series.get());
@@ -122,55 +115,78 @@ Result<std::vector<TrackedEnergySummary>> QuorelDatabase::queryTrackedEnergySumm
 Result<std::vector<TrackedEnergySummary>> QuorelDatabase::trackedEnergySummariesOnQueue(
     EnergyHistoryKind kind, double from, double to, int limit) {
   if (!db_) return unavailableError();
+  // One read transaction (unless the caller holds one), so that the rows read for the ends of
+  // the window and the check that the rollup still matches them see one state.
+  const bool ownTransaction = sqlite3_get_autocommit(db_.get()) != 0 &&
+                              transaction("BEGIN DEFERRED TRANSACTION") == SQLITE_OK;
+  std::optional<Error> failure;
+  std::optional<std::vector<TrackedEnergySummary>> ranked;
+  if (auto rollup = energyRollupOnQueue(kind)) {
+    ranked =
+        (*rollup)->rank(from, to, limit, [&](double a, double b, bool includeB, const auto& visit) {
+          failure = scanEnergyRows(kind, a, b, includeB, visit);
+          return !failure;
+        });
+  } else {
+    failure = rollup.error();
+  }
+  if (ownTransaction) transaction("COMMIT");
+  if (!ranked) return failure.value_or(Error{"the energy rows could not be read"});
+  return std::move(*ranked);
+}
+
+Result<EnergyRollup*> QuorelDatabase::energyRollupOnQueue(EnergyHistoryKind kind) {
+  if (!db_) return unavailableError();
+  auto versionRow = rowOnQueue("PRAGMA data_version", "queryTrackedEnergySummaries");
+  if (!versionRow) return versionRow.error();
+  const std::int64_t version = sqlite3_column_int64(versionRow->get(), 0);
+  if (version != rollupDataVersion_) {
+    // Another connection wrote: what it added or deleted is unknown, so both start afresh.
+    for (const auto k : {EnergyHistoryKind::processes, EnergyHistoryKind::agents}) {
+      const std::string latest = fmt::format("SELECT MAX(timestamp) FROM {}", energyTable(k).table);
+      auto row = rowOnQueue(latest, "queryTrackedEnergySummaries");
+      if (!row) return row.error();
+      energyRollups_[static_cast<std::size_t>(k)].reset(ColumnReader(row->get()).optionalReal());
+    }
+    rollupDataVersion_ = version;
+  }
+  return &energyRollups_[static_cast<std::size_t>(kind)];
+}
+
+std::optional<Error> QuorelDatabase::scanEnergyRows(EnergyHistoryKind kind, double from, double to,
+                                                    bool includeTo,
+                                                    const EnergyRollup::RowVisitor& visit) {
   const EnergyTable t = energyTable(kind);
   const std::string sql = fmt::format(
-      "SELECT {0}, SUM(energy_wh),\n"
-      "       SUM(observed_duration_s), SUM(missing_duration_s),\n"
-      "       CASE WHEN SUM(observed_duration_s)>0\n"
-      "         THEN SUM(energy_wh)*3600.0/SUM(observed_duration_s) ELSE 0 END,\n"
-      "       MAX(peak_watts),\n"
-      "       CASE WHEN SUM(CASE WHEN coverage_ratio IS NOT NULL THEN observed_duration_s ELSE 0 "
-      "END)>0\n"
-      "         THEN SUM(COALESCE(coverage_ratio,0)*observed_duration_s)\n"
-      "              /SUM(CASE WHEN coverage_ratio IS NOT NULL THEN observed_duration_s ELSE 0 "
-      "END)\n"
-      "         ELSE NULL END,\n"
-      "       CASE WHEN SUM(quality='rejected')>0 THEN 'rejected'\n"
-      "            WHEN SUM(quality='legacy')>0 THEN 'legacy'\n"
-      "            WHEN SUM(quality='estimated')>0 THEN 'estimated'\n"
-      "            WHEN SUM(quality='inferred')>0 THEN 'inferred'\n"
-      "            WHEN SUM(quality='measured')>0 THEN 'measured'\n"
-      "            ELSE 'unavailable' END\n"
-      "FROM {1}\nWHERE timestamp BETWEEN ? AND ?\nGROUP BY {0}\n"
-      "ORDER BY SUM(energy_wh) DESC\nLIMIT ?",
-      t.column, t.table);
+      "SELECT timestamp, {}, energy_wh, observed_duration_s, missing_duration_s, peak_watts,"
+      " coverage_ratio, quality FROM {} WHERE timestamp >= ? AND timestamp {} ?",
+      t.column, t.table, includeTo ? "<=" : "<");
   int rc = SQLITE_OK;
   auto statement = prepareStatement(db_.get(), sql.c_str(), rc);
   if (!statement) return readFailure(rc, "queryTrackedEnergySummaries prepare");
-  Binder(statement.get()).real(from).real(to).integer(limit);
-  std::vector<TrackedEnergySummary> summaries;
+  Binder(statement.get()).real(from).real(to);
   while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
     ColumnReader c(statement.get());
-    auto identifier = c.optionalText();
-    if (!identifier) continue;
-    TrackedEnergySummary s;
-    s.identifier = std::move(*identifier);
-    s.energyWh = c.real();
-    s.observedDuration_s = c.real();
-    s.missingDuration_s = c.real();
-    s.averageWatts = c.real();
-    s.peakWatts = c.real();
-    if (const auto coverage = c.optionalReal()) {
-      s.coverageRatio = std::min(*coverage, 1.0);
-    } else {
-      const double seen = s.observedDuration_s + s.missingDuration_s;
-      s.coverageRatio = seen > 0 ? s.observedDuration_s / seen : 0;
+    EnergyRollup::Row row;
+    row.timestamp = c.real();
+    const auto* identifier = reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), 1));
+    if (identifier == nullptr) continue;  // a NULL identifier counts for no one
+    row.identifier = {identifier,
+                      static_cast<std::size_t>(sqlite3_column_bytes(statement.get(), 1))};
+    c.skip();
+    row.energyWh = c.real();
+    row.observed_s = c.real();
+    row.missing_s = c.real();
+    row.peakWatts = c.optionalReal();
+    row.coverage = c.optionalReal();
+    const auto* quality = reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), 7));
+    if (quality != nullptr) {
+      row.quality = {quality, static_cast<std::size_t>(sqlite3_column_bytes(statement.get(), 7))};
     }
-    s.quality = c.quality();
-    summaries.push_back(std::move(s));
+    visit(row);
   }
   if (rc != SQLITE_DONE) return readFailure(rc, "queryTrackedEnergySummaries step");
-  return summaries;
+  return std::nullopt;
 }
 
 EnergyHistoryEntry QuorelDatabase::buildEnergyHistory(EnergyHistoryKind kind, TimePoint from,

@@ -284,22 +284,39 @@ void QuorelDatabase::insertEnergyBatch(EnergyHistoryKind kind,
     db_.logError(rc, name + " BEGIN");
     return;
   }
+  // What the table will hold for each record; the rollup folds in exactly these values.
+  std::vector<EnergyRollup::Row> rows;
+  rows.reserve(records.size());
+  for (const auto& record : records) {
+    rows.push_back(
+        {.timestamp = toUnixSeconds(record.timestamp),
+         .identifier = record.identifier,
+         .energyWh = atLeastZero(record.energyWh),
+         .observed_s = atLeastZero(record.observedDuration_s),
+         .missing_s = atLeastZero(record.missingDuration_s),
+         // SQLite stores a NaN as NULL.
+         .peakWatts = std::isnan(record.peakWatts) ? std::nullopt : std::optional(record.peakWatts),
+         .coverage = record.coverageRatio > 0 ? std::optional(std::min(record.coverageRatio, 1.0))
+                                              : std::nullopt,
+         .quality = toString(record.quality)});
+  }
   // A failure does not stop the loop: every bad record of the batch gets its own log line.
   bool failed = false;
-  for (const auto& record : records) {
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    const TrackedEnergyRecord& record = records[i];
+    const EnergyRollup::Row& row = rows[i];
     Binder(statement)
-        .time(record.timestamp)
-        .text(record.identifier)
+        .real(row.timestamp)
+        .text(row.identifier)
         .real(record.averageCPU)
         .real(atLeastZero(record.averageWatts))
-        .real(record.peakWatts)
+        .real(row.peakWatts)
         .integer(record.sampleCount)
-        .real(atLeastZero(record.observedDuration_s))
-        .real(atLeastZero(record.missingDuration_s))
-        .real(atLeastZero(record.energyWh))
-        .real(record.coverageRatio > 0 ? std::optional(std::min(record.coverageRatio, 1.0))
-                                       : std::nullopt)
-        .text(toString(record.quality))
+        .real(row.observed_s)
+        .real(row.missing_s)
+        .real(row.energyWh)
+        .real(row.coverage)
+        .text(row.quality)
         .text(record.source);
     if (const int rc = sqlite3_step(statement); rc != SQLITE_DONE) {
       db_.logError(rc, name + " step");
@@ -318,6 +335,8 @@ void QuorelDatabase::insertEnergyBatch(EnergyHistoryKind kind,
     return;
   }
   ++energyRevision_[static_cast<std::size_t>(kind)];
+  EnergyRollup& rollup = energyRollups_[static_cast<std::size_t>(kind)];
+  for (const auto& row : rows) rollup.add(row);
 }
 
 void QuorelDatabase::pruneOldData(int retentionDays, int capacityRetentionDays) {
@@ -379,6 +398,9 @@ void QuorelDatabase::pruneOldData(int retentionDays, int capacityRetentionDays) 
       db_.logError(rc, "pruneOldData COMMIT");
       transaction("ROLLBACK");
       return;
+    }
+    if (retentionDays > 0) {
+      for (auto& rollup : energyRollups_) rollup.forgetBefore(retentionCutoff);
     }
     db_.execute("PRAGMA wal_checkpoint(TRUNCATE)");
   });
