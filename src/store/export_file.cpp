@@ -50,9 +50,8 @@ std::optional<ExportFailure> ExportFile::commit() {
 }
 
 ExportFailure ExportFile::failure(std::string_view step, int error) const {
-  const fs::path& subject = step == "move" ? target_ : temporary_;
   return {ExportFailure::Stage::target, operation_ + " " + std::string(step),
-          subject.string() + ": " + std::strerror(error)};
+          std::strerror(error)};
 }
 
 void ExportFile::discard() {

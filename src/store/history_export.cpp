@@ -264,8 +264,8 @@ void appendInteger(std::string& out, std::int64_t value) {
 }
 
 void IsoFormatter::append(std::string& out, double seconds) {
-  // Through the same conversion as every stored time, so that a fraction such as .123 (held as
-  // .12299...) lands on the same millisecond the rest of the system shows.
+  // Through the same conversion as every other shown time, so that a fraction a double cannot
+  // hold exactly lands on the same millisecond everywhere.
   const auto ms = std::chrono::floor<std::chrono::milliseconds>(fromUnixSeconds(seconds))
                       .time_since_epoch()
                       .count();
