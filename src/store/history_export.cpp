@@ -46,102 +46,73 @@ constexpr EnumTextTable<ExportSeries, 8> kFileSlugs{{{
     {ExportSeries::batteryEpochs, "battery-epochs"},
 }}};
 
-using Names = std::vector<std::string_view>;
+// Each series as written down once: its table, its columns in the table's order (space-separated),
+// the time column, and the columns that hold times and flags.
+struct SeriesSpec {
+  std::string_view table;
+  std::string_view columns;
+  std::string_view timeColumn;
+  std::string_view isoColumns;
+  std::string_view boolColumns;
+};
 
-// The energy twins differ only in the table and the identifier column.
-SeriesQuery trackedEnergy(std::string_view table, std::string_view identifier) {
-  Names columns{"timestamp",
-                identifier,
-                "avg_cpu",
-                "avg_watts",
-                "peak_watts",
-                "sample_count",
-                "observed_duration_s",
-                "missing_duration_s",
-                "energy_wh",
-                "coverage_ratio",
-                "quality",
-                "source"};
-  return {table, columns, columns, "timestamp", {"timestamp"}, {}};
-}
+constexpr std::string_view kTrackedEnergyTail =
+    " avg_cpu avg_watts peak_watts sample_count observed_duration_s missing_duration_s energy_wh "
+    "coverage_ratio quality source";
 
-SeriesQuery powerQuery() {
-  Names select{"timestamp",
-               "wattage",
-               "battery_pct",
-               "ecpu_w",
-               "pcpu_w",
-               "gpu_w",
-               "ane_w",
-               "dram_w",
-               "system_load_w",
-               "power_in_w",
-               "wall_power_w",
-               "thermal_state",
-               "is_charging",
-               "external_connected",
-               "temperature_c",
-               "observed_duration_s",
-               "component_quality",
-               "system_power_quality",
-               "wall_estimate_quality",
-               "component_rejection_reason",
-               "system_total_w",
-               "battery_rail_w",
-               "dc_in_w",
-               "thunderbolt_left_w",
-               "thunderbolt_right_w",
-               "pd_brightness_w"};
-  Names columns = select;
-  // The stored wall figure is the platform's own estimate, not a measurement; the header says so.
-  std::replace(columns.begin(), columns.end(), std::string_view("wall_power_w"),
-               std::string_view("apple_wall_energy_estimate_raw_w"));
-  return {"power_samples", columns,       select,
-          "timestamp",     {"timestamp"}, {"is_charging", "external_connected"}};
-}
+// In the order of ExportSeries. The energy twins are the timestamp, their identifier, then the
+// tail.
+constexpr SeriesSpec kSpecs[] = {
+    {"power_samples",
+     "timestamp wattage battery_pct ecpu_w pcpu_w gpu_w ane_w dram_w system_load_w power_in_w "
+     "wall_power_w thermal_state is_charging external_connected temperature_c observed_duration_s "
+     "component_quality system_power_quality wall_estimate_quality component_rejection_reason "
+     "system_total_w battery_rail_w dc_in_w thunderbolt_left_w thunderbolt_right_w pd_brightness_w",
+     "timestamp", "timestamp", "is_charging external_connected"},
+    {"capacity_log",
+     "timestamp nominal_capacity_mah design_capacity_mah cycle_count health_pct max_temperature_c",
+     "timestamp", "timestamp", ""},
+    {"sessions",
+     "id start_time end_time start_pct end_pct is_charging avg_wattage total_wh mode "
+     "collected_duration_s missing_duration_s quality confidence",
+     "start_time", "start_time end_time", "is_charging"},
+    {"process_energy", "timestamp process_name", "timestamp", "timestamp", ""},
+    {"ai_agent_energy", "timestamp agent_id", "timestamp", "timestamp", ""},
+    {"daily_battery_metrics",
+     "day_key day_start nominal_capacity_mah design_capacity_mah cycle_count health_pct "
+     "capacity_sample_count avg_temperature_c max_temperature_c temperature_observed_s "
+     "temperature_sample_count quality",
+     "day_start", "day_start", ""},
+    {"collection_intervals", "id start_time end_time status reason", "start_time",
+     "start_time end_time", ""},
+    {"battery_epoch",
+     "id first_seen serial baseline_cycle_count baseline_design_mah baseline_nominal_mah source",
+     "first_seen", "first_seen", ""},
+};
+static_assert(std::size(kSpecs) == kAllExportSeries.size());
 
-SeriesQuery plainQuery(std::string_view table, Names columns, std::string_view time, Names iso,
-                       Names flags = {}) {
-  return {table, columns, columns, time, std::move(iso), std::move(flags)};
+std::vector<std::string_view> words(std::string_view text) {
+  std::vector<std::string_view> out;
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t end = std::min(text.find(' ', at), text.size());
+    if (end > at) out.push_back(text.substr(at, end - at));
+    at = end + 1;
+  }
+  return out;
 }
 
 SeriesQuery makeQuery(ExportSeries series) {
-  switch (series) {
-    case ExportSeries::power:
-      return powerQuery();
-    case ExportSeries::battery:
-      return plainQuery("capacity_log",
-                        {"timestamp", "nominal_capacity_mah", "design_capacity_mah", "cycle_count",
-                         "health_pct", "max_temperature_c"},
-                        "timestamp", {"timestamp"});
-    case ExportSeries::sessions:
-      return plainQuery("sessions",
-                        {"id", "start_time", "end_time", "start_pct", "end_pct", "is_charging",
-                         "avg_wattage", "total_wh", "mode", "collected_duration_s",
-                         "missing_duration_s", "quality", "confidence"},
-                        "start_time", {"start_time", "end_time"}, {"is_charging"});
-    case ExportSeries::processEnergy:
-      return trackedEnergy("process_energy", "process_name");
-    case ExportSeries::aiEnergy:
-      return trackedEnergy("ai_agent_energy", "agent_id");
-    case ExportSeries::dailyMetrics:
-      return plainQuery(
-          "daily_battery_metrics",
-          {"day_key", "day_start", "nominal_capacity_mah", "design_capacity_mah", "cycle_count",
-           "health_pct", "capacity_sample_count", "avg_temperature_c", "max_temperature_c",
-           "temperature_observed_s", "temperature_sample_count", "quality"},
-          "day_start", {"day_start"});
-    case ExportSeries::collection:
-      return plainQuery("collection_intervals",
-                        {"id", "start_time", "end_time", "status", "reason"}, "start_time",
-                        {"start_time", "end_time"});
-    case ExportSeries::batteryEpochs:
-      return plainQuery("battery_epoch",
-                        {"id", "first_seen", "serial", "baseline_cycle_count",
-                         "baseline_design_mah", "baseline_nominal_mah", "source"},
-                        "first_seen", {"first_seen"});
+  const SeriesSpec& spec = kSpecs[static_cast<std::size_t>(series)];
+  SeriesQuery q{spec.table,      words(spec.columns),    {},
+                spec.timeColumn, words(spec.isoColumns), words(spec.boolColumns)};
+  if (series == ExportSeries::processEnergy || series == ExportSeries::aiEnergy) {
+    for (const auto name : words(kTrackedEnergyTail)) q.columns.push_back(name);
   }
-  return powerQuery();
+  q.selectColumns = q.columns;
+  // The stored wall figure is the platform's own estimate, not a measurement; the header says so.
+  std::replace(q.columns.begin(), q.columns.end(), std::string_view("wall_power_w"),
+               std::string_view("apple_wall_energy_estimate_raw_w"));
+  return q;
 }
 
 bool needsQuoting(std::string_view text) {
@@ -297,30 +268,15 @@ void IsoFormatter::append(std::string& out, double seconds) {
 void appendJSONString(std::string& out, std::string_view text) {
   out += '"';
   for (const char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          char escape[8];
-          std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
-          out += escape;
-        } else {
-          out += c;
-        }
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
+      out += escape;
+    } else {
+      out += c;
     }
   }
   out += '"';
