@@ -123,17 +123,21 @@ std::optional<ExportFailure> writeCSV(QuorelDatabase& db, const ExportPlan& plan
                                       std::int64_t& rows) {
   const ExportSeries series = where.series.front();
   ExportProgressHandler progress;
+  bool lineOpen = false;
   if (io.progress) {
     progress = [&](const ExportProgress& p) {
       if (p.windowsTotal <= kProgressAfterDays) return;
       io.progress(fmt::format("\rexporting {}: day {} of {}, {} rows", displayName(series),
                               p.windowsDone, p.windowsTotal, p.rows));
-      if (p.windowsDone == p.windowsTotal) io.progress("\n");
+      lineOpen = p.windowsDone < p.windowsTotal;
+      if (!lineOpen) io.progress("\n");
     };
   }
   const ExportResult result = where.file
                                   ? db.exportCSV(series, plan.from, plan.to, *where.file, progress)
                                   : db.writeCSV(series, plan.from, plan.to, io.output, progress);
+  // A failure's sentence starts on a line of its own.
+  if (lineOpen) io.progress("\n");
   rows = result.rows;
   return result.failure;
 }

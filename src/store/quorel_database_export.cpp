@@ -58,66 +58,47 @@ void appendCSVText(std::string& out, std::string_view text) {
   }
 }
 
+// One value in its exported form, NULL as nothing in CSV and null in JSON; false when a number
+// has no JSON form (infinity).
+bool appendValue(std::string& out, sqlite3_stmt* row, int c, ColumnKind kind, IsoFormatter& iso,
+                 bool json) {
+  const int type = sqlite3_column_type(row, c);
+  if (type == SQLITE_NULL) {
+    if (json) out += "null";
+  } else if (kind == ColumnKind::iso) {
+    if (json) out += '"';
+    iso.append(out, sqlite3_column_double(row, c));
+    if (json) out += '"';
+  } else if (kind == ColumnKind::flag) {
+    out += sqlite3_column_int64(row, c) != 0 ? "true" : "false";
+  } else if (type == SQLITE_TEXT) {
+    json ? export_text::appendJSONString(out, textOf(row, c)) : appendCSVText(out, textOf(row, c));
+  } else if (type == SQLITE_INTEGER) {
+    export_text::appendInteger(out, sqlite3_column_int64(row, c));
+  } else {
+    const double value = sqlite3_column_double(row, c);
+    if (json && !std::isfinite(value)) return false;
+    export_text::appendNumber(out, value);
+  }
+  return true;
+}
+
 void appendCSVRow(std::string& out, sqlite3_stmt* row, const std::vector<ColumnKind>& kinds,
                   IsoFormatter& iso) {
   for (int c = 0; c < static_cast<int>(kinds.size()); ++c) {
     if (c > 0) out += ',';
-    const int type = sqlite3_column_type(row, c);
-    if (type == SQLITE_NULL) continue;
-    switch (kinds[static_cast<std::size_t>(c)]) {
-      case ColumnKind::iso:
-        iso.append(out, sqlite3_column_double(row, c));
-        continue;
-      case ColumnKind::flag:
-        out += sqlite3_column_int64(row, c) != 0 ? "true" : "false";
-        continue;
-      case ColumnKind::plain:
-        break;
-    }
-    if (type == SQLITE_TEXT) {
-      appendCSVText(out, textOf(row, c));
-    } else if (type == SQLITE_INTEGER) {
-      export_text::appendInteger(out, sqlite3_column_int64(row, c));
-    } else {
-      export_text::appendNumber(out, sqlite3_column_double(row, c));
-    }
+    appendValue(out, row, c, kinds[static_cast<std::size_t>(c)], iso, false);
   }
   out += '\n';
 }
 
 // `keys` holds each column's `"name":` with the separating comma before all but the first.
-// False when a number has no JSON form (infinity).
 bool appendJSONRow(std::string& out, sqlite3_stmt* row, const std::vector<ColumnKind>& kinds,
                    const std::vector<std::string>& keys, IsoFormatter& iso) {
   out += '{';
   for (int c = 0; c < static_cast<int>(kinds.size()); ++c) {
     out += keys[static_cast<std::size_t>(c)];
-    const int type = sqlite3_column_type(row, c);
-    if (type == SQLITE_NULL) {
-      out += "null";
-      continue;
-    }
-    switch (kinds[static_cast<std::size_t>(c)]) {
-      case ColumnKind::iso:
-        out += '"';
-        iso.append(out, sqlite3_column_double(row, c));
-        out += '"';
-        continue;
-      case ColumnKind::flag:
-        out += sqlite3_column_int64(row, c) != 0 ? "true" : "false";
-        continue;
-      case ColumnKind::plain:
-        break;
-    }
-    if (type == SQLITE_TEXT) {
-      export_text::appendJSONString(out, textOf(row, c));
-    } else if (type == SQLITE_INTEGER) {
-      export_text::appendInteger(out, sqlite3_column_int64(row, c));
-    } else {
-      const double value = sqlite3_column_double(row, c);
-      if (!std::isfinite(value)) return false;
-      export_text::appendNumber(out, value);
-    }
+    if (!appendValue(out, row, c, kinds[static_cast<std::size_t>(c)], iso, true)) return false;
   }
   out += '}';
   return true;
