@@ -120,19 +120,17 @@ void insertYear(const fs::path& file, std::int64_t& samples) {
 }
 
 Fixture& fixture() {
-  static Fixture f = [] {
-    Fixture made;
-    std::string pattern = (fs::temp_directory_path() / "quorel-export-bench-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp");
-    made.directory = pattern;
-    made.file = made.directory / "quorel.db";
-    QuorelDatabase({.databasePathOverride = made.file, .startQueue = false}, made.clock);
-    insertYear(made.file, made.samples);
-    // Read-only and on a queue of its own, as the command and the settings view use it.
-    made.db = std::make_unique<QuorelDatabase>(
-        QuorelDatabase::Options{.databasePathOverride = made.file, .readOnly = true}, made.clock);
-    return made;
-  }();
+  static Fixture f;
+  if (f.db) return f;
+  std::string pattern = (fs::temp_directory_path() / "quorel-export-bench-XXXXXX").string();
+  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp");
+  f.directory = pattern;
+  f.file = f.directory / "quorel.db";
+  QuorelDatabase({.databasePathOverride = f.file, .startQueue = false}, f.clock);
+  insertYear(f.file, f.samples);
+  // Read-only and on a queue of its own, as the command and the settings view use it.
+  f.db = std::make_unique<QuorelDatabase>(
+      QuorelDatabase::Options{.databasePathOverride = f.file, .readOnly = true}, f.clock);
   return f;
 }
 
