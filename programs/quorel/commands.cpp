@@ -65,6 +65,23 @@ int runHistory(HistoryCommandArguments arguments, const CommandContext& context)
   return result.exitStatus;
 }
 
+int runExport(const ExportCommandArguments& arguments, const CommandContext& context) {
+  quietLogging();
+  const auto paths = resolvePaths(context);
+  if (!paths) return 2;
+  SystemClock clock;
+  ExportCommandStreams streams;
+  streams.output = STDOUT_FILENO;
+  // A progress line only where someone watches it; a log or a pipe would keep every update.
+  if (::isatty(STDERR_FILENO)) {
+    streams.progress = [](std::string_view line) { std::cerr << line << std::flush; };
+  }
+  const auto result = runExportCommand(arguments, paths->databaseFile(), clock, streams);
+  std::cerr << result.notice;
+  if (!result.error.empty()) std::cerr << result.error << "\n";
+  return result.exitStatus;
+}
+
 int runBatteryReplaced(bool assumeYes, const CommandContext& context) {
   quietLogging();
   const auto paths = resolvePaths(context);

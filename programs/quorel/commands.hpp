@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "export_command.hpp"
 #include "history_command.hpp"
 
 namespace quorel {
@@ -17,6 +18,7 @@ struct CommandContext {
 // "enable", "disable" or "status".
 int runMcpCommand(const std::string& action, const CommandContext& context);
 int runHistory(HistoryCommandArguments arguments, const CommandContext& context);
+int runExport(const ExportCommandArguments& arguments, const CommandContext& context);
 // Declares a new battery: a manual epoch, after confirmation unless `assumeYes`.
 int runBatteryReplaced(bool assumeYes, const CommandContext& context);
 

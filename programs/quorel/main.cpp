@@ -109,6 +109,29 @@ static int runMain(int argc, char** argv) {
   history->add_option("--limit", limit, "Most rows to return");
   history->add_flag("--json", historyArgs.json, "Print the JSON the assistants' tools give");
 
+  auto* exportCommand = app.add_subcommand(
+      "export",
+      "Take history out as CSV or JSON (e.g. export power --from 2026-11-01T00:00:00Z "
+      "--to 2026-11-30T23:59:59Z --output power.csv)");
+  quorel::ExportCommandArguments exportArgs;
+  std::string exportOutput;
+  exportCommand
+      ->add_option("series", exportArgs.series,
+                   "One or more of power, battery, sessions, processEnergy, aiEnergy, "
+                   "dailyMetrics, collection, batteryEpochs")
+      ->required();
+  exportCommand
+      ->add_option("--from", exportArgs.from, "Start, ISO-8601 (e.g. 2026-11-01T00:00:00Z)")
+      ->required();
+  exportCommand
+      ->add_option("--to", exportArgs.to, "End, ISO-8601, included (e.g. 2026-11-30T23:59:59Z)")
+      ->required();
+  exportCommand->add_option("--format", exportArgs.format, "csv (default) or json");
+  exportCommand->add_option(
+      "--output", exportOutput,
+      "File to write, or a folder for files named quorel-<series>-<dates>.csv (default: CSV of "
+      "one series and JSON go to standard output, several CSV series to this folder)");
+
   auto* battery = app.add_subcommand("battery", "Battery identity");
   auto* replaced = battery->add_subcommand(
       "replaced", "Mark a new battery: health and cycle trends re-baseline from today");
@@ -136,6 +159,10 @@ static int runMain(int argc, char** argv) {
     if (history->count("--points") > 0) historyArgs.points = points;
     if (history->count("--limit") > 0) historyArgs.limit = limit;
     return quorel::runHistory(historyArgs, context);
+  }
+  if (*exportCommand) {
+    if (exportCommand->count("--output") > 0) exportArgs.output = exportOutput;
+    return quorel::runExport(exportArgs, context);
   }
   if (*replaced) return quorel::runBatteryReplaced(assumeYes, context);
 

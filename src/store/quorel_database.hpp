@@ -25,6 +25,7 @@
 #include "store/battery_epoch.hpp"
 #include "store/database_files.hpp"
 #include "store/energy_rollup.hpp"
+#include "store/history_export.hpp"
 #include "store/history_read_records.hpp"
 #include "store/history_records.hpp"
 #include "store/sqlite_connection.hpp"
@@ -167,6 +168,24 @@ class QuorelDatabase {
   std::uint64_t powerHistoryReads() const { return powerHistoryReads_; }
   std::uint64_t energyHistoryBuilds() const { return energyHistoryBuilds_; }
 
+  // Exports (store/history_export.hpp): the rows of [from, to] by time, read a day at a time,
+  // each day in one turn on queue() so that writes go on between days. Call them from a thread
+  // other than the queue's.
+  //
+  // CSV of one series into `target` through an ExportFile: a failure leaves the target as it was
+  // and nothing beside it. `progress` is called after each day.
+  ExportResult exportCSV(ExportSeries series, TimePoint from, TimePoint to,
+                         const std::filesystem::path& target,
+                         const ExportProgressHandler& progress = {});
+  // The same text, streamed day by day to an open descriptor (standard output).
+  ExportResult writeCSV(ExportSeries series, TimePoint from, TimePoint to, int fd,
+                        const ExportProgressHandler& progress = {});
+  // One document with each series once, in the order given; "{}" when it cannot be written.
+  std::string exportJSON(const std::vector<ExportSeries>& series, TimePoint from, TimePoint to);
+  // The same with what became of it; each series stops at `rowCap` rows.
+  JSONExport exportJSONDocument(const std::vector<ExportSeries>& series, TimePoint from,
+                                TimePoint to, std::int64_t rowCap = kExportJSONRowCap);
+
   // Raised after every committed energy batch of that kind. Read on queue().
   std::uint64_t energyRevision(EnergyHistoryKind kind) const {
     return energyRevision_[static_cast<std::size_t>(kind)];
@@ -214,6 +233,14 @@ class QuorelDatabase {
   std::optional<Error> scanEnergyRows(EnergyHistoryKind kind, double from, double to,
                                       bool includeTo, const EnergyRollup::RowVisitor& visit);
   EnergyHistoryEntry buildEnergyHistory(EnergyHistoryKind kind, TimePoint from, TimePoint to);
+  // Reads one export window of `sql` on queue(), handing each row to `row`; a false answer
+  // stops the read. `context` names the read in failures ("exportCSV power_samples").
+  std::optional<ExportFailure> readExportWindow(const std::string& sql, const ExportWindow& window,
+                                                const std::string& context,
+                                                const std::function<bool(sqlite3_stmt*)>& row);
+  // Appends one series' rows to a JSON document; false when a value cannot be written.
+  bool appendJSONSeries(JSONExport& out, ExportSeries series, double from, double to,
+                        std::int64_t rowCap);
   // Runs BEGIN, COMMIT or ROLLBACK; the result code of sqlite3_exec.
   int transaction(const char* sql);
 

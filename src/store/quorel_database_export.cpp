@@ -1,0 +1,258 @@
+// Exports: a series read a day at a time off the store's queue and written as CSV or JSON text.
+
+#include <spdlog/spdlog.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "store/export_file.hpp"
+#include "store/quorel_database.hpp"
+
+namespace quorel {
+
+namespace {
+
+using export_text::IsoFormatter;
+
+enum class ColumnKind { plain, iso, flag };
+
+// One series ready to read: its two statements and how each column leaves.
+struct PreparedExport {
+  explicit PreparedExport(ExportSeries series, std::string_view operation)
+      : query(seriesQuery(series)),
+        context(std::string(operation) + " " + std::string(query.table)),
+        select{windowSelect(query, false), windowSelect(query, true)} {
+    const auto has = [](const auto& names, std::string_view name) {
+      return std::find(names.begin(), names.end(), name) != names.end();
+    };
+    for (const auto name : query.selectColumns) {
+      kinds.push_back(has(query.isoColumns, name)    ? ColumnKind::iso
+                      : has(query.boolColumns, name) ? ColumnKind::flag
+                                                     : ColumnKind::plain);
+    }
+  }
+  const std::string& sql(const ExportWindow& window) const { return select[window.isLast]; }
+
+  const SeriesQuery& query;
+  std::string context;
+  std::string select[2];
+  std::vector<ColumnKind> kinds;
+};
+
+std::string_view textOf(sqlite3_stmt* row, int column) {
+  const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(row, column));
+  return {text ? text : "", static_cast<std::size_t>(sqlite3_column_bytes(row, column))};
+}
+
+void appendCSVText(std::string& out, std::string_view text) {
+  // Most stored texts are plain labels; they go out as they are without a temporary.
+  const bool plain =
+      text.find_first_of(",\"\n\r") == std::string_view::npos &&
+      (text.empty() || std::string_view("=+-@").find(text.front()) == std::string_view::npos);
+  if (plain) {
+    out += text;
+  } else {
+    out += csvEscape(text);
+  }
+}
+
+// One value in its exported form, NULL as nothing in CSV and null in JSON; false when a number
+// has no JSON form (infinity).
+bool appendValue(std::string& out, sqlite3_stmt* row, int c, ColumnKind kind, IsoFormatter& iso,
+                 bool json) {
+  const int type = sqlite3_column_type(row, c);
+  if (type == SQLITE_NULL) {
+    if (json) out += "null";
+  } else if (kind == ColumnKind::iso) {
+    if (json) out += '"';
+    iso.append(out, sqlite3_column_double(row, c));
+    if (json) out += '"';
+  } else if (kind == ColumnKind::flag) {
+    out += sqlite3_column_int64(row, c) != 0 ? "true" : "false";
+  } else if (type == SQLITE_TEXT) {
+    json ? export_text::appendJSONString(out, textOf(row, c)) : appendCSVText(out, textOf(row, c));
+  } else if (type == SQLITE_INTEGER) {
+    export_text::appendInteger(out, sqlite3_column_int64(row, c));
+  } else {
+    const double value = sqlite3_column_double(row, c);
+    if (json && !std::isfinite(value)) return false;
+    export_text::appendNumber(out, value);
+  }
+  return true;
+}
+
+void appendCSVRow(std::string& out, sqlite3_stmt* row, const std::vector<ColumnKind>& kinds,
+                  IsoFormatter& iso) {
+  for (int c = 0; c < static_cast<int>(kinds.size()); ++c) {
+    if (c > 0) out += ',';
+    appendValue(out, row, c, kinds[static_cast<std::size_t>(c)], iso, false);
+  }
+  out += '\n';
+}
+
+// `keys` holds each column's `"name":` with the separating comma before all but the first.
+bool appendJSONRow(std::string& out, sqlite3_stmt* row, const std::vector<ColumnKind>& kinds,
+                   const std::vector<std::string>& keys, IsoFormatter& iso) {
+  out += '{';
+  for (int c = 0; c < static_cast<int>(kinds.size()); ++c) {
+    out += keys[static_cast<std::size_t>(c)];
+    if (!appendValue(out, row, c, kinds[static_cast<std::size_t>(c)], iso, true)) return false;
+  }
+  out += '}';
+  return true;
+}
+
+std::vector<std::string> jsonKeys(const SeriesQuery& query) {
+  std::vector<std::string> keys;
+  for (const auto name : query.columns) {
+    std::string key = keys.empty() ? "" : ",";
+    export_text::appendJSONString(key, name);
+    keys.push_back(key + ':');
+  }
+  return keys;
+}
+
+}  // namespace
+
+std::optional<ExportFailure> QuorelDatabase::readExportWindow(
+    const std::string& sql, const ExportWindow& window, const std::string& context,
+    const std::function<bool(sqlite3_stmt*)>& row) {
+  return onQueue([&]() -> std::optional<ExportFailure> {
+    if (!db_)
+      return ExportFailure{ExportFailure::Stage::history, context, unavailableError().message};
+    int rc = SQLITE_OK;
+    SqliteStatement statement = prepareStatement(db_.get(), sql.c_str(), rc);
+    if (!statement) {
+      db_.logError(rc, context + " prepare");
+      return ExportFailure{ExportFailure::Stage::history, context + " prepare", db_.errorMessage()};
+    }
+    sqlite3_bind_double(statement.get(), 1, window.start);
+    sqlite3_bind_double(statement.get(), 2, window.end);
+    while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
+      if (!row(statement.get())) return std::nullopt;
+    }
+    if (rc == SQLITE_DONE) return std::nullopt;
+    db_.logError(rc, context + " step");
+    return ExportFailure{ExportFailure::Stage::history, context + " step", db_.errorMessage()};
+  });
+}
+
+ExportResult QuorelDatabase::exportCSV(ExportSeries series, TimePoint from, TimePoint to,
+                                       const std::filesystem::path& target,
+                                       const ExportProgressHandler& progress) {
+  ExportFile file(target, "exportCSV");
+  if (auto failure = file.create()) return {0, std::move(failure)};
+  ExportResult result = writeCSV(series, from, to, file.descriptor(), progress);
+  if (result.ok()) result.failure = file.commit();
+  // Without a commit the file removes its temporary on the way out.
+  return result;
+}
+
+ExportResult QuorelDatabase::writeCSV(ExportSeries series, TimePoint from, TimePoint to, int fd,
+                                      const ExportProgressHandler& progress) {
+  const PreparedExport prepared(series, "exportCSV");
+  const auto written = [&](std::string_view text) -> std::optional<ExportFailure> {
+    const int error = writeAll(fd, text);
+    if (error == 0) return std::nullopt;
+    return ExportFailure{ExportFailure::Stage::target, "exportCSV write", std::strerror(error)};
+  };
+  std::string chunk;
+  for (const auto name : prepared.query.columns) {
+    if (!chunk.empty()) chunk += ',';
+    chunk += name;
+  }
+  chunk += '\n';
+  ExportResult result;
+  if ((result.failure = written(chunk))) return result;
+
+  const auto windows = exportWindows(toUnixSeconds(from), toUnixSeconds(to));
+  IsoFormatter iso;
+  for (std::size_t i = 0; i < windows.size(); ++i) {
+    chunk.clear();
+    result.failure = readExportWindow(prepared.sql(windows[i]), windows[i], prepared.context,
+                                      [&](sqlite3_stmt* row) {
+                                        appendCSVRow(chunk, row, prepared.kinds, iso);
+                                        ++result.rows;
+                                        return true;
+                                      });
+    if (result.failure || (result.failure = written(chunk))) return result;
+    if (progress) progress({i + 1, windows.size(), result.rows});
+  }
+  return result;
+}
+
+bool QuorelDatabase::appendJSONSeries(JSONExport& out, ExportSeries series, double from, double to,
+                                      std::int64_t rowCap) {
+  const PreparedExport prepared(series, "exportJSON");
+  const auto keys = jsonKeys(prepared.query);
+  std::string& text = out.document;
+  export_text::appendJSONString(text, rawValue(series));
+  text += ":[";
+  const std::size_t firstRow = text.size();
+  std::int64_t rows = 0;
+  bool writable = true;
+  bool capped = false;
+  IsoFormatter iso;
+  for (const auto& window : exportWindows(from, to)) {
+    auto failure =
+        readExportWindow(prepared.sql(window), window, prepared.context, [&](sqlite3_stmt* row) {
+          if (rows == rowCap) {
+            capped = true;
+            return false;
+          }
+          if (rows++ > 0) text += ',';
+          writable = appendJSONRow(text, row, prepared.kinds, keys, iso);
+          return writable;
+        });
+    if (failure) {
+      // A series that cannot be read stands empty rather than half there.
+      text.resize(firstRow);
+      rows = 0;
+      if (!out.failure) out.failure = std::move(failure);
+      break;
+    }
+    if (!writable) return false;
+    if (capped) {
+      log_->warn(
+          "exportJSON {}: truncated at {} rows (F-db-003 memory cap; use CSV export for the full "
+          "dataset)",
+          prepared.query.table, rows);
+      out.truncated.push_back(series);
+      break;
+    }
+  }
+  text += ']';
+  out.rows += rows;
+  return true;
+}
+
+JSONExport QuorelDatabase::exportJSONDocument(const std::vector<ExportSeries>& series,
+                                              TimePoint from, TimePoint to, std::int64_t rowCap) {
+  JSONExport out;
+  std::string& text = out.document;
+  text = "{\"exported_at\":\"" + formatIso8601(clock_.now()) + "\",\"from\":\"" +
+         formatIso8601(from) + "\",\"to\":\"" + formatIso8601(to) + "\",\"series\":{";
+  std::vector<ExportSeries> done;
+  for (const ExportSeries s : series) {
+    if (std::find(done.begin(), done.end(), s) != done.end()) continue;
+    if (!done.empty()) text += ',';
+    done.push_back(s);
+    if (!appendJSONSeries(out, s, toUnixSeconds(from), toUnixSeconds(to), rowCap)) {
+      log_->error("exportJSON: a value of {} is not a finite number, which JSON cannot hold",
+                  seriesQuery(s).table);
+      out.document = "{}";
+      return out;
+    }
+  }
+  text += "}}";
+  return out;
+}
+
+std::string QuorelDatabase::exportJSON(const std::vector<ExportSeries>& series, TimePoint from,
+                                       TimePoint to) {
+  return exportJSONDocument(series, from, to).document;
+}
+
+}  // namespace quorel
