@@ -126,11 +126,16 @@ Fixture& fixture() {
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp");
   f.directory = pattern;
   f.file = f.directory / "quorel.db";
-  QuorelDatabase({.databasePathOverride = f.file, .startQueue = false}, f.clock);
+  QuorelDatabase::Options create;
+  create.databasePathOverride = f.file;
+  create.startQueue = false;
+  QuorelDatabase(std::move(create), f.clock);
   insertYear(f.file, f.samples);
   // Read-only and on a queue of its own, as the command and the settings view use it.
-  f.db = std::make_unique<QuorelDatabase>(
-      QuorelDatabase::Options{.databasePathOverride = f.file, .readOnly = true}, f.clock);
+  QuorelDatabase::Options reading;
+  reading.databasePathOverride = f.file;
+  reading.readOnly = true;
+  f.db = std::make_unique<QuorelDatabase>(std::move(reading), f.clock);
   return f;
 }
 
