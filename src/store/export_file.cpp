@@ -50,8 +50,7 @@ std::optional<ExportFailure> ExportFile::commit() {
 }
 
 ExportFailure ExportFile::failure(std::string_view step, int error) const {
-  return {ExportFailure::Stage::target, operation_ + " " + std::string(step),
-          std::strerror(error)};
+  return {ExportFailure::Stage::target, operation_ + " " + std::string(step), std::strerror(error)};
 }
 
 void ExportFile::discard() {

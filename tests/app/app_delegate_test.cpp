@@ -190,11 +190,6 @@ TEST(SingleInstanceLockTest, SecondInstanceNamesTheFirstAndTheLockFreesOnExit) {
   EXPECT_TRUE(third.acquired());
 }
 
-}  // namespace
-}  // namespace quorel
-
-namespace quorel {
-namespace {
 
 TEST_F(AppDelegateTest, EnergyFollowsTheSamplingSettingAndIsStoredBeforeSleepAndAtQuit) {
   SteadyUsage usage;
@@ -218,10 +213,10 @@ TEST_F(AppDelegateTest, EnergyFollowsTheSamplingSettingAndIsStoredBeforeSleepAnd
   ASSERT_TRUE(testing::waitUntil([&] { return released; }));
   // Read without waiting for the store: the permit went only once the rows were written.
   testing::SqlFile look(dir_.path() / "quorel.db");
-  EXPECT_EQ(look.rows("SELECT process_name, observed_duration_s, round(energy_wh * 3600, 6) "
-                      "FROM process_energy ORDER BY process_name"),
-            (std::vector<std::vector<std::string>>{{"Other", "7.0", "42.0"},
-                                                   {"cargo", "7.0", "28.0"}}));
+  EXPECT_EQ(
+      look.rows("SELECT process_name, observed_duration_s, round(energy_wh * 3600, 6) "
+                "FROM process_energy ORDER BY process_name"),
+      (std::vector<std::vector<std::string>>{{"Other", "7.0", "42.0"}, {"cargo", "7.0", "28.0"}}));
 
   tick(2s);
   delegate->terminate();
