@@ -26,18 +26,10 @@ AIAgentEnergyTracker::AIAgentEnergyTracker(EnergyUsageSource& source, SerialQueu
 EnergyBatch AIAgentEnergyTracker::makeBatch(const std::vector<AIAgentUsage>& usage,
                                             std::optional<double> packageWatts) {
   EnergyBatch batch;
-  double attributed = 0;
   for (const AIAgentUsage& agent : usage) {
-    if (!agent.estimatedWatts) continue;
-    EnergySampleValue& value = batch.entries[agent.agentId];
-    value.watts += *agent.estimatedWatts;
-    value.cpu += agent.cpuPercent;
-    value.source = kSource;
-    attributed += *agent.estimatedWatts;
+    batch.addShare(agent.agentId, agent.estimatedWatts, agent.cpuPercent, kSource);
   }
-  if (packageWatts && *packageWatts > 0) {
-    batch.coverage = std::clamp(attributed / *packageWatts, 0.0, 1.0);
-  }
+  batch.settleCoverage(packageWatts);
   return batch;
 }
 

@@ -5,6 +5,21 @@
 
 namespace quorel {
 
+void EnergyBatch::addShare(const std::string& name, std::optional<double> watts, double cpu,
+                           const std::string& source) {
+  if (!watts) return;
+  EnergySampleValue& value = entries[name];
+  value.watts += *watts;
+  value.cpu += cpu;
+  value.source = source;
+  attributed_W += *watts;
+}
+
+void EnergyBatch::settleCoverage(std::optional<double> packageWatts) {
+  coverage =
+      packageWatts && *packageWatts > 0 ? std::clamp(attributed_W / *packageWatts, 0.0, 1.0) : 0.0;
+}
+
 EnergyIntegrator::EnergyIntegrator(std::string selfCoveredName)
     : selfCoveredName_(std::move(selfCoveredName)) {}
 

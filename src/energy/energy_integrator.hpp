@@ -31,6 +31,15 @@ struct EnergyBatch {
   std::map<std::string, EnergySampleValue> entries;
   // The share of the package power, 0...1, that the batch's named entries account for.
   double coverage = 0;
+  // The watts of the shares added so far.
+  double attributed_W = 0;
+
+  // Adds a share of the package under `name` (entries of one name merge); one without an
+  // estimate, taken while the package was not measured, adds nothing.
+  void addShare(const std::string& name, std::optional<double> watts, double cpu,
+                const std::string& source);
+  // What the shares hold of `packageWatts`, 0 when it is unknown or not above 0.
+  void settleCoverage(std::optional<double> packageWatts);
 };
 
 class EnergyIntegrator {

@@ -27,20 +27,12 @@ ProcessEnergyTracker::ProcessEnergyTracker(EnergyUsageSource& source, SerialQueu
 EnergyBatch ProcessEnergyTracker::makeBatch(const std::vector<TopProcess>& processes,
                                             std::optional<double> packageWatts) {
   EnergyBatch batch;
-  double attributed = 0;
   for (const TopProcess& process : processes) {
-    if (!process.estimatedWatts) continue;
-    EnergySampleValue& value = batch.entries[process.name];
-    value.watts += *process.estimatedWatts;
-    value.cpu += process.cpuUsage;
-    value.source = kApportionedSource;
-    attributed += *process.estimatedWatts;
+    batch.addShare(process.name, process.estimatedWatts, process.cpuUsage, kApportionedSource);
   }
-  if (packageWatts && *packageWatts > 0) {
-    batch.coverage = std::clamp(attributed / *packageWatts, 0.0, 1.0);
-  }
+  batch.settleCoverage(packageWatts);
   if (packageWatts && std::isfinite(*packageWatts)) {
-    const double rest = std::max(*packageWatts - attributed, 0.0);
+    const double rest = std::max(*packageWatts - batch.attributed_W, 0.0);
     if (rest > kMinimumUnattributed_W) {
       batch.entries[kOtherName] = EnergySampleValue{rest, 0, kUnattributedSource};
     }
