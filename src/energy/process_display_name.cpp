@@ -22,7 +22,11 @@ std::optional<std::string_view> friendlyName(std::string_view name) {
 
 std::string processName(std::string_view kernelName, const std::vector<std::string>& arguments) {
   if (!arguments.empty()) {
-    std::string argvBase = lastPathComponent(arguments.front());
+    // Daemons that retitle themselves write "name: what it is doing" over their arguments; the
+    // slash in "user@pts/0" is then no path separator.
+    std::string_view program = arguments.front();
+    program = program.substr(0, program.find(": "));
+    std::string argvBase = lastPathComponent(program);
     if (!argvBase.empty() && !lowerASCII(kernelName).starts_with(lowerASCII(argvBase))) {
       return argvBase;
     }

@@ -15,7 +15,8 @@ namespace quorel {
 // The name of a process before its path is dropped: `kernelName`, unless the base of argv[0] is
 // present and the kernel name, compared lower-cased, does not start with it; then that base.
 // The kernel keeps 15 bytes of a name and a thread may rename the process, so argv[0] holds the
-// fuller one. Without arguments the kernel name stands as it is.
+// fuller one. Without arguments the kernel name stands as it is. A retitled argv[0] ("sshd:
+// alice@pts/0") counts up to its ": ".
 std::string processName(std::string_view kernelName, const std::vector<std::string>& arguments);
 
 // Stateless; safe from any thread.

@@ -240,6 +240,10 @@ TEST_F(TopProcessesServiceTest, KernelNameGivesWayToArgvBaseItDoesNotStartWith) 
       {"MainThread", {"/usr/bin/python3", "app.py"}, "python3"},
       {"MainThread", {}, "MainThread"},
       {"node", {""}, "node"},
+      // A title set by the program itself, "name: what it is doing", is not a path.
+      {"sshd", {"sshd: alice@pts/0"}, "sshd"},
+      {"nginx", {"nginx: worker process"}, "nginx"},
+      {"postgres", {"/usr/lib/postgresql/15/bin/postgres: checkpointer"}, "postgres"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.comm);
