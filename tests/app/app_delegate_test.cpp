@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
+
 #include "app/single_instance_lock.hpp"
 #include "core/memory_preference_store.hpp"
 #include "energy/energy_usage_source.hpp"
@@ -190,7 +192,6 @@ TEST(SingleInstanceLockTest, SecondInstanceNamesTheFirstAndTheLockFreesOnExit) {
   EXPECT_TRUE(third.acquired());
 }
 
-
 TEST_F(AppDelegateTest, EnergyFollowsTheSamplingSettingAndIsStoredBeforeSleepAndAtQuit) {
   SteadyUsage usage;
   SerialQueue energyQueue{"test.energy", clock};
@@ -208,9 +209,10 @@ TEST_F(AppDelegateTest, EnergyFollowsTheSamplingSettingAndIsStoredBeforeSleepAnd
   mainQueue.runPending();
   tick(2s);  // only a tracker that followed the setting samples here
 
-  bool released = false;
+  // The store's thread lets go of the permit.
+  std::atomic<bool> released{false};
   sleepWake.handlers.willSleep(SleepPermit([&] { released = true; }));
-  ASSERT_TRUE(testing::waitUntil([&] { return released; }));
+  ASSERT_TRUE(testing::waitUntil([&] { return released.load(); }));
   // Read without waiting for the store: the permit went only once the rows were written.
   testing::SqlFile look(dir_.path() / "quorel.db");
   EXPECT_EQ(
