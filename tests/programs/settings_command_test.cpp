@@ -53,7 +53,6 @@ TEST_F(SettingsCommandTest, SetThenGetRoundTripsEveryKindOfValueAndLeavesTheRest
   };
   const Case cases[] = {
       {"dataRetentionDays", "30", 30},
-      {"pollingInterval", "1.5", 1.5},
       {"launchAtLogin", "true", true},
       {"temperatureUnit", "°F", "°F"},
       {"carbonRegion", "EU Average", "EU Average"},
@@ -106,7 +105,6 @@ TEST_F(SettingsCommandTest, RefusalsSayWhatIsAllowedAndLeaveTheFileByteIdentical
       {"set", "pollingInterval", "0.1", {"0.1 is out of range"}},
       {"set", "dataRetentionDays", "5000", {"5000 is out of range", "0 (keep everything) to 3650"}},
       {"set", "dataRetentionDays", "2.5", {"2.5 is not a whole number"}},
-      {"set", "heatProtectionThresholdC", "50", {"from 32 to 45"}},
       {"set",
        "launchAtLogin",
        "1",
@@ -124,7 +122,6 @@ TEST_F(SettingsCommandTest, RefusalsSayWhatIsAllowedAndLeaveTheFileByteIdentical
       {"get", "carbonregion", std::nullopt, {"did you mean carbonRegion?", "pollingInterval, "}},
       {"reset", "noSuchSetting", std::nullopt, {"\"noSuchSetting\" is not a setting"}},
       {"set", "carbonRegion", std::nullopt, {"needs a value"}},
-      {"frobnicate", "carbonRegion", std::nullopt, {"use list, get, set or reset"}},
   };
   for (const auto& c : cases) {
     const auto r = run({.action = c.action, .key = c.key, .value = c.value});
@@ -166,14 +163,12 @@ TEST_F(SettingsCommandTest, ListShowsEveryKeyWithItsValueAndTheDefaultWhereItDif
   EXPECT_TRUE(all.at("activePresetId").is_null()) << "optional keys are listed when absent";
   const std::string text = run({.action = "list"}).output;
   std::istringstream lines(text);
-  std::string line;
-  std::size_t count = 0;
   for (const auto& [key, value] : all.items()) {
+    std::string line;
     ASSERT_TRUE(std::getline(lines, line));
     EXPECT_EQ(line.substr(0, key.size() + 1), key + " ") << line;
-    ++count;
   }
-  EXPECT_EQ(count, all.size());
+  EXPECT_TRUE(lines.peek() == EOF) << "one line per key";
   EXPECT_NE(text.find("India  (default US Average)\n"), std::string::npos) << text;
   EXPECT_NE(text.find("(not set)"), std::string::npos);
 }
