@@ -82,6 +82,17 @@ int runExport(const ExportCommandArguments& arguments, const CommandContext& con
   return result.exitStatus;
 }
 
+int runSettings(const SettingsCommandArguments& arguments, const CommandContext& context) {
+  quietLogging();
+  const auto paths = resolvePaths(context);
+  if (!paths) return 2;
+  SystemClock clock;
+  const auto result = runSettingsCommand(arguments, paths->preferencesFile(), clock);
+  std::cout << result.output;
+  if (!result.error.empty()) std::cerr << result.error << (result.error.back() == '\n' ? "" : "\n");
+  return result.exitStatus;
+}
+
 int runBatteryReplaced(bool assumeYes, const CommandContext& context) {
   quietLogging();
   const auto paths = resolvePaths(context);

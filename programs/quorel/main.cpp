@@ -6,6 +6,7 @@
 #include <exception>
 #include <iostream>
 #include <string>
+#include <vector>
 
 #include "agent.hpp"
 #include "commands.hpp"
@@ -139,6 +140,39 @@ static int runMain(int argc, char** argv) {
   bool assumeYes = false;
   replaced->add_flag("--yes", assumeYes, "Do not ask for confirmation (for scripts)");
 
+  auto* settingsCommand = app.add_subcommand(
+      "settings",
+      "See or change the settings; alone, lists them all. A running agent follows a change at "
+      "once (e.g. settings set temperatureUnit fahrenheit)");
+  settingsCommand->require_subcommand(0, 1);
+  quorel::SettingsCommandArguments settingsArgs;
+  std::string settingsKey;
+  std::vector<std::string> settingsValue;
+  const char* listJsonHelp = "Print one JSON object of every setting (absent ones as null)";
+  settingsCommand->add_flag("--json", settingsArgs.json, listJsonHelp);
+  auto* settingsList = settingsCommand->add_subcommand(
+      "list", "Every setting and its value, with the default where it differs");
+  settingsList->add_flag("--json", settingsArgs.json, listJsonHelp);
+  auto* settingsGet = settingsCommand->add_subcommand(
+      "get", "One setting's value (e.g. settings get carbonRegion)");
+  settingsGet->add_option("key", settingsKey, "The setting's name, e.g. dataRetentionDays")
+      ->required();
+  settingsGet->add_flag("--json", settingsArgs.json,
+                        "Print {\"key\": ..., \"value\": ..., \"default\": ...}");
+  auto* settingsSet = settingsCommand->add_subcommand(
+      "set",
+      "Change one setting, only to a value the agent can use (e.g. settings set carbonRegion "
+      "\"EU Average\"); a refused value changes nothing");
+  settingsSet->add_option("key", settingsKey, "The setting's name, e.g. carbonRegion")->required();
+  settingsSet
+      ->add_option("value", settingsValue,
+                   "A JSON value (30, true, [\"hero\"]) or, for a setting that holds text, the "
+                   "text itself (\"EU Average\", or its case name euAverage)")
+      ->required();
+  auto* settingsReset = settingsCommand->add_subcommand(
+      "reset", "Put one setting back to its default (e.g. settings reset dataRetentionDays)");
+  settingsReset->add_option("key", settingsKey, "The setting's name")->required();
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {
@@ -163,6 +197,19 @@ static int runMain(int argc, char** argv) {
   if (*exportCommand) {
     if (exportCommand->count("--output") > 0) exportArgs.output = exportOutput;
     return quorel::runExport(exportArgs, context);
+  }
+  if (*settingsCommand) {
+    if (*settingsGet) settingsArgs.action = "get";
+    if (*settingsSet) settingsArgs.action = "set";
+    if (*settingsReset) settingsArgs.action = "reset";
+    if (!settingsKey.empty()) settingsArgs.key = settingsKey;
+    if (!settingsValue.empty()) {
+      // Words the shell split apart ("EU Average" typed without quotes) are one value.
+      std::string joined;
+      for (const auto& word : settingsValue) joined += (joined.empty() ? "" : " ") + word;
+      settingsArgs.value = joined;
+    }
+    return quorel::runSettings(settingsArgs, context);
   }
   if (*replaced) return quorel::runBatteryReplaced(assumeYes, context);
 

@@ -35,46 +35,6 @@ namespace {
 // Dates in the document count from 2001-01-01, the platform codec's reference date.
 constexpr double kReferenceDateUnixSeconds = 978307200.0;
 
-// The raw texts of the document's enumerations.
-constexpr EnumTextTable<AppearanceMode, 3> kAppearanceModeTexts{{{
-    {AppearanceMode::automatic, "Auto"},
-    {AppearanceMode::light, "Light"},
-    {AppearanceMode::dark, "Dark"},
-}}};
-constexpr EnumTextTable<ColorBlindMode, 3> kColorBlindModeTexts{{{
-    {ColorBlindMode::off, "Default"},
-    {ColorBlindMode::deuteranopia, "Blue/Orange"},
-    {ColorBlindMode::tritanopia, "Green/Magenta"},
-}}};
-constexpr EnumTextTable<TemperatureUnit, 2> kTemperatureUnitTexts{{{
-    {TemperatureUnit::celsius, "°C"},
-    {TemperatureUnit::fahrenheit, "°F"},
-}}};
-constexpr EnumTextTable<TextScale, 7> kTextScaleTexts{{{
-    {TextScale::xxs, "XXS"},
-    {TextScale::xs, "XS"},
-    {TextScale::s, "S"},
-    {TextScale::m, "M"},
-    {TextScale::l, "L"},
-    {TextScale::xl, "XL"},
-    {TextScale::xxl, "XXL"},
-}}};
-constexpr EnumTextTable<MenuBarMode, 6> kMenuBarModeTexts{{{
-    {MenuBarMode::automatic, "Auto"},
-    {MenuBarMode::wattage, "Wattage"},
-    {MenuBarMode::minimal, "Minimal"},
-    {MenuBarMode::gaugeBattery, "Gauge: Battery"},
-    {MenuBarMode::gaugePowerIn, "Gauge: Power In"},
-    {MenuBarMode::percentage, "Percentage"},
-}}};
-constexpr EnumTextTable<CarbonRegion, 6> kCarbonRegionTexts{{{
-    {CarbonRegion::usAverage, "US Average"},
-    {CarbonRegion::euAverage, "EU Average"},
-    {CarbonRegion::ukAverage, "UK Average"},
-    {CarbonRegion::australiaAverage, "Australia"},
-    {CarbonRegion::indiaAverage, "India"},
-    {CarbonRegion::chinaAverage, "China"},
-}}};
 constexpr EnumTextTable<CustomAlert::Direction, 2> kDirectionTexts{{{
     {CustomAlert::Direction::rising, "rising"},
     {CustomAlert::Direction::falling, "falling"},

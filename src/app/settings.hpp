@@ -39,6 +39,46 @@ enum class CarbonRegion {
   indiaAverage,
   chinaAverage
 };
+// The raw texts the document stores for its enumerations.
+inline constexpr EnumTextTable<AppearanceMode, 3> kAppearanceModeTexts{{{
+    {AppearanceMode::automatic, "Auto"},
+    {AppearanceMode::light, "Light"},
+    {AppearanceMode::dark, "Dark"},
+}}};
+inline constexpr EnumTextTable<ColorBlindMode, 3> kColorBlindModeTexts{{{
+    {ColorBlindMode::off, "Default"},
+    {ColorBlindMode::deuteranopia, "Blue/Orange"},
+    {ColorBlindMode::tritanopia, "Green/Magenta"},
+}}};
+inline constexpr EnumTextTable<TemperatureUnit, 2> kTemperatureUnitTexts{{{
+    {TemperatureUnit::celsius, "°C"},
+    {TemperatureUnit::fahrenheit, "°F"},
+}}};
+inline constexpr EnumTextTable<TextScale, 7> kTextScaleTexts{{{
+    {TextScale::xxs, "XXS"},
+    {TextScale::xs, "XS"},
+    {TextScale::s, "S"},
+    {TextScale::m, "M"},
+    {TextScale::l, "L"},
+    {TextScale::xl, "XL"},
+    {TextScale::xxl, "XXL"},
+}}};
+inline constexpr EnumTextTable<MenuBarMode, 6> kMenuBarModeTexts{{{
+    {MenuBarMode::automatic, "Auto"},
+    {MenuBarMode::wattage, "Wattage"},
+    {MenuBarMode::minimal, "Minimal"},
+    {MenuBarMode::gaugeBattery, "Gauge: Battery"},
+    {MenuBarMode::gaugePowerIn, "Gauge: Power In"},
+    {MenuBarMode::percentage, "Percentage"},
+}}};
+inline constexpr EnumTextTable<CarbonRegion, 6> kCarbonRegionTexts{{{
+    {CarbonRegion::usAverage, "US Average"},
+    {CarbonRegion::euAverage, "EU Average"},
+    {CarbonRegion::ukAverage, "UK Average"},
+    {CarbonRegion::australiaAverage, "Australia"},
+    {CarbonRegion::indiaAverage, "India"},
+    {CarbonRegion::chinaAverage, "China"},
+}}};
 // A dashboard card's size; its raw text, as dashboardCardTiers holds it, is the case name.
 enum class CardTier { s1x1, s2x1, s2x2, full };
 inline constexpr EnumTextTable<CardTier, 4> kCardTierTexts{{{
