@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <numeric>
 #include <vector>
 
@@ -68,6 +69,10 @@ TEST(SoCResidencyTest, TheGaugeHistogramWinsWhenTheBatteryKeepsOne) {
   const auto observed = currentResidency(std::nullopt, {{50, 30, 3600}, {50, std::nullopt, 1}});
   EXPECT_EQ(toString(observed.source), "observed");
   EXPECT_EQ(observed.cellHours[cell(1, 3)], 1.0);
+  EXPECT_EQ(SoCResidency::fromGauge(*SoCResidencyMatrix::fromData(std::vector<std::uint8_t>(112)))
+                ->bandHours(),
+            (std::array<double, 4>{}));
+  EXPECT_FALSE(SoCResidencyMatrix::fromData(std::vector<std::uint8_t>(111)));
   EXPECT_FALSE(SoCResidency::fromGauge(SoCResidencyMatrix{{1, 2, 3}}))
       << "a histogram of another shape is not ours to read";
 }
@@ -75,8 +80,11 @@ TEST(SoCResidencyTest, TheGaugeHistogramWinsWhenTheBatteryKeepsOne) {
 class ResidencyReadTest : public store_test::ReadsTest {};
 
 TEST_F(ResidencyReadTest, TheStoresWholeDegreeTotalsFillTheSameCellsAsTheSamples) {
+  // Rows that share a whole percent and degree, apart and in a run, fold into one total.
+  auto samples = kSamples;
+  for (double pct : {55.2, 55.9, 12.0, 55.1}) samples.push_back(reading(pct, 24.9, 30));
   double offset = 0;
-  for (const auto& s : kSamples) {
+  for (const auto& s : samples) {
     store_test::Values values = {{"battery_pct", s.batteryPct}};
     if (s.temperatureC) values.emplace_back("temperature_c", *s.temperatureC);
     if (s.observedDurationS) values.emplace_back("observed_duration_s", *s.observedDurationS);
@@ -86,9 +94,12 @@ TEST_F(ResidencyReadTest, TheStoresWholeDegreeTotalsFillTheSameCellsAsTheSamples
 
   const auto rows = db->queryResidencyObservations(store_test::at(0), store_test::at(1e6));
   ASSERT_TRUE(rows) << rows.error().message;
-  EXPECT_EQ(observedResidency(*rows), observedResidency(kSamples))
+  EXPECT_EQ(observedResidency(*rows), observedResidency(samples))
       << "-0.5 °C must floor to -1, not truncate to 0; 79.99 % must stay under 80";
   EXPECT_EQ(rows->front(), (ResidencyObservation{0, -1, 20}));
+  EXPECT_EQ(std::count_if(rows->begin(), rows->end(),
+                          [](const ResidencyObservation& o) { return o.chargePct == 55; }),
+            1);
 
   sql().exec("DROP TABLE power_samples");
   EXPECT_FALSE(db->queryResidencyObservations(store_test::at(0), store_test::at(1)));
