@@ -47,10 +47,7 @@ TEST(SoCResidencyTest, ObservedCellsSumToTheCollectedTimeWithEdgesGoingUp) {
   EXPECT_EQ(r.cellHours, expected);
   EXPECT_DOUBLE_EQ(r.unplacedHours, 7.0 / 3600);
   EXPECT_DOUBLE_EQ(r.totalHours(), (60 + 30 + 10 + 20 + 300 + 7) / 3600.0);
-  const auto bands = r.bandHours();
-  EXPECT_DOUBLE_EQ(std::accumulate(bands.begin(), bands.end(), 0.0) + r.unplacedHours,
-                   r.totalHours());
-  EXPECT_DOUBLE_EQ(bands[0], 320.0 / 3600);
+  EXPECT_DOUBLE_EQ(r.bandHours()[0], 320.0 / 3600);
 }
 
 TEST(SoCResidencyTest, TheGaugeHistogramWinsWhenTheBatteryKeepsOne) {
@@ -62,7 +59,6 @@ TEST(SoCResidencyTest, TheGaugeHistogramWinsWhenTheBatteryKeepsOne) {
   ASSERT_TRUE(matrix);
   const auto fromGauge = currentResidency(matrix, {{50, 30, 3600}});
   EXPECT_EQ(fromGauge.source, ResidencySource::gauge);
-  EXPECT_EQ(toString(fromGauge.source), "gauge");
   EXPECT_EQ(fromGauge.bandHours(),
             (std::array<double, 4>{0, 5, 0, static_cast<double>(0xFF0000FFu)}));
 
