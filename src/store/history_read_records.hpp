@@ -124,4 +124,14 @@ struct DatabaseInfo {
   bool operator==(const DatabaseInfo&) const = default;
 };
 
+// Observed time at one whole charge percent and one whole degree (floored), for the residency
+// of charge and temperature. Either reading may be missing from the samples behind it.
+struct ResidencyObservation {
+  std::optional<std::int64_t> chargePct;
+  std::optional<std::int64_t> temperatureC;
+  double observedSeconds = 0;
+
+  bool operator==(const ResidencyObservation&) const = default;
+};
+
 }  // namespace quorel

@@ -157,6 +157,10 @@ class QuorelDatabase {
   // Everything the machine drew, integrated incrementally: only rows after the stored
   // checkpoint are read. A read-only store computes the same sum without moving the checkpoint.
   Result<double> totalComponentEnergy_Wh();
+  // Observed seconds of the samples in [from, to], per whole charge percent and whole degree
+  // (floored); samples without an observed duration are left out.
+  Result<std::vector<ResidencyObservation>> queryResidencyObservations(TimePoint from,
+                                                                       TimePoint to);
   // The first and last sample times; absent while there is no sample.
   Result<std::optional<PowerSampleDateRange>> powerSampleDateRange();
   // Absent when the store is unavailable, cannot be read, or holds no sample.
