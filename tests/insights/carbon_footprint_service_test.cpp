@@ -46,11 +46,6 @@ TEST(CarbonFootprint, IntegratesWhatTheMachineDrewAndLeavesUnknownStretchesOut) 
 
 class CarbonFootprintStoreTest : public store_test::StoreFileTest {
  protected:
-  void store(double offset, double wattage, std::optional<double> powerInW = {}) {
-    store_test::Values values{{"wattage", wattage}};
-    if (powerInW) values.push_back({"power_in_w", *powerInW});
-    sample(offset, values);
-  }
   CarbonFootprintService service{*db};
   const CarbonRegionIntensity us = *carbonRegionNamed("US Average");
   const CarbonRegionIntensity uk = *carbonRegionNamed("UK Average");
@@ -58,10 +53,10 @@ class CarbonFootprintStoreTest : public store_test::StoreFileTest {
 
 TEST_F(CarbonFootprintStoreTest, PricesTodaysSamplesAndIntegratesAnUnchangedDayOnce) {
   EXPECT_EQ(service.todayCO2Grams(us, at(0)).value(), 0);
-  store(-8 * 3600 - 1, -500);  // the evening before: not today
-  store(-60, -30);
-  store(0, -30);  // 0.5 Wh
-  store(600, -30);
+  sample(-8 * 3600 - 1, {{"wattage", -500.0}});  // the evening before: not today
+  sample(-60, {{"wattage", -30.0}});
+  sample(0, {{"wattage", -30.0}});  // 0.5 Wh
+  sample(600, {{"wattage", -30.0}});
 
   EXPECT_DOUBLE_EQ(service.todayCO2Grams(us, at(0)).value(), 0.5 / 1000 * 370);
   EXPECT_EQ(service.integrations(), 2u);
@@ -71,7 +66,7 @@ TEST_F(CarbonFootprintStoreTest, PricesTodaysSamplesAndIntegratesAnUnchangedDayO
   // A later now reaches the sample after the gap, which adds nothing but changes the set.
   EXPECT_DOUBLE_EQ(service.todayCO2Grams(us, at(600)).value(), 0.5 / 1000 * 370);
   EXPECT_EQ(service.integrations(), 3u);
-  store(660, -30, 0);
+  sample(660, {{"wattage", -30.0}, {"power_in_w", 0.0}});
   EXPECT_DOUBLE_EQ(service.todayCO2Grams(us, at(900)).value(), 1.0 / 1000 * 370);
   EXPECT_EQ(service.integrations(), 4u);
 
