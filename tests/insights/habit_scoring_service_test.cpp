@@ -139,6 +139,17 @@ TEST(HabitScoring, GoodAndBadHistoriesAreExplained) {
     EXPECT_FALSE(d.advice) << d.factor;
   }
 
+  // The weakest factor is named from 74 down; a grade off the scale reads as "F".
+  HabitFactors edge = good.factors;
+  edge["Temperature"] = "75/100";
+  EXPECT_EQ(habitExplanation("B-", edge),
+            "Decent — a habit or two is measurably shortening battery life.");
+  edge["Cycle Pattern"] = "74/100";
+  EXPECT_EQ(habitExplanation("?", edge),
+            "Critical — this pattern will shorten battery life significantly. The Cycle Pattern "
+            "sub-score (74/100) is the main drag — the per-factor breakdown below shows what "
+            "moves it.");
+
   // Charge depth 55.25 and high SoC 25.21 show truncated; cycle pattern sits at 85 exactly.
   const auto bad = HabitScoringService::score({session(10, 100, true), session(90, 48, false, 61)},
                                               {day(-1, 58)}, at(0));
