@@ -39,7 +39,7 @@ std::optional<std::int64_t> readInteger(const std::filesystem::path& path) {
 AttributeWriter sysfsAttributeWriter() {
   return [](const std::filesystem::path& path, std::string_view value) -> int {
     // O_NOFOLLOW: an attribute replaced by a symbolic link is not followed elsewhere.
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    const int fd = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW);
     if (fd < 0) return errno;
     ssize_t n;
     do {
@@ -191,12 +191,11 @@ Result<ChargeThresholds> LinuxBatteryControls::writeThresholds(const ChargeThres
 }
 
 Result<ChargeBehaviour> LinuxBatteryControls::writeBehaviour(ChargeBehaviour wanted) {
-  const bool supported =
-      (wanted == ChargeBehaviour::inhibitCharge && capabilities_.canControlCharging() &&
-       capabilities_.preTahoeCharging) ||
-      (wanted == ChargeBehaviour::forceDischarge && capabilities_.canForceDischarge()) ||
-      (wanted == ChargeBehaviour::automatic &&
-       (capabilities_.preTahoeCharging || capabilities_.canForceDischarge()));
+  const bool inhibit = capabilities_.preTahoeCharging;
+  const bool discharge = capabilities_.canForceDischarge();
+  const bool supported = (wanted == ChargeBehaviour::inhibitCharge && inhibit) ||
+                         (wanted == ChargeBehaviour::forceDischarge && discharge) ||
+                         (wanted == ChargeBehaviour::automatic && (inhibit || discharge));
   if (!supported)
     return Error{"charge_behaviour does not offer " + std::string(chargeBehaviourText(wanted))};
   if (auto error = write(kBehaviour, chargeBehaviourText(wanted))) return Error{*error};
