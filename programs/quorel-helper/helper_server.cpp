@@ -63,6 +63,7 @@ struct HelperServer::Impl : std::enable_shared_from_this<HelperServer::Impl> {
   void admit(stream_protocol::socket socket);
   void read(std::uint64_t id);
   void received(std::uint64_t id, std::size_t bytes);
+  void ended(std::uint64_t id);
   void handleLine(Connection& conn, std::string_view line);
   void send(Connection& conn, const JSONRPCResponse& response);
   void flush(std::uint64_t id);
@@ -122,11 +123,13 @@ void HelperServer::Impl::read(std::uint64_t id) {
                               [weak, id, keep = it->second](std::error_code ec, std::size_t bytes) {
                                 auto self = weak.lock();
                                 if (!self || ec == asio::error::operation_aborted) return;
-                                if (ec) {
+                                if (ec == asio::error::eof) {
+                                  self->ended(id);
+                                } else if (ec) {
                                   self->close(id);
-                                  return;
+                                } else {
+                                  self->received(id, bytes);
                                 }
-                                self->received(id, bytes);
                               });
 }
 
@@ -165,6 +168,22 @@ void HelperServer::Impl::received(std::uint64_t id, std::size_t bytes) {
     armDeadline(id, *conn, !conn->partial.empty());
     read(id);
   }
+  flush(id);
+}
+
+// A client may send its requests and shut its side at once; it still gets its answers, and a
+// last line without its line end counts as a line.
+void HelperServer::Impl::ended(std::uint64_t id) {
+  auto it = connections.find(id);
+  if (it == connections.end()) return;
+  auto conn = it->second;
+  if (!conn->closing && !conn->partial.empty()) {
+    const std::string line = std::move(conn->partial);
+    conn->partial.clear();
+    handleLine(*conn, line);
+  }
+  conn->closing = true;
+  conn->deadline.cancel();
   flush(id);
 }
 

@@ -4,7 +4,7 @@
 
 #include <fstream>
 
-#include "helper/helper_test_support.hpp"
+#include "platform/linux/sysfs_tree.hpp"
 #include "platform/sandbox/simulated_battery_controls.hpp"
 
 namespace quorel {
@@ -16,7 +16,7 @@ class HelperControllerTest : public ::testing::Test {
  protected:
   void make(SimulatedBatteryOptions options = {}) {
     battery = std::make_unique<SimulatedBatteryControls>(clock, options);
-    controller = std::make_unique<HelperController>(*battery, clock, dir.path(), "2.0.7");
+    controller = std::make_unique<HelperController>(*battery, clock, dir.root(), "2.0.7");
     controller->start();
   }
   // Ticks as the helper's timer would, for `minutes` of the clock's time.
@@ -29,7 +29,7 @@ class HelperControllerTest : public ::testing::Test {
   std::int64_t capacity() { return battery->read().capacity_percent.value(); }
 
   ManualClock clock;
-  testing::ScratchDirectory dir;
+  testing::SysfsTree dir;
   std::unique_ptr<SimulatedBatteryControls> battery;
   std::unique_ptr<HelperController> controller;
 };
@@ -54,7 +54,7 @@ TEST_F(HelperControllerTest, LimitIsWrittenReadBackPersistedAndRestoredAfterARes
   controller.reset();
   SimulatedBatteryOptions forgotten;
   battery = std::make_unique<SimulatedBatteryControls>(clock, forgotten);
-  controller = std::make_unique<HelperController>(*battery, clock, dir.path(), "2.0.7");
+  controller = std::make_unique<HelperController>(*battery, clock, dir.root(), "2.0.7");
   controller->start();
   EXPECT_EQ(battery->writes(), (Writes{"end=80", "start=75"}));
   EXPECT_EQ(controller->state().chargeLimit, 80);
@@ -185,10 +185,10 @@ TEST_F(HelperControllerTest, FailuresCarryTheirCodes) {
   EXPECT_FALSE(controller->state().lastWriteVerified);
 
   battery->failWrites(false);
-  std::filesystem::remove_all(dir.path());
-  std::ofstream(dir.path()) << "a file where the directory should be";
+  std::filesystem::remove_all(dir.root());
+  std::ofstream(dir.root()) << "a file where the directory should be";
   EXPECT_EQ(controller->setChargeLimit(80)->code, QuorelHelperErrorCode::codePersistenceFailed);
-  std::filesystem::remove(dir.path());
+  std::filesystem::remove(dir.root());
 }
 
 TEST_F(HelperControllerTest, ResetAllPutsBackWhatWasFoundAndForgetsTheState) {
@@ -218,7 +218,7 @@ TEST_F(HelperControllerTest, ResetAllPutsBackWhatWasFoundAndForgetsTheState) {
 }
 
 TEST_F(HelperControllerTest, AStateFileThatMakesNoSenseIsNotApplied) {
-  std::ofstream(dir.path() / HelperController::kStateFileName) << R"({"ceiling":5,"band":5})";
+  std::ofstream(dir.root() / HelperController::kStateFileName) << R"({"ceiling":5,"band":5})";
   make();
   run(5);
   EXPECT_EQ(battery->writes(), Writes{});

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "control/helper_controller.hpp"
-#include "helper/helper_test_support.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
 #include "platform/linux/sysfs_tree.hpp"
 
@@ -75,7 +74,7 @@ class LinuxBatteryControlsTest : public ::testing::Test {
     auto opened = LinuxBatteryControls::open(tree.root(), kernel.writer());
     ASSERT_TRUE(opened) << opened.error().message;
     controls = std::move(*opened);
-    controller = std::make_unique<HelperController>(*controls, clock, state.path(), "2.0.7");
+    controller = std::make_unique<HelperController>(*controls, clock, state.root(), "2.0.7");
     controller->start();
   }
   void run(double minutes) {
@@ -86,7 +85,7 @@ class LinuxBatteryControlsTest : public ::testing::Test {
   }
 
   testing::SysfsTree tree;
-  testing::ScratchDirectory state;
+  testing::SysfsTree state;
   KernelAttributes kernel{tree, std::nullopt, {}};
   ManualClock clock;
   std::unique_ptr<LinuxBatteryControls> controls;
@@ -122,7 +121,7 @@ TEST_F(LinuxBatteryControlsTest, ThresholdsAreWrittenInTheOrderTheKernelAccepts)
   for (const auto& c : cases) {
     tree.setProperty("BAT0", "CHARGE_CONTROL_START_THRESHOLD", std::to_string(c.start));
     tree.setProperty("BAT0", "CHARGE_CONTROL_END_THRESHOLD", std::to_string(c.end));
-    fs::remove_all(state.path() / HelperController::kStateFileName);
+    fs::remove_all(state.root() / HelperController::kStateFileName);
     kernel.log.clear();
     make();
     ASSERT_EQ(controller->setChargeLimit(c.limit), std::nullopt) << c.limit;
@@ -208,7 +207,7 @@ TEST_F(LinuxBatteryControlsTest, WithoutThresholdsTheGateRunsOnChargeBehaviour) 
 
 TEST_F(LinuxBatteryControlsTest, AnAttributeTurnedIntoASymlinkIsNotFollowed) {
   make();
-  const fs::path outside = state.path() / "outside";
+  const fs::path outside = state.root() / "outside";
   std::ofstream(outside) << "untouched\n";
   fs::remove(attribute(kEnd));
   fs::create_symlink(outside, attribute(kEnd));
