@@ -34,43 +34,6 @@ class HelperControllerTest : public ::testing::Test {
   std::unique_ptr<HelperController> controller;
 };
 
-TEST_F(HelperControllerTest, AFreshHelperWritesNothingUntilAsked) {
-  make();
-  run(90);
-  EXPECT_EQ(battery->writes(), Writes{});
-  EXPECT_FALSE(std::filesystem::exists(controller->stateFile()));
-  EXPECT_EQ(controller->state().chargeLimit, 100);
-}
-
-TEST_F(HelperControllerTest, LimitIsWrittenReadBackPersistedAndRestoredAfterARestart) {
-  make();
-  ASSERT_EQ(controller->setChargeLimit(80), std::nullopt);
-  EXPECT_EQ(battery->writes(), (Writes{"end=80", "start=75"}));
-  EXPECT_EQ(controller->state().chargeLimit, 80);
-  EXPECT_TRUE(controller->state().lastWriteVerified);
-  EXPECT_EQ(controller->state().lastWriteAt, clock.now());
-
-  // A new process over a battery whose firmware forgot everything puts the limit back at start.
-  controller.reset();
-  SimulatedBatteryOptions forgotten;
-  battery = std::make_unique<SimulatedBatteryControls>(clock, forgotten);
-  controller = std::make_unique<HelperController>(*battery, clock, dir.root(), "2.0.7");
-  controller->start();
-  EXPECT_EQ(battery->writes(), (Writes{"end=80", "start=75"}));
-  EXPECT_EQ(controller->state().chargeLimit, 80);
-}
-
-TEST_F(HelperControllerTest, DriftIsRepairedWithinAMinuteAndOnlyThen) {
-  make();
-  ASSERT_EQ(controller->setChargeLimit(70), std::nullopt);
-  run(5);
-  EXPECT_EQ(battery->writes().size(), 2u) << "a steady battery must not be rewritten";
-  battery->forgetFirmwareSettings();
-  run(1);
-  EXPECT_EQ(battery->writes(), (Writes{"end=70", "start=65", "end=70", "start=65"}));
-  EXPECT_EQ(battery->read().thresholds, (ChargeThresholds{70, 65}));
-}
-
 TEST_F(HelperControllerTest, ArgumentsAreCheckedBeforeAnyWrite) {
   make();
   for (std::int64_t percent : {19, 101, -5, 0}) {
@@ -141,31 +104,6 @@ TEST_F(HelperControllerTest, TopUpChargesToFullThenRestoresTheSameCeiling) {
   ASSERT_EQ(controller->cancelTopUp(), std::nullopt);
   EXPECT_FALSE(controller->state().topUpActive);
   EXPECT_EQ(battery->read().thresholds, (ChargeThresholds{80, 75}));
-}
-
-TEST_F(HelperControllerTest, WithoutThresholdsTheGateHoldsTheCeilingWithItsBand) {
-  SimulatedBatteryOptions options;
-  options.endThreshold = false;
-  options.startThreshold = false;
-  options.capacity_percent = 70;
-  make(options);
-  const auto caps = controller->capabilities();
-  EXPECT_FALSE(caps.nativeCharging);
-  EXPECT_TRUE(caps.canControlCharging());
-  ASSERT_EQ(controller->setChargeLimit(80), std::nullopt);
-  EXPECT_EQ(battery->writes(), Writes{}) << "below the ceiling the gate stays open";
-  run(12);
-  EXPECT_EQ(battery->read().behaviour, ChargeBehaviour::inhibitCharge);
-  EXPECT_EQ(capacity(), 80);
-  battery->setCapacity(76);
-  run(1);
-  EXPECT_EQ(battery->read().behaviour, ChargeBehaviour::inhibitCharge) << "inside the band";
-  battery->setCapacity(74);
-  run(0.25);
-  EXPECT_EQ(battery->read().behaviour, ChargeBehaviour::automatic);
-  ASSERT_EQ(controller->clearChargeLimit(), std::nullopt);
-  run(30);
-  EXPECT_EQ(capacity(), 100);
 }
 
 TEST_F(HelperControllerTest, FailuresCarryTheirCodes) {
