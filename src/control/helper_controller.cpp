@@ -47,7 +47,8 @@ std::optional<std::string> writeAtomically(const std::filesystem::path& target,
   std::error_code ec;
   std::filesystem::create_directories(target.parent_path(), ec);
   const auto temporary = target.string() + ".tmp";
-  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  const int fd =
+      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return std::string(std::strerror(errno));
   std::size_t written = 0;
   while (written < text.size()) {
