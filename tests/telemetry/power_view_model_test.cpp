@@ -204,6 +204,26 @@ TEST_F(PowerViewModelTest, TemperatureCarbonAndAdapterTexts) {
   EXPECT_EQ(show(state).adapterInfo, "96W charger");
 }
 
+TEST_F(PowerViewModelTest, CalendarAndHabitTexts) {
+  ViewModelInputs inputs;
+  inputs.calendarPrediction =
+      CalendarPrediction{"Standup", clock.now() + std::chrono::hours(2), 19.6};
+  inputs.habitScore = HabitScoreReading{"B+", {{"charge_depth", "Shallow cycles."}}};
+  const DisplayState& shown = show(drainingState(), inputs);
+  EXPECT_EQ(shown.calendarPrediction, "~20% at 10:00 (Standup)");
+  EXPECT_TRUE(shown.calendarWarning) << "the prediction itself is below 20";
+  EXPECT_EQ(shown.habitScore, "B+");
+  EXPECT_EQ(shown.habitScoreColor, NamedColor::blue);
+  EXPECT_EQ(shown.habitScoreFactors, inputs.habitScore->factors);
+
+  inputs.calendarPrediction->predictedPct = 20;
+  inputs.habitScore.reset();
+  const DisplayState& later = show(drainingState(), inputs);
+  EXPECT_FALSE(later.calendarWarning);
+  EXPECT_FALSE(later.habitScore);
+  EXPECT_TRUE(later.habitScoreFactors.empty());
+}
+
 TEST_F(PowerViewModelTest, AverageBufferHoldsTheLastSixtyFigures) {
   for (int i = 0; i < 100; ++i) {
     vm.recordComponentPowerSample(std::nullopt, i, clock.now());
@@ -275,6 +295,56 @@ TEST_F(PowerViewModelStoreTest, AResultArrivingAfterTheViewModelIsGoneIsDropped)
   doomed.reset();
   settle();
   EXPECT_EQ(db.powerHistoryReads(), 6u);
+}
+
+TEST_F(PowerViewModelStoreTest, EpochLifetimeEnergyAndEnergyRankingsComeFromTheStore) {
+  const TimePoint t0 = clock.now() - std::chrono::minutes(5);
+  for (int i = 0; i < 2; ++i) {
+    PowerSample sample;
+    sample.timestamp = t0 + std::chrono::seconds(100 * i);
+    sample.wattage = 4;
+    sample.batteryPct = 80;
+    sample.powerInW = 40;  // the machine drew 36 W
+    sample.externalConnected = true;
+    db.insertPowerSample(sample);
+  }
+  std::vector<TrackedEnergyRecord> records;
+  for (const auto& [name, wh] : {std::pair{"make", 0.2}, {"editor", 0.9}, {"shell", 0.1}}) {
+    records.push_back(TrackedEnergyRecord{.timestamp = t0,
+                                          .identifier = name,
+                                          .averageCPU = 5,
+                                          .averageWatts = wh * 60,
+                                          .peakWatts = wh * 60,
+                                          .sampleCount = 12,
+                                          .observedDuration_s = 60,
+                                          .missingDuration_s = 0,
+                                          .energyWh = wh,
+                                          .coverageRatio = 1,
+                                          .quality = HistoricalValueQuality::measured,
+                                          .source = "test"});
+  }
+  db.insertProcessEnergy(records);
+  db.forceNewBatteryEpoch("SER1", 12, 5000, 4900, t0);
+  settle();
+
+  std::optional<double> reported;
+  stored.loadLifetimeComponentEnergy([&](std::optional<double> wh) { reported = wh; });
+  stored.loadBatteryEpoch();
+  stored.loadProcessEnergyData(HistoryTimeScale::oneHour);
+  stored.loadProcessEnergyData(HistoryTimeScale::oneHour);  // still in flight
+  settle();
+
+  ASSERT_TRUE(reported);
+  EXPECT_NEAR(*reported, 1.0, 1e-9);
+  EXPECT_EQ(stored.displayState().lifetimeEnergy_Wh, reported);
+  ASSERT_TRUE(stored.batteryEpoch());
+  EXPECT_EQ(stored.batteryEpoch()->serial, "SER1");
+  EXPECT_EQ(db.energyHistoryBuilds(), 1u);
+  const auto& ranked = stored.processEnergySummaryCache().at(HistoryTimeScale::oneHour);
+  ASSERT_EQ(ranked.size(), 3u);
+  EXPECT_EQ(ranked[0].identifier, "editor");
+  EXPECT_EQ(ranked[2].identifier, "shell");
+  EXPECT_EQ(stored.processEnergyCache().at(HistoryTimeScale::oneHour).size(), 3u);
 }
 
 TEST_F(PowerViewModelStoreTest, LiveSamplesAreThinnedPerScaleAndMarkAGapOnce) {
