@@ -38,11 +38,21 @@
 #include "telemetry/power_monitor.hpp"
 #include "telemetry/power_recorder.hpp"
 #include "telemetry/power_state_json.hpp"
+#include "telemetry/power_view_model.hpp"
 #include "telemetry/provider_switch.hpp"
 
 namespace quorel {
 
 namespace {
+
+// How often the lifetime total is brought up to date; it reads only the rows since the last time.
+constexpr Seconds kLifetimeEnergyRefresh{300};
+
+DisplayPreferences displayPreferences(const QuorelSettings& settings) {
+  return DisplayPreferences{.fahrenheit = settings.temperatureUnit == TemperatureUnit::fahrenheit,
+                            .showCarbonFootprint = settings.showCarbonFootprint,
+                            .minimalMenuBar = settings.menuBarMode == MenuBarMode::minimal};
+}
 
 double cpuSeconds() {
   rusage usage{};
@@ -88,6 +98,12 @@ class Agent {
       reportCorruptionHeadless(dir, std::cerr);
     };
     database_ = std::make_unique<QuorelDatabase>(std::move(storeOptions), clock_);
+    // Made here, on the thread that runs the main queue, which is the only one that touches it.
+    viewModel_ = std::make_unique<PowerViewModel>(mainQueue_, database_.get(), clock_);
+    viewModel_->setPreferences(displayPreferences(settings_->settings()));
+    settingsSubscription_ = settings_->subscribe([this](const QuorelSettings& settings) {
+      viewModel_->setPreferences(displayPreferences(settings));
+    });
 
     const auto powerSupplyRoot = sysfs::powerSupplyClassPath(options_.sysfsRoot);
     const PowerSourceChoice choice = choosePowerSource(powerSupplyRoot, options_.sandbox);
@@ -106,7 +122,10 @@ class Agent {
           sysfs::powercapClassPath(options_.sysfsRoot));
       deps.sources.railReader = std::make_shared<LinuxPowerRailReader>(options_.sysfsRoot);
       recordingStore_ = std::make_unique<QuorelDatabaseRecordingStore>(*database_);
-      deps.recorder = std::make_shared<PowerRecorder>(*recordingStore_, clock_);
+      deps.recorder =
+          std::make_shared<PowerRecorder>(*recordingStore_, clock_, [this](const BatteryEpoch&) {
+            mainQueue_.async([this] { viewModel_->markBatteryReplaced(); });
+          });
       startEnergyAttribution();
     } else {
       scenario.enabled = true;
@@ -115,7 +134,9 @@ class Agent {
     }
     monitor_ = PowerMonitor::create(std::move(deps), clock_);
     monitor_->setOnStateUpdate(
-        [this](const PowerState& state, const PowerMonitor::HistorySnapshot&) { publish(state); });
+        [this](const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
+          publish(state, history);
+        });
     if (sandbox_) {
       sandboxObserver_ = sandbox_->addObserver([this](const SandboxConfig::Change& change) {
         if (change.parametersChanged()) simulationParametersChanged(*monitor_);
@@ -147,12 +168,18 @@ class Agent {
     waitForSignal();
     if (thermal_) thermal_->start(mainQueue_);
     pollQueue_.start();
-    mainQueue_.async([this] { delegate_->launch(); });
+    mainQueue_.async([this] {
+      delegate_->launch();
+      viewModel_->preloadHistoricalData();
+      viewModel_->loadBatteryEpoch();
+    });
     mainQueue_.run();
 
     // The main queue has stopped: finish the tick in flight and end the other threads. The
     // server goes while its queue still runs, since it stops its listener there.
     delegate_.reset();
+    settings_->unsubscribe(settingsSubscription_);
+    viewModel_.reset();
     processEnergy_.reset();
     agentEnergy_.reset();
     energyQueue_.shutdown();
@@ -184,7 +211,20 @@ class Agent {
     energyQueue_.start();
   }
 
-  void publish(const PowerState& state) {
+  void publish(const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
+    const MonotonicTime now = clock_.monotonicNow();
+    if (!lastLifetimeRefresh_ || now - *lastLifetimeRefresh_ >= kLifetimeEnergyRefresh) {
+      lastLifetimeRefresh_ = now;
+      viewModel_->loadLifetimeComponentEnergy();
+    }
+    // The monitor hands out its histories only while someone is watching, so taking them costs
+    // nothing otherwise. Devices, sessions, the calendar, carbon and the habit grade have no
+    // source here yet.
+    ViewModelInputs inputs;
+    inputs.populateHistory = true;
+    viewModel_->update(state, history, inputs);
+    if (monitor_->componentCardVisible()) viewModel_->appendLiveSample(state, state.componentPower);
+
     if (topProcesses_)
       topProcesses_->setCpuPackageWatts(TopProcessesService::cpuPackageWatts(state.componentPower));
     if (options_.json) {
@@ -252,6 +292,9 @@ class Agent {
   std::unique_ptr<SettingsManager> settings_;
   std::unique_ptr<QuorelDatabase> database_;
   std::unique_ptr<QuorelDatabaseRecordingStore> recordingStore_;
+  std::unique_ptr<PowerViewModel> viewModel_;
+  std::uint64_t settingsSubscription_ = 0;
+  std::optional<MonotonicTime> lastLifetimeRefresh_;
   std::unique_ptr<SandboxConfig> sandbox_;
   std::unique_ptr<LinuxProcfsProcessTable> processTable_;
   std::unique_ptr<AIAgentClassifier> classifier_;
