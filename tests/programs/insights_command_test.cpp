@@ -13,6 +13,7 @@ namespace {
 
 using store_test::at;
 using store_test::kDay;
+namespace fs = std::filesystem;
 
 class InsightsCommandTest : public store_test::StoreFileTest {
  protected:
