@@ -82,6 +82,18 @@ int runExport(const ExportCommandArguments& arguments, const CommandContext& con
   return result.exitStatus;
 }
 
+int runInsights(const InsightsCommandArguments& arguments, const CommandContext& context) {
+  quietLogging();
+  const auto paths = resolvePaths(context);
+  if (!paths) return 2;
+  SystemClock clock;
+  const auto result =
+      runInsightsCommand(arguments, paths->databaseFile(), paths->preferencesFile(), clock);
+  std::cout << result.output;
+  if (!result.error.empty()) std::cerr << result.error << "\n";
+  return result.exitStatus;
+}
+
 int runSettings(const SettingsCommandArguments& arguments, const CommandContext& context) {
   quietLogging();
   const auto paths = resolvePaths(context);

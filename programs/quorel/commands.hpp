@@ -7,6 +7,7 @@
 
 #include "export_command.hpp"
 #include "history_command.hpp"
+#include "insights_command.hpp"
 #include "settings_command.hpp"
 
 namespace quorel {
@@ -20,6 +21,7 @@ struct CommandContext {
 int runMcpCommand(const std::string& action, const CommandContext& context);
 int runHistory(HistoryCommandArguments arguments, const CommandContext& context);
 int runExport(const ExportCommandArguments& arguments, const CommandContext& context);
+int runInsights(const InsightsCommandArguments& arguments, const CommandContext& context);
 int runSettings(const SettingsCommandArguments& arguments, const CommandContext& context);
 // Declares a new battery: a manual epoch, after confirmation unless `assumeYes`.
 int runBatteryReplaced(bool assumeYes, const CommandContext& context);

@@ -173,6 +173,16 @@ static int runMain(int argc, char** argv) {
       "reset", "Put one setting back to its default (e.g. settings reset dataRetentionDays)");
   settingsReset->add_option("key", settingsKey, "The setting's name")->required();
 
+  auto* insights = app.add_subcommand(
+      "insights",
+      "What the history means: habit grade, health and cycle forecasts, today's carbon, time at "
+      "temperature (e.g. insights --now 2026-11-22T10:00:00Z --json)");
+  quorel::InsightsCommandArguments insightsArgs;
+  std::string insightsNow;
+  insights->add_option("--now", insightsNow,
+                       "Compute as of this moment, ISO-8601 with a zone (default now)");
+  insights->add_flag("--json", insightsArgs.json, "Print one JSON object");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::Success& e) {
@@ -210,6 +220,10 @@ static int runMain(int argc, char** argv) {
       settingsArgs.value = joined;
     }
     return quorel::runSettings(settingsArgs, context);
+  }
+  if (*insights) {
+    if (insights->count("--now") > 0) insightsArgs.now = insightsNow;
+    return quorel::runInsights(insightsArgs, context);
   }
   if (*replaced) return quorel::runBatteryReplaced(assumeYes, context);
 

@@ -1,0 +1,180 @@
+// `quorel insights` against a year of history: a sample every 30 seconds, a daily metric a day,
+// three sessions a day. The file gets the store's schema from the store itself, then its rows in
+// one transaction of plain SQL, so that building it takes seconds rather than the write path's
+// minutes. The whole command is timed (open, every read, every computation, the JSON), and beside
+// it the one read that scales with the year, the residency totals, to show where the time goes.
+
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+#include "core/iso8601.hpp"
+#include "programs/quorel/insights_command.hpp"
+#include "store/quorel_database.hpp"
+
+namespace quorel {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr double kEnd = 1'800'000'000;  // 2027-01-15T08:00:00Z
+constexpr double kDay = 86400;
+constexpr double kStart = kEnd - 365 * kDay;
+
+void exec(sqlite3* db, const char* sql) {
+  if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+    throw std::runtime_error(std::string(sqlite3_errmsg(db)) + " in: " + sql);
+  }
+}
+
+// Steps `sql` once per call with the reals given, then resets it.
+class Insert {
+ public:
+  Insert(sqlite3* db, const char* sql) {
+    if (sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr) != SQLITE_OK) {
+      throw std::runtime_error(sqlite3_errmsg(db));
+    }
+  }
+  ~Insert() { sqlite3_finalize(statement_); }
+  Insert(const Insert&) = delete;
+  Insert& operator=(const Insert&) = delete;
+  template <class... T>
+  void operator()(T... values) {
+    int i = 0;
+    (bind(++i, values), ...);
+    if (sqlite3_step(statement_) != SQLITE_DONE) throw std::runtime_error("insert");
+    sqlite3_reset(statement_);
+  }
+
+ private:
+  void bind(int i, double v) { sqlite3_bind_double(statement_, i, v); }
+  void bind(int i, const std::string& v) {
+    sqlite3_bind_text(statement_, i, v.c_str(), -1, SQLITE_TRANSIENT);
+  }
+  sqlite3_stmt* statement_ = nullptr;
+};
+
+struct YearOfHistory {
+  YearOfHistory() {
+    char pattern[] = "/tmp/quorel-insights-bench-XXXXXX";
+    if (!::mkdtemp(pattern)) throw std::runtime_error("mkdtemp");
+    dir = pattern;
+    const ManualClock clock{fromUnixSeconds(kEnd)};
+    {
+      QuorelDatabase made({.dataDirectory = dir,
+                           .databasePathOverride = {},
+                           .onCorruption = {},
+                           .startQueue = false},
+                          clock);
+    }
+    sqlite3* db = nullptr;
+    sqlite3_open((dir / "quorel.db").c_str(), &db);
+    exec(db, "BEGIN");
+    {
+      Insert sample(db,
+                    "INSERT INTO power_samples (timestamp, wattage, battery_pct, temperature_c, "
+                    "observed_duration_s, power_in_w, external_connected) VALUES (?,?,?,?,?,?,?)");
+      for (double t = kStart; t < kEnd; t += 30) {
+        // A day's rhythm: discharging by day, charging in the evening.
+        const double phase = std::fmod(t - kStart, kDay) / kDay;
+        const bool charging = phase > 0.75;
+        sample(t, charging ? 20.0 : -9.0, 20 + 70 * phase, 28 + 15 * phase, 30.0,
+               charging ? 45.0 : 0.0, charging ? 1.0 : 0.0);
+      }
+      Insert day(db,
+                 "INSERT INTO daily_battery_metrics (day_key, day_start, nominal_capacity_mah, "
+                 "design_capacity_mah, cycle_count, health_pct, avg_temperature_c, "
+                 "max_temperature_c) VALUES (?,?,?,?,?,?,?,?)");
+      Insert session(db,
+                     "INSERT INTO sessions (id, start_time, end_time, start_pct, end_pct, "
+                     "is_charging, mode, quality, confidence, collected_duration_s) "
+                     "VALUES (?,?,?,?,?,?,'battery','measured',0.9,3600)");
+      for (int d = 0; d < 365; ++d) {
+        const double start = kStart + d * kDay;
+        const std::string key = formatIso8601(fromUnixSeconds(start)).substr(0, 10);
+        day(key, start, 5000 - 2.0 * d, 5000.0, 1.0 * d, 100 - 0.04 * d, 34.0, 41.0);
+        for (int s = 0; s < 3; ++s) {
+          char id[37];
+          std::snprintf(id, sizeof id, "00000000-0000-4000-8000-%012d", d * 3 + s);
+          session(std::string(id), start + s * 28800, start + s * 28800 + 3600, 30.0, 80.0,
+                  s == 2 ? 1.0 : 0.0);
+        }
+      }
+    }
+    exec(db, "COMMIT");
+    sqlite3_close(db);
+  }
+  ~YearOfHistory() { fs::remove_all(dir); }
+
+  fs::path dir;
+};
+
+YearOfHistory& history() {
+  static YearOfHistory year;
+  return year;
+}
+
+void BM_InsightsCommand(benchmark::State& state) {
+  auto& year = history();
+  const ManualClock clock{fromUnixSeconds(kEnd)};
+  for (auto _ : state) {
+    const auto r = runInsightsCommand({formatIso8601(clock.now()), true}, year.dir / "quorel.db",
+                                      year.dir / "defaults.json", clock);
+    if (r.exitStatus != 0) state.SkipWithError(r.error.c_str());
+    benchmark::DoNotOptimize(r.output.data());
+  }
+}
+BENCHMARK(BM_InsightsCommand)->Unit(benchmark::kMillisecond);
+
+void BM_ResidencyRead(benchmark::State& state) {
+  auto& year = history();
+  const ManualClock clock{fromUnixSeconds(kEnd)};
+  QuorelDatabase db({.dataDirectory = std::nullopt,
+                     .databasePathOverride = year.dir / "quorel.db",
+                     .onCorruption = {},
+                     .startQueue = false,
+                     .readOnly = true},
+                    clock);
+  for (auto _ : state) {
+    auto rows = db.queryResidencyObservations(fromUnixSeconds(0), clock.now());
+    benchmark::DoNotOptimize(rows);
+  }
+}
+BENCHMARK(BM_ResidencyRead)->Unit(benchmark::kMillisecond);
+
+// SQLite's part of that read alone: the same scan, each row's three values read and dropped.
+void BM_ResidencyBareScan(benchmark::State& state) {
+  auto& year = history();
+  sqlite3* db = nullptr;
+  sqlite3_open_v2((year.dir / "quorel.db").c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
+  sqlite3_stmt* statement = nullptr;
+  sqlite3_prepare_v2(db,
+                     "SELECT battery_pct, temperature_c, MIN(observed_duration_s, 300.0) FROM "
+                     "power_samples WHERE +timestamp BETWEEN ? AND ? AND observed_duration_s > 0",
+                     -1, &statement, nullptr);
+  for (auto _ : state) {
+    sqlite3_bind_double(statement, 1, 0);
+    sqlite3_bind_double(statement, 2, kEnd);
+    double sum = 0;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+      sum += sqlite3_column_double(statement, 0) + sqlite3_column_double(statement, 1) +
+             sqlite3_column_double(statement, 2);
+    }
+    sqlite3_reset(statement);
+    benchmark::DoNotOptimize(sum);
+  }
+  sqlite3_finalize(statement);
+  sqlite3_close(db);
+}
+BENCHMARK(BM_ResidencyBareScan)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace quorel
+
+BENCHMARK_MAIN();
