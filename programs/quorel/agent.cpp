@@ -20,6 +20,7 @@
 #include "energy/energy_usage_source.hpp"
 #include "energy/process_energy_tracker.hpp"
 #include "energy/top_processes_service.hpp"
+#include "insights/insights_refresher.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp/mcp_server_switch.hpp"
 #include "platform/linux/linux_power_rail_reader.hpp"
@@ -47,6 +48,10 @@ namespace {
 
 // How often the lifetime total is brought up to date; it reads only the rows since the last time.
 constexpr Seconds kLifetimeEnergyRefresh{300};
+
+std::optional<CarbonRegionIntensity> carbonRegion(const QuorelSettings& settings) {
+  return carbonRegionNamed(kCarbonRegionTexts.text(settings.carbonRegion));
+}
 
 DisplayPreferences displayPreferences(const QuorelSettings& settings) {
   return DisplayPreferences{.fahrenheit = settings.temperatureUnit == TemperatureUnit::fahrenheit,
@@ -101,8 +106,15 @@ class Agent {
     // Made here, on the thread that runs the main queue, which is the only one that touches it.
     viewModel_ = std::make_unique<PowerViewModel>(mainQueue_, database_.get(), clock_);
     viewModel_->setPreferences(displayPreferences(settings_->settings()));
+    carbon_ = std::make_unique<CarbonFootprintService>(*database_);
+    habits_ = std::make_unique<HabitScoringService>(*database_, clock_);
+    gradeHistory_ = std::make_unique<HabitGradeHistoryStore>(*preferences_);
+    insights_ = std::make_unique<InsightsRefresher>(*carbon_, *habits_, *gradeHistory_, mainQueue_,
+                                                    insightsQueue_, clock_);
+    insights_->setRegion(carbonRegion(settings_->settings()));
     settingsSubscription_ = settings_->subscribe([this](const QuorelSettings& settings) {
       viewModel_->setPreferences(displayPreferences(settings));
+      insights_->setRegion(carbonRegion(settings));
     });
 
     const auto powerSupplyRoot = sysfs::powerSupplyClassPath(options_.sysfsRoot);
@@ -168,8 +180,10 @@ class Agent {
     waitForSignal();
     if (thermal_) thermal_->start(mainQueue_);
     pollQueue_.start();
+    insightsQueue_.start();
     mainQueue_.async([this] {
       delegate_->launch();
+      insights_->start();
       viewModel_->preloadHistoricalData();
       viewModel_->loadBatteryEpoch();
     });
@@ -180,6 +194,8 @@ class Agent {
     delegate_.reset();
     settings_->unsubscribe(settingsSubscription_);
     viewModel_.reset();
+    insights_.reset();
+    insightsQueue_.shutdown();
     processEnergy_.reset();
     agentEnergy_.reset();
     energyQueue_.shutdown();
@@ -218,10 +234,12 @@ class Agent {
       viewModel_->loadLifetimeComponentEnergy();
     }
     // The monitor hands out its histories only while someone is watching, so taking them costs
-    // nothing otherwise. Devices, sessions, the calendar, carbon and the habit grade have no
-    // source here yet.
+    // nothing otherwise. Devices, sessions and the calendar have no source here yet.
     ViewModelInputs inputs;
     inputs.populateHistory = true;
+    inputs.carbonGrams = insights_->carbonGrams();
+    inputs.habitScore = insights_->habitScore();
+    inputs.habitHistory = insights_->habitHistory();
     viewModel_->update(state, history, inputs);
     if (monitor_->componentCardVisible()) viewModel_->appendLiveSample(state, state.componentPower);
 
@@ -287,12 +305,18 @@ class Agent {
   SerialQueue pollQueue_{"com.quorel.poll", clock_};
   SerialQueue httpQueue_{kMCPTransportQueueLabel, clock_};
   SerialQueue energyQueue_{"com.quorel.energy", clock_};
+  // Carbon and habit reads wait on the store's queue, so they need a thread of their own.
+  SerialQueue insightsQueue_{"com.quorel.insights", clock_};
   asio::signal_set signals_;
   std::unique_ptr<FilePreferenceStore> preferences_;
   std::unique_ptr<SettingsManager> settings_;
   std::unique_ptr<QuorelDatabase> database_;
   std::unique_ptr<QuorelDatabaseRecordingStore> recordingStore_;
   std::unique_ptr<PowerViewModel> viewModel_;
+  std::unique_ptr<CarbonFootprintService> carbon_;
+  std::unique_ptr<HabitScoringService> habits_;
+  std::unique_ptr<HabitGradeHistoryStore> gradeHistory_;
+  std::unique_ptr<InsightsRefresher> insights_;
   std::uint64_t settingsSubscription_ = 0;
   std::optional<MonotonicTime> lastLifetimeRefresh_;
   std::unique_ptr<SandboxConfig> sandbox_;

@@ -17,6 +17,7 @@
 #include "core/power_snapshot.hpp"
 #include "devices/usb_device.hpp"
 #include "devices/wireless_device.hpp"
+#include "insights/habit_grade_history_store.hpp"
 #include "store/history_records.hpp"
 
 namespace quorel {
@@ -41,21 +42,6 @@ struct CalendarPrediction {
   TimePoint eventTime;
   double predictedPct = 0;
   bool operator==(const CalendarPrediction&) const = default;
-};
-
-// The habit grade of the day: "A+" to "F", and the explanation of each factor by name.
-struct HabitScoreReading {
-  std::string grade;
-  std::map<std::string, std::string> factors;
-  bool operator==(const HabitScoreReading&) const = default;
-};
-
-// One stored daily grade, for the trend.
-struct HabitGradeEntry {
-  TimePoint timestamp;
-  std::string grade;
-  std::map<std::string, std::string> factors;
-  bool operator==(const HabitGradeEntry&) const = default;
 };
 
 struct DisplayState {
@@ -100,7 +86,7 @@ struct DisplayState {
   std::optional<std::string> habitScore;  // the letter grade
   NamedColor habitScoreColor = NamedColor::secondaryLabel;
   std::map<std::string, std::string> habitScoreFactors;
-  std::vector<HabitGradeEntry> habitScoreHistory;
+  std::vector<HabitGradeSnapshot> habitScoreHistory;
   // Keys "ECPU", "PCPU", "GPU", "ANE", "DRAM", as the live histories hold them.
   std::map<std::string, std::vector<double>> componentPowerHistory;
   std::map<std::string, std::vector<TimePoint>> componentPowerTimestamps;

@@ -158,8 +158,8 @@ void PowerViewModel::deriveDisplayState(DisplayState& next, const PowerState& st
   next.carbonFootprintText =
       text::carbonFootprintText(inputs.carbonGrams, preferences_.showCarbonFootprint);
   if (inputs.habitScore) {
-    next.habitScore = inputs.habitScore->grade;
-    next.habitScoreColor = text::habitGradeColor(inputs.habitScore->grade);
+    next.habitScore = std::string(inputs.habitScore->gradeText());
+    next.habitScoreColor = text::habitGradeColor(inputs.habitScore->gradeText());
     next.habitScoreFactors = inputs.habitScore->factors;
   } else {
     next.habitScore.reset();

@@ -20,6 +20,8 @@
 #include "core/history_time_scale.hpp"
 #include "core/power_state.hpp"
 #include "core/serial_queue.hpp"
+#include "insights/forecast_engine.hpp"
+#include "insights/habit_scoring_service.hpp"
 #include "store/battery_epoch.hpp"
 #include "store/history_read_records.hpp"
 #include "store/history_records.hpp"
@@ -45,8 +47,8 @@ struct ViewModelInputs {
   std::vector<SessionRecord> sessions;
   std::optional<CalendarPrediction> calendarPrediction;
   std::optional<double> carbonGrams;  // today, in the configured region
-  std::optional<HabitScoreReading> habitScore;
-  std::vector<HabitGradeEntry> habitHistory;
+  std::optional<HabitScore> habitScore;
+  std::vector<HabitGradeSnapshot> habitHistory;
 };
 
 class PowerViewModel {
@@ -98,8 +100,41 @@ class PowerViewModel {
   // The lifetime total (Wh), or nothing when the store could not answer.
   void loadLifetimeComponentEnergy(std::function<void(std::optional<double>)> completion = {});
   void loadBatteryEpoch();
-  // A new battery: its epoch and the charts are reloaded.
+  // A new battery: its epoch and the charts are reloaded, and the memoised forecasts dropped.
   void markBatteryReplaced();
+
+  // What a forecast was computed from, summed up so that comparing two is cheap: the capacity
+  // log is only appended to or pruned at its start, so its length and its two ends stand for
+  // the whole list. The local day is part of it because a fit reads "now".
+  struct HealthToken {
+    std::size_t count = 0;
+    std::optional<TimePoint> first;
+    std::optional<TimePoint> last;
+    double lastHealthPct = 0;
+    std::optional<TimePoint> epochStart;
+    TimePoint day;
+    bool operator==(const HealthToken&) const = default;
+  };
+  struct CycleToken {
+    std::size_t count = 0;
+    std::optional<TimePoint> first;
+    std::optional<TimePoint> last;
+    std::int32_t lastCycleCount = 0;
+    std::optional<std::int64_t> ratedLimit;
+    std::optional<TimePoint> epochStart;
+    TimePoint day;
+    bool operator==(const CycleToken&) const = default;
+  };
+  // Health fitted against this target.
+  static constexpr double kHealthForecastTargetPct = 80;
+
+  // The forecasts of the current battery (entries before its epoch left out), fitted again only
+  // when their token changes. The cycle limit is the gauge's design cycle count of the current
+  // state, where it reports one.
+  const ForecastResult& healthForecast(const std::vector<CapacityLogEntry>& capacity);
+  const ForecastResult& cycleForecast(const std::vector<CapacityLogEntry>& capacity);
+  // How many fits the two have run (diagnostics and tests).
+  std::uint64_t forecastFits() const { return forecastFits_; }
 
   // The chart window of a scale ending at `now`, and the point budget of its read.
   struct ScaleWindow {
@@ -189,6 +224,12 @@ class PowerViewModel {
   std::optional<double> lifetimeEnergy_Wh_;
   std::optional<TimePoint> lastLiveTickTimestamp_;
   std::set<HistoryTimeScale> liveGapPendingScales_;
+
+  std::optional<HealthToken> healthForecastToken_;
+  ForecastResult healthForecastCache_ = ForecastInsufficientData{};
+  std::optional<CycleToken> cycleForecastToken_;
+  ForecastResult cycleForecastCache_ = ForecastInsufficientData{};
+  std::uint64_t forecastFits_ = 0;
 };
 
 }  // namespace quorel

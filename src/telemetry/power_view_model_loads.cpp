@@ -156,6 +156,8 @@ void PowerViewModel::loadBatteryEpoch() {
 
 void PowerViewModel::markBatteryReplaced() {
   // Trends drawn against the old battery's baseline would now mislead.
+  healthForecastToken_.reset();
+  cycleForecastToken_.reset();
   loadBatteryEpoch();
   preloadHistoricalData();
 }

@@ -208,7 +208,10 @@ TEST_F(PowerViewModelTest, CalendarAndHabitTexts) {
   ViewModelInputs inputs;
   inputs.calendarPrediction =
       CalendarPrediction{"Standup", clock.now() + std::chrono::hours(2), 19.6};
-  inputs.habitScore = HabitScoreReading{"B+", {{"charge_depth", "Shallow cycles."}}};
+  HabitScore habit;
+  habit.grade = HabitGrade::bPlus;
+  habit.factors = {{std::string(kChargeDepthFactor), "88/100"}};
+  inputs.habitScore = habit;
   const DisplayState& shown = show(drainingState(), inputs);
   EXPECT_EQ(shown.calendarPrediction, "~20% at 10:00 (Standup)");
   EXPECT_TRUE(shown.calendarWarning) << "the prediction itself is below 20";
@@ -222,6 +225,77 @@ TEST_F(PowerViewModelTest, CalendarAndHabitTexts) {
   EXPECT_FALSE(later.calendarWarning);
   EXPECT_FALSE(later.habitScore);
   EXPECT_TRUE(later.habitScoreFactors.empty());
+}
+
+// A year of monthly readings losing half a percent of health and gaining 25 cycles a month.
+std::vector<CapacityLogEntry> agingLog(TimePoint end, int months) {
+  std::vector<CapacityLogEntry> log;
+  for (int i = 0; i < months; ++i) {
+    CapacityLogEntry entry;
+    entry.timestamp = end - std::chrono::hours(24 * 30 * (months - 1 - i));
+    entry.designCapacity_mAh = 5000;
+    entry.healthPct = 100 - 0.5 * i;
+    entry.nominalCapacity_mAh = static_cast<std::int32_t>(50 * entry.healthPct);
+    entry.cycleCount = 25 * i;
+    log.push_back(entry);
+  }
+  return log;
+}
+
+TEST_F(PowerViewModelTest, ForecastsFitOnlyWhenTheirInputsChange) {
+  PowerState state = drainingState();
+  state.diagnostics = BatteryDiagnostics{};
+  state.diagnostics->designCycleCount = 1000;
+  std::vector<CapacityLogEntry> log = agingLog(clock.now(), 12);
+
+  for (int tick = 0; tick < 1000; ++tick) {
+    state.timestamp = clock.now();
+    show(state);
+    vm.healthForecast(log);
+    vm.cycleForecast(log);
+    clock.advance(Seconds(1));
+  }
+  EXPECT_EQ(vm.forecastFits(), 2u) << "1,000 unchanged ticks must reuse the first fits";
+  EXPECT_EQ(kindOf(vm.healthForecast(log)), ForecastResultKind::forecast);
+  EXPECT_EQ(kindOf(vm.cycleForecast(log)), ForecastResultKind::forecast);
+
+  struct Change {
+    const char* what;
+    std::function<void()> apply;
+    std::uint64_t healthFits;
+    std::uint64_t cycleFits;
+  };
+  const std::vector<Change> changes = {
+      {"a new capacity reading", [&] { log = agingLog(clock.now(), 13); }, 1, 1},
+      {"the oldest reading pruned", [&] { log.erase(log.begin()); }, 1, 1},
+      {"the rated limit",
+       [&] {
+         state.diagnostics->designCycleCount = 1500;
+         show(state);
+       },
+       0, 1},
+      {"a new local day", [&] { clock.advance(std::chrono::hours(24)); }, 1, 1},
+      {"a replaced battery", [&] { vm.markBatteryReplaced(); }, 1, 1},
+  };
+  for (const Change& change : changes) {
+    change.apply();
+    const std::uint64_t before = vm.forecastFits();
+    vm.healthForecast(log);
+    EXPECT_EQ(vm.forecastFits() - before, change.healthFits) << change.what;
+    vm.cycleForecast(log);
+    EXPECT_EQ(vm.forecastFits() - before, change.healthFits + change.cycleFits) << change.what;
+    vm.healthForecast(log);
+    vm.cycleForecast(log);
+    EXPECT_EQ(vm.forecastFits() - before, change.healthFits + change.cycleFits)
+        << change.what << ": a second ask must not fit again";
+  }
+
+  // A gauge that states no limit gets the readout, not a date on a stale limit.
+  state.diagnostics->designCycleCount.reset();
+  show(state);
+  const ForecastResult& cycles = vm.cycleForecast(log);
+  ASSERT_EQ(kindOf(cycles), ForecastResultKind::readout);
+  EXPECT_EQ(std::get<ForecastReadout>(cycles).headline, kNoRatedCycleLimitHeadline);
 }
 
 TEST_F(PowerViewModelTest, AverageBufferHoldsTheLastSixtyFigures) {
