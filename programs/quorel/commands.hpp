@@ -8,6 +8,7 @@
 #include "export_command.hpp"
 #include "history_command.hpp"
 #include "settings_command.hpp"
+#include "status_command.hpp"
 
 namespace quorel {
 
@@ -21,6 +22,7 @@ int runMcpCommand(const std::string& action, const CommandContext& context);
 int runHistory(HistoryCommandArguments arguments, const CommandContext& context);
 int runExport(const ExportCommandArguments& arguments, const CommandContext& context);
 int runSettings(const SettingsCommandArguments& arguments, const CommandContext& context);
+int runStatus(const StatusCommandArguments& arguments, const CommandContext& context);
 // Declares a new battery: a manual epoch, after confirmation unless `assumeYes`.
 int runBatteryReplaced(bool assumeYes, const CommandContext& context);
 
