@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/file.h>
+#include <sys/select.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -187,6 +188,57 @@ TEST(StatusCommand, NoAgentMeansExitThreeEvenWithAStaleFile) {
   bar.mode = "auto";
   bar.format = "plain";
   EXPECT_EQ(runStatusCommand(bar, lock, state).output, "✓\n");
+}
+
+// Reads one line from the follower, or "" when none comes within a second.
+std::string nextLine(std::FILE* in, int fd) {
+  fd_set ready;
+  FD_ZERO(&ready);
+  FD_SET(fd, &ready);
+  timeval wait{1, 0};
+  if (::select(fd + 1, &ready, nullptr, nullptr, &wait) <= 0) return "";
+  char line[4096];
+  return std::fgets(line, sizeof line, in) ? std::string(line) : "";
+}
+
+TEST(StatusCommand, FollowPrintsOncePerVisibleChangeAndSurvivesARestart) {
+  TempDir dir;
+  const auto lock = dir.path / "quorel.lock";
+  const auto state = dir.path / "run" / "state.json";
+  int fds[2];
+  ASSERT_EQ(::pipe(fds), 0);
+  std::FILE* out = ::fdopen(fds[1], "w");
+  std::FILE* in = ::fdopen(fds[0], "r");
+  StatusCommandArguments arguments;
+  arguments.bar = true;
+  arguments.follow = true;
+  arguments.mode = "auto";
+  arguments.format = "plain";
+  std::thread follower([&] { followStatusBar(arguments, lock, state, out); });
+  EXPECT_EQ(nextLine(in, fds[0]), "--\n");
+
+  auto held = std::make_unique<StateFilePublisher>(state);
+  SingleInstanceLock instance(lock);
+  StatusSnapshot s{stateIn(PowerPhase::charging, 44.6, "44.6W"), MenuBarMode::wattage, false};
+  held->publish(s);
+  EXPECT_EQ(nextLine(in, fds[0]), "⚡+45W\n");
+  s.display.smoothedWattage = 45.2;  // drawn the same
+  s.display.healthPercent = "90%";
+  held->publish(s);
+  s.display.phase = PowerPhase::full;
+  held->publish(s);
+  EXPECT_EQ(nextLine(in, fds[0]), "✓\n");  // nothing came between
+  held.reset();                            // the agent stops: its file goes
+  EXPECT_EQ(nextLine(in, fds[0]), "--\n");
+  held = std::make_unique<StateFilePublisher>(state);
+  held->publish(s);
+  EXPECT_EQ(nextLine(in, fds[0]), "✓\n");
+  // Closing the reader ends the follower at its next line.
+  std::fclose(in);
+  s.display.phase = PowerPhase::noBattery;
+  held->publish(s);
+  follower.join();
+  std::fclose(out);
 }
 
 }  // namespace
