@@ -34,6 +34,7 @@
 #include "platform/linux/sysfs_attributes.hpp"
 #include "platform/sandbox/sandbox_config_file.hpp"
 #include "platform/sandbox/sandbox_power_sources.hpp"
+#include "status_state.hpp"
 #include "store/corruption_report.hpp"
 #include "store/quorel_database.hpp"
 #include "telemetry/power_monitor.hpp"
@@ -115,6 +116,15 @@ class Agent {
     settingsSubscription_ = settings_->subscribe([this](const QuorelSettings& settings) {
       viewModel_->setPreferences(displayPreferences(settings));
       insights_->setRegion(carbonRegion(settings));
+      publishStatus();
+    });
+    // `quorel status` reads what the view model shows from this file, rewritten only when the
+    // view model publishes a new display: the command never wakes the agent.
+    statusFile_ = std::make_unique<StateFilePublisher>(stateFile(paths_));
+    viewModel_->subscribe([this](PowerViewModel::Published what) {
+      if (what != PowerViewModel::Published::displayState) return;
+      displayPublished_ = true;
+      publishStatus();
     });
 
     const auto powerSupplyRoot = sysfs::powerSupplyClassPath(options_.sysfsRoot);
@@ -193,6 +203,7 @@ class Agent {
     // server goes while its queue still runs, since it stops its listener there.
     delegate_.reset();
     settings_->unsubscribe(settingsSubscription_);
+    statusFile_.reset();
     viewModel_.reset();
     insights_.reset();
     insightsQueue_.shutdown();
@@ -261,6 +272,22 @@ class Agent {
     }
   }
 
+  void publishStatus() {
+    // The loading state says nothing a reader could use; the file appears with the first tick.
+    if (!displayPublished_ || !statusFile_) return;
+    const QuorelSettings& settings = settings_->settings();
+    const StatusSnapshot snapshot{
+        .display = viewModel_->displayState(),
+        .effectiveMode =
+            effectiveMenuBarMode(settings.menuBarMode, preferences_->boolValue(kDeveloperModeKey)),
+        .colorEnabled = settings.menuBarColorEnabled};
+    if (!statusFile_->publish(snapshot) && !statusFile_->lastError().empty() &&
+        statusFile_->lastError() != lastStatusError_) {
+      log_->warn("status file not written: {}", statusFile_->lastError());
+    }
+    lastStatusError_ = statusFile_->lastError();
+  }
+
   void waitForSignal() {
     signals_.async_wait([this](const std::error_code& ec, int signal) {
       if (ec) return;
@@ -318,6 +345,9 @@ class Agent {
   std::unique_ptr<HabitGradeHistoryStore> gradeHistory_;
   std::unique_ptr<InsightsRefresher> insights_;
   std::uint64_t settingsSubscription_ = 0;
+  std::unique_ptr<StateFilePublisher> statusFile_;
+  bool displayPublished_ = false;
+  std::string lastStatusError_;
   std::optional<MonotonicTime> lastLifetimeRefresh_;
   std::unique_ptr<SandboxConfig> sandbox_;
   std::unique_ptr<LinuxProcfsProcessTable> processTable_;
@@ -347,9 +377,7 @@ int runAgent(const AgentOptions& options) {
     return 2;
   }
   // One agent per user. The lock lives with the session's runtime files when there are any.
-  const auto lockFile = paths->runtimeDirectory ? *paths->runtimeDirectory / "quorel.lock"
-                                                : paths->dataDirectory / "quorel.lock";
-  SingleInstanceLock instance(lockFile);
+  SingleInstanceLock instance(instanceLockFile(*paths));
   if (!instance.acquired()) {
     if (!instance.error().empty()) {
       std::cerr << "quorel: " << instance.error() << "\n";

@@ -105,6 +105,17 @@ int runSettings(const SettingsCommandArguments& arguments, const CommandContext&
   return result.exitStatus;
 }
 
+int runStatus(const StatusCommandArguments& arguments, const CommandContext& context) {
+  const auto paths = resolvePaths(context);
+  if (!paths) return 2;
+  if (arguments.bar && arguments.follow)
+    return followStatusBar(arguments, instanceLockFile(*paths), stateFile(*paths), stdout);
+  const auto result = runStatusCommand(arguments, instanceLockFile(*paths), stateFile(*paths));
+  std::cout << result.output;
+  if (!result.error.empty()) std::cerr << result.error << "\n";
+  return result.exitStatus;
+}
+
 int runBatteryReplaced(bool assumeYes, const CommandContext& context) {
   quietLogging();
   const auto paths = resolvePaths(context);

@@ -9,6 +9,7 @@
 #include "history_command.hpp"
 #include "insights_command.hpp"
 #include "settings_command.hpp"
+#include "status_command.hpp"
 
 namespace quorel {
 
@@ -23,6 +24,7 @@ int runHistory(HistoryCommandArguments arguments, const CommandContext& context)
 int runExport(const ExportCommandArguments& arguments, const CommandContext& context);
 int runInsights(const InsightsCommandArguments& arguments, const CommandContext& context);
 int runSettings(const SettingsCommandArguments& arguments, const CommandContext& context);
+int runStatus(const StatusCommandArguments& arguments, const CommandContext& context);
 // Declares a new battery: a manual epoch, after confirmation unless `assumeYes`.
 int runBatteryReplaced(bool assumeYes, const CommandContext& context);
 

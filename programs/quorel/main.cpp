@@ -182,6 +182,26 @@ static int runMain(int argc, char** argv) {
   insights->add_option("--now", insightsNow,
                        "Compute as of this moment, ISO-8601 with a zone (default now)");
   insights->add_flag("--json", insightsArgs.json, "Print one JSON object");
+  auto* status = app.add_subcommand(
+      "status",
+      "What the running agent shows now (e.g. status --bar --mode auto --follow for a status bar)");
+  quorel::StatusCommandArguments statusArgs;
+  std::string statusMode;
+  status->add_flag("--json", statusArgs.json,
+                   "Print one JSON object of the display (snake_case keys); without an agent "
+                   "{\"available\":false,\"reason\":\"agent not running\"}");
+  status->add_flag("--bar", statusArgs.bar,
+                   "Print one line for a status bar: {\"text\",\"tooltip\",\"class\","
+                   "\"percentage\"}, or the text alone with --format plain");
+  status
+      ->add_option("--mode", statusMode,
+                   "What --bar draws: auto, wattage, minimal or percentage (default: the "
+                   "menuBarMode setting in force)")
+      ->check(CLI::IsMember({"auto", "wattage", "minimal", "percentage"}));
+  status->add_option("--format", statusArgs.format, "Of --bar: json (default) or plain")
+      ->check(CLI::IsMember({"json", "plain"}));
+  status->add_flag("--follow", statusArgs.follow,
+                   "With --bar: keep running, printing a line whenever what is drawn changes");
 
   try {
     app.parse(argc, argv);
@@ -224,6 +244,16 @@ static int runMain(int argc, char** argv) {
   if (*insights) {
     if (insights->count("--now") > 0) insightsArgs.now = insightsNow;
     return quorel::runInsights(insightsArgs, context);
+  }
+  if (*status) {
+    if (!statusMode.empty()) statusArgs.mode = statusMode;
+    if ((statusArgs.follow || status->count("--mode") > 0 || status->count("--format") > 0) &&
+        !statusArgs.bar) {
+      std::cerr << "quorel: --mode, --format and --follow go with --bar (e.g. status --bar "
+                   "--follow).\n";
+      return 2;
+    }
+    return quorel::runStatus(statusArgs, context);
   }
   if (*replaced) return quorel::runBatteryReplaced(assumeYes, context);
 
