@@ -267,6 +267,15 @@ void IsoFormatter::append(std::string& out, double seconds) {
 
 void appendJSONString(std::string& out, std::string_view text) {
   out += '"';
+  // Stored texts are nearly always plain labels, which go out in one piece.
+  const bool plain = std::none_of(text.begin(), text.end(), [](char c) {
+    return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20;
+  });
+  if (plain) {
+    out += text;
+    out += '"';
+    return;
+  }
   for (const char c : text) {
     if (c == '"' || c == '\\') {
       out += '\\';

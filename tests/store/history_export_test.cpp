@@ -37,6 +37,17 @@ std::vector<std::string> listing(const fs::path& directory) {
   return names;
 }
 
+TEST(ExportTextTest, JSONStringsReadBackAsStored) {
+  for (const std::string& text : {std::string("measured"), std::string("say \"hi\" \\ o/"),
+                                  std::string("tab\there\nnew line\x01"), std::string()}) {
+    std::string encoded;
+    export_text::appendJSONString(encoded, text);
+    const auto decoded = JSONValue::parse(encoded);
+    ASSERT_TRUE(decoded && decoded->stringValue()) << encoded;
+    EXPECT_EQ(*decoded->stringValue(), text) << encoded;
+  }
+}
+
 TEST(ExportTextTest, ValuesLeaveInTheirShortestPlainForms) {
   const std::pair<std::string, std::string> escapes[] = {{"measured", "measured"},
                                                          {"", ""},
