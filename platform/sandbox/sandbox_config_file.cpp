@@ -72,18 +72,8 @@ constexpr std::array<MacModel, 8> kAllModels{
     MacModel::macBookPro, MacModel::macBookAir, MacModel::macBookNeo, MacModel::macStudio,
     MacModel::macPro,     MacModel::macMini,    MacModel::iMac,       MacModel::unknown};
 const Choices<MacModel, 8> kModels{tableOf(kAllModels, modelText), tableOf(kAllModels, modelName)};
-// How a charger reaches the machine, as the readout names it.
-constexpr EnumTextTable<ConnectionType, 7> kConnectionTexts{{{
-    {ConnectionType::magsafe3, "MagSafe 3"},
-    {ConnectionType::thunderbolt5, "Thunderbolt 5"},
-    {ConnectionType::thunderbolt4, "Thunderbolt 4"},
-    {ConnectionType::thunderbolt3, "Thunderbolt 3"},
-    {ConnectionType::usbCPD, "USB-C PD"},
-    {ConnectionType::usbC, "USB-C"},
-    {ConnectionType::unknown, "External"},
-}}};
 const Choices<ConnectionType, 7> kConnections{
-    kConnectionTexts,
+    kConnectionTypeLabels,
     tableOf(std::array<ConnectionType, 7>{ConnectionType::magsafe3, ConnectionType::thunderbolt5,
                                           ConnectionType::thunderbolt4,
                                           ConnectionType::thunderbolt3, ConnectionType::usbCPD,

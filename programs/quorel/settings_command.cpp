@@ -33,7 +33,7 @@ struct Choice {
   std::string_view raw;   // what the document stores
 };
 
-struct KeySpec {
+struct KeyRule {
   Kind kind = Kind::boolean;
   std::string allowed;  // what the setting takes, as the end of a sentence
   std::optional<std::pair<double, double>> range = std::nullopt;
@@ -41,48 +41,48 @@ struct KeySpec {
 };
 
 template <class E, std::size_t N>
-KeySpec choiceSpec(const EnumTextTable<E, N>& table, const std::array<std::string_view, N>& names) {
-  KeySpec spec{Kind::choice, "one of "};
+KeyRule choiceRule(const EnumTextTable<E, N>& table, const std::array<std::string_view, N>& names) {
+  KeyRule rule{Kind::choice, "one of "};
   std::string cases;
   for (std::size_t i = 0; i < N; ++i) {
-    spec.choices.push_back({names[i], table.entries[i].second});
-    spec.allowed += (i == 0 ? "\"" : ", \"") + std::string(table.entries[i].second) + "\"";
+    rule.choices.push_back({names[i], table.entries[i].second});
+    rule.allowed += (i == 0 ? "\"" : ", \"") + std::string(table.entries[i].second) + "\"";
     cases += (i == 0 ? "" : ", ") + std::string(names[i]);
   }
-  spec.allowed += " (or " + cases + ")";
-  return spec;
+  rule.allowed += " (or " + cases + ")";
+  return rule;
 }
 
-KeySpec rangeSpec(Kind kind, double min, double max, std::string allowed) {
+KeyRule rangeRule(Kind kind, double min, double max, std::string allowed) {
   return {kind, std::move(allowed), std::pair{min, max}};
 }
 
 // The settings that take more than their JSON type tells: enumerations, ranges, dates,
 // identifiers and the structured values. Any other setting is described by its type alone.
-const std::map<std::string, KeySpec, std::less<>>& specialKeys() {
-  static const KeySpec date{Kind::date,
+const std::map<std::string, KeyRule, std::less<>>& specialKeys() {
+  static const KeyRule date{Kind::date,
                             "an ISO-8601 time such as 2026-11-22T10:15:30Z, or seconds since "
                             "2001-01-01 as a number"};
-  static const KeySpec sections{Kind::list,
+  static const KeyRule sections{Kind::list,
                                 "a JSON list of section names, e.g. [\"hero\",\"details\"]"};
-  static const KeySpec rules{Kind::list, "a JSON list of rule objects"};
-  static const std::map<std::string, KeySpec, std::less<>> keys = {
-      {"pollingInterval", rangeSpec(Kind::real, 0.5, 3600, "a number of seconds from 0.5 to 3600")},
+  static const KeyRule rules{Kind::list, "a JSON list of rule objects"};
+  static const std::map<std::string, KeyRule, std::less<>> keys = {
+      {"pollingInterval", rangeRule(Kind::real, 0.5, 3600, "a number of seconds from 0.5 to 3600")},
       {"idlePollingInterval",
-       rangeSpec(Kind::real, 0.5, 3600, "a number of seconds from 0.5 to 3600")},
-      {"appearanceMode", choiceSpec(kAppearanceModeTexts, {"auto", "light", "dark"})},
-      {"colorBlindMode", choiceSpec(kColorBlindModeTexts, {"off", "deuteranopia", "tritanopia"})},
-      {"temperatureUnit", choiceSpec(kTemperatureUnitTexts, {"celsius", "fahrenheit"})},
-      {"textScale", choiceSpec(kTextScaleTexts, {"xxs", "xs", "s", "m", "l", "xl", "xxl"})},
-      {"menuBarMode", choiceSpec(kMenuBarModeTexts, {"auto", "wattage", "minimal", "gaugeBattery",
+       rangeRule(Kind::real, 0.5, 3600, "a number of seconds from 0.5 to 3600")},
+      {"appearanceMode", choiceRule(kAppearanceModeTexts, {"auto", "light", "dark"})},
+      {"colorBlindMode", choiceRule(kColorBlindModeTexts, {"off", "deuteranopia", "tritanopia"})},
+      {"temperatureUnit", choiceRule(kTemperatureUnitTexts, {"celsius", "fahrenheit"})},
+      {"textScale", choiceRule(kTextScaleTexts, {"xxs", "xs", "s", "m", "l", "xl", "xxl"})},
+      {"menuBarMode", choiceRule(kMenuBarModeTexts, {"auto", "wattage", "minimal", "gaugeBattery",
                                                      "gaugePowerIn", "percentage"})},
       {"popoverSectionOrder", sections},
       {"collapsedSections", sections},
       {"historyTimeScale",
-       choiceSpec(kHistoryTimeScaleTexts,
+       choiceRule(kHistoryTimeScaleTexts,
                   {"tenMinutes", "oneHour", "twelveHours", "today", "sevenDays", "thirtyDays"})},
       {"carbonRegion",
-       choiceSpec(kCarbonRegionTexts, {"usAverage", "euAverage", "ukAverage", "australiaAverage",
+       choiceRule(kCarbonRegionTexts, {"usAverage", "euAverage", "ukAverage", "australiaAverage",
                                        "indiaAverage", "chinaAverage"})},
       {"customAlertThresholds",
        {Kind::list,
@@ -99,26 +99,26 @@ const std::map<std::string, KeySpec, std::less<>>& specialKeys() {
         "a JSON list of preset objects with id, name, cardOrder, cardPositions, cardTiers and "
         "createdAt"}},
       {"activePresetId", {Kind::uuid, "a UUID such as 6F9619FF-8B86-D011-B42D-00C04FC964FF"}},
-      {"dataRetentionDays", rangeSpec(Kind::integer, 0, 3650,
+      {"dataRetentionDays", rangeRule(Kind::integer, 0, 3650,
                                       "a whole number of days from 0 (keep everything) to 3650")},
       {"processEnergySamplingInterval",
-       rangeSpec(Kind::real, 1, 3600, "a number of seconds from 1 to 3600")},
-      {"processWattageThreshold", rangeSpec(Kind::real, 0, 100, "a number of watts from 0 to 100")},
+       rangeRule(Kind::real, 1, 3600, "a number of seconds from 1 to 3600")},
+      {"processWattageThreshold", rangeRule(Kind::real, 0, 100, "a number of watts from 0 to 100")},
       {"chargeLimitLastBreadcrumbShownAt", date},
       {"calibrationToastLastFiredAt", date},
       {"batteryControlSailingBand",
-       rangeSpec(Kind::integer, 0, 20, "a whole number of percentage points from 0 to 20")},
+       rangeRule(Kind::integer, 0, 20, "a whole number of percentage points from 0 to 20")},
       {"heatProtectionThresholdC",
-       rangeSpec(Kind::integer, 32, 45, "a whole number of degrees Celsius from 32 to 45")},
+       rangeRule(Kind::integer, 32, 45, "a whole number of degrees Celsius from 32 to 45")},
       {"heatProtectionHysteresisC",
-       rangeSpec(Kind::integer, 1, 10, "a whole number of degrees Celsius from 1 to 10")},
+       rangeRule(Kind::integer, 1, 10, "a whole number of degrees Celsius from 1 to 10")},
       {"smartTopOffRules", rules},
       {"chargeLimitAdvancedCTADismissedAt", date},
   };
   return keys;
 }
 
-KeySpec specFor(const std::string& key, const Json& sample) {
+KeyRule ruleFor(const std::string& key, const Json& sample) {
   if (auto it = specialKeys().find(key); it != specialKeys().end()) return it->second;
   if (sample.is_boolean()) return {Kind::boolean, "true or false"};
   if (sample.is_number()) return {Kind::real, "a number"};
@@ -182,10 +182,10 @@ Json valueOf(const Json& document, const std::string& key) {
   return it == document.end() ? Json() : *it;
 }
 
-std::string shown(const Json& value, const KeySpec& spec) {
+std::string shown(const Json& value, const KeyRule& rule) {
   if (value.is_null()) return "(not set)";
   if (value.is_string()) return value.get<std::string>();
-  if (spec.kind == Kind::date && value.is_number()) {
+  if (rule.kind == Kind::date && value.is_number()) {
     return formatIso8601(fromUnixSeconds(value.get<double>() + kReferenceDateUnixSeconds));
   }
   return value.dump();
@@ -194,21 +194,21 @@ std::string shown(const Json& value, const KeySpec& spec) {
 // The command line's VALUE as JSON. Settings that hold text take the text as typed (an
 // enumeration also by its case name, and either in any case); the others want JSON, and a date
 // also an ISO-8601 time.
-Json valueFromArgument(const std::string& argument, const KeySpec& spec) {
+Json valueFromArgument(const std::string& argument, const KeyRule& rule) {
   Json parsed = Json::parse(argument, nullptr, /*allow_exceptions=*/false);
-  if (spec.kind == Kind::choice || spec.kind == Kind::text || spec.kind == Kind::uuid) {
+  if (rule.kind == Kind::choice || rule.kind == Kind::text || rule.kind == Kind::uuid) {
     const std::string text = parsed.is_string() ? parsed.get<std::string>() : argument;
-    for (const auto& choice : spec.choices) {
+    for (const auto& choice : rule.choices) {
       if (choice.raw == text) return Json(text);
     }
-    for (const auto& choice : spec.choices) {
+    for (const auto& choice : rule.choices) {
       if (sameIgnoringCase(choice.raw, text) || sameIgnoringCase(choice.name, text)) {
         return Json(choice.raw);
       }
     }
     return Json(text);
   }
-  if (parsed.is_discarded() && spec.kind == Kind::date) {
+  if (parsed.is_discarded() && rule.kind == Kind::date) {
     if (auto time = parseIso8601(argument)) {
       return toUnixSeconds(*time) - kReferenceDateUnixSeconds;
     }
@@ -217,9 +217,9 @@ Json valueFromArgument(const std::string& argument, const KeySpec& spec) {
 }
 
 // Why `value` cannot be the setting's value, judged on the setting alone.
-std::optional<std::string> problemWith(const Json& value, const KeySpec& spec) {
+std::optional<std::string> problemWith(const Json& value, const KeyRule& rule) {
   const std::string text = value.dump();
-  switch (spec.kind) {
+  switch (rule.kind) {
     case Kind::boolean:
       if (value.is_boolean()) return std::nullopt;
       break;
@@ -228,17 +228,17 @@ std::optional<std::string> problemWith(const Json& value, const KeySpec& spec) {
     case Kind::date: {
       if (!value.is_number()) break;
       const double number = value.get<double>();
-      if (spec.kind == Kind::integer && std::trunc(number) != number) {
+      if (rule.kind == Kind::integer && std::trunc(number) != number) {
         return text + " is not a whole number";
       }
-      if (spec.range && (number < spec.range->first || number > spec.range->second)) {
+      if (rule.range && (number < rule.range->first || number > rule.range->second)) {
         return text + " is out of range";
       }
       return std::nullopt;
     }
     case Kind::choice:
       if (!value.is_string()) break;
-      for (const auto& choice : spec.choices) {
+      for (const auto& choice : rule.choices) {
         if (choice.raw == value.get<std::string>()) return std::nullopt;
       }
       return text + " is not one of its values";
@@ -253,7 +253,7 @@ std::optional<std::string> problemWith(const Json& value, const KeySpec& spec) {
       if (value.is_object()) return std::nullopt;
       break;
   }
-  return text + " is not " + std::string(kindName(spec.kind));
+  return text + " is not " + std::string(kindName(rule.kind));
 }
 
 std::string unknownKey(const std::string& key) {
@@ -303,11 +303,11 @@ std::string listText(const Json& document) {
   for (const auto& [key, sample] : fullSample().items()) width = std::max(width, key.size());
   std::string out;
   for (const auto& [key, sample] : fullSample().items()) {
-    const KeySpec spec = specFor(key, sample);
+    const KeyRule rule = ruleFor(key, sample);
     const Json value = valueOf(document, key);
     const Json fallback = valueOf(defaultDocument(), key);
-    out += key + std::string(width + 2 - key.size(), ' ') + shown(value, spec);
-    if (value != fallback) out += "  (default " + shown(fallback, spec) + ")";
+    out += key + std::string(width + 2 - key.size(), ' ') + shown(value, rule);
+    if (value != fallback) out += "  (default " + shown(fallback, rule) + ")";
     out += "\n";
   }
   return out;
@@ -358,7 +358,7 @@ SettingsCommandResult runSettingsCommand(const SettingsCommandArguments& argumen
   }
 
   const std::string& key = *arguments.key;
-  const KeySpec spec = specFor(key, fullSample().at(key));
+  const KeyRule rule = ruleFor(key, fullSample().at(key));
   const Json before = valueOf(current.document, key);
   if (action == "get") {
     result.output =
@@ -366,28 +366,28 @@ SettingsCommandResult runSettingsCommand(const SettingsCommandArguments& argumen
             ? Json{{"key", key}, {"value", before}, {"default", valueOf(defaultDocument(), key)}}
                       .dump() +
                   "\n"
-            : shown(before, spec) + "\n";
+            : shown(before, rule) + "\n";
     return result;
   }
 
   Json next = current.document;
   const bool optional = !defaultDocument().contains(key);
   Json value = action == "reset" ? valueOf(defaultDocument(), key)
-                                 : valueFromArgument(*arguments.value, spec);
+                                 : valueFromArgument(*arguments.value, rule);
   if (value.is_null() && optional) {
     next.erase(key);
-  } else if (auto problem = problemWith(value, spec)) {
-    return refused(key + ": " + *problem + " — it takes " + spec.allowed + ".");
+  } else if (auto problem = problemWith(value, rule)) {
+    return refused(key + ": " + *problem + " — it takes " + rule.allowed + ".");
   } else {
     next[key] = value;
   }
   const auto decoded = decodeSettings(next.dump(), clock);
   if (!decoded) {
-    return refused(key + ": " + value.dump() + " does not fit — it takes " + spec.allowed + ".");
+    return refused(key + ": " + value.dump() + " does not fit — it takes " + rule.allowed + ".");
   }
   const Json after = valueOf(Json::parse(*encodeSettings(*decoded)), key);
   if (after == before && !current.undecodable) {
-    result.output = key + " is already " + shown(after, spec) + "; nothing changed.\n";
+    result.output = key + " is already " + shown(after, rule) + "; nothing changed.\n";
     return result;
   }
   if (!store(preferences, *decoded, clock)) {
@@ -396,7 +396,7 @@ SettingsCommandResult runSettingsCommand(const SettingsCommandArguments& argumen
                     " — nothing changed.";
     return result;
   }
-  result.output = key + ": " + shown(before, spec) + " → " + shown(after, spec) + "\n";
+  result.output = key + ": " + shown(before, rule) + " → " + shown(after, rule) + "\n";
   return result;
 }
 

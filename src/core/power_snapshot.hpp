@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core/clock.hpp"
+#include "core/enum_text.hpp"
 
 namespace quorel {
 
@@ -25,6 +26,17 @@ enum class ConnectionType {
   unknown
 };
 enum class CableType { active, passive, optical, magsafe };
+
+// How a connection is named to people, wherever it is shown or typed.
+inline constexpr EnumTextTable<ConnectionType, 7> kConnectionTypeLabels{{{
+    {ConnectionType::magsafe3, "MagSafe 3"},
+    {ConnectionType::thunderbolt5, "Thunderbolt 5"},
+    {ConnectionType::thunderbolt4, "Thunderbolt 4"},
+    {ConnectionType::thunderbolt3, "Thunderbolt 3"},
+    {ConnectionType::usbCPD, "USB-C PD"},
+    {ConnectionType::usbC, "USB-C"},
+    {ConnectionType::unknown, "External"},
+}}};
 
 std::string_view toString(ConnectionType t);
 std::optional<ConnectionType> connectionTypeFromString(std::string_view s);

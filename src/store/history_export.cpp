@@ -48,7 +48,7 @@ constexpr EnumTextTable<ExportSeries, 8> kFileSlugs{{{
 
 // Each series as written down once: its table, its columns in the table's order (space-separated),
 // the time column, and the columns that hold times and flags.
-struct SeriesSpec {
+struct SeriesLayout {
   std::string_view table;
   std::string_view columns;
   std::string_view timeColumn;
@@ -62,7 +62,7 @@ constexpr std::string_view kTrackedEnergyTail =
 
 // In the order of ExportSeries. The energy twins are the timestamp, their identifier, then the
 // tail.
-constexpr SeriesSpec kSpecs[] = {
+constexpr SeriesLayout kLayouts[] = {
     {"power_samples",
      "timestamp wattage battery_pct ecpu_w pcpu_w gpu_w ane_w dram_w system_load_w power_in_w "
      "wall_power_w thermal_state is_charging external_connected temperature_c observed_duration_s "
@@ -89,7 +89,7 @@ constexpr SeriesSpec kSpecs[] = {
      "id first_seen serial baseline_cycle_count baseline_design_mah baseline_nominal_mah source",
      "first_seen", "first_seen", ""},
 };
-static_assert(std::size(kSpecs) == kAllExportSeries.size());
+static_assert(std::size(kLayouts) == kAllExportSeries.size());
 
 std::vector<std::string_view> words(std::string_view text) {
   std::vector<std::string_view> out;
@@ -102,9 +102,9 @@ std::vector<std::string_view> words(std::string_view text) {
 }
 
 SeriesQuery makeQuery(ExportSeries series) {
-  const SeriesSpec& spec = kSpecs[static_cast<std::size_t>(series)];
-  SeriesQuery q{spec.table,      words(spec.columns),    {},
-                spec.timeColumn, words(spec.isoColumns), words(spec.boolColumns)};
+  const SeriesLayout& layout = kLayouts[static_cast<std::size_t>(series)];
+  SeriesQuery q{layout.table,      words(layout.columns),    {},
+                layout.timeColumn, words(layout.isoColumns), words(layout.boolColumns)};
   if (series == ExportSeries::processEnergy || series == ExportSeries::aiEnergy) {
     for (const auto name : words(kTrackedEnergyTail)) q.columns.push_back(name);
   }

@@ -11,16 +11,6 @@ namespace quorel {
 
 namespace {
 
-inline constexpr EnumTextTable<ConnectionType, 7> kConnectionTypeLabels{{{
-    {ConnectionType::magsafe3, "MagSafe 3"},
-    {ConnectionType::thunderbolt5, "Thunderbolt 5"},
-    {ConnectionType::thunderbolt4, "Thunderbolt 4"},
-    {ConnectionType::thunderbolt3, "Thunderbolt 3"},
-    {ConnectionType::usbCPD, "USB-C PD"},
-    {ConnectionType::usbC, "USB-C"},
-    {ConnectionType::unknown, "External"},
-}}};
-
 inline constexpr EnumTextTable<ThermalState, 4> kThermalStateTexts{{{
     {ThermalState::nominal, "Nominal"},
     {ThermalState::fair, "Fair"},
