@@ -18,4 +18,21 @@ std::string makeUuid() {
   return out;
 }
 
+std::optional<std::string> normalizeUuid(std::string_view text) {
+  if (text.size() != 36) return std::nullopt;
+  std::string out(text);
+  for (std::size_t i = 0; i < out.size(); ++i) {
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    if (dash != (out[i] == '-')) return std::nullopt;
+    if (dash) continue;
+    const char c = out[i];
+    if (c >= 'a' && c <= 'f') {
+      out[i] = static_cast<char>(c - 'a' + 'A');
+    } else if (!((c >= '0' && c <= '9') || (c >= 'A' && c <= 'F'))) {
+      return std::nullopt;
+    }
+  }
+  return out;
+}
+
 }  // namespace quorel
