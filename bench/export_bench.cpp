@@ -260,10 +260,12 @@ void BM_JsonMonthBesideCsv(benchmark::State& state) {
   paired(
       state,
       [&] {
-        // As the command writes it: the document, then into a file that appears whole.
-        const JSONExport document = f.db->exportJSONDocument({ExportSeries::power}, from, to);
+        // As the command writes it: day by day into a file that appears whole.
         ExportFile file(json, "exportJSON");
-        if (file.create() || file.write(document.document) || file.commit()) {
+        if (file.create()) throw std::runtime_error("cannot create the JSON export");
+        const JSONExport document =
+            f.db->writeJSON({ExportSeries::power}, from, to, file.descriptor());
+        if (document.failure || file.write("\n") || file.commit()) {
           throw std::runtime_error("cannot write the JSON export");
         }
         rows = document.rows;

@@ -145,7 +145,17 @@ std::optional<ExportFailure> writeCSV(QuorelDatabase& db, const ExportPlan& plan
 std::optional<ExportFailure> writeJSON(QuorelDatabase& db, const ExportPlan& plan,
                                        const Destination& where, const ExportCommandStreams& io,
                                        std::int64_t& rows, std::string& notice) {
-  JSONExport document = db.exportJSONDocument(where.series, plan.from, plan.to);
+  // A file is written as the rows are read; standard output cannot take back a series that
+  // fails halfway, so there the document is made whole first.
+  std::optional<ExportFile> file;
+  JSONExport document;
+  if (where.file) {
+    file.emplace(*where.file, "exportJSON");
+    if (auto failure = file->create()) return failure;
+    document = db.writeJSON(where.series, plan.from, plan.to, file->descriptor());
+  } else {
+    document = db.exportJSONDocument(where.series, plan.from, plan.to);
+  }
   if (document.failure) return document.failure;
   rows = document.rows;
   for (const ExportSeries s : document.truncated) {
@@ -153,16 +163,14 @@ std::optional<ExportFailure> writeJSON(QuorelDatabase& db, const ExportPlan& pla
                           displayName(s), kExportJSONRowCap);
   }
   document.document += '\n';
-  if (!where.file) {
+  if (!file) {
     if (const int error = writeAll(io.output, document.document)) {
       return ExportFailure{ExportFailure::Stage::target, "exportJSON write", std::strerror(error)};
     }
     return std::nullopt;
   }
-  ExportFile file(*where.file, "exportJSON");
-  if (auto failure = file.create()) return failure;
-  if (auto failure = file.write(document.document)) return failure;
-  return file.commit();
+  if (auto failure = file->write(document.document)) return failure;
+  return file->commit();
 }
 
 Result<ExportPlan> plan(const ExportCommandArguments& a, const fs::path& workingDirectory) {

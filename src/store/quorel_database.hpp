@@ -17,6 +17,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 #include "core/clock.hpp"
@@ -35,6 +36,8 @@ class logger;
 }
 
 namespace quorel {
+
+class JSONSink;
 
 class QuorelDatabase {
  public:
@@ -189,6 +192,11 @@ class QuorelDatabase {
   // The same with what became of it; each series stops at `rowCap` rows.
   JSONExport exportJSONDocument(const std::vector<ExportSeries>& series, TimePoint from,
                                 TimePoint to, std::int64_t rowCap = kExportJSONRowCap);
+  // The same document streamed day by day to `fd`, which must be a seekable file opened for
+  // writing at its start (an ExportFile's): a series that fails and a value JSON cannot hold take
+  // back what was written. The result's `document` stays empty.
+  JSONExport writeJSON(const std::vector<ExportSeries>& series, TimePoint from, TimePoint to,
+                       int fd, std::int64_t rowCap = kExportJSONRowCap);
 
   // Raised after every committed energy batch of that kind. Read on queue().
   std::uint64_t energyRevision(EnergyHistoryKind kind) const {
@@ -242,9 +250,14 @@ class QuorelDatabase {
   std::optional<ExportFailure> readExportWindow(const std::string& sql, const ExportWindow& window,
                                                 const std::string& context,
                                                 const std::function<bool(sqlite3_stmt*)>& row);
-  // Appends one series' rows to a JSON document; false when a value cannot be written.
-  bool appendJSONSeries(JSONExport& out, ExportSeries series, double from, double to,
-                        std::int64_t rowCap);
+  enum class JSONSeriesOutcome { written, unwritable };
+  // Appends one series' rows to a JSON document; `unwritable` when a value has no JSON form, a
+  // failure when the sink could not take the text.
+  std::variant<JSONSeriesOutcome, ExportFailure> appendJSONSeries(JSONExport& out, JSONSink& sink,
+                                                                  ExportSeries series, double from,
+                                                                  double to, std::int64_t rowCap);
+  JSONExport writeJSONTo(JSONSink& sink, const std::vector<ExportSeries>& series, TimePoint from,
+                         TimePoint to, std::int64_t rowCap);
   // Runs BEGIN, COMMIT or ROLLBACK; the result code of sqlite3_exec.
   int transaction(const char* sql);
 

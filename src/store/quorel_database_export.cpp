@@ -2,6 +2,7 @@
 
 #include <spdlog/spdlog.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -116,6 +117,57 @@ std::vector<std::string> jsonKeys(const SeriesQuery& query) {
 
 }  // namespace
 
+// Where JSON text goes: kept whole in `text` (a document in memory), or handed to a seekable
+// descriptor after each day so that a month of rows never sits in memory at once. A series that
+// fails, or a value JSON cannot hold, takes the text back to an earlier position, in memory or
+// in the file.
+class JSONSink {
+ public:
+  JSONSink() = default;
+  explicit JSONSink(int fd) : fd_(fd) {}
+
+  std::string& text() { return text_; }
+  std::int64_t position() const { return flushed_ + static_cast<std::int64_t>(text_.size()); }
+
+  std::optional<ExportFailure> flush() {
+    if (fd_ < 0 || text_.empty()) return std::nullopt;
+    if (const int error = writeAll(fd_, text_)) return failure("write", error);
+    flushed_ += static_cast<std::int64_t>(text_.size());
+    text_.clear();
+    return std::nullopt;
+  }
+
+  std::optional<ExportFailure> rewind(std::int64_t position) {
+    if (position >= flushed_) {
+      text_.resize(static_cast<std::size_t>(position - flushed_));
+      return std::nullopt;
+    }
+    text_.clear();
+    if (::ftruncate(fd_, position) != 0) return failure("truncate", errno);
+    if (::lseek(fd_, position, SEEK_SET) < 0) return failure("seek", errno);
+    flushed_ = position;
+    return std::nullopt;
+  }
+
+  // In memory only: room for `bytes` more, so that a large document is not copied over and over
+  // as it grows.
+  void expect(std::size_t bytes) {
+    if (fd_ < 0) text_.reserve(text_.size() + bytes);
+  }
+
+ private:
+  static ExportFailure failure(std::string_view step, int error) {
+    return ExportFailure{ExportFailure::Stage::target, "exportJSON " + std::string(step),
+                         std::strerror(error)};
+  }
+
+  int fd_ = -1;
+  std::string text_;
+  std::int64_t flushed_ = 0;
+};
+
+namespace {}  // namespace
+
 std::optional<ExportFailure> QuorelDatabase::readExportWindow(
     const std::string& sql, const ExportWindow& window, const std::string& context,
     const std::function<bool(sqlite3_stmt*)>& row) {
@@ -183,14 +235,15 @@ ExportResult QuorelDatabase::writeCSV(ExportSeries series, TimePoint from, TimeP
   return result;
 }
 
-bool QuorelDatabase::appendJSONSeries(JSONExport& out, ExportSeries series, double from, double to,
-                                      std::int64_t rowCap) {
+std::variant<QuorelDatabase::JSONSeriesOutcome, ExportFailure> QuorelDatabase::appendJSONSeries(
+    JSONExport& out, JSONSink& sink, ExportSeries series, double from, double to,
+    std::int64_t rowCap) {
   const PreparedExport prepared(series, "exportJSON");
   const auto keys = jsonKeys(prepared.query);
-  std::string& text = out.document;
+  std::string& text = sink.text();
   export_text::appendJSONString(text, rawValue(series));
   text += ":[";
-  const std::size_t firstRow = text.size();
+  const std::int64_t firstRow = sink.position();
   std::int64_t rows = 0;
   bool writable = true;
   bool capped = false;
@@ -198,10 +251,10 @@ bool QuorelDatabase::appendJSONSeries(JSONExport& out, ExportSeries series, doub
   const auto windows = exportWindows(from, to);
   for (std::size_t i = 0; i < windows.size(); ++i) {
     const ExportWindow& window = windows[i];
-    // Once the first day shows how large a day is, the rest is made room for at once: growing a
-    // document of a hundred megabytes by doubling copies it over and over.
-    if (i == 1 && text.size() > firstRow) {
-      text.reserve(text.size() + (text.size() - firstRow) * (windows.size() - 1) * 11 / 10);
+    // Once the first day shows how large a day is, the rest is made room for at once.
+    if (i == 1 && sink.position() > firstRow) {
+      sink.expect(static_cast<std::size_t>(sink.position() - firstRow) * (windows.size() - 1) * 11 /
+                  10);
     }
     auto failure =
         readExportWindow(prepared.sql(window), window, prepared.context, [&](sqlite3_stmt* row) {
@@ -215,12 +268,12 @@ bool QuorelDatabase::appendJSONSeries(JSONExport& out, ExportSeries series, doub
         });
     if (failure) {
       // A series that cannot be read stands empty rather than half there.
-      text.resize(firstRow);
+      if (auto rewound = sink.rewind(firstRow)) return *rewound;
       rows = 0;
       if (!out.failure) out.failure = std::move(failure);
       break;
     }
-    if (!writable) return false;
+    if (!writable) return QuorelDatabase::JSONSeriesOutcome::unwritable;
     if (capped) {
       log_->warn(
           "exportJSON {}: truncated at {} rows (F-db-003 memory cap; use CSV export for the full "
@@ -229,32 +282,56 @@ bool QuorelDatabase::appendJSONSeries(JSONExport& out, ExportSeries series, doub
       out.truncated.push_back(series);
       break;
     }
+    if (auto flushed = sink.flush()) return *flushed;
   }
   text += ']';
   out.rows += rows;
-  return true;
+  return QuorelDatabase::JSONSeriesOutcome::written;
+}
+
+JSONExport QuorelDatabase::writeJSONTo(JSONSink& sink, const std::vector<ExportSeries>& series,
+                                       TimePoint from, TimePoint to, std::int64_t rowCap) {
+  JSONExport out;
+  sink.text() += "{\"exported_at\":\"" + formatIso8601(clock_.now()) + "\",\"from\":\"" +
+                 formatIso8601(from) + "\",\"to\":\"" + formatIso8601(to) + "\",\"series\":{";
+  std::vector<ExportSeries> done;
+  bool whole = true;
+  for (const ExportSeries s : series) {
+    if (std::find(done.begin(), done.end(), s) != done.end()) continue;
+    if (!done.empty()) sink.text() += ',';
+    done.push_back(s);
+    auto outcome = appendJSONSeries(out, sink, s, toUnixSeconds(from), toUnixSeconds(to), rowCap);
+    if (auto* failure = std::get_if<ExportFailure>(&outcome)) {
+      out.failure = std::move(*failure);
+      return out;
+    }
+    if (std::get<JSONSeriesOutcome>(outcome) == QuorelDatabase::JSONSeriesOutcome::unwritable) {
+      log_->error("exportJSON: a value of {} is not a finite number, which JSON cannot hold",
+                  seriesQuery(s).table);
+      out = JSONExport{};
+      if (auto rewound = sink.rewind(0)) out.failure = std::move(*rewound);
+      sink.text() = "{}";
+      whole = false;
+      break;
+    }
+  }
+  if (whole) sink.text() += "}}";
+  if (auto flushed = sink.flush(); flushed && !out.failure) out.failure = std::move(*flushed);
+  return out;
 }
 
 JSONExport QuorelDatabase::exportJSONDocument(const std::vector<ExportSeries>& series,
                                               TimePoint from, TimePoint to, std::int64_t rowCap) {
-  JSONExport out;
-  std::string& text = out.document;
-  text = "{\"exported_at\":\"" + formatIso8601(clock_.now()) + "\",\"from\":\"" +
-         formatIso8601(from) + "\",\"to\":\"" + formatIso8601(to) + "\",\"series\":{";
-  std::vector<ExportSeries> done;
-  for (const ExportSeries s : series) {
-    if (std::find(done.begin(), done.end(), s) != done.end()) continue;
-    if (!done.empty()) text += ',';
-    done.push_back(s);
-    if (!appendJSONSeries(out, s, toUnixSeconds(from), toUnixSeconds(to), rowCap)) {
-      log_->error("exportJSON: a value of {} is not a finite number, which JSON cannot hold",
-                  seriesQuery(s).table);
-      out.document = "{}";
-      return out;
-    }
-  }
-  text += "}}";
+  JSONSink sink;
+  JSONExport out = writeJSONTo(sink, series, from, to, rowCap);
+  out.document = std::move(sink.text());
   return out;
+}
+
+JSONExport QuorelDatabase::writeJSON(const std::vector<ExportSeries>& series, TimePoint from,
+                                     TimePoint to, int fd, std::int64_t rowCap) {
+  JSONSink sink(fd);
+  return writeJSONTo(sink, series, from, to, rowCap);
 }
 
 std::string QuorelDatabase::exportJSON(const std::vector<ExportSeries>& series, TimePoint from,

@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "core/json_value.hpp"
+#include "store/export_file.hpp"
 #include "store/store_test_fixture.hpp"
 
 namespace quorel::store_test {
@@ -245,6 +246,42 @@ TEST_F(ExportTest, JsonKeepsTypesAndStopsEachSeriesAtTheCap) {
   // Infinity has no JSON form, so the document cannot be written at all.
   sample(30, {{"wattage", std::numeric_limits<double>::infinity()}});
   EXPECT_EQ(db->exportJSON({ExportSeries::power}, at(0), at(kDay)), "{}");
+}
+
+// Streamed to a file day by day, the document is the one made in memory, and taking back a
+// failed series or an unwritable value reaches past what was already written.
+TEST_F(ExportTest, JsonStreamedToAFileTakesBackWhatItAlreadyWrote) {
+  for (int day = 0; day < 3; ++day) {
+    for (const double t : {100.0, 200.0}) sample(day * kDay + t, {{"wattage", day + t / 1000}});
+  }
+  const auto streamed = [&](const std::vector<ExportSeries>& series) {
+    ExportFile output(target, "exportJSON");
+    EXPECT_FALSE(output.create());
+    const auto out = db->writeJSON(series, at(0), at(3 * kDay), output.descriptor());
+    EXPECT_TRUE(out.document.empty());
+    EXPECT_FALSE(output.commit());
+    return std::make_pair(out, slurp(target));
+  };
+  const auto [whole, wholeText] = streamed({ExportSeries::power, ExportSeries::sessions});
+  EXPECT_EQ(whole.rows, 6);
+  EXPECT_EQ(wholeText, db->exportJSONDocument({ExportSeries::power, ExportSeries::sessions}, at(0),
+                                              at(3 * kDay))
+                           .document);
+
+  // A series that cannot be read stands empty, and the one after it is still whole.
+  sql().exec("DROP TABLE capacity_log");
+  db = std::make_unique<QuorelDatabase>(options(/*readOnly=*/true), clock);
+  const auto [partial, partialText] = streamed({ExportSeries::battery, ExportSeries::power});
+  ASSERT_TRUE(partial.failure);
+  const auto doc = JSONValue::parse(partialText);
+  ASSERT_TRUE(doc) << partialText;
+  EXPECT_TRUE(doc->find("series")->find("battery")->arrayValue()->empty());
+  EXPECT_EQ(doc->find("series")->find("power")->arrayValue()->size(), 6u);
+
+  // Infinity on the last day: the days already in the file are taken back too.
+  db = std::make_unique<QuorelDatabase>(options(/*readOnly=*/false), clock);
+  sample(2 * kDay + 400, {{"wattage", std::numeric_limits<double>::infinity()}});
+  EXPECT_EQ(streamed({ExportSeries::power}).second, "{}");
 }
 
 }  // namespace
