@@ -194,8 +194,9 @@ int followStatusBar(const StatusCommandArguments& arguments, const std::filesyst
   const auto folder = stateFile.parent_path();
   std::error_code ec;
   std::filesystem::create_directories(folder, ec);
-  // The agent writes by renaming a temporary over the file and removes it when it stops.
-  if (::inotify_add_watch(watcher, folder.c_str(), IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE) < 0) {
+  // The agent writes by renaming a temporary over the file and removes it when it stops; the
+  // temporary's own writes and close are not watched, so each new state wakes us once.
+  if (::inotify_add_watch(watcher, folder.c_str(), IN_MOVED_TO | IN_DELETE) < 0) {
     ::close(watcher);
     return 1;
   }
