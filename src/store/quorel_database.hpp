@@ -258,6 +258,12 @@ class QuorelDatabase {
                                                                   double to, std::int64_t rowCap);
   JSONExport writeJSONTo(JSONSink& sink, const std::vector<ExportSeries>& series, TimePoint from,
                          TimePoint to, std::int64_t rowCap);
+  // The residency totals of whole past days (quorel_database_residency_reads.cpp): the two
+  // tables made when missing (false when they cannot be), the days not kept yet queued one per
+  // turn, and one day scanned and kept. On the queue, writable connections only.
+  bool createResidencyTables();
+  void keepResidencyDays();
+  void keepResidencyDay(double dayStart);
   // Runs BEGIN, COMMIT or ROLLBACK; the result code of sqlite3_exec.
   int transaction(const char* sql);
 

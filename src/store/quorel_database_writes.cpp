@@ -349,6 +349,7 @@ void QuorelDatabase::pruneOldData(int retentionDays, int capacityRetentionDays) 
     const double capacityCutoff =
         retentionDays >= 1 ? now + capacityRetentionDays * -kSecondsPerDay : 0;
 
+    const bool keepsResidency = createResidencyTables();
     if (const int rc = transaction("BEGIN TRANSACTION"); rc != SQLITE_OK) {
       db_.logError(rc, "pruneOldData BEGIN");
       return;
@@ -366,6 +367,12 @@ void QuorelDatabase::pruneOldData(int retentionDays, int capacityRetentionDays) 
           {"DELETE FROM daily_battery_metrics WHERE day_start < ?", capacityCutoff},
           {"DELETE FROM collection_intervals WHERE end_time < ?", retentionCutoff},
       };
+      if (keepsResidency) {
+        // A day that loses rows is kept again from what remains of it.
+        deletes.emplace_back("DELETE FROM residency_days WHERE day_start < ?", retentionCutoff);
+        deletes.emplace_back("DELETE FROM residency_day_totals WHERE day_start < ?",
+                             retentionCutoff);
+      }
     }
     // A reading without a design capacity is a misread; it goes after a day whatever the
     // settings say.
@@ -402,7 +409,9 @@ void QuorelDatabase::pruneOldData(int retentionDays, int capacityRetentionDays) 
     if (retentionDays > 0) {
       for (auto& rollup : energyRollups_) rollup.forgetBefore(retentionCutoff);
     }
-    db_.execute("PRAGMA wal_checkpoint(TRUNCATE)");
+    if (keepsResidency) keepResidencyDays();
+    // Behind the days just queued, so that the log is emptied once they are in the file.
+    queue_.async([this] { db_.execute("PRAGMA wal_checkpoint(TRUNCATE)"); });
   });
 }
 

@@ -1,9 +1,11 @@
 // Each read against a real file: bounds, gaps, coverage, rankings, the energy history cache,
-// the lifetime total and read-only opening.
+// the lifetime total, the residency kept by day, and read-only opening.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <map>
 #include <string>
 
 #include "store/quorel_database.hpp"
@@ -285,6 +287,68 @@ TEST_F(ReadsTest, ReadOnlyStoreReadsWithoutWritingAndRefusesAMissingFile) {
   EXPECT_TRUE(QuorelDatabase(options(true, false, old), clock).isAvailable());
   EXPECT_EQ(SqlFile(old).integer("PRAGMA user_version"), 0);
   EXPECT_EQ(SqlFile(old).integer("SELECT COUNT(*) FROM sqlite_master WHERE name='sessions'"), 0);
+}
+
+// Whole past days are read from the totals kept for them; whatever the period's edges, a day not
+// kept, or a day cut short by pruning, the answer is what summing the samples themselves gives.
+TEST_F(ReadsTest, ResidencyFromKeptDaysIsTheSumOfTheSamples) {
+  struct Row {
+    double t, pct, temperature;
+  };
+  std::vector<Row> rows;
+  for (double t = -5 * kDay + 300; t < 0; t += 600) {
+    rows.push_back({t, 50 + 40 * std::sin(t / 7000), 30 + 5 * std::cos(t / 9000) - 1});
+    sample(t, {{"battery_pct", rows.back().pct},
+               {"temperature_c", rows.back().temperature},
+               {"observed_duration_s", 600.0}});
+  }
+  sample(-kDay - 60, {{"observed_duration_s", 20.0}});  // neither reading
+  rows.push_back({-kDay - 60, NAN, NAN});
+  const auto expected = [&](double from, double to) {
+    std::map<std::pair<std::optional<std::int64_t>, std::optional<std::int64_t>>, double> sums;
+    for (const Row& r : rows) {
+      if (r.t < from || r.t > to) continue;
+      const auto whole = [](double v) {
+        return std::isnan(v) ? std::nullopt
+                             : std::optional(static_cast<std::int64_t>(std::floor(v)));
+      };
+      sums[{whole(r.pct), whole(r.temperature)}] += std::isnan(r.pct) ? 20.0 : 300.0;
+    }
+    return sums;
+  };
+  const auto check = [&](double from, double to) {
+    const auto read = db->queryResidencyObservations(at(from), at(to));
+    ASSERT_TRUE(read.ok()) << read.error().message;
+    auto want = expected(from, to);
+    for (const auto& o : *read) {
+      const auto found = want.find({o.chargePct, o.temperatureC});
+      ASSERT_NE(found, want.end()) << "from " << from;
+      EXPECT_NEAR(o.observedSeconds, found->second, 1e-6) << "from " << from;
+      want.erase(found);
+    }
+    EXPECT_TRUE(want.empty()) << want.size() << " cells missing, from " << from;
+  };
+
+  EXPECT_EQ(count("power_samples"), static_cast<std::int64_t>(rows.size()));
+  check(-10 * kDay, 0);
+  db->pruneOldData(0, 0);  // keeps everything; keeps the past days' totals
+  drain();
+  EXPECT_EQ(count("residency_days"), 5);  // the first, partial day too; not today
+  for (const double from : {-10 * kDay, -4.5 * kDay, -2 * kDay - 1}) check(from, 0);
+  check(-3 * kDay, -kDay - 60);  // an end inside a kept day, on a row
+
+  // A day whose totals are lost is read from its samples.
+  sql().exec(
+      "DELETE FROM residency_days WHERE day_start = (SELECT MIN(day_start) + 172800 FROM "
+      "residency_days)");
+  check(-10 * kDay, 0);
+
+  // Pruning at 08:00 three days back: that day is kept again from the rows that remain.
+  db->pruneOldData(3, 3);
+  drain();
+  std::erase_if(rows, [](const Row& r) { return r.t < -3 * kDay; });
+  check(-10 * kDay, 0);
+  EXPECT_EQ(count("residency_days"), 3);
 }
 
 }  // namespace
