@@ -15,7 +15,7 @@ class LinuxUSBDeviceSource final : public USBDeviceSource {
   // `sysfsRoot` is "/sys" on a real machine, a captured tree in tests.
   explicit LinuxUSBDeviceSource(const std::filesystem::path& sysfsRoot);
 
-  // Stateless: every scan reads the tree afresh, so scans may overlap.
+  // Every scan reads the tree afresh; nothing is kept between scans.
   Result<USBDeviceScan> scan() override;
 
  private:

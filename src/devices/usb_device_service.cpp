@@ -99,10 +99,7 @@ USBDeviceService::USBDeviceService(USBDeviceSource& source, const Clock& clock)
     : source_(source), clock_(clock), log_(logging::get("USBDevices")) {}
 
 std::vector<USBDevice> USBDeviceService::fetch() {
-  {
-    std::lock_guard lock(mutex_);
-    if (cacheTime_ && clock_.monotonicNow() - *cacheTime_ < kCacheLifetime) return cached_;
-  }
+  if (cacheTime_ && clock_.monotonicNow() - *cacheTime_ < kCacheLifetime) return cached_;
   auto scanned = source_.scan();
   std::optional<std::string> failure;
   std::vector<USBDevice> devices;
@@ -111,8 +108,6 @@ std::vector<USBDevice> USBDeviceService::fetch() {
   } else {
     failure = scanned.error().message;
   }
-
-  std::lock_guard lock(mutex_);
   if (failure != lastFailure_) {
     if (failure) {
       log_->warn("USB devices not listed: {}", *failure);

@@ -3,7 +3,6 @@
 // seconds however often it is asked for.
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,9 +37,8 @@ class USBDeviceService {
   USBDeviceService& operator=(const USBDeviceService&) = delete;
 
   // The devices plugged in now. Within two seconds of the last read the same list comes back
-  // without a read; a failed read gives an empty list, which is kept as long. Thread-safe: the
-  // lock is not held while the buses are read, so two callers may read at once, and the later
-  // result stays.
+  // without a read; a failed read gives an empty list, which is kept as long. One caller at a
+  // time: the list has one reader, the loop that refreshes what the view model shows.
   std::vector<USBDevice> fetch();
 
  private:
@@ -48,7 +46,6 @@ class USBDeviceService {
   const Clock& clock_;
   std::shared_ptr<spdlog::logger> log_;
 
-  std::mutex mutex_;
   std::vector<USBDevice> cached_;
   std::optional<MonotonicTime> cacheTime_;
   // The reason of the last failed read, so that a failure is logged once, not every read.

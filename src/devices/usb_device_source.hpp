@@ -50,7 +50,7 @@ class USBDeviceSource {
  public:
   virtual ~USBDeviceSource() = default;
   // An error when the buses could not be listed at all; a device that reads badly is still an
-  // entry, with what could be read. May be called from two threads at once.
+  // entry, with what could be read.
   virtual Result<USBDeviceScan> scan() = 0;
 };
 

@@ -71,6 +71,7 @@ TEST(LinuxUSBDeviceSourceTest, APortGivesWhatItsHubCanSupply) {
 
 TEST(LinuxUSBDeviceSourceTest, RootHubsByTheKernelsSignsAndLocationsWithinTheirLimits) {
   SysfsTree tree;
+  EXPECT_FALSE(LinuxUSBDeviceSource(tree.root()).scan().ok()) << "no bus/usb/devices at all";
   auto device = [&](const std::string& name, const std::map<std::string, std::string>& values) {
     for (const auto& [key, value] : values)
       tree.write("bus/usb/devices/" + name + "/" + key, value);
@@ -90,15 +91,6 @@ TEST(LinuxUSBDeviceSourceTest, RootHubsByTheKernelsSignsAndLocationsWithinTheirL
   for (const auto& d : listed(tree.root())) ids.push_back(d.id);
   EXPECT_EQ(ids, (std::vector<std::string>{"1D6B:0104", "0x03123456", "0BDA:0011", "0BDA:0012",
                                            "0BDA:0013"}));
-}
-
-TEST(LinuxUSBDeviceSourceTest, AMachineWithoutUSBSaysWhy) {
-  SysfsTree tree;
-  LinuxUSBDeviceSource source(tree.root());
-  auto scanned = source.scan();
-  ASSERT_FALSE(scanned.ok());
-  EXPECT_EQ(scanned.error().message,
-            (tree.root() / "bus/usb/devices").string() + ": No such file or directory");
 }
 
 }  // namespace
