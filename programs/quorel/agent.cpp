@@ -15,6 +15,7 @@
 #include "core/paths.hpp"
 #include "core/serial_queue.hpp"
 #include "core/version.hpp"
+#include "devices/usb_device_service.hpp"
 #include "energy/ai_agent_classifier.hpp"
 #include "energy/ai_agent_energy_tracker.hpp"
 #include "energy/energy_usage_source.hpp"
@@ -29,11 +30,13 @@
 #include "platform/linux/linux_powercap_component_sampler.hpp"
 #include "platform/linux/linux_procfs_process_table.hpp"
 #include "platform/linux/linux_thermal_monitor.hpp"
+#include "platform/linux/linux_usb_device_source.hpp"
 #include "platform/linux/logind_sleep_monitor.hpp"
 #include "platform/linux/power_supply_scan.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
 #include "platform/sandbox/sandbox_config_file.hpp"
 #include "platform/sandbox/sandbox_power_sources.hpp"
+#include "platform/sandbox/sandbox_usb_device_source.hpp"
 #include "status_state.hpp"
 #include "store/corruption_report.hpp"
 #include "store/quorel_database.hpp"
@@ -149,11 +152,14 @@ class Agent {
             mainQueue_.async([this] { viewModel_->markBatteryReplaced(); });
           });
       startEnergyAttribution();
+      usbSource_ = std::make_unique<LinuxUSBDeviceSource>(options_.sysfsRoot);
     } else {
       scenario.enabled = true;
       sandbox_ = std::make_unique<SandboxConfig>(scenario);
       deps.sources = sandboxPowerSources(*sandbox_, clock_);
+      usbSource_ = std::make_unique<SandboxUSBDeviceSource>(*sandbox_);
     }
+    usbDevices_ = std::make_unique<USBDeviceService>(*usbSource_, clock_);
     monitor_ = PowerMonitor::create(std::move(deps), clock_);
     monitor_->setOnStateUpdate(
         [this](const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
@@ -350,6 +356,10 @@ class Agent {
   std::string lastStatusError_;
   std::optional<MonotonicTime> lastLifetimeRefresh_;
   std::unique_ptr<SandboxConfig> sandbox_;
+  // What is plugged in by USB, on the machine the power readings come from; `fetch()` gives
+  // the list. Declared after the scenario, which the simulated machine's source reads.
+  std::unique_ptr<USBDeviceSource> usbSource_;
+  std::unique_ptr<USBDeviceService> usbDevices_;
   std::unique_ptr<LinuxProcfsProcessTable> processTable_;
   std::unique_ptr<AIAgentClassifier> classifier_;
   std::unique_ptr<TopProcessesService> topProcesses_;
