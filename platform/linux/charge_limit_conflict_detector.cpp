@@ -76,7 +76,7 @@ std::optional<std::int64_t> ronInteger(std::string_view text, std::string_view k
   return found;
 }
 
-// The keys of one section of an INI file, lower-cased section name matched as written.
+// The keys of one section of an INI file, the section named exactly as written.
 std::map<std::string, std::string> iniSection(std::string_view text, std::string_view section) {
   std::map<std::string, std::string> keys;
   bool inSection = false;

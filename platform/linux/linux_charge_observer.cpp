@@ -11,17 +11,17 @@ namespace {
 constexpr std::string_view kEndThreshold = "charge_control_end_threshold";
 constexpr std::string_view kBehaviour = "charge_behaviour";
 
-// The word in brackets of a choice list ("auto [inhibit-charge] force-discharge"); a driver with
-// a single choice, or an attribute that is not a list, prints it bare.
+// The word in brackets of a choice list ("auto [inhibit-charge] force-discharge"); an attribute
+// holding a single value ("Long Life") is that value.
 std::optional<std::string> selectedWord(std::string_view list) {
   const auto open = list.find('[');
   const auto close = list.find(']', open);
   if (open != std::string_view::npos && close != std::string_view::npos) {
     return std::string(list.substr(open + 1, close - open - 1));
   }
-  const auto word = sysfs::trim(list);
-  if (word.empty() || word.find(' ') != std::string_view::npos) return std::nullopt;
-  return std::string(word);
+  const auto value = sysfs::trim(list);
+  if (value.empty()) return std::nullopt;
+  return std::string(value);
 }
 
 std::optional<std::int64_t> percentAttribute(const sysfs::SysfsDevice& d, std::string_view name) {

@@ -92,6 +92,14 @@ TEST(LinuxChargeObserverTest, ReadsGateLimitAndReasonFromEachTree) {
     EXPECT_EQ(o.systemHealth_percent, 90) << c.what;
     EXPECT_EQ(o.observedAt, clock.now()) << c.what;
   }
+  // A single-valued attribute may hold a space.
+  SysfsTree tree;
+  writeTree(tree, {"Charging", "50", auto_, std::nullopt, std::nullopt, "1"});
+  tree.write("class/power_supply/BAT0/charge_type", "Long Life\n");
+  ManualClock clock;
+  LinuxChargeObserver observer({.sysfsRoot = tree.root(), .configRoot = tree.root()}, nullptr,
+                               clock);
+  EXPECT_EQ(observer.observe().slowChargingReason, "Long-life charging");
 }
 
 TEST(LinuxChargeObserverTest, LearnsAPlateauFromSuccessiveReadings) {
