@@ -301,6 +301,12 @@ class Agent {
                        c.evidence);
           }
         }
+        if (!chargeObservation_ || chargeObservation_->gate != observed.gate ||
+            chargeObservation_->limit != observed.limit) {
+          log_->debug("charge gate {}, limit {} ({})", chargeGateStateText(observed.gate),
+                      observed.limit.percent ? std::to_string(*observed.limit.percent) : "none",
+                      chargeLimitSourceText(observed.limit.source));
+        }
         chargeObservation_ = observed;
       });
     });
