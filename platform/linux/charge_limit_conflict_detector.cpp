@@ -1,7 +1,6 @@
 #include "platform/linux/charge_limit_conflict_detector.hpp"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <map>
 
@@ -109,9 +108,7 @@ TlpConfiguration readTlpConfiguration(const fs::path& root) {
       readTlpFile(root, dropIns / name, state);
     }
   }
-  const fs::path main = "/etc/tlp.conf";
-  readTlpFile(root, ::access(under(root, main).c_str(), F_OK) == 0 ? main : "/etc/default/tlp",
-              state);
+  readTlpFile(root, "/etc/tlp.conf", state);
   TlpConfiguration config;
   config.enabled = state.enable != "0";
   for (auto& [key, setting] : state.thresholds) {

@@ -49,9 +49,9 @@ struct TlpConfiguration {
   std::vector<TlpThresholdSetting> thresholds;  // in key order; empty values dropped
 };
 
-// Reads /etc/tlp.d/*.conf in name order, then /etc/tlp.conf (the older /etc/default/tlp where
-// that is missing), the last setting of a key winning: the order TLP itself reads them in, so
-// the main file overrides the drop-ins. Commented lines are skipped.
+// Reads /etc/tlp.d/*.conf in name order, then /etc/tlp.conf, the last setting of a key winning:
+// the order TLP itself reads them in, so the main file overrides the drop-ins. Commented lines
+// are skipped.
 TlpConfiguration readTlpConfiguration(const std::filesystem::path& root);
 
 struct SystemdUnitState {

@@ -4,7 +4,6 @@
 #include "platform/linux/charge_limit_conflict_detector.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/linux/sysfs_tree.hpp"
 #include "platform/linux/upower_charge_thresholds.hpp"
@@ -62,13 +61,6 @@ TEST(TlpConfigurationTest, MainFileOverridesDropInsAndCommentsCountForNothing) {
   EXPECT_FALSE(readTlpConfiguration(tree.root()).enabled);
   tree.write("etc/tlp.conf", "TLP_ENABLE=1\n");
   EXPECT_TRUE(readTlpConfiguration(tree.root()).enabled);
-}
-
-TEST(TlpConfigurationTest, OlderInstallationsKeepTheirSettingsInEtcDefault) {
-  SysfsTree tree;
-  tree.write("etc/default/tlp", "STOP_CHARGE_THRESH_BAT0=70\n");
-  EXPECT_THAT(keyValues(readTlpConfiguration(tree.root())),
-              ElementsAre("STOP_CHARGE_THRESH_BAT0=70 @/etc/default/tlp"));
 }
 
 TEST(ChargeLimitConflictDetectorTest, TlpCountsOnlyWhenInstalledAndOn) {
