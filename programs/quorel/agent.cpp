@@ -24,6 +24,7 @@
 #include "insights/insights_refresher.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp/mcp_server_switch.hpp"
+#include "platform/linux/linux_charge_observer.hpp"
 #include "platform/linux/linux_power_rail_reader.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
 #include "platform/linux/linux_power_supply_provider.hpp"
@@ -34,6 +35,7 @@
 #include "platform/linux/logind_sleep_monitor.hpp"
 #include "platform/linux/power_supply_scan.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
+#include "platform/linux/upower_charge_thresholds.hpp"
 #include "platform/sandbox/sandbox_config_file.hpp"
 #include "platform/sandbox/sandbox_power_sources.hpp"
 #include "platform/sandbox/sandbox_usb_device_source.hpp"
@@ -52,6 +54,8 @@ namespace {
 
 // How often the lifetime total is brought up to date; it reads only the rows since the last time.
 constexpr Seconds kLifetimeEnergyRefresh{300};
+// How often what the system does with the battery is read again; a plateau needs a minute of it.
+constexpr Seconds kChargeObservationInterval{10};
 
 std::optional<CarbonRegionIntensity> carbonRegion(const QuorelSettings& settings) {
   return carbonRegionNamed(kCarbonRegionTexts.text(settings.carbonRegion));
@@ -153,6 +157,10 @@ class Agent {
           });
       startEnergyAttribution();
       usbSource_ = std::make_unique<LinuxUSBDeviceSource>(options_.sysfsRoot);
+      upowerThresholds_ = std::make_unique<UPowerBusChargeThresholds>();
+      chargeObserver_ = std::make_unique<LinuxChargeObserver>(
+          LinuxChargeObserver::Options{.sysfsRoot = options_.sysfsRoot}, upowerThresholds_.get(),
+          clock_);
     } else {
       scenario.enabled = true;
       sandbox_ = std::make_unique<SandboxConfig>(scenario);
@@ -260,6 +268,7 @@ class Agent {
     viewModel_->update(state, history, inputs);
     if (monitor_->componentCardVisible()) viewModel_->appendLiveSample(state, state.componentPower);
 
+    refreshChargeObservation();
     if (topProcesses_)
       topProcesses_->setCpuPackageWatts(TopProcessesService::cpuPackageWatts(state.componentPower));
     if (options_.json) {
@@ -276,6 +285,37 @@ class Agent {
                  state.displayPercent());
       lastPhase_ = state.phase;
     }
+  }
+
+  // Read on the poll queue, where the blocking reads belong, and kept on the main queue for the
+  // guards, the tools and the helper's status to read.
+  void refreshChargeObservation() {
+    if (!chargeObserver_ || chargeObservationPending_) return;
+    const MonotonicTime now = clock_.monotonicNow();
+    if (lastChargeObservation_ && now - *lastChargeObservation_ < kChargeObservationInterval) {
+      return;
+    }
+    lastChargeObservation_ = now;
+    chargeObservationPending_ = true;
+    pollQueue_.async([this] {
+      ChargeObservation observed = chargeObserver_->observe();
+      mainQueue_.async([this, observed = std::move(observed)] {
+        chargeObservationPending_ = false;
+        if (!chargeObservation_ || chargeObservation_->conflicts != observed.conflicts) {
+          for (const auto& c : observed.conflicts.conflicts) {
+            log_->warn("{} also sets a charge limit — {}", chargeLimitManagerName(c.manager),
+                       c.evidence);
+          }
+        }
+        if (!chargeObservation_ || chargeObservation_->gate != observed.gate ||
+            chargeObservation_->limit != observed.limit) {
+          log_->debug("charge gate {}, limit {} ({})", chargeGateStateText(observed.gate),
+                      observed.limit.percent ? std::to_string(*observed.limit.percent) : "none",
+                      chargeLimitSourceText(observed.limit.source));
+        }
+        chargeObservation_ = observed;
+      });
+    });
   }
 
   void publishStatus() {
@@ -374,6 +414,13 @@ class Agent {
   std::unique_ptr<AppDelegate> delegate_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;
   std::optional<PowerPhase> lastPhase_;
+  // Touched on the poll queue only, which is shut down before they go.
+  std::unique_ptr<UPowerBusChargeThresholds> upowerThresholds_;
+  std::unique_ptr<LinuxChargeObserver> chargeObserver_;
+  // Main queue.
+  std::optional<ChargeObservation> chargeObservation_;
+  std::optional<MonotonicTime> lastChargeObservation_;
+  bool chargeObservationPending_ = false;
 };
 
 }  // namespace
