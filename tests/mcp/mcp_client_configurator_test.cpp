@@ -10,6 +10,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
+#include "mcp/mcp_client_commands.hpp"
 #include "mcp_test_support.hpp"
 
 namespace quorel {
@@ -236,6 +237,53 @@ TEST_F(ConfiguratorTest, RemovalTakesOutOnlyTheEntryAndLeavesWhatItCannotEdit) {
     EXPECT_FALSE(isConfigured(client, places_)) << rawValue(client);
   }
   EXPECT_EQ(removeAllClientConfigs(places_), std::vector<Client>{});
+}
+
+TEST_F(ConfiguratorTest, TheCommandsSayWhatHappenedAndExitByTheRules) {
+  const std::string names = "claudeDesktop, claudeCode, codexCLI, cursor";
+  for (const auto& [client, all] : std::vector<std::pair<std::optional<std::string>, bool>>{
+           {"claude", false}, {std::nullopt, false}, {"cursor", true}}) {
+    const auto refused = runMCPConfigureCommand(client, all, places_);
+    EXPECT_EQ(refused.exitStatus, 2);
+    EXPECT_NE(refused.errorText.find(names), std::string::npos) << refused.errorText;
+  }
+  EXPECT_EQ(runMCPSnippetCommand("Cursor", places_).exitStatus, 2);
+  EXPECT_EQ(
+      runMCPSnippetCommand("claudeCode", places_),
+      (MCPClientCommandOutcome{
+          "Run this once in your terminal:\nclaude mcp add quorel -- " + bridge() + "\n", 0, {}}));
+  EXPECT_EQ(configuredClientsLine(places_).rfind("No assistant is set up to use it yet", 0), 0u);
+
+  // --all goes on past a client that fails, shows what to add there by hand, and exits 1.
+  put(file(Client::codexCLI), "[mcp_servers.quorel]\ncommand = \"/elsewhere\"\n");
+  put(file(Client::cursor), "{");
+  const auto all = runMCPConfigureCommand(std::nullopt, true, places_);
+  EXPECT_EQ(all.exitStatus, 1);
+  EXPECT_EQ(all.text,
+            "Claude Desktop: Added to ~/xdg-config/Claude/claude_desktop_config.json — restart "
+            "Claude Desktop.\nClaude Code: Added to ~/.claude.json — restart Claude Code.\n"
+            "OpenAI Codex CLI: Already configured in ~/.codex/config.toml.\n");
+  EXPECT_EQ(all.errorText, std::string(handInstruction(Client::cursor)) + "\n" +
+                               manualSnippet(Client::cursor, places_.bridgePath) +
+                               "\n\nCursor: " + parseFailed("mcp.json").description() + "\n");
+  EXPECT_EQ(configuredClientsLine(places_),
+            "Assistants set up to use it: Claude Desktop, Claude Code, OpenAI Codex CLI.\n");
+  EXPECT_EQ(runMCPConfigureCommand("claudeCode", false, places_),
+            (MCPClientCommandOutcome{"Added to ~/.claude.json — restart Claude Code.\n", 0, {}}));
+
+  EXPECT_EQ(runMCPUnconfigureCommand(places_).text,
+            "Removed Quorel from Claude Desktop (~/xdg-config/Claude/claude_desktop_config.json)."
+            "\nRemoved Quorel from Claude Code (~/.claude.json).\nRemoved Quorel from OpenAI "
+            "Codex CLI (~/.codex/config.toml).\n");
+  EXPECT_EQ(runMCPUnconfigureCommand(places_).text,
+            "Quorel was in no assistant's configuration; nothing to remove.\n");
+
+  // Without the bridge nothing can be done for anyone: said once.
+  places_.bridgePath = home() / "gone";
+  const auto missing = runMCPConfigureCommand(std::nullopt, true, places_);
+  EXPECT_EQ(missing.exitStatus, 1);
+  const ConfiguratorError bridgeMissing{ConfiguratorError::Case::bridgeMissing, {}, {}};
+  EXPECT_EQ(missing.errorText, bridgeMissing.description() + "\n");
 }
 
 TEST(CodexTableRemovalTest, StopsAtTheNextHeaderAndLeavesNoDoubledBlank) {
