@@ -71,14 +71,21 @@ int MCPCommandLine::run(const CommandContext& context) const {
   if (!paths) return 2;
   FilePreferenceStore preferences(paths->preferencesFile());
   MCPCommandOutcome outcome;
+  if (disable_->parsed()) {
+    outcome = runMCPDisableCommand(preferences, paths->dataDirectory);
+    std::cout << outcome.text;
+    return outcome.exitStatus;
+  }
   if (enable_->parsed()) {
     outcome = runMCPEnableCommand(preferences, paths->dataDirectory);
-    if (const auto places = clientPlaces()) outcome.text += configuredClientsLine(*places);
-  } else if (disable_->parsed()) {
-    outcome = runMCPDisableCommand(preferences, paths->dataDirectory);
   } else {
     SystemClock clock;
     outcome = runMCPStatusCommand(preferences, paths->dataDirectory, clock);
+  }
+  // Beside the HTTP endpoint, what an assistant that launches programs is given instead.
+  if (const auto places = clientPlaces()) {
+    outcome.text += "stdio: " + places->bridgePath.string() + "\n";
+    if (enable_->parsed()) outcome.text += configuredClientsLine(*places);
   }
   std::cout << outcome.text;
   return outcome.exitStatus;
