@@ -96,6 +96,12 @@ std::string MCPStdioBridge::failureMessage(const MCPPostResult& result) const {
            " — restart the agent (`quorel`) so that it reads the file again, and check that "
            "`quorel mcp enable` was run for the same data directory.";
   }
+  // Our requests are well formed, so a 400 means what a 413 means: a declared length past the
+  // server's limit.
+  if (answer.status == 400 || answer.status == 413) {
+    return "Quorel's agent on " + at + " refuses this message (HTTP " +
+           std::to_string(answer.status) + "); it takes at most 1 MiB in one message.";
+  }
   return "Something other than Quorel's agent answers on " + at + " (HTTP " +
          std::to_string(answer.status) + ")" + kStartTheAgent;
 }

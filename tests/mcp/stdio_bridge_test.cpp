@@ -156,6 +156,10 @@ TEST_F(StdioBridgeTest, WithoutAnAgentRequestsGetErrorsNamingTheCommandsAndTheBr
   startAgent();
   EXPECT_EQ(decoded(bridge.handleLine(R"({"jsonrpc":"2.0","id":8,"method":"ping"})")),
             JSONRPCResponse::success(JSONValue(8), JSONValue::object({})));
+  const auto tooLarge = decoded(bridge.handleLine(R"({"jsonrpc":"2.0","id":9,"method":"x","p":")" +
+                                                  std::string(1 << 20, 'x') + "\"}"));
+  EXPECT_NE(tooLarge->error->message.find("it takes at most 1 MiB"), std::string::npos)
+      << tooLarge->error->message;
   // A token file edited after the agent read it is refused, read again, and said so once.
   std::ofstream(mcpTokenFile(data()), std::ios::trunc) << "edited-after-start\n";
   auto late = makeBridge();
