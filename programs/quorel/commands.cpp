@@ -7,7 +7,6 @@
 #include "core/file_preference_store.hpp"
 #include "core/logging.hpp"
 #include "core/paths.hpp"
-#include "mcp/mcp_commands.hpp"
 #include "platform/linux/linux_power_supply_provider.hpp"
 #include "platform/linux/power_supply_scan.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
@@ -17,7 +16,6 @@
 
 namespace quorel {
 
-namespace {
 std::optional<QuorelPaths> resolvePaths(const CommandContext& context) {
   try {
     return QuorelPaths::resolve(ProcessEnvironment, context.dataDirectory);
@@ -33,25 +31,6 @@ void quietLogging() {
   logging::Options options;
   options.level = spdlog::level::warn;
   logging::configure(options);
-}
-}  // namespace
-
-int runMcpCommand(const std::string& action, const CommandContext& context) {
-  quietLogging();
-  const auto paths = resolvePaths(context);
-  if (!paths) return 2;
-  FilePreferenceStore preferences(paths->preferencesFile());
-  MCPCommandOutcome outcome;
-  if (action == "enable") {
-    outcome = runMCPEnableCommand(preferences, paths->dataDirectory);
-  } else if (action == "disable") {
-    outcome = runMCPDisableCommand(preferences, paths->dataDirectory);
-  } else {
-    SystemClock clock;
-    outcome = runMCPStatusCommand(preferences, paths->dataDirectory, clock);
-  }
-  std::cout << outcome.text;
-  return outcome.exitStatus;
 }
 
 int runHistory(HistoryCommandArguments arguments, const CommandContext& context) {

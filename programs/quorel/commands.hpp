@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "core/paths.hpp"
 #include "export_command.hpp"
 #include "history_command.hpp"
 #include "insights_command.hpp"
@@ -18,8 +19,12 @@ struct CommandContext {
   std::filesystem::path sysfsRoot = "/sys";            // --sysfs-root
 };
 
-// "enable", "disable" or "status".
-int runMcpCommand(const std::string& action, const CommandContext& context);
+// The paths the command line works with, --data-dir applied; absent, after a sentence on
+// standard error, when they cannot be resolved.
+std::optional<QuorelPaths> resolvePaths(const CommandContext& context);
+// Keeps a command's own log lines on standard error, without the agent's file.
+void quietLogging();
+
 int runHistory(HistoryCommandArguments arguments, const CommandContext& context);
 int runExport(const ExportCommandArguments& arguments, const CommandContext& context);
 int runInsights(const InsightsCommandArguments& arguments, const CommandContext& context);

@@ -12,6 +12,7 @@
 #include "commands.hpp"
 #include "core/logging.hpp"
 #include "core/version.hpp"
+#include "mcp_cli.hpp"
 
 static int runMain(int argc, char** argv);
 
@@ -91,11 +92,7 @@ static int runMain(int argc, char** argv) {
                  "(default $XDG_DATA_HOME/quorel)");
   app.add_flag("-v,--verbose", options.verbose, "Log debug detail");
 
-  auto* mcp = app.add_subcommand("mcp", "Turn the assistants' server on or off, or see its state");
-  std::string mcpAction;
-  mcp->add_option("action", mcpAction, "enable, disable or status")
-      ->required()
-      ->check(CLI::IsMember({"enable", "disable", "status"}));
+  const quorel::MCPCommandLine mcp(app);
 
   auto* history = app.add_subcommand("history", "Look back through the history store");
   quorel::HistoryCommandArguments historyArgs;
@@ -216,7 +213,7 @@ static int runMain(int argc, char** argv) {
   quorel::CommandContext context;
   if (!dataDir.empty()) context.dataDirectory = dataDir;
   context.sysfsRoot = sysfsRoot;
-  if (*mcp) return quorel::runMcpCommand(mcpAction, context);
+  if (mcp.chosen()) return mcp.run(context);
   if (*history) {
     if (history->count("--from") > 0) historyArgs.from = from;
     if (history->count("--to") > 0) historyArgs.to = to;
