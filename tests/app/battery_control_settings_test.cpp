@@ -31,19 +31,5 @@ TEST(SettingsBatteryControlAccessTest, StoredValuesSurviveARelaunch) {
   EXPECT_EQ(relaunched.settings().smartTopOffRules.at(0).at("eventTitleSubstring"), " Flight\n");
 }
 
-TEST(SettingsBatteryControlAccessTest, AStoredListThatNoLongerDecodesCountsAsNone) {
-  MemoryPreferenceStore store;
-  ManualClock clock;
-  SerialQueue main{"test.main", clock};
-  SettingsManager manager(store, main, clock);
-  manager.update([](QuorelSettings& s) {
-    s.smartTopOffRules = {
-        nlohmann::ordered_json::parse(std::string(R"({"type":"calendar","id":")") + kId +
-                                      R"(","eventTitleSubstring":"ok","leadMinutes":30})"),
-        nlohmann::ordered_json::parse(R"({"type":"calendar","id":"nope"})")};
-  });
-  EXPECT_TRUE(SettingsBatteryControlAccess(manager).smartTopOffRules().empty());
-}
-
 }  // namespace
 }  // namespace quorel
