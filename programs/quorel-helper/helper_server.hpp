@@ -21,6 +21,7 @@
 #include "core/result.hpp"
 #include "core/serial_queue.hpp"
 #include "helper_methods.hpp"
+#include "mcp/line_socket_server.hpp"
 
 namespace quorel {
 
@@ -57,10 +58,14 @@ class HelperServer {
   // Called on the queue once the answer to a `quit` has been written (or could not be).
   void setOnQuit(std::function<void()> onQuit);
 
-  struct Impl;
-
  private:
-  std::shared_ptr<Impl> impl_;
+  class Session;
+
+  HelperMethods& methods_;
+  const std::vector<uid_t> allowedUids_;
+  // Shared with the sessions, which may outlive a change of it.
+  std::shared_ptr<std::function<void()>> onQuit_ = std::make_shared<std::function<void()>>();
+  LineSocketServer server_;
 };
 
 // A listening Unix socket at `path`, mode 0666, replacing a stale socket file left there (but

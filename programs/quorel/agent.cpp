@@ -1,6 +1,7 @@
 #include "agent.hpp"
 
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <asio/signal_set.hpp>
 #include <csignal>
@@ -8,6 +9,8 @@
 #include <iostream>
 
 #include "app/app_delegate.hpp"
+#include "app/battery_command_socket.hpp"
+#include "app/battery_control_settings.hpp"
 #include "app/settings_manager.hpp"
 #include "app/single_instance_lock.hpp"
 #include "core/file_preference_store.hpp"
@@ -24,6 +27,7 @@
 #include "insights/insights_refresher.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp/mcp_server_switch.hpp"
+#include "platform/linux/battery_control_probes.hpp"
 #include "platform/linux/linux_charge_observer.hpp"
 #include "platform/linux/linux_power_rail_reader.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
@@ -66,6 +70,19 @@ DisplayPreferences displayPreferences(const QuorelSettings& settings) {
                             .showCarbonFootprint = settings.showCarbonFootprint,
                             .minimalMenuBar = settings.menuBarMode == MenuBarMode::minimal};
 }
+
+// The agent's link to the privileged helper until the helper manager is connected here: no
+// helper, so the state reads as not enabled and every write is refused with the sentence that
+// says how to turn battery control on.
+class NoHelperLink final : public HelperLink {
+ public:
+  HelperStatus status() const override { return HelperStatus::disabled(); }
+  HelperProxy* proxy() override { return nullptr; }
+  bool controlAvailable() const override { return false; }
+  std::optional<HelperState> helperState() const override { return std::nullopt; }
+  std::optional<HelperCapabilities> capabilities() const override { return std::nullopt; }
+  void refreshHelperStateNow() override {}
+};
 
 double cpuSeconds() {
   rusage usage{};
@@ -201,6 +218,8 @@ class Agent {
     // A client reading --json is watching, so it gets the focused interval.
     delegate_->setWatched(options_.json);
 
+    startBatteryControl(noHelper_);
+
     waitForSignal();
     if (thermal_) thermal_->start(mainQueue_);
     pollQueue_.start();
@@ -216,6 +235,8 @@ class Agent {
     // The main queue has stopped: finish the tick in flight and end the other threads. The
     // server goes while its queue still runs, since it stops its listener there.
     delegate_.reset();
+    commandSocket_.reset();
+    batteryCommands_.reset();
     settings_->unsubscribe(settingsSubscription_);
     statusFile_.reset();
     viewModel_.reset();
@@ -250,6 +271,37 @@ class Agent {
     processEnergy_ = std::make_unique<ProcessEnergyTracker>(*usageSource_, energyQueue_, clock_);
     agentEnergy_ = std::make_unique<AIAgentEnergyTracker>(*usageSource_, energyQueue_, clock_);
     energyQueue_.start();
+  }
+
+  // The battery command service over `helper`, and the command socket through which
+  // `quorel battery` reaches it. Runs on the main queue, like the view model it reads.
+  void startBatteryControl(HelperLink& helper) {
+    batterySettings_ = std::make_unique<SettingsBatteryControlAccess>(*settings_);
+    lidProbe_ = std::make_unique<LogindLidProbe>();
+    BatteryControlEnvironment environment{
+        .availability =
+            [this, supplies = sysfs::powerSupplyClassPath(options_.sysfsRoot)] {
+              // The simulated machine's battery is the simulated helper's to control.
+              return sandbox_ ? BatteryControlAvailability::available
+                              : probeBatteryControlAvailability(supplies);
+            },
+        .powerState = [this] { return viewModel_->currentState(); },
+        .isClamshellClosed = [this] { return lidProbe_->isLidClosed(); },
+        .hasExternalDisplay =
+            [drm = drmClassPath(options_.sysfsRoot)] { return hasExternalDisplay(drm); },
+        // No calendar file or location source is configured for smart top-off yet.
+        .calendarAuthorization = [] { return CalendarAuthorization::notDetermined; },
+        .locationAuthorization = [] { return LocationAuthorization::notDetermined; },
+    };
+    batteryCommands_ = std::make_unique<BatteryControlCommandService>(
+        helper, mainQueue_, *batterySettings_, std::move(environment));
+    commandSocket_ =
+        std::make_unique<BatteryCommandSocket>(mainQueue_, *batteryCommands_, ::getuid());
+    const auto path = batteryCommandSocketPath(paths_);
+    if (auto listening = commandSocket_->listen(path); !listening) {
+      log_->warn("command socket not opened — `quorel battery` cannot reach this agent: {}",
+                 listening.error().message);
+    }
   }
 
   void publish(const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
@@ -412,6 +464,11 @@ class Agent {
   std::unique_ptr<MCPServerSwitch> mcpSwitch_;
   std::unique_ptr<LogindSleepMonitor> sleepWake_;
   std::unique_ptr<AppDelegate> delegate_;
+  NoHelperLink noHelper_;
+  std::unique_ptr<SettingsBatteryControlAccess> batterySettings_;
+  std::unique_ptr<LogindLidProbe> lidProbe_;
+  std::unique_ptr<BatteryControlCommandService> batteryCommands_;
+  std::unique_ptr<BatteryCommandSocket> commandSocket_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;
   std::optional<PowerPhase> lastPhase_;
   // Touched on the poll queue only, which is shut down before they go.

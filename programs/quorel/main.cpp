@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "agent.hpp"
+#include "battery_command_line.hpp"
 #include "commands.hpp"
 #include "core/logging.hpp"
 #include "core/version.hpp"
@@ -130,12 +131,13 @@ static int runMain(int argc, char** argv) {
       "File to write, or a folder for files named quorel-<series>-<dates>.csv (default: CSV of "
       "one series and JSON go to standard output, several CSV series to this folder)");
 
-  auto* battery = app.add_subcommand("battery", "Battery identity");
+  auto* battery = app.add_subcommand("battery", "Battery identity and battery control");
   auto* replaced = battery->add_subcommand(
       "replaced", "Mark a new battery: health and cycle trends re-baseline from today");
   battery->require_subcommand(1);
   bool assumeYes = false;
   replaced->add_flag("--yes", assumeYes, "Do not ask for confirmation (for scripts)");
+  const quorel::BatteryControlCommands batteryControl(*battery);
 
   auto* settingsCommand = app.add_subcommand(
       "settings",
@@ -253,6 +255,7 @@ static int runMain(int argc, char** argv) {
     return quorel::runStatus(statusArgs, context);
   }
   if (*replaced) return quorel::runBatteryReplaced(assumeYes, context);
+  if (batteryControl.selected()) return batteryControl.run(context);
 
   if (interval->count() > 0) options.interval = quorel::Seconds{intervalSeconds};
   if (!sandboxConfig.empty()) options.sandboxConfigFile = sandboxConfig;
