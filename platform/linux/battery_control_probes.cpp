@@ -9,7 +9,6 @@
 #include <string_view>
 
 #include "core/logging.hpp"
-#include "platform/linux/power_supply_scan.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
 
 namespace quorel {
@@ -56,18 +55,6 @@ bool hasExternalDisplay(const std::filesystem::path& drmClassDir) {
     if (status && sysfs::trim(*status) == "connected") return true;
   }
   return false;
-}
-
-BatteryControlAvailability probeBatteryControlAvailability(
-    const std::filesystem::path& powerSupplyRoot) {
-  const auto scan = scanPowerSupplies(powerSupplyRoot);
-  const auto battery = std::find_if(scan.supplies.begin(), scan.supplies.end(), [](const auto& s) {
-    return s.isSystemBattery() && s.isPresent();
-  });
-  if (battery == scan.supplies.end()) return resolveBatteryControlAvailability(false, false);
-  const bool controllable = battery->device.attribute("charge_control_end_threshold") ||
-                            battery->device.attribute("charge_behaviour");
-  return resolveBatteryControlAvailability(true, controllable);
 }
 
 void LogindLidProbe::BusCloser::operator()(sd_bus* bus) const {

@@ -8,7 +8,6 @@
 #include <optional>
 #include <string>
 
-#include "control/battery_control_availability.hpp"
 
 struct sd_bus;
 
@@ -20,11 +19,6 @@ std::filesystem::path drmClassPath(const std::filesystem::path& sysfsRoot);
 // True when a connector under `drmClassDir` ("cardN-<type>-M") reports "connected" and is not a
 // built-in panel (eDP, LVDS, DSI). A missing or unreadable directory is false.
 bool hasExternalDisplay(const std::filesystem::path& drmClassDir);
-
-// "available" for a battery powering this machine with charge_control_end_threshold or
-// charge_behaviour, "no_charge_control" for one with neither, "no_battery" without one.
-BatteryControlAvailability probeBatteryControlAvailability(
-    const std::filesystem::path& powerSupplyRoot);
 
 // logind's LidClosed property, asked on every call over one system bus connection kept between
 // calls. No bus, no logind or no property reads as open: a closed lid is never assumed.

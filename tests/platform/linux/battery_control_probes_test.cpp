@@ -51,41 +51,6 @@ TEST(DrmDisplayProbeTest, OnlyConnectedConnectorsThatAreNotBuiltInPanelsCount) {
   EXPECT_FALSE(hasExternalDisplay(drmClassPath(noDrm.root())));
 }
 
-TEST(BatteryControlAvailabilityProbeTest, TheBatterysAttributesDecide) {
-  const struct {
-    const char* what;
-    std::vector<std::string> battery;  // empty: no battery at all
-    BatteryControlAvailability expected;
-  } cases[] = {
-      {"threshold",
-       {"TYPE=Battery", "CHARGE_CONTROL_END_THRESHOLD=80"},
-       BatteryControlAvailability::available},
-      {"behaviour only",
-       {"TYPE=Battery", "CHARGE_BEHAVIOUR=[auto] inhibit-charge"},
-       BatteryControlAvailability::available},
-      {"neither", {"TYPE=Battery", "CAPACITY=50"}, BatteryControlAvailability::noChargeControl},
-      {"battery bay empty",
-       {"TYPE=Battery", "PRESENT=0", "CHARGE_CONTROL_END_THRESHOLD=80"},
-       BatteryControlAvailability::noBattery},
-      {"a mouse's battery is not ours",
-       {"TYPE=Battery", "SCOPE=Device", "CHARGE_CONTROL_END_THRESHOLD=80"},
-       BatteryControlAvailability::noBattery},
-      {"desktop", {}, BatteryControlAvailability::noBattery},
-  };
-  for (const auto& c : cases) {
-    SysfsTree tree;
-    tree.writeSupply("AC", {"TYPE=Mains", "ONLINE=1"});
-    if (!c.battery.empty()) tree.writeSupply("BAT0", c.battery);
-    EXPECT_EQ(probeBatteryControlAvailability(tree.powerSupply()), c.expected) << c.what;
-  }
-  // A driver that offers the file without listing it in uevent still counts.
-  SysfsTree tree;
-  tree.writeSupply("BAT1", {"TYPE=Battery"});
-  tree.write("class/power_supply/BAT1/charge_control_end_threshold", "100\n");
-  EXPECT_EQ(probeBatteryControlAvailability(tree.powerSupply()),
-            BatteryControlAvailability::available);
-}
-
 // A private message bus with a peer owning logind's name and serving LidClosed from a flag.
 class FakeLogind {
  public:
