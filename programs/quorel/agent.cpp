@@ -23,6 +23,8 @@
 #include "insights/insights_refresher.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp/mcp_server_switch.hpp"
+#include "mcp/mcp_tool_registry.hpp"
+#include "mcp/quorel_snapshot_provider.hpp"
 #include "platform/linux/linux_power_rail_reader.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
 #include "platform/linux/linux_power_supply_provider.hpp"
@@ -42,6 +44,7 @@
 #include "telemetry/power_state_json.hpp"
 #include "telemetry/power_view_model.hpp"
 #include "telemetry/provider_switch.hpp"
+#include "unlinked_battery_commands.hpp"
 
 namespace quorel {
 
@@ -67,6 +70,18 @@ double cpuSeconds() {
     return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
   };
   return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// A battery of this machine whose driver has an attribute a helper could write.
+bool batteryOffersChargeControl(const std::filesystem::path& powerSupplyRoot) {
+  for (const PowerSupplyEntry& supply : scanPowerSupplies(powerSupplyRoot).supplies) {
+    if (!supply.isSystemBattery()) continue;
+    std::error_code ec;
+    for (const char* attribute : {"charge_control_end_threshold", "charge_behaviour"}) {
+      if (std::filesystem::exists(supply.device.dir() / attribute, ec)) return true;
+    }
+  }
+  return false;
 }
 
 // Reads the scenario file over `settings`; on failure says why on standard error.
@@ -166,9 +181,7 @@ class Agent {
     }
 
     httpQueue_.start();
-    mcpServer_ = std::make_unique<MCPServer>(
-        mainQueue_, httpQueue_, clock_, *preferences_, paths_.dataDirectory,
-        MCPServerOptions{.version = std::string(kQuorelVersion), .transport = {}});
+    startToolServer(choice.useLinuxProvider);
     mcpSwitch_ = std::make_unique<MCPServerSwitch>(*mcpServer_, *preferences_, mainQueue_);
     sleepWake_ = std::make_unique<LogindSleepMonitor>(mainQueue_);
 
@@ -202,6 +215,12 @@ class Agent {
     // The main queue has stopped: finish the tick in flight and end the other threads. The
     // server goes while its queue still runs, since it stops its listener there.
     delegate_.reset();
+    // The tools read the view model and the settings, so the server goes first; it stops its
+    // listener on its own queue, which still runs.
+    mcpSwitch_.reset();
+    mcpServer_.reset();
+    batteryCommands_.reset();
+    snapshot_.reset();
     settings_->unsubscribe(settingsSubscription_);
     statusFile_.reset();
     viewModel_.reset();
@@ -211,8 +230,6 @@ class Agent {
     agentEnergy_.reset();
     energyQueue_.shutdown();
     sleepWake_.reset();
-    mcpSwitch_.reset();
-    mcpServer_.reset();
     httpQueue_.shutdown();
     if (sandbox_) sandbox_->removeObserver(sandboxObserver_);
     if (thermal_) thermal_->stop();
@@ -236,6 +253,27 @@ class Agent {
     processEnergy_ = std::make_unique<ProcessEnergyTracker>(*usageSource_, energyQueue_, clock_);
     agentEnergy_ = std::make_unique<AIAgentEnergyTracker>(*usageSource_, energyQueue_, clock_);
     energyQueue_.start();
+  }
+
+  // The assistants' endpoint: the read tools over the view model and the store, the battery
+  // commands over what this agent can reach of the helper (nothing yet: every write is refused).
+  void startToolServer(bool linuxMachine) {
+    QuorelSnapshotProvider::Sources sources;
+    sources.viewModel = viewModel_.get();
+    sources.database = database_.get();
+    sources.carbon = carbon_.get();
+    sources.carbonRegion = [this] {
+      return carbonRegion(settings_->settings()).value_or(kCarbonRegions.front());
+    };
+    snapshot_ = std::make_unique<QuorelSnapshotProvider>(mainQueue_, clock_, std::move(sources));
+    const bool chargeControl =
+        linuxMachine && batteryOffersChargeControl(sysfs::powerSupplyClassPath(options_.sysfsRoot));
+    batteryCommands_ =
+        std::make_unique<UnlinkedBatteryCommands>(*viewModel_, *settings_, chargeControl);
+    mcpServer_ = std::make_unique<MCPServer>(
+        mainQueue_, httpQueue_, clock_, *preferences_, paths_.dataDirectory,
+        std::make_unique<MCPToolRegistry>(*snapshot_, *batteryCommands_),
+        MCPServerOptions{.version = std::string(kQuorelVersion), .transport = {}});
   }
 
   void publish(const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
@@ -358,6 +396,8 @@ class Agent {
   std::unique_ptr<AIAgentEnergyTracker> agentEnergy_;
   std::shared_ptr<LinuxThermalMonitor> thermal_;
   std::shared_ptr<PowerMonitor> monitor_;
+  std::unique_ptr<QuorelSnapshotProvider> snapshot_;
+  std::unique_ptr<UnlinkedBatteryCommands> batteryCommands_;
   std::unique_ptr<MCPServer> mcpServer_;
   std::unique_ptr<MCPServerSwitch> mcpSwitch_;
   std::unique_ptr<LogindSleepMonitor> sleepWake_;
