@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <future>
+#include <memory>
 #include <ranges>
 
 #include "mcp/live_snapshot_json.hpp"
@@ -342,6 +344,49 @@ TEST_F(SnapshotProviderTest, AnAnswerForAProviderThatIsGoneIsDropped) {
   provider.reset();
   main.runPending();
   EXPECT_FALSE(got);
+}
+
+TEST(SnapshotProviderThreadsTest, HistoryAnswersCrossFromTheStoresThreadToTheMainThread) {
+  testing::ScratchDirectory scratch{"quorel-snapshot-threads"};
+  SystemClock clock;
+  SerialQueue main{"test.main", clock};
+  QuorelDatabase db{{.dataDirectory = {}, .databasePathOverride = scratch.path() / "q.db"}, clock};
+  CarbonFootprintService carbon{db};
+  main.start();
+  // Made on the main thread, which alone touches the view model.
+  std::optional<PowerViewModel> viewModel;
+  std::optional<QuorelSnapshotProvider> provider;
+  main.sync([&] {
+    viewModel.emplace(main, nullptr, clock);
+    provider.emplace(main, clock,
+                     QuorelSnapshotProvider::Sources{
+                         .viewModel = &*viewModel, .database = &db, .carbon = &carbon});
+  });
+  std::promise<std::vector<JSONValue>> done;
+  main.async([&] {
+    auto answers = std::make_shared<std::vector<JSONValue>>();
+    auto collect = [&, answers](JSONValue v) {
+      EXPECT_TRUE(main.isCurrent());
+      answers->push_back(std::move(v));
+      if (answers->size() == 20) done.set_value(*answers);
+    };
+    for (int i = 0; i < 5; ++i) {
+      provider->energyTotals(collect);
+      provider->listSessions(i, collect);
+      provider->queryPowerHistory({}, {}, 240, collect);
+      // The state changes between the calls while their reads are under way.
+      PowerState state = onBattery(-i);
+      viewModel->update(state, PowerHistorySnapshot::empty(), {});
+      collect(provider->getOverview());
+    }
+  });
+  const auto answers = done.get_future().get();
+  for (const JSONValue& answer : answers) EXPECT_NE(answer.member("available"), JSONValue(false));
+  main.sync([&] {
+    provider.reset();
+    viewModel.reset();
+  });
+  main.shutdown();
 }
 
 }  // namespace
