@@ -350,7 +350,9 @@ TEST(SnapshotProviderThreadsTest, HistoryAnswersCrossFromTheStoresThreadToTheMai
   testing::ScratchDirectory scratch{"quorel-snapshot-threads"};
   SystemClock clock;
   SerialQueue main{"test.main", clock};
-  QuorelDatabase db{{.dataDirectory = {}, .databasePathOverride = scratch.path() / "q.db"}, clock};
+  QuorelDatabase db{
+      {.dataDirectory = {}, .databasePathOverride = scratch.path() / "q.db", .onCorruption = {}},
+      clock};
   CarbonFootprintService carbon{db};
   main.start();
   // Made on the main thread, which alone touches the view model.
@@ -358,9 +360,11 @@ TEST(SnapshotProviderThreadsTest, HistoryAnswersCrossFromTheStoresThreadToTheMai
   std::optional<QuorelSnapshotProvider> provider;
   main.sync([&] {
     viewModel.emplace(main, nullptr, clock);
-    provider.emplace(main, clock,
-                     QuorelSnapshotProvider::Sources{
-                         .viewModel = &*viewModel, .database = &db, .carbon = &carbon});
+    QuorelSnapshotProvider::Sources sources;
+    sources.viewModel = &*viewModel;
+    sources.database = &db;
+    sources.carbon = &carbon;
+    provider.emplace(main, clock, std::move(sources));
   });
   std::promise<std::vector<JSONValue>> done;
   main.async([&] {
