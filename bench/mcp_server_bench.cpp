@@ -35,6 +35,8 @@
 #include "core/memory_preference_store.hpp"
 #include "core/serial_queue.hpp"
 #include "mcp/mcp_server.hpp"
+#include "mcp/mcp_tool_registry.hpp"
+#include "mcp/quorel_snapshot_provider.hpp"
 
 namespace {
 
@@ -52,6 +54,18 @@ struct Child {
   std::uint16_t port = 0;
 };
 
+// Commands of a server that reaches no battery.
+struct RefusingCommands final : BatteryCommands {
+  static MCPToolError refused() { return {kCommandRefused, "no battery here"}; }
+  JSONValue state() const override { return nullptr; }
+  JSONValue automation() const override { return nullptr; }
+  void setChargeLimit(std::int64_t, BatteryCommandCompletion done) override { done(refused()); }
+  void setForceDischarge(bool, BatteryCommandCompletion done) override { done(refused()); }
+  void setTopUp(bool, BatteryCommandCompletion done) override { done(refused()); }
+  BatteryCommandResult setSmartTopOffRules(std::vector<TopOffRule>) override { return refused(); }
+  BatteryCommandResult setHeatProtection(std::int64_t, std::int64_t) override { return refused(); }
+};
+
 // Serves until the benchmark kills it.
 [[noreturn]] void runQuorelServer(int reportFd, const std::filesystem::path& dataDirectory) {
   logging::configure({.level = spdlog::level::warn, .toStderr = true, .file = std::nullopt});
@@ -60,7 +74,11 @@ struct Child {
   SerialQueue httpQueue(kMCPTransportQueueLabel, kClock);
   mainQueue.start();
   httpQueue.start();
-  MCPServer server(mainQueue, httpQueue, kClock, preferences, dataDirectory);
+  // Only "tools/list" is asked for, which reads neither the snapshot nor the commands.
+  QuorelSnapshotProvider snapshot(mainQueue, kClock, {});
+  RefusingCommands commands;
+  MCPServer server(mainQueue, httpQueue, kClock, preferences, dataDirectory,
+                   std::make_unique<MCPToolRegistry>(snapshot, commands));
   server.start(0);
   const std::uint16_t port = server.transport().boundPort().value_or(0);
   (void)!::write(reportFd, &port, sizeof port);

@@ -27,6 +27,8 @@
 #include "insights/insights_refresher.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp/mcp_server_switch.hpp"
+#include "mcp/mcp_tool_registry.hpp"
+#include "mcp/quorel_snapshot_provider.hpp"
 #include "platform/linux/battery_control_probes.hpp"
 #include "platform/linux/linux_charge_observer.hpp"
 #include "platform/linux/linux_power_rail_reader.hpp"
@@ -197,9 +199,8 @@ class Agent {
     }
 
     httpQueue_.start();
-    mcpServer_ = std::make_unique<MCPServer>(
-        mainQueue_, httpQueue_, clock_, *preferences_, paths_.dataDirectory,
-        MCPServerOptions{.version = std::string(kQuorelVersion), .transport = {}});
+    startBatteryControl(noHelper_);
+    startToolServer();
     mcpSwitch_ = std::make_unique<MCPServerSwitch>(*mcpServer_, *preferences_, mainQueue_);
     sleepWake_ = std::make_unique<LogindSleepMonitor>(mainQueue_);
 
@@ -218,8 +219,6 @@ class Agent {
     // A client reading --json is watching, so it gets the focused interval.
     delegate_->setWatched(options_.json);
 
-    startBatteryControl(noHelper_);
-
     waitForSignal();
     if (thermal_) thermal_->start(mainQueue_);
     pollQueue_.start();
@@ -235,8 +234,13 @@ class Agent {
     // The main queue has stopped: finish the tick in flight and end the other threads. The
     // server goes while its queue still runs, since it stops its listener there.
     delegate_.reset();
+    // The tools read the view model and the settings, so the server goes first; it stops its
+    // listener on its own queue, which still runs.
+    mcpSwitch_.reset();
+    mcpServer_.reset();
     commandSocket_.reset();
     batteryCommands_.reset();
+    snapshot_.reset();
     settings_->unsubscribe(settingsSubscription_);
     statusFile_.reset();
     viewModel_.reset();
@@ -246,8 +250,6 @@ class Agent {
     agentEnergy_.reset();
     energyQueue_.shutdown();
     sleepWake_.reset();
-    mcpSwitch_.reset();
-    mcpServer_.reset();
     httpQueue_.shutdown();
     if (sandbox_) sandbox_->removeObserver(sandboxObserver_);
     if (thermal_) thermal_->stop();
@@ -302,6 +304,23 @@ class Agent {
       log_->warn("command socket not opened — `quorel battery` cannot reach this agent: {}",
                  listening.error().message);
     }
+  }
+
+  // The assistants' endpoint: the read tools over the view model and the store, the battery
+  // commands through the same service as `quorel battery`.
+  void startToolServer() {
+    QuorelSnapshotProvider::Sources sources;
+    sources.viewModel = viewModel_.get();
+    sources.database = database_.get();
+    sources.carbon = carbon_.get();
+    sources.carbonRegion = [this] {
+      return carbonRegion(settings_->settings()).value_or(kCarbonRegions.front());
+    };
+    snapshot_ = std::make_unique<QuorelSnapshotProvider>(mainQueue_, clock_, std::move(sources));
+    mcpServer_ = std::make_unique<MCPServer>(
+        mainQueue_, httpQueue_, clock_, *preferences_, paths_.dataDirectory,
+        std::make_unique<MCPToolRegistry>(*snapshot_, *batteryCommands_),
+        MCPServerOptions{.version = std::string(kQuorelVersion), .transport = {}});
   }
 
   void publish(const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
@@ -460,6 +479,7 @@ class Agent {
   std::unique_ptr<AIAgentEnergyTracker> agentEnergy_;
   std::shared_ptr<LinuxThermalMonitor> thermal_;
   std::shared_ptr<PowerMonitor> monitor_;
+  std::unique_ptr<QuorelSnapshotProvider> snapshot_;
   std::unique_ptr<MCPServer> mcpServer_;
   std::unique_ptr<MCPServerSwitch> mcpSwitch_;
   std::unique_ptr<LogindSleepMonitor> sleepWake_;

@@ -2,11 +2,13 @@
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <iostream>
 
 #include "core/file_preference_store.hpp"
 #include "core/logging.hpp"
 #include "core/paths.hpp"
+#include "insights_command.hpp"
 #include "platform/linux/linux_power_supply_provider.hpp"
 #include "platform/linux/power_supply_scan.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
@@ -38,6 +40,12 @@ int runHistory(HistoryCommandArguments arguments, const CommandContext& context)
   const auto paths = resolvePaths(context);
   if (!paths) return 2;
   SystemClock clock;
+  std::error_code ec;
+  // Only read: a missing preference file means the default region, and nothing is created.
+  if (std::filesystem::exists(paths->preferencesFile(), ec)) {
+    FilePreferenceStore preferences(paths->preferencesFile());
+    arguments.carbonRegion = carbonRegionOf(preferences, clock);
+  }
   const auto result = runHistoryCommand(arguments, paths->databaseFile(), clock);
   std::cout << result.output;
   if (!result.error.empty()) std::cerr << result.error << "\n";

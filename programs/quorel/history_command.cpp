@@ -9,7 +9,7 @@
 
 #include "core/iso8601.hpp"
 #include "core/result.hpp"
-#include "store/history_json.hpp"
+#include "mcp/snapshot_history.hpp"
 #include "store/quorel_database.hpp"
 
 namespace quorel {
@@ -24,10 +24,6 @@ constexpr double kDay = 86400;
 constexpr int kDefaultPoints = 240;
 constexpr int kDefaultRankingLimit = 8;
 constexpr int kDefaultSessionLimit = 20;
-// The MCP tools clamp their limits the same way.
-constexpr int kMaximumLimit = 500;
-// A process's current power is the mean of its buckets in the last minute and a half.
-constexpr double kCurrentWindow_s = 90;
 
 // A question with its arguments checked.
 struct HistoryQuery {
@@ -37,6 +33,7 @@ struct HistoryQuery {
   int points = kDefaultPoints;
   int limit = kDefaultRankingLimit;
   bool json = false;
+  CarbonRegionIntensity carbonRegion;
 };
 
 // What goes to standard output, or why the history could not be read.
@@ -59,27 +56,25 @@ std::string coverageText(const HistoricalCoverageSummary& c) {
       c.rejectedCount, c.estimatedCount);
 }
 
+// The assistants' object for the same question, as a line of text.
+Answer json(const Result<JSONValue>& answer) {
+  if (!answer) return answer.error();
+  return json(*answer);
+}
+
 Answer coverage(QuorelDatabase& db, const HistoryQuery& q) {
+  if (q.json) return json(snapshot_history::coverage(db, q.start, q.end));
   const auto summary = db.historicalCoverage(q.start, q.end);
   if (!summary) return summary.error();
-  return q.json ? json(history_json::coverage(*summary)) : coverageText(*summary);
+  return coverageText(*summary);
 }
 
 Answer samples(QuorelDatabase& db, const HistoryQuery& q) {
+  if (q.json) return json(snapshot_history::powerHistory(db, q.start, q.end, q.points));
   const auto summary = db.historicalCoverage(q.start, q.end);
   if (!summary) return summary.error();
   const auto samples = db.queryPowerSamples(q.start, q.end, q.points);
   if (!samples) return samples.error();
-  if (q.json) {
-    JSONValue::Array list;
-    for (const auto& s : *samples) list.push_back(history_json::sample(s));
-    return json(JSONValue::object({{"available", true},
-                                   {"from", formatIso8601(q.start)},
-                                   {"to", formatIso8601(q.end)},
-                                   {"count", static_cast<double>(samples->size())},
-                                   {"coverage", history_json::coverage(*summary)},
-                                   {"samples", std::move(list)}}));
-  }
   std::string table = "time                      battery W   charge %   components W   gap\n";
   for (const auto& s : *samples) {
     std::optional<double> sum;
@@ -93,23 +88,8 @@ Answer samples(QuorelDatabase& db, const HistoryQuery& q) {
   return table + coverageText(*summary);
 }
 
-// The mean of the buckets in the last minute and a half before `end`; 0 without any.
-double currentWatts(const EnergySeries& series, const std::string& identifier, TimePoint end) {
-  const auto found = series.find(identifier);
-  if (found == series.end()) return 0;
-  const TimePoint recent = fromUnixSeconds(toUnixSeconds(end) - kCurrentWindow_s);
-  double total = 0;
-  int n = 0;
-  for (const auto& p : found->second) {
-    if (p.time >= recent) {
-      total += p.watts;
-      ++n;
-    }
-  }
-  return n > 0 ? total / n : 0;
-}
-
 Answer trackedEnergy(QuorelDatabase& db, const HistoryQuery& q, EnergyHistoryKind kind) {
+  if (q.json) return json(snapshot_history::energyRanking(db, kind, q.start, q.end, q.limit));
   const bool apps = kind == EnergyHistoryKind::processes;
   const auto summaries =
       apps ? db.queryTrackedEnergySummaries("process_energy", "process_name", q.start, q.end,
@@ -120,22 +100,15 @@ Answer trackedEnergy(QuorelDatabase& db, const HistoryQuery& q, EnergyHistoryKin
   const auto series = apps ? db.queryProcessEnergy(q.start, q.end, 200, topN)
                            : db.queryAIAgentEnergy(q.start, q.end, 200, topN);
   if (!series) return series.error();
-  const char* key = apps ? "app" : "agent";
-  JSONValue::Array list;
-  std::string table = fmt::format("{:<32} {:>10} {:>8} {:>8} {:>9}  quality\n", key, "Wh", "avg W",
-                                  "peak W", "now W");
+  std::string table = fmt::format("{:<32} {:>10} {:>8} {:>8} {:>9}  quality\n",
+                                  apps ? "app" : "agent", "Wh", "avg W", "peak W", "now W");
   for (const auto& s : *summaries) {
-    const double current = currentWatts(*series, s.identifier, q.end);
-    list.push_back(history_json::trackedEnergy(s, current, key));
+    const double current = snapshot_history::currentWatts(*series, s.identifier, q.end);
     table += fmt::format("{:<32} {:>10} {:>8} {:>8} {:>9}  {}\n", s.identifier,
                          fixed(s.energyWh, 3), fixed(s.averageWatts, 2), fixed(s.peakWatts, 2),
                          fixed(current, 2), toString(s.quality));
   }
-  if (!q.json) return table;
-  return json(JSONValue::object({{"available", true},
-                                 {"from", formatIso8601(q.start)},
-                                 {"to", formatIso8601(q.end)},
-                                 {apps ? "apps" : "agents", std::move(list)}}));
+  return table;
 }
 
 Answer apps(QuorelDatabase& db, const HistoryQuery& q) {
@@ -147,43 +120,39 @@ Answer agents(QuorelDatabase& db, const HistoryQuery& q) {
 }
 
 Answer sessions(QuorelDatabase& db, const HistoryQuery& q) {
+  if (q.json) return json(snapshot_history::recentSessions(db, q.limit));
   const auto sessions = db.queryRecentSessions(q.limit);
   if (!sessions) return sessions.error();
-  JSONValue::Array list;
   std::string table;
   for (const auto& s : *sessions) {
-    list.push_back(history_json::session(s));
     table += fmt::format("{:<36} {:>8} {:<15} {:>5.0f}% → {:>3.0f}%  {:>8.2f} Wh  {}\n",
                          s.timeRangeText(q.now), s.durationText(), toString(s.mode), s.startPct,
                          s.endPct, s.totalWh, toString(s.quality));
   }
-  if (!q.json) return table;
-  return json(JSONValue::object({{"available", true},
-                                 {"count", static_cast<double>(list.size())},
-                                 {"sessions", std::move(list)}}));
+  return table;
 }
 
 Answer daily(QuorelDatabase& db, const HistoryQuery& q) {
+  if (q.json) return json(snapshot_history::batteryHealthTrend(db));
   const auto days = db.queryDailyBatteryMetrics();
   if (!days) return days.error();
-  JSONValue::Array list;
   std::string table =
       "day start                 health %  nominal mAh  design mAh  cycles  "
       "avg °C  max °C  quality\n";
   for (const auto& d : *days) {
-    list.push_back(history_json::dailyMetric(d));
     table += fmt::format("{:<25} {:>8} {:>12} {:>11} {:>7} {:>7} {:>7}  {}\n",
                          formatIso8601(d.dayStart), fixed(d.healthPct, 1), d.nominalCapacity_mAh,
                          d.designCapacity_mAh, d.cycleCount, fixed(d.averageTemperature_C, 1),
                          fixed(d.maxObservedTemperature_C, 1), toString(d.quality));
   }
-  if (!q.json) return table;
-  return json(JSONValue::object({{"available", true},
-                                 {"count", static_cast<double>(list.size())},
-                                 {"trend", std::move(list)}}));
+  return table;
 }
 
 Answer lifetime(QuorelDatabase& db, const HistoryQuery& q) {
+  if (q.json) {
+    CarbonFootprintService carbon(db);
+    return json(snapshot_history::energyTotals(db, carbon, q.carbonRegion, q.now));
+  }
   const auto total = db.totalComponentEnergy_Wh();
   if (!total) return total.error();
   const auto range = db.powerSampleDateRange();
@@ -194,7 +163,6 @@ Answer lifetime(QuorelDatabase& db, const HistoryQuery& q) {
     if (!summary) return summary.error();
     rangeCoverage = *summary;
   }
-  if (q.json) return json(history_json::lifetime(*total, *range, rangeCoverage));
   std::string text = fmt::format("lifetime energy {:.3f} Wh", *total);
   text += *range ? fmt::format(" from {} to {}\n", formatIso8601((*range)->first),
                                formatIso8601((*range)->last))
@@ -277,8 +245,9 @@ HistoryCommandResult runHistoryCommand(const HistoryCommandArguments& a,
   query.end = to->value_or(query.now);
   query.start = from->value_or(fromUnixSeconds(toUnixSeconds(query.end) - question->lookBack_s));
   query.points = *points;
-  query.limit = std::min(*limit, kMaximumLimit);
+  query.limit = snapshot_history::clampedLimit(*limit);
   query.json = a.json;
+  query.carbonRegion = a.carbonRegion;
 
   std::error_code ec;
   if (!fs::exists(databasePath, ec)) {

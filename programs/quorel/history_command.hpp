@@ -1,13 +1,14 @@
 #pragma once
 // `quorel history`: looking back through the store from a shell, on a read-only connection, so
-// it works with or without a running agent. With --json it prints the shapes of
-// store/history_json.hpp, the ones the assistants' tools give.
+// it works with or without a running agent. With --json it prints the objects the assistants'
+// history tools give, built by the same code (mcp/snapshot_history.hpp).
 
 #include <filesystem>
 #include <optional>
 #include <string>
 
 #include "core/clock.hpp"
+#include "insights/carbon_footprint_service.hpp"
 
 namespace quorel {
 
@@ -20,6 +21,8 @@ struct HistoryCommandArguments {
   std::optional<std::string> points = std::nullopt;
   std::optional<std::string> limit = std::nullopt;
   bool json = false;
+  // Today's carbon is told for this region.
+  CarbonRegionIntensity carbonRegion = kCarbonRegions.front();
 };
 
 struct HistoryCommandResult {

@@ -101,7 +101,12 @@ std::string temperatureBandText(std::size_t band) {
   return fmt::format("{:.0f}–{:.0f} °C", edges[band - 1], edges[band]);
 }
 
-// The region the agent would use: the stored settings' when they decode, else the default.
+InsightsCommandResult unreadable(const std::string& why, const fs::path& databaseFile) {
+  return {1, "", fmt::format("the history could not be read: {} ({})", why, databaseFile.string())};
+}
+
+}  // namespace
+
 CarbonRegionIntensity carbonRegionOf(const PreferenceStore& preferences, const Clock& clock) {
   QuorelSettings settings;
   if (const auto stored = preferences.dataValue(SettingsManager::key)) {
@@ -110,12 +115,6 @@ CarbonRegionIntensity carbonRegionOf(const PreferenceStore& preferences, const C
   const auto named = carbonRegionNamed(kCarbonRegionTexts.text(settings.carbonRegion, ""));
   return named.value_or(kCarbonRegions.front());
 }
-
-InsightsCommandResult unreadable(const std::string& why, const fs::path& databaseFile) {
-  return {1, "", fmt::format("the history could not be read: {} ({})", why, databaseFile.string())};
-}
-
-}  // namespace
 
 Result<Insights> computeInsights(QuorelDatabase& db, const Clock& asOf,
                                  const CarbonRegionIntensity& region,

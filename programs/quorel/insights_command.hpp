@@ -21,6 +21,7 @@
 namespace quorel {
 
 class QuorelDatabase;
+class PreferenceStore;
 
 // The health level the forecast looks for, the one the view model shows.
 inline constexpr double kInsightsTargetHealthPct = 80.0;
@@ -44,6 +45,8 @@ Result<Insights> computeInsights(QuorelDatabase& database, const Clock& asOf,
                                  std::optional<std::int64_t> ratedCycleLimit);
 
 JSONValue insightsJson(const Insights& insights);
+// The region the agent would use: the stored settings' when they decode, else the default.
+CarbonRegionIntensity carbonRegionOf(const PreferenceStore& preferences, const Clock& clock);
 // A few lines a person would read.
 std::string insightsText(const Insights& insights);
 

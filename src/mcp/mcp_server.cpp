@@ -124,7 +124,7 @@ struct MCPServer::Core {
         preferences(prefs),
         dataDirectory(std::move(dir)),
         options(std::move(opts)),
-        registry(reg ? std::move(reg) : std::make_unique<MCPToolRegistry>()),
+        registry(std::move(reg)),
         log(logging::get("mcp")) {}
 
   SerialQueue& mainQueue;
@@ -162,7 +162,7 @@ struct MCPServer::Core {
 
 MCPServer::MCPServer(SerialQueue& mainQueue, SerialQueue& transportQueue, const Clock& clock,
                      PreferenceStore& preferences, std::filesystem::path dataDirectory,
-                     MCPServerOptions options, std::unique_ptr<MCPToolRegistry> registry)
+                     std::unique_ptr<MCPToolRegistry> registry, MCPServerOptions options)
     : core_(std::make_shared<Core>(mainQueue, preferences, std::move(dataDirectory),
                                    std::move(options), std::move(registry))) {
   std::weak_ptr<Core> weak = core_;

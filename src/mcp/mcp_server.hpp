@@ -56,11 +56,11 @@ class MCPServer {
  public:
   static constexpr const char* stateChangedNotification = "Quorel.mcpServerStateChanged";
 
-  // `registry` defaults to the (still empty) tool catalogue; `clock` times the transport's
-  // deadlines and must outlive the server. Does not listen yet.
+  // `registry` (not null) answers the tool calls; `clock` times the transport's deadlines and
+  // must outlive the server. Does not listen yet.
   MCPServer(SerialQueue& mainQueue, SerialQueue& transportQueue, const Clock& clock,
             PreferenceStore& preferences, std::filesystem::path dataDirectory,
-            MCPServerOptions options = {}, std::unique_ptr<MCPToolRegistry> registry = nullptr);
+            std::unique_ptr<MCPToolRegistry> registry, MCPServerOptions options = {});
   ~MCPServer();
   MCPServer(const MCPServer&) = delete;
   MCPServer& operator=(const MCPServer&) = delete;

@@ -18,11 +18,6 @@ JSONValue text(const std::optional<std::string>& value) {
   return *value;
 }
 
-JSONValue time(const std::optional<TimePoint>& t) {
-  if (!t) return nullptr;
-  return formatIso8601(*t);
-}
-
 }  // namespace
 
 JSONValue coverage(const HistoricalCoverageSummary& s) {
@@ -123,18 +118,17 @@ JSONValue trackedEnergy(const TrackedEnergySummary& s, double currentWatts,
                             {"source", "cpu_package_apportionment"}});
 }
 
-JSONValue lifetime(double total_Wh, const std::optional<PowerSampleDateRange>& range,
-                   const HistoricalCoverageSummary& rangeCoverage) {
-  return JSONValue::object(
-      {{"available", true},
-       {"lifetime_wh", number(total_Wh)},
-       {"lifetime_definition",
-        "gap-aware trapezoidal integral of inferred whole-system consumption; intervals over "
-        "300 seconds and unavailable AC input are excluded"},
-       {"lifetime_quality", "inferred"},
-       {"lifetime_from", time(range ? std::optional(range->first) : std::nullopt)},
-       {"lifetime_to", time(range ? std::optional(range->last) : std::nullopt)},
-       {"lifetime_collection_coverage", coverage(rangeCoverage)}});
+JSONValue epoch(const BatteryEpoch& e) {
+  auto integer = [](std::optional<std::int64_t> v) -> JSONValue {
+    if (!v) return nullptr;
+    return *v;
+  };
+  return JSONValue::object({{"first_seen", formatIso8601(e.firstSeen)},
+                            {"source", toString(e.source)},
+                            {"serial", text(e.serial)},
+                            {"baseline_cycle_count", integer(e.baselineCycleCount)},
+                            {"baseline_design_mah", integer(e.baselineDesign_mAh)},
+                            {"baseline_nominal_mah", integer(e.baselineNominal_mAh)}});
 }
 
 }  // namespace quorel::history_json

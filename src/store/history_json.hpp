@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "core/json_value.hpp"
+#include "store/battery_epoch.hpp"
 #include "store/history_read_records.hpp"
 #include "store/history_records.hpp"
 
@@ -18,9 +19,7 @@ JSONValue dailyMetric(const DailyBatteryMetric& metric);
 // One ranked process (key "app") or agent (key "agent").
 JSONValue trackedEnergy(const TrackedEnergySummary& summary, double currentWatts,
                         const char* identifierKey);
-// The whole answer about lifetime energy: the total, how it is defined, and the span of samples
-// behind it with that span's coverage. `range` is absent while there is no sample.
-JSONValue lifetime(double total_Wh, const std::optional<PowerSampleDateRange>& range,
-                   const HistoricalCoverageSummary& rangeCoverage);
+// The battery's epoch: when it was first seen, how, and the figures it started from.
+JSONValue epoch(const BatteryEpoch& epoch);
 
 }  // namespace quorel::history_json

@@ -63,8 +63,9 @@ class MCPServerTest : public ::testing::Test {
   }
 
   MCPServer& makeServer(std::unique_ptr<MCPToolRegistry> registry = nullptr) {
-    server_ = std::make_unique<MCPServer>(main_, http_, clock_, prefs_, data(),
-                                          MCPServerOptions{"1.2.3", {}}, std::move(registry));
+    if (!registry) registry = std::make_unique<RecordingRegistry>();
+    server_ = std::make_unique<MCPServer>(main_, http_, clock_, prefs_, data(), std::move(registry),
+                                          MCPServerOptions{"1.2.3", {}});
     server_->addStateObserver([this] { ++stateChanges_; });
     return *server_;
   }
@@ -156,9 +157,10 @@ TEST_F(MCPServerTest, StartPublishesTheLivePortAnswersWithTheTokenAndHappensOnce
   EXPECT_EQ(init.body(),
             R"({"id":1,"jsonrpc":"2.0","result":{"capabilities":{"tools":{}},)"
             R"("protocolVersion":"2025-06-18","serverInfo":{"name":"quorel","version":"1.2.3"}}})");
-  EXPECT_EQ(
-      roundTrip(port, post(R"({"jsonrpc":"2.0","id":"l","method":"tools/list"})", auth)).body(),
-      R"({"id":"l","jsonrpc":"2.0","result":{"tools":[]}})");
+  const auto listed = JSONRPCResponse::decode(
+      roundTrip(port, post(R"({"jsonrpc":"2.0","id":"l","method":"tools/list"})", auth)).body());
+  ASSERT_TRUE(listed);
+  EXPECT_EQ(listed->result, MCPToolRegistry::toolsListJSON());
   EXPECT_EQ(roundTrip(port, post(R"({"jsonrpc":"2.0","id":1,"method":"ping"})")).status(),
             "401 Unauthorized");
 

@@ -47,7 +47,7 @@ class StdioBridgeTest : public ::testing::Test {
     server_.reset();
     server_ =
         std::make_unique<MCPServer>(main_, http_, clock_, prefs_, data(),
-                                    MCPServerOptions{"9.9", {}}, std::make_unique<EchoRegistry>());
+                                    std::make_unique<EchoRegistry>(), MCPServerOptions{"9.9", {}});
     server_->start(port);
     EXPECT_TRUE(server_->isListening());
     return server_->transport().boundPort().value_or(0);

@@ -10,6 +10,7 @@
 #include "core/json_value.hpp"
 #include "store/quorel_database.hpp"
 #include "store/sqlite_test_support.hpp"
+#include "support/zone_guard.hpp"
 
 namespace quorel {
 namespace {
@@ -140,6 +141,27 @@ TEST_F(HistoryCommandTest, AppsRankOverADayWithCurrentPowerFromTheLastMinuteAndA
   EXPECT_EQ(
       parsed(run({.subcommand = "agents", .json = true})).find("agents")->arrayValue()->size(), 0u);
   EXPECT_NE(run({.subcommand = "apps"}).output.find("compiler"), std::string::npos);
+}
+
+TEST_F(HistoryCommandTest, LifetimeAndDailyJsonAreTheToolsObjects) {
+  testing::ZoneGuard zone{"UTC"};
+  SqlFile(file()).exec(
+      "INSERT INTO power_samples (timestamp, wattage, external_connected) VALUES "
+      "(1800000000, -12, 0), (1800000060, -12, 0); "
+      "INSERT INTO battery_epoch (first_seen, serial, source) VALUES (1799990000, 'B1', 'auto')");
+  HistoryCommandArguments lifetime{.subcommand = "lifetime", .json = true};
+  lifetime.carbonRegion = kCarbonRegions[2];
+  const JSONValue totals = parsed(run(lifetime));
+  EXPECT_EQ(totals.member("carbon_region"), JSONValue(kCarbonRegions[2].rawValue));
+  EXPECT_EQ(totals.member("lifetime_wh"), JSONValue(0.2));
+  EXPECT_EQ(totals.member("lifetime_system_consumption_wh"), totals.member("lifetime_wh"));
+  // Both samples fall on the clock's day: 0.2 Wh at the region's intensity.
+  EXPECT_NEAR(*totals.member("co2_g_today")->numberValue(),
+              0.0002 * kCarbonRegions[2].gramsCO2PerKWh, 1e-12);
+
+  const JSONValue daily = parsed(run({.subcommand = "daily", .json = true}));
+  EXPECT_EQ(daily.find("epoch")->member("serial"), JSONValue("B1"));
+  EXPECT_EQ(daily.find("epoch")->member("source"), JSONValue("auto"));
 }
 
 }  // namespace

@@ -1,0 +1,270 @@
+// The read tools against a year of history: a sample every 30 seconds, a daily metric a day,
+// three sessions a day, and eight processes' energy every five minutes. Each tool is timed
+// through the registry, as a "tools/call" would run it, with the store's queue and the main queue
+// run on the benchmark's thread, so the figure is the server's CPU for one call: the reads, the
+// shaping and the JSON text. Beside the ranged history tools, the bare store reads they wrap.
+
+#include <benchmark/benchmark.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "insights/carbon_footprint_service.hpp"
+#include "mcp/mcp_tool_registry.hpp"
+#include "mcp/quorel_snapshot_provider.hpp"
+#include "store/quorel_database.hpp"
+#include "telemetry/power_view_model.hpp"
+
+namespace quorel {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr double kEnd = 1'800'000'000;  // 2027-01-15T08:00:00Z
+constexpr double kDay = 86400;
+constexpr double kStart = kEnd - 365 * kDay;
+
+void exec(sqlite3* db, const char* sql) {
+  if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+    throw std::runtime_error(std::string(sqlite3_errmsg(db)) + " in: " + sql);
+  }
+}
+
+class Insert {
+ public:
+  Insert(sqlite3* db, const char* sql) {
+    if (sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr) != SQLITE_OK) {
+      throw std::runtime_error(sqlite3_errmsg(db));
+    }
+  }
+  ~Insert() { sqlite3_finalize(statement_); }
+  Insert(const Insert&) = delete;
+  Insert& operator=(const Insert&) = delete;
+  template <class... T>
+  void operator()(T... values) {
+    int i = 0;
+    (bind(++i, values), ...);
+    if (sqlite3_step(statement_) != SQLITE_DONE) throw std::runtime_error("insert");
+    sqlite3_reset(statement_);
+  }
+
+ private:
+  void bind(int i, double v) { sqlite3_bind_double(statement_, i, v); }
+  void bind(int i, const std::string& v) {
+    sqlite3_bind_text(statement_, i, v.c_str(), -1, SQLITE_TRANSIENT);
+  }
+  sqlite3_stmt* statement_ = nullptr;
+};
+
+void generateYear(const fs::path& file) {
+  sqlite3* db = nullptr;
+  sqlite3_open(file.c_str(), &db);
+  exec(db, "BEGIN");
+  {
+    Insert sample(db,
+                  "INSERT INTO power_samples (timestamp, wattage, battery_pct, temperature_c, "
+                  "observed_duration_s, power_in_w, external_connected, ecpu_w, pcpu_w, gpu_w, "
+                  "ane_w, dram_w, component_quality, system_power_quality) "
+                  "VALUES (?,?,?,?,?,?,?,?,?,?,?,?,'measured','measured')");
+    for (double t = kStart; t < kEnd; t += 30) {
+      const double phase = std::fmod(t - kStart, kDay) / kDay;
+      const bool charging = phase > 0.75;
+      sample(t, charging ? 20.0 : -9.0, 20 + 70 * phase, 28 + 15 * phase, 30.0,
+             charging ? 45.0 : 0.0, charging ? 1.0 : 0.0, 0.6, 2.0 + phase, 0.8, 0.0, 0.4);
+    }
+    Insert day(db,
+               "INSERT INTO daily_battery_metrics (day_key, day_start, nominal_capacity_mah, "
+               "design_capacity_mah, cycle_count, health_pct, avg_temperature_c, "
+               "max_temperature_c) VALUES (?,?,?,?,?,?,?,?)");
+    Insert session(db,
+                   "INSERT INTO sessions (id, start_time, end_time, start_pct, end_pct, "
+                   "is_charging, mode, quality, confidence, collected_duration_s) "
+                   "VALUES (?,?,?,?,?,?,'battery','measured',0.9,3600)");
+    for (int d = 0; d < 365; ++d) {
+      const double start = kStart + d * kDay;
+      const std::string key = formatIso8601(fromUnixSeconds(start)).substr(0, 10);
+      day(key, start, 5000 - 2.0 * d, 5000.0, 1.0 * d, 100 - 0.04 * d, 34.0, 41.0);
+      for (int s = 0; s < 3; ++s) {
+        char id[37];
+        std::snprintf(id, sizeof id, "00000000-0000-4000-8000-%012d", d * 3 + s);
+        session(std::string(id), start + s * 28800, start + s * 28800 + 3600, 30.0, 80.0,
+                s == 2 ? 1.0 : 0.0);
+      }
+    }
+    Insert energy(db,
+                  "INSERT INTO process_energy (timestamp, process_name, avg_cpu, avg_watts, "
+                  "peak_watts, observed_duration_s, energy_wh, coverage_ratio, quality, source) "
+                  "VALUES (?,?,?,?,?,300,?,1,'measured','cpu_package_apportionment')");
+    for (double t = kStart; t < kEnd; t += 300) {
+      for (int p = 0; p < 8; ++p) {
+        const double watts = 0.5 + p;
+        energy(t, "process-" + std::to_string(p), 10.0 * p, watts, watts * 1.5, watts * 300 / 3600);
+      }
+    }
+    exec(db,
+         "INSERT INTO battery_epoch (first_seen, serial, baseline_cycle_count, "
+         "baseline_design_mah, baseline_nominal_mah, source) "
+         "VALUES (1768464000, 'BENCH-1', 0, 5000, 5000, 'initial')");
+  }
+  exec(db, "COMMIT");
+  sqlite3_close(db);
+}
+
+// A running agent's reading side over the year: the store, the view model with a state, the
+// provider and the registry, with both queues driven by hand.
+struct Agent {
+  Agent() {
+    char pattern[] = "/tmp/quorel-tools-bench-XXXXXX";
+    if (!::mkdtemp(pattern)) throw std::runtime_error("mkdtemp");
+    dir = pattern;
+    {
+      QuorelDatabase made({.dataDirectory = dir,
+                           .databasePathOverride = {},
+                           .onCorruption = {},
+                           .startQueue = false},
+                          clock);
+    }
+    generateYear(dir / "quorel.db");
+    db.emplace(QuorelDatabase::Options{.dataDirectory = dir,
+                                       .databasePathOverride = {},
+                                       .onCorruption = {},
+                                       .startQueue = false},
+               clock);
+    carbon.emplace(*db);
+    viewModel.emplace(main, nullptr, clock);
+    PowerState state;
+    state.phase = PowerPhase::charging;
+    state.smoothedWattage = 18.5;
+    state.batteryPercentage = 71;
+    state.batteryInstalled = true;
+    state.externalConnected = true;
+    state.systemPowerIn_W = 41;
+    state.timeRemaining_min = 48;
+    state.temperature_C = 33;
+    state.adapterWatts = 96;
+    state.componentPower = ComponentPower{0.6, 3.1, 1.2, 0.0, 0.5, true};
+    state.diagnostics = BatteryDiagnostics{};
+    state.diagnostics->adapterInfo = AdapterInfo{"3.0", true, 0x05AC, 0x7109, 1, 96.0, {}, {}};
+    state.timestamp = clock.now();
+    viewModel->update(state, PowerHistorySnapshot::empty(), {});
+    QuorelSnapshotProvider::Sources sources;
+    sources.viewModel = &*viewModel;
+    sources.database = &*db;
+    sources.carbon = &*carbon;
+    provider.emplace(main, clock, std::move(sources));
+    registry.emplace(*provider, commands);
+    // The lifetime counter integrates only rows after its checkpoint; a running agent has long
+    // since moved it to the present.
+    (void)db->totalComponentEnergy_Wh();
+  }
+  ~Agent() {
+    registry.reset();
+    provider.reset();
+    viewModel.reset();
+    carbon.reset();
+    db.reset();
+    fs::remove_all(dir);
+  }
+
+  std::size_t call(const std::string& tool, const std::optional<JSONValue>& arguments) {
+    std::size_t bytes = 0;
+    registry->callTool(tool, arguments, JSONValue(1),
+                       [&](JSONRPCResponse r) { bytes = r.encode().value_or("").size(); });
+    db->queue().runPending();
+    main.runPending();
+    return bytes;
+  }
+
+  struct NoCommands final : BatteryCommands {
+    JSONValue state() const override { return nullptr; }
+    JSONValue automation() const override { return nullptr; }
+    void setChargeLimit(std::int64_t, BatteryCommandCompletion) override {}
+    void setForceDischarge(bool, BatteryCommandCompletion) override {}
+    void setTopUp(bool, BatteryCommandCompletion) override {}
+    BatteryCommandResult setSmartTopOffRules(std::vector<TopOffRule>) override { return nullptr; }
+    BatteryCommandResult setHeatProtection(std::int64_t, std::int64_t) override { return nullptr; }
+  };
+
+  fs::path dir;
+  ManualClock clock{fromUnixSeconds(kEnd)};
+  SerialQueue main{"bench.main", clock};
+  std::optional<QuorelDatabase> db;
+  std::optional<CarbonFootprintService> carbon;
+  std::optional<PowerViewModel> viewModel;
+  std::optional<QuorelSnapshotProvider> provider;
+  NoCommands commands;
+  std::optional<MCPToolRegistry> registry;
+};
+
+Agent& agent() {
+  static Agent a;
+  return a;
+}
+
+void BM_Tool(benchmark::State& state, const std::string& tool, const char* arguments) {
+  Agent& a = agent();
+  std::optional<JSONValue> args;
+  if (arguments) args = JSONValue::parse(arguments);
+  std::size_t bytes = 0;
+  for (auto _ : state) bytes = a.call(tool, args);
+  state.counters["response_bytes"] = static_cast<double>(bytes);
+}
+
+// The store reads behind query_power_history's default hour and a whole year, 240 points.
+void BM_StorePowerHistory(benchmark::State& state, double window_s) {
+  Agent& a = agent();
+  const TimePoint to = fromUnixSeconds(kEnd);
+  const TimePoint from = fromUnixSeconds(kEnd - window_s);
+  for (auto _ : state) {
+    a.db->queue().async([&] {
+      benchmark::DoNotOptimize(a.db->queryPowerSamples(from, to, 240));
+      benchmark::DoNotOptimize(a.db->historicalCoverage(from, to));
+    });
+    a.db->queue().runPending();
+  }
+}
+
+// The store reads behind top_energy_apps' default day and limit.
+void BM_StoreEnergyRanking(benchmark::State& state) {
+  Agent& a = agent();
+  const TimePoint to = fromUnixSeconds(kEnd);
+  const TimePoint from = fromUnixSeconds(kEnd - kDay);
+  for (auto _ : state) {
+    a.db->queue().async([&] {
+      benchmark::DoNotOptimize(
+          a.db->queryTrackedEnergySummaries("process_energy", "process_name", from, to, 8));
+      benchmark::DoNotOptimize(a.db->queryProcessEnergy(from, to, 200, 8));
+    });
+    a.db->queue().runPending();
+  }
+}
+
+constexpr const char* kYearRange = R"({"from":"2026-01-15T08:00:00Z"})";
+
+BENCHMARK_CAPTURE(BM_Tool, get_current_power, "get_current_power", nullptr);
+BENCHMARK_CAPTURE(BM_Tool, get_battery_status, "get_battery_status", nullptr);
+BENCHMARK_CAPTURE(BM_Tool, get_adapter, "get_adapter", nullptr);
+BENCHMARK_CAPTURE(BM_Tool, list_connected_devices, "list_connected_devices", nullptr);
+BENCHMARK_CAPTURE(BM_Tool, get_system_components, "get_system_components", nullptr);
+BENCHMARK_CAPTURE(BM_Tool, get_overview, "get_overview", nullptr);
+BENCHMARK_CAPTURE(BM_Tool, get_battery_health, "get_battery_health", nullptr);
+BENCHMARK_CAPTURE(BM_Tool, battery_health_trend, "battery_health_trend", nullptr);
+BENCHMARK_CAPTURE(BM_Tool, list_sessions, "list_sessions", nullptr);
+BENCHMARK_CAPTURE(BM_Tool, energy_totals, "energy_totals", nullptr);
+BENCHMARK_CAPTURE(BM_Tool, query_power_history_hour, "query_power_history", nullptr);
+BENCHMARK_CAPTURE(BM_StorePowerHistory, store_reads_hour, 3600.0);
+BENCHMARK_CAPTURE(BM_Tool, query_power_history_year, "query_power_history", kYearRange);
+BENCHMARK_CAPTURE(BM_StorePowerHistory, store_reads_year, 365 * kDay);
+BENCHMARK_CAPTURE(BM_Tool, top_energy_apps_day, "top_energy_apps", nullptr);
+BENCHMARK(BM_StoreEnergyRanking);
+
+}  // namespace
+}  // namespace quorel
+
+BENCHMARK_MAIN();

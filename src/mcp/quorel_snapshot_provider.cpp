@@ -1,0 +1,157 @@
+#include "mcp/quorel_snapshot_provider.hpp"
+
+#include "core/iso8601.hpp"
+#include "mcp/snapshot_history.hpp"
+#include "store/quorel_database.hpp"
+#include "telemetry/power_view_model.hpp"
+
+namespace quorel {
+
+namespace {
+
+constexpr std::string_view kDatabaseNotReady = "database not ready";
+
+JSONValue notAvailable(std::string_view reason) {
+  return JSONValue::object({{"available", false}, {"reason", reason}});
+}
+
+TimePoint secondsBefore(TimePoint t, double seconds) {
+  return fromUnixSeconds(toUnixSeconds(t) - seconds);
+}
+
+}  // namespace
+
+QuorelSnapshotProvider::QuorelSnapshotProvider(SerialQueue& mainQueue, const Clock& clock,
+                                               Sources sources)
+    : mainQueue_(mainQueue), clock_(clock), sources_(std::move(sources)) {}
+
+QuorelSnapshotProvider::~QuorelSnapshotProvider() {
+  *alive_ = false;
+}
+
+std::optional<TimePoint> QuorelSnapshotProvider::parseISO(const std::optional<std::string>& text) {
+  // One reader takes the form with fractional seconds and the form without alike.
+  if (!text || text->empty()) return std::nullopt;
+  return parseIso8601(*text);
+}
+
+const PowerState* QuorelSnapshotProvider::currentState() const {
+  if (sources_.viewModel == nullptr || !sources_.viewModel->currentState()) return nullptr;
+  return &*sources_.viewModel->currentState();
+}
+
+std::vector<USBDevice> QuorelSnapshotProvider::usbDevices() const {
+  if (sources_.usbDevices) return sources_.usbDevices();
+  if (sources_.viewModel == nullptr) return {};
+  return sources_.viewModel->displayState().usbDevices;
+}
+
+JSONValue QuorelSnapshotProvider::getCurrentPower() const {
+  const PowerState* state = currentState();
+  return state ? live_snapshot_json::currentPower(*state) : live_snapshot_json::noPowerData();
+}
+
+JSONValue QuorelSnapshotProvider::getBatteryStatus() const {
+  const PowerState* state = currentState();
+  return state ? live_snapshot_json::batteryStatus(*state) : live_snapshot_json::noPowerData();
+}
+
+JSONValue QuorelSnapshotProvider::getAdapter() const {
+  const PowerState* state = currentState();
+  return state ? live_snapshot_json::adapter(*state, sources_.chargerVendorNames)
+               : live_snapshot_json::noPowerData();
+}
+
+JSONValue QuorelSnapshotProvider::listConnectedDevices() const {
+  return live_snapshot_json::connectedDevices(usbDevices());
+}
+
+JSONValue QuorelSnapshotProvider::getSystemComponents() const {
+  const PowerState* state = currentState();
+  return state ? live_snapshot_json::systemComponents(*state) : live_snapshot_json::noPowerData();
+}
+
+JSONValue QuorelSnapshotProvider::getOverview() const {
+  const double deviceCount =
+      sources_.viewModel == nullptr ? 0 : static_cast<double>(usbDevices().size());
+  return JSONValue::object({{"power", getCurrentPower()},
+                            {"battery", getBatteryStatus()},
+                            {"adapter", getAdapter()},
+                            {"device_count", deviceCount}});
+}
+
+void QuorelSnapshotProvider::onStore(std::function<Result<JSONValue>(QuorelDatabase&)> read,
+                                     Reply reply) {
+  QuorelDatabase* db = sources_.database;
+  if (db == nullptr) {
+    reply(notAvailable(kDatabaseNotReady));
+    return;
+  }
+  // The reads run in place on the store's queue, so the job never waits on another queue and
+  // the main queue never waits on this one.
+  db->queue().async([db, read = std::move(read), reply = std::move(reply), &main = mainQueue_,
+                     alive = alive_]() mutable {
+    JSONValue value = notAvailable(kDatabaseNotReady);
+    if (db->isAvailable()) {
+      Result<JSONValue> answer = read(*db);
+      // A read that failed is told in the store's words rather than passed off as no data.
+      value = answer ? std::move(*answer) : notAvailable(answer.error().message);
+    }
+    main.async(
+        [alive = std::move(alive), reply = std::move(reply), value = std::move(value)]() mutable {
+          if (*alive) reply(std::move(value));
+        });
+  });
+}
+
+void QuorelSnapshotProvider::queryPowerHistory(const std::optional<std::string>& from,
+                                               const std::optional<std::string>& to, int maxPoints,
+                                               Reply reply) {
+  const TimePoint end = parseISO(to).value_or(clock_.now());
+  const TimePoint start = parseISO(from).value_or(secondsBefore(end, kDefaultHistoryWindow_s));
+  onStore(
+      [start, end, maxPoints](QuorelDatabase& db) {
+        return snapshot_history::powerHistory(db, start, end, maxPoints);
+      },
+      std::move(reply));
+}
+
+void QuorelSnapshotProvider::topEnergyApps(const std::optional<std::string>& from,
+                                           const std::optional<std::string>& to, std::int64_t limit,
+                                           Reply reply) {
+  const TimePoint end = parseISO(to).value_or(clock_.now());
+  const TimePoint start = parseISO(from).value_or(secondsBefore(end, kDefaultRankingWindow_s));
+  onStore(
+      [start, end, limit](QuorelDatabase& db) {
+        return snapshot_history::energyRanking(db, EnergyHistoryKind::processes, start, end, limit);
+      },
+      std::move(reply));
+}
+
+void QuorelSnapshotProvider::listSessions(std::int64_t limit, Reply reply) {
+  onStore([limit](QuorelDatabase& db) { return snapshot_history::recentSessions(db, limit); },
+          std::move(reply));
+}
+
+void QuorelSnapshotProvider::batteryHealthTrend(Reply reply) {
+  onStore([](QuorelDatabase& db) { return snapshot_history::batteryHealthTrend(db); },
+          std::move(reply));
+}
+
+void QuorelSnapshotProvider::energyTotals(Reply reply) {
+  const CarbonRegionIntensity region =
+      sources_.carbonRegion ? sources_.carbonRegion() : kCarbonRegions.front();
+  const TimePoint now = clock_.now();
+  CarbonFootprintService* carbon = sources_.carbon;
+  if (carbon == nullptr) {
+    reply(notAvailable(kDatabaseNotReady));
+    return;
+  }
+  onStore(
+      [carbon, region, now](QuorelDatabase& db) {
+        return snapshot_history::energyTotals(db, *carbon, region, now);
+      },
+      std::move(reply));
+}
+
+}  // namespace quorel
