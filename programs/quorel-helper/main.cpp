@@ -63,7 +63,7 @@ int run(int argc, char** argv) {
 
   quorel::SerialQueue queue("quorel.helper", clock);
   quorel::HelperController controller(*controls, clock, stateDir,
-                                      std::string(quorel::kQuorelVersion));
+                                      std::string(quorel::kHelperWireVersion));
   quorel::HelperMethods methods(controller);
   quorel::HelperServerOptions options;
   options.allowedUids = allowedUids;
