@@ -10,6 +10,8 @@
 #include "app/app_delegate.hpp"
 #include "app/settings_manager.hpp"
 #include "app/single_instance_lock.hpp"
+#include "control/helper_client.hpp"
+#include "control/helper_manager.hpp"
 #include "core/file_preference_store.hpp"
 #include "core/logging.hpp"
 #include "core/paths.hpp"
@@ -23,6 +25,7 @@
 #include "insights/insights_refresher.hpp"
 #include "mcp/mcp_server.hpp"
 #include "mcp/mcp_server_switch.hpp"
+#include "platform/linux/helper_energy_counters.hpp"
 #include "platform/linux/linux_power_rail_reader.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
 #include "platform/linux/linux_power_supply_provider.hpp"
@@ -32,6 +35,7 @@
 #include "platform/linux/logind_sleep_monitor.hpp"
 #include "platform/linux/power_supply_scan.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
+#include "platform/linux/systemd_helper_service_controller.hpp"
 #include "platform/sandbox/sandbox_config_file.hpp"
 #include "platform/sandbox/sandbox_power_sources.hpp"
 #include "status_state.hpp"
@@ -49,6 +53,8 @@ namespace {
 
 // How often the lifetime total is brought up to date; it reads only the rows since the last time.
 constexpr Seconds kLifetimeEnergyRefresh{300};
+// The component sampler waits this long on the poll queue for the helper's energy counters.
+constexpr Seconds kHelperEnergyCounterWait{0.25};
 
 std::optional<CarbonRegionIntensity> carbonRegion(const QuorelSettings& settings) {
   return carbonRegionNamed(kCarbonRegionTexts.text(settings.carbonRegion));
@@ -140,8 +146,12 @@ class Agent {
           std::make_shared<LinuxPowerSourceFallbackProvider>(powerSupplyRoot, clock_);
       thermal_ = std::make_shared<LinuxThermalMonitor>(sysfs::thermalClassPath(options_.sysfsRoot));
       deps.sources.thermalSource = thermal_;
+      // Where the kernel keeps the energy counters from this user, the helper reads them.
       deps.sources.componentSampler = std::make_shared<LinuxPowercapComponentSampler>(
-          sysfs::powercapClassPath(options_.sysfsRoot));
+          sysfs::powercapClassPath(options_.sysfsRoot),
+          withHelperEnergyCounters(
+              sysfsAttributeReader(),
+              helperEnergyCounterFetch(options_.helperSocket, kHelperEnergyCounterWait, clock_)));
       deps.sources.railReader = std::make_shared<LinuxPowerRailReader>(options_.sysfsRoot);
       recordingStore_ = std::make_unique<QuorelDatabaseRecordingStore>(*database_);
       deps.recorder =
@@ -187,6 +197,12 @@ class Agent {
     // A client reading --json is watching, so it gets the focused interval.
     delegate_->setWatched(options_.json);
 
+    helperIoQueue_.start();
+    helperService_ = std::make_unique<SystemdHelperServiceController>();
+    helperManager_ = std::make_unique<HelperManager>(
+        mainQueue_, *helperService_,
+        HelperClient::factory(helperIoQueue_, mainQueue_, options_.helperSocket));
+
     waitForSignal();
     if (thermal_) thermal_->start(mainQueue_);
     pollQueue_.start();
@@ -196,12 +212,15 @@ class Agent {
       insights_->start();
       viewModel_->preloadHistoricalData();
       viewModel_->loadBatteryEpoch();
+      connectHelper();
     });
     mainQueue_.run();
 
     // The main queue has stopped: finish the tick in flight and end the other threads. The
     // server goes while its queue still runs, since it stops its listener there.
     delegate_.reset();
+    helperManager_.reset();
+    helperIoQueue_.shutdown();
     settings_->unsubscribe(settingsSubscription_);
     statusFile_.reset();
     viewModel_.reset();
@@ -236,6 +255,24 @@ class Agent {
     processEnergy_ = std::make_unique<ProcessEnergyTracker>(*usageSource_, energyQueue_, clock_);
     agentEnergy_ = std::make_unique<AIAgentEnergyTracker>(*usageSource_, energyQueue_, clock_);
     energyQueue_.start();
+  }
+
+  // Connects when the helper is installed for this user; where it is not, says so once, quietly.
+  void connectHelper() {
+    switch (helperManager_->rawServiceStatus()) {
+      case HelperServiceStatus::enabled:
+        helperManager_->enable([this](std::optional<HelperEnableFailure>) {
+          log_->info("battery helper: {}", helperManager_->statusText());
+        });
+        break;
+      case HelperServiceStatus::requiresApproval:
+        log_->info("battery helper: {}", helper_texts::kApprovalPending);
+        break;
+      case HelperServiceStatus::notRegistered:
+      case HelperServiceStatus::notFound:
+        log_->debug("battery helper not installed — battery control stays off");
+        break;
+    }
   }
 
   void publish(const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
@@ -334,6 +371,8 @@ class Agent {
   SerialQueue energyQueue_{"com.quorel.energy", clock_};
   // Carbon and habit reads wait on the store's queue, so they need a thread of their own.
   SerialQueue insightsQueue_{"com.quorel.insights", clock_};
+  // The helper's socket: reads and writes here, answers on the main queue.
+  SerialQueue helperIoQueue_{"com.quorel.helper", clock_};
   asio::signal_set signals_;
   std::unique_ptr<FilePreferenceStore> preferences_;
   std::unique_ptr<SettingsManager> settings_;
@@ -362,6 +401,8 @@ class Agent {
   std::unique_ptr<MCPServerSwitch> mcpSwitch_;
   std::unique_ptr<LogindSleepMonitor> sleepWake_;
   std::unique_ptr<AppDelegate> delegate_;
+  std::unique_ptr<SystemdHelperServiceController> helperService_;
+  std::unique_ptr<HelperManager> helperManager_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;
   std::optional<PowerPhase> lastPhase_;
 };
