@@ -35,7 +35,9 @@ struct FakeHelper {
   std::map<std::string, HelperCallError> refusals;
   std::vector<std::string> calls;
   std::vector<MonotonicTime> connectedAt;
-  std::function<void()> crashAll;
+  // Ends the newest connection from the helper's side.
+  std::function<void()> crashNewest;
+  const void* newest = nullptr;
 };
 
 class FakeChannel final : public HelperChannel {
@@ -47,9 +49,13 @@ class FakeChannel final : public HelperChannel {
     } else if (helper_.crashesOnConnect) {
       end(true);
     }
-    helper_.crashAll = [this] { end(true); };
+    helper_.crashNewest = [this] { end(true); };
+    helper_.newest = this;
   }
-  ~FakeChannel() override { close(); }
+  ~FakeChannel() override {
+    close();
+    if (helper_.newest == this) helper_.crashNewest = nullptr;
+  }
 
   void call(std::string method, JSONValue, HelperCallCompletion done) override {
     helper_.calls.push_back(method);
@@ -196,7 +202,7 @@ TEST_F(HelperManagerTest, ColdPingBudgetsThenOneFreshAttemptThenTheText) {
   helper.answers = true;
   connect();
   helper.answers = false;
-  helper.crashAll();
+  helper.crashNewest();
   advance(11.1);
   ASSERT_EQ(helper.connectedAt.size(), 4u);
   advance(1.8);
@@ -225,7 +231,7 @@ TEST_F(HelperManagerTest, TwoMissedPingsTearDownButAnAnswerBetweenResetsTheCount
 TEST_F(HelperManagerTest, CrashReconnectsAfter11_22_44SecondsThenSaysItCrashed) {
   connect();
   helper.crashesOnConnect = true;
-  helper.crashAll();
+  helper.crashNewest();
   advance(200);
   ASSERT_EQ(helper.connectedAt.size(), 4u);
   EXPECT_NEAR(secondsBetween(0, 1) - secondsBetween(0, 0), 11, 0.15);
@@ -238,7 +244,7 @@ TEST_F(HelperManagerTest, CrashReconnectsAfter11_22_44SecondsThenSaysItCrashed) 
 TEST_F(HelperManagerTest, ASuccessfulReconnectSetsTheBackoffBackToTheStart) {
   connect();
   for (int crash = 0; crash < 5; ++crash) {
-    helper.crashAll();
+    helper.crashNewest();
     advance(11.2);
     EXPECT_EQ(manager->status(), HelperStatus::enabled()) << crash;
     EXPECT_EQ(manager->reconnectAttempt(), 0);
