@@ -5,6 +5,7 @@
 #include <sys/un.h>
 
 #include <cstring>
+#include <thread>
 
 #include "control/helper_client.hpp"
 #include "control/helper_manager.hpp"
@@ -162,6 +163,40 @@ TEST_F(HelperLinkTest, OneShotCallsAnswerFailFastOrTimeOut) {
   ::close(*silent);
   ASSERT_TRUE(late.error);
   EXPECT_EQ(late.error->code, ETIMEDOUT);
+}
+
+// A helper that dies with a call in flight: the call fails first, then the end is reported as a
+// connection that had been made, and later calls fail at once.
+TEST_F(HelperLinkTest, AHelperDyingMidCallFailsTheCallThenReportsTheEnd) {
+  auto listening = listenOnUnixSocket(socket());
+  ASSERT_TRUE(listening);
+  std::thread dying([fd = *listening] {
+    const int peer = ::accept(fd, nullptr, nullptr);
+    char buffer[256];
+    ssize_t n = 0;
+    while ((n = ::recv(peer, buffer, sizeof buffer, 0)) > 0 &&
+           std::memchr(buffer, '\n', static_cast<std::size_t>(n)) == nullptr) {
+    }
+    ::close(peer);
+  });
+  HelperClient client(io, mainQueue, socket());
+  std::vector<std::string> events;
+  client.setClosedHandler(
+      [&](bool connected) { events.push_back(connected ? "closed after connect" : "refused"); });
+  client.call("ping", {}, [&](HelperCallOutcome out) {
+    events.push_back(out.error && out.error->kind == HelperCallError::Kind::transport
+                         ? "call failed"
+                         : "call answered");
+  });
+  ASSERT_TRUE(turnUntil([&] { return events.size() == 2; }));
+  dying.join();
+  ::close(*listening);
+  EXPECT_EQ(events, (std::vector<std::string>{"call failed", "closed after connect"}));
+  client.call("ping", {}, [&](HelperCallOutcome out) {
+    events.push_back(out.error ? "late call failed" : "late call answered");
+  });
+  ASSERT_TRUE(turnUntil([&] { return events.size() == 3; }));
+  EXPECT_EQ(events.back(), "late call failed");
 }
 
 TEST(HelperAnswerTest, AnswersAreReadByKindAndAnythingElseIsRefused) {
