@@ -270,6 +270,14 @@ class Agent {
         break;
       case HelperServiceStatus::notRegistered:
       case HelperServiceStatus::notFound:
+        // Without systemd the helper can only have been started by hand; its socket says so.
+        if (!SystemdHelperServiceController::systemdRunning() &&
+            std::filesystem::exists(options_.helperSocket)) {
+          helperManager_->establishConnection([this](bool) {
+            log_->info("battery helper (started by hand): {}", helperManager_->statusText());
+          });
+          break;
+        }
         log_->debug("battery helper not installed — battery control stays off");
         break;
     }
