@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "control/helper_controller.hpp"
+#include "control/helper_service_controller.hpp"
 #include "core/logging.hpp"
 #include "core/serial_queue.hpp"
 #include "core/version.hpp"
@@ -43,10 +44,21 @@ int run(int argc, char** argv) {
   app.add_option("--state-dir", stateDir, "Where the helper keeps its settings")
       ->capture_default_str();
   app.add_option("--allow-uid", allowedUids, "A user who may change the battery (repeatable)");
+  std::string allowFile(quorel::kDefaultHelperAllowFile);
+  app.add_option("--allow-file", allowFile,
+                 "File of users who may change the battery, one uid a line (read at start; a "
+                 "missing file names nobody)")
+      ->capture_default_str();
   app.add_flag("--simulated", simulated, "Drive an in-memory battery instead of this machine's");
   CLI11_PARSE(app, argc, argv);
 
   const auto log = quorel::logging::get("quorel-helper");
+  auto listed = quorel::readAllowedUids(allowFile);
+  if (!listed) {
+    log->error("allowed users not read: {}", listed.error().message);
+  } else {
+    allowedUids.insert(allowedUids.end(), listed->begin(), listed->end());
+  }
   quorel::SystemClock clock;
   std::unique_ptr<quorel::BatteryControls> controls;
   if (simulated) {
@@ -63,7 +75,7 @@ int run(int argc, char** argv) {
 
   quorel::SerialQueue queue("quorel.helper", clock);
   quorel::HelperController controller(*controls, clock, stateDir,
-                                      std::string(quorel::kQuorelVersion));
+                                      std::string(quorel::kHelperWireVersion));
   quorel::HelperMethods methods(controller);
   quorel::HelperServerOptions options;
   options.allowedUids = allowedUids;

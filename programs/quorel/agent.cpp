@@ -13,6 +13,8 @@
 #include "app/battery_control_settings.hpp"
 #include "app/settings_manager.hpp"
 #include "app/single_instance_lock.hpp"
+#include "control/helper_client.hpp"
+#include "control/helper_manager.hpp"
 #include "core/file_preference_store.hpp"
 #include "core/logging.hpp"
 #include "core/paths.hpp"
@@ -30,6 +32,7 @@
 #include "mcp/mcp_tool_registry.hpp"
 #include "mcp/quorel_snapshot_provider.hpp"
 #include "platform/linux/battery_control_probes.hpp"
+#include "platform/linux/helper_energy_counters.hpp"
 #include "platform/linux/linux_charge_observer.hpp"
 #include "platform/linux/linux_power_rail_reader.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
@@ -41,6 +44,7 @@
 #include "platform/linux/logind_sleep_monitor.hpp"
 #include "platform/linux/power_supply_scan.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
+#include "platform/linux/systemd_helper_service_controller.hpp"
 #include "platform/linux/upower_charge_thresholds.hpp"
 #include "platform/sandbox/sandbox_config_file.hpp"
 #include "platform/sandbox/sandbox_power_sources.hpp"
@@ -62,6 +66,8 @@ namespace {
 constexpr Seconds kLifetimeEnergyRefresh{300};
 // How often what the system does with the battery is read again; a plateau needs a minute of it.
 constexpr Seconds kChargeObservationInterval{10};
+// The component sampler waits this long on the poll queue for the helper's energy counters.
+constexpr Seconds kHelperEnergyCounterWait{0.25};
 
 std::optional<CarbonRegionIntensity> carbonRegion(const QuorelSettings& settings) {
   return carbonRegionNamed(kCarbonRegionTexts.text(settings.carbonRegion));
@@ -72,19 +78,6 @@ DisplayPreferences displayPreferences(const QuorelSettings& settings) {
                             .showCarbonFootprint = settings.showCarbonFootprint,
                             .minimalMenuBar = settings.menuBarMode == MenuBarMode::minimal};
 }
-
-// The agent's link to the privileged helper until the helper manager is connected here: no
-// helper, so the state reads as not enabled and every write is refused with the sentence that
-// says how to turn battery control on.
-class NoHelperLink final : public HelperLink {
- public:
-  HelperStatus status() const override { return HelperStatus::disabled(); }
-  HelperProxy* proxy() override { return nullptr; }
-  bool controlAvailable() const override { return false; }
-  std::optional<HelperState> helperState() const override { return std::nullopt; }
-  std::optional<HelperCapabilities> capabilities() const override { return std::nullopt; }
-  void refreshHelperStateNow() override {}
-};
 
 double cpuSeconds() {
   rusage usage{};
@@ -166,8 +159,12 @@ class Agent {
           std::make_shared<LinuxPowerSourceFallbackProvider>(powerSupplyRoot, clock_);
       thermal_ = std::make_shared<LinuxThermalMonitor>(sysfs::thermalClassPath(options_.sysfsRoot));
       deps.sources.thermalSource = thermal_;
+      // Where the kernel keeps the energy counters from this user, the helper reads them.
       deps.sources.componentSampler = std::make_shared<LinuxPowercapComponentSampler>(
-          sysfs::powercapClassPath(options_.sysfsRoot));
+          sysfs::powercapClassPath(options_.sysfsRoot),
+          withHelperEnergyCounters(
+              sysfsAttributeReader(),
+              helperEnergyCounterFetch(options_.helperSocket, kHelperEnergyCounterWait, clock_)));
       deps.sources.railReader = std::make_shared<LinuxPowerRailReader>(options_.sysfsRoot);
       recordingStore_ = std::make_unique<QuorelDatabaseRecordingStore>(*database_);
       deps.recorder =
@@ -199,7 +196,8 @@ class Agent {
     }
 
     httpQueue_.start();
-    startBatteryControl(noHelper_);
+    startHelperManager();
+    startBatteryControl(*helperManager_);
     startToolServer();
     mcpSwitch_ = std::make_unique<MCPServerSwitch>(*mcpServer_, *preferences_, mainQueue_);
     sleepWake_ = std::make_unique<LogindSleepMonitor>(mainQueue_);
@@ -228,6 +226,7 @@ class Agent {
       insights_->start();
       viewModel_->preloadHistoricalData();
       viewModel_->loadBatteryEpoch();
+      connectHelper();
     });
     mainQueue_.run();
 
@@ -241,6 +240,8 @@ class Agent {
     commandSocket_.reset();
     batteryCommands_.reset();
     snapshot_.reset();
+    helperManager_.reset();
+    helperIoQueue_.shutdown();
     settings_->unsubscribe(settingsSubscription_);
     statusFile_.reset();
     viewModel_.reset();
@@ -281,12 +282,7 @@ class Agent {
     batterySettings_ = std::make_unique<SettingsBatteryControlAccess>(*settings_);
     lidProbe_ = std::make_unique<LogindLidProbe>();
     BatteryControlEnvironment environment{
-        .availability =
-            [this, supplies = sysfs::powerSupplyClassPath(options_.sysfsRoot)] {
-              // The simulated machine's battery is the simulated helper's to control.
-              return sandbox_ ? BatteryControlAvailability::available
-                              : probeBatteryControlAvailability(supplies);
-            },
+        .availability = [this] { return batteryControlAvailability(); },
         .powerState = [this] { return viewModel_->currentState(); },
         .isClamshellClosed = [this] { return lidProbe_->isLidClosed(); },
         .hasExternalDisplay =
@@ -321,6 +317,55 @@ class Agent {
         mainQueue_, httpQueue_, clock_, *preferences_, paths_.dataDirectory,
         std::make_unique<MCPToolRegistry>(*snapshot_, *batteryCommands_),
         MCPServerOptions{.version = std::string(kQuorelVersion), .transport = {}});
+  }
+
+  // The link to the privileged helper. It refuses to enable while another charge-limit manager
+  // is seen holding this battery, or where the battery offers nothing to control.
+  void startHelperManager() {
+    helperIoQueue_.start();
+    helperService_ = std::make_unique<SystemdHelperServiceController>();
+    HelperManager::Hooks hooks;
+    hooks.availability = [this] { return batteryControlAvailability(); };
+    hooks.conflictProbe = [this]() -> std::optional<std::string> {
+      if (!chargeObservation_ || !chargeObservation_->conflicts.anyDetected()) return std::nullopt;
+      return std::string(
+          chargeLimitManagerName(chargeObservation_->conflicts.conflicts.front().manager));
+    };
+    helperManager_ = std::make_unique<HelperManager>(
+        mainQueue_, *helperService_,
+        HelperClient::factory(helperIoQueue_, mainQueue_, options_.helperSocket), std::move(hooks));
+  }
+
+  BatteryControlAvailability batteryControlAvailability() const {
+    // The simulated machine's battery is the simulated helper's to control.
+    if (sandbox_) return BatteryControlAvailability::available;
+    return probeBatteryControlAvailability(sysfs::powerSupplyClassPath(options_.sysfsRoot));
+  }
+
+  // Connects when the helper is installed for this user; where it is not, says so once, quietly.
+  void connectHelper() {
+    switch (helperManager_->rawServiceStatus()) {
+      case HelperServiceStatus::enabled:
+        helperManager_->enable([this](std::optional<HelperEnableFailure>) {
+          log_->info("battery helper: {}", helperManager_->statusText());
+        });
+        break;
+      case HelperServiceStatus::requiresApproval:
+        log_->info("battery helper: {}", helper_texts::kApprovalPending);
+        break;
+      case HelperServiceStatus::notRegistered:
+      case HelperServiceStatus::notFound:
+        // Without systemd the helper can only have been started by hand; its socket says so.
+        if (!SystemdHelperServiceController::systemdRunning() &&
+            std::filesystem::exists(options_.helperSocket)) {
+          helperManager_->establishConnection([this](bool) {
+            log_->info("battery helper (started by hand): {}", helperManager_->statusText());
+          });
+          break;
+        }
+        log_->debug("battery helper not installed — battery control stays off");
+        break;
+    }
   }
 
   void publish(const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
@@ -451,6 +496,8 @@ class Agent {
   SerialQueue energyQueue_{"com.quorel.energy", clock_};
   // Carbon and habit reads wait on the store's queue, so they need a thread of their own.
   SerialQueue insightsQueue_{"com.quorel.insights", clock_};
+  // The helper's socket: reads and writes here, answers on the main queue.
+  SerialQueue helperIoQueue_{"com.quorel.helper", clock_};
   asio::signal_set signals_;
   std::unique_ptr<FilePreferenceStore> preferences_;
   std::unique_ptr<SettingsManager> settings_;
@@ -484,11 +531,12 @@ class Agent {
   std::unique_ptr<MCPServerSwitch> mcpSwitch_;
   std::unique_ptr<LogindSleepMonitor> sleepWake_;
   std::unique_ptr<AppDelegate> delegate_;
-  NoHelperLink noHelper_;
   std::unique_ptr<SettingsBatteryControlAccess> batterySettings_;
   std::unique_ptr<LogindLidProbe> lidProbe_;
   std::unique_ptr<BatteryControlCommandService> batteryCommands_;
   std::unique_ptr<BatteryCommandSocket> commandSocket_;
+  std::unique_ptr<SystemdHelperServiceController> helperService_;
+  std::unique_ptr<HelperManager> helperManager_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;
   std::optional<PowerPhase> lastPhase_;
   // Touched on the poll queue only, which is shut down before they go.

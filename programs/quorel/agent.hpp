@@ -23,6 +23,8 @@ struct AgentOptions {
   std::filesystem::path procRoot = "/proc";
   // Replaces $XDG_DATA_HOME/quorel: the database and the server's token and endpoint files.
   std::optional<std::filesystem::path> dataDirectory;
+  // The privileged helper's socket.
+  std::filesystem::path helperSocket = "/run/quorel/helper.sock";
   bool verbose = false;
 };
 

@@ -13,6 +13,7 @@
 #include "commands.hpp"
 #include "core/logging.hpp"
 #include "core/version.hpp"
+#include "helper_command.hpp"
 #include "mcp_cli.hpp"
 
 static int runMain(int argc, char** argv);
@@ -92,6 +93,11 @@ static int runMain(int argc, char** argv) {
                  "Directory for the history database and the server's token and endpoint files "
                  "(default $XDG_DATA_HOME/quorel)");
   app.add_flag("-v,--verbose", options.verbose, "Log debug detail");
+  std::string helperSocket = options.helperSocket.string();
+  app.add_option("--helper-socket", helperSocket,
+                 "The privileged helper's socket (default /run/quorel/helper.sock)");
+  quorel::HelperCommandArguments helperArgs;
+  auto* helperCommand = quorel::addHelperCommand(app, helperArgs);
 
   const quorel::MCPCommandLine mcp(app);
 
@@ -255,6 +261,8 @@ static int runMain(int argc, char** argv) {
     return quorel::runStatus(statusArgs, context);
   }
   if (*replaced) return quorel::runBatteryReplaced(assumeYes, context);
+  options.helperSocket = helperArgs.helperSocket = helperSocket;
+  if (*helperCommand) return quorel::runHelperCommand(helperArgs, *helperCommand);
   if (batteryControl.selected()) return batteryControl.run(context);
 
   if (interval->count() > 0) options.interval = quorel::Seconds{intervalSeconds};

@@ -74,6 +74,10 @@ struct QuorelHelperError {
 };
 
 inline constexpr std::string_view kHelperVersionFloor = "2.0.7";
+// What the helper reports as its `helperVersion`: the version of this wire, not of the package,
+// so that an agent can tell a helper that speaks an older wire. Raise it (and the floor, when the
+// agent cannot do without the change) whenever a method, a parameter or a payload changes.
+inline constexpr std::string_view kHelperWireVersion = "2.0.7";
 
 // Dotted versions compared part by part as integers; a part that does not parse counts as 0 and
 // the shorter list is padded with zeros. An absent version is never at least the floor.

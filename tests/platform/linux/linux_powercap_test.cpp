@@ -9,6 +9,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/linux/helper_energy_counters.hpp"
 #include "platform/linux/linux_powercap_component_sampler.hpp"
 #include "platform/linux/powercap_energy_counters.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
@@ -86,6 +87,7 @@ class PowercapTree {
   }
 
   bool denied = false;
+  const std::map<std::string, std::uint64_t>& energy() const { return energy_; }
 
  private:
   static std::filesystem::path dir(const std::string& id) {
@@ -228,6 +230,47 @@ TEST_F(SamplerFixture, CountersReadableByRootOnlyLeaveTheSamplerUnavailable) {
   EXPECT_EQ(step(5, {}), std::nullopt);
   EXPECT_FALSE(sampler->isAvailable());
   EXPECT_EQ(logs.count(std::string(kRootOnly)), 2u) << "once for each of the two samplers";
+}
+
+// Counters the kernel keeps from this user come from the helper: one call a pass, and a helper
+// that cannot serve this user reads as the counters being root's.
+TEST_F(SamplerFixture, RootOnlyCountersAreReadThroughTheHelperOncePerPass) {
+  for (const auto& [id, name] : kLaptop) tree.zone(id, name);
+  tree.denied = true;
+  int fetches = 0;
+  int failWith = 0;
+  const EnergyCounterFetch fetch =
+      [&](int* error) -> std::optional<std::map<std::string, std::uint64_t>> {
+    ++fetches;
+    if (failWith != 0) {
+      *error = failWith;
+      return std::nullopt;
+    }
+    return tree.energy();
+  };
+  sampler = std::make_unique<LinuxPowercapComponentSampler>(
+      tree.root(), withHelperEnergyCounters(tree.reader(), fetch), clocks.source());
+  ASSERT_TRUE(sampler->isAvailable());
+  EXPECT_EQ(sampler->sample(), std::nullopt);
+  const int beforePass = fetches;
+  expectPower(step(5, {{"intel-rapl:0", 60},
+                       {"intel-rapl:0:0", 40},
+                       {"intel-rapl:0:1", 10},
+                       {"intel-rapl:0:2", 5}}),
+              {0, 8, 2, 0, 1, true});
+  EXPECT_EQ(fetches - beforePass, 1) << "four zones, one helper call";
+
+  LogCapture logs;
+  failWith = EACCES;
+  EXPECT_EQ(step(5, {}), std::nullopt);
+  EXPECT_FALSE(sampler->isAvailable());
+  EXPECT_EQ(logs.count(std::string(kRootOnly)), 1u);
+
+  // A helper that is there but slow is a failed reading, not a lost right.
+  failWith = EIO;
+  sampler = std::make_unique<LinuxPowercapComponentSampler>(
+      tree.root(), withHelperEnergyCounters(tree.reader(), fetch), clocks.source());
+  EXPECT_TRUE(sampler->isAvailable());
 }
 
 TEST_F(SamplerFixture, APairSpanningASleepYieldsNothingAndTheNextStartsAfterIt) {
