@@ -355,8 +355,10 @@ class Agent {
         break;
       case HelperServiceStatus::notRegistered:
       case HelperServiceStatus::notFound:
-        // Without systemd the helper can only have been started by hand; its socket says so.
-        if (!SystemdHelperServiceController::systemdRunning() &&
+        // Without systemd, or at a socket of its own, the helper was started by hand; its socket
+        // says so.
+        if ((!SystemdHelperServiceController::systemdRunning() ||
+             options_.helperSocket != AgentOptions{}.helperSocket) &&
             std::filesystem::exists(options_.helperSocket)) {
           helperManager_->establishConnection([this](bool) {
             log_->info("battery helper (started by hand): {}", helperManager_->statusText());
