@@ -21,6 +21,7 @@
 #include "core/serial_queue.hpp"
 #include "core/version.hpp"
 #include "devices/usb_device_service.hpp"
+#include "devices/usb_pd_vendor_lookup.hpp"
 #include "energy/ai_agent_classifier.hpp"
 #include "energy/ai_agent_energy_tracker.hpp"
 #include "energy/energy_usage_source.hpp"
@@ -312,6 +313,10 @@ class Agent {
     sources.carbonRegion = [this] {
       return carbonRegion(settings_->settings()).value_or(kCarbonRegions.front());
     };
+    sources.chargerVendorNames = [](std::int64_t vendorID) -> std::optional<std::string> {
+      const auto name = USBPDVendorLookup::vendorName(vendorID);
+      return name ? std::optional<std::string>(*name) : std::nullopt;
+    };
     snapshot_ = std::make_unique<QuorelSnapshotProvider>(mainQueue_, clock_, std::move(sources));
     mcpServer_ = std::make_unique<MCPServer>(
         mainQueue_, httpQueue_, clock_, *preferences_, paths_.dataDirectory,
@@ -377,9 +382,11 @@ class Agent {
       viewModel_->loadLifetimeComponentEnergy();
     }
     // The monitor hands out its histories only while someone is watching, so taking them costs
-    // nothing otherwise. Devices, sessions and the calendar have no source here yet.
+    // nothing otherwise. Sessions and the calendar have no source here yet; the device list is
+    // read at most every two seconds however often the monitor ticks.
     ViewModelInputs inputs;
     inputs.populateHistory = true;
+    inputs.usbDevices = usbDevices_->fetch();
     inputs.carbonGrams = insights_->carbonGrams();
     inputs.habitScore = insights_->habitScore();
     inputs.habitHistory = insights_->habitHistory();
