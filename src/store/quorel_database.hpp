@@ -280,6 +280,20 @@ class QuorelDatabase {
   std::array<std::uint64_t, 2> energyRevision_{};
   bool readOnly_ = false;
   std::map<EnergyHistoryKey, EnergyHistoryEntry> energyHistoryCache_;
+  // What historicalCoverage counted of the settled rows of a period, by the period's start.
+  struct CoverageCheckpoint {
+    double start = 0;
+    double through = 0;  // the last settled row counted
+    double raw = 0;
+    std::optional<double> previous;
+    std::int64_t rejected = 0;
+    std::int64_t estimated = 0;
+  };
+  std::map<double, CoverageCheckpoint> coverageCheckpoints_;
+  // PRAGMA data_version when the checkpoints were last known good; absent when unreadable,
+  // which keeps none.
+  std::optional<std::int64_t> coverageDataVersion_;
+  std::optional<std::int64_t> dataVersion();
   std::uint64_t energyHistoryBuilds_ = 0;
   std::uint64_t powerHistoryReads_ = 0;
   // Per kind; vouched for at rollupDataVersion_, and kept current with this connection's writes.

@@ -42,6 +42,14 @@ constexpr const char* kCoverageRows =
     "SELECT timestamp, observed_duration_s, component_quality, system_power_quality,"
     " wall_estimate_quality FROM power_samples WHERE timestamp BETWEEN ? AND ?"
     " ORDER BY timestamp";
+// The rows after a checkpoint: the same, with the lower end open.
+constexpr const char* kCoverageRowsAfter =
+    "SELECT timestamp, observed_duration_s, component_quality, system_power_quality,"
+    " wall_estimate_quality FROM power_samples WHERE timestamp > ? AND timestamp <= ?"
+    " ORDER BY timestamp";
+// Rows this far behind the newest are taken as settled: none arrive later with an earlier time.
+constexpr double kCoverageSettleSeconds = 600;
+constexpr std::size_t kCoverageCheckpoints = 4;
 
 constexpr const char* kLifetimeRows =
     "SELECT timestamp,\n"
@@ -164,6 +172,13 @@ Result<std::vector<CollectionIntervalRecord>> QuorelDatabase::collectionInterval
   return intervals;
 }
 
+std::optional<std::int64_t> QuorelDatabase::dataVersion() {
+  int rc = SQLITE_OK;
+  auto statement = prepareStatement(db_.get(), "PRAGMA data_version", rc);
+  if (!statement || sqlite3_step(statement.get()) != SQLITE_ROW) return std::nullopt;
+  return sqlite3_column_int64(statement.get(), 0);
+}
+
 Result<HistoricalCoverageSummary> QuorelDatabase::historicalCoverage(TimePoint from, TimePoint to) {
   return onQueue([&]() -> Result<HistoricalCoverageSummary> {
     if (!db_) return unavailableError();
@@ -171,10 +186,24 @@ Result<HistoricalCoverageSummary> QuorelDatabase::historicalCoverage(TimePoint f
     const double end = std::max(toUnixSeconds(from), toUnixSeconds(to));
     const double span = end - start;
     if (!(span > 0)) return HistoricalCoverageSummary{};
+    // A period that starts where an earlier one did (the lifetime, today) resumes from what was
+    // counted then, so that asking again reads only the rows since. This connection only adds
+    // newer rows; another connection's change to the file (data_version moves) voids it all.
+    if (const auto version = dataVersion(); version != coverageDataVersion_) {
+      coverageCheckpoints_.clear();
+      coverageDataVersion_ = version;
+    }
+    CoverageCheckpoint counted{start, start, 0, std::nullopt, 0, 0};
+    bool resumed = false;
+    if (const auto found = coverageCheckpoints_.find(start);
+        found != coverageCheckpoints_.end() && found->second.through <= end) {
+      counted = found->second;
+      resumed = true;
+    }
     int rc = SQLITE_OK;
-    auto statement = prepareStatement(db_.get(), kCoverageRows, rc);
+    auto statement = prepareStatement(db_.get(), resumed ? kCoverageRowsAfter : kCoverageRows, rc);
     if (!statement) return readFailure(rc, "historicalCoverage prepare");
-    Binder(statement.get()).real(start).real(end);
+    Binder(statement.get()).real(counted.through).real(end);
     const auto textIs = [&](int column, std::initializer_list<std::string_view> labels) {
       const auto* raw = sqlite3_column_text(statement.get(), column);
       if (raw == nullptr) return false;
@@ -185,26 +214,41 @@ Result<HistoricalCoverageSummary> QuorelDatabase::historicalCoverage(TimePoint f
     };
     // A row speaks for at most 300 seconds; rows from before observed durations were stored fall
     // back on the distance to their predecessor in the period.
-    double raw = 0;
-    std::optional<double> previous;
-    HistoricalCoverageSummary summary;
+    const double settled = end - kCoverageSettleSeconds;
+    std::optional<CoverageCheckpoint> checkpoint;
     while ((rc = sqlite3_step(statement.get())) == SQLITE_ROW) {
       const double timestamp = sqlite3_column_double(statement.get(), 0);
       const bool observed = sqlite3_column_type(statement.get(), 1) != SQLITE_NULL &&
                             sqlite3_column_double(statement.get(), 1) > 0;
       if (observed) {
-        raw += std::min(sqlite3_column_double(statement.get(), 1), kGapSeconds);
-      } else if (previous && timestamp - *previous >= 0 && timestamp - *previous <= kGapSeconds) {
-        raw += timestamp - *previous;
+        counted.raw += std::min(sqlite3_column_double(statement.get(), 1), kGapSeconds);
+      } else if (counted.previous && timestamp - *counted.previous >= 0 &&
+                 timestamp - *counted.previous <= kGapSeconds) {
+        counted.raw += timestamp - *counted.previous;
       }
-      previous = timestamp;
-      if (textIs(2, {"rejected"}) || textIs(4, {"rejected"})) ++summary.rejectedCount;
+      counted.previous = timestamp;
+      if (textIs(2, {"rejected"}) || textIs(4, {"rejected"})) ++counted.rejected;
       if (textIs(2, {"estimated", "inferred", "legacy"}) ||
           textIs(3, {"estimated", "inferred", "legacy"})) {
-        ++summary.estimatedCount;
+        ++counted.estimated;
+      }
+      if (timestamp <= settled) {
+        checkpoint = counted;
+        checkpoint->through = timestamp;
       }
     }
     if (rc != SQLITE_DONE) return readFailure(rc, "historicalCoverage step");
+    if (checkpoint && coverageDataVersion_) {
+      if (coverageCheckpoints_.size() >= kCoverageCheckpoints &&
+          !coverageCheckpoints_.contains(start)) {
+        coverageCheckpoints_.erase(coverageCheckpoints_.begin());
+      }
+      coverageCheckpoints_[start] = *checkpoint;
+    }
+    HistoricalCoverageSummary summary;
+    summary.rejectedCount = counted.rejected;
+    summary.estimatedCount = counted.estimated;
+    const double raw = counted.raw;
 
     const auto intervals = collectionIntervalsOnQueue(start, end);
     if (!intervals) return intervals.error();

@@ -342,6 +342,7 @@ void QuorelDatabase::insertEnergyBatch(EnergyHistoryKind kind,
 void QuorelDatabase::pruneOldData(int retentionDays, int capacityRetentionDays) {
   queue_.async([this, retentionDays, capacityRetentionDays] {
     energyHistoryCache_.clear();
+    coverageCheckpoints_.clear();
     if (!db_) return;
     const double now = toUnixSeconds(clock_.now());
     const double retentionCutoff = now + retentionDays * -kSecondsPerDay;

@@ -87,6 +87,38 @@ TEST_F(ReadsTest, CoverageCountsSleepApartAndNeverMoreThanTheGapLimitPerRow) {
       << "intervals come back whole, unclipped";
 }
 
+// Asked again from the same start, coverage reads only the rows since its last count and says
+// what a fresh count says, across rows that lean on their predecessor; a change made through
+// another connection is counted afresh.
+TEST_F(ReadsTest, CoverageAskedAgainFromTheSameStartMatchesAFreshCount) {
+  for (int i = 0; i < 120; ++i) {
+    sample(60.0 * i, {{"observed_duration_s", 60.0},
+                      {"component_quality", i % 7 == 0 ? "rejected" : "measured"}});
+  }
+  const auto fresh = [&](double end) {
+    QuorelDatabase other(options(/*readOnly=*/true), clock);
+    return other.historicalCoverage(at(0), at(end)).value();
+  };
+  EXPECT_EQ(db->historicalCoverage(at(0), at(7200)).value(), fresh(7200));
+  // Newer rows through this store: legacy ones without a duration, then estimated ones.
+  for (int i = 0; i < 60; ++i) {
+    PowerSample s;
+    s.timestamp = at(7200 + 30.0 * i), s.wattage = -7.25, s.batteryPct = 64.5;
+    s.systemPowerQuality =
+        i < 20 ? HistoricalValueQuality::legacy : HistoricalValueQuality::estimated;
+    if (i >= 20) s.observedDurationS = 30;
+    db->insertPowerSample(s);
+  }
+  drain();
+  const auto resumed = db->historicalCoverage(at(0), at(9000)).value();
+  EXPECT_EQ(resumed, fresh(9000));
+  EXPECT_EQ(resumed.estimatedCount, 60);
+  EXPECT_EQ(resumed.rejectedCount, 18);
+
+  sql().exec("DELETE FROM power_samples WHERE timestamp < 1800003600");
+  EXPECT_EQ(db->historicalCoverage(at(0), at(9000)).value(), fresh(9000));
+}
+
 TEST_F(ReadsTest, SessionsNewestFirstWithUnknownLabelsDecodedToTheirDefaults) {
   // The last one leaves its labels to the column defaults.
   sql().exec(
