@@ -15,9 +15,9 @@
 #include <chrono>
 #include <cstring>
 
+#include "core/file_descriptor.hpp"
 #include "core/logging.hpp"
 #include "energy/process_text.hpp"
-#include "platform/linux/file_descriptor.hpp"
 
 namespace quorel {
 

@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <charconv>
 
-#include "platform/linux/file_descriptor.hpp"
+#include "core/file_descriptor.hpp"
 
 namespace quorel::sysfs {
 

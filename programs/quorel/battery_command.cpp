@@ -11,33 +11,13 @@
 #include <fstream>
 #include <sstream>
 
+#include "core/file_descriptor.hpp"
 #include "status_command.hpp"
 
 namespace quorel {
 namespace {
 
 constexpr std::size_t kMaxAnswerBytes = 4 * 1024 * 1024;
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-// Milliseconds left until `deadline`, at least 0.
-int millisecondsLeft(const Clock& clock, MonotonicTime deadline) {
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock.monotonicNow());
-  return left.count() > 0 ? static_cast<int>(left.count()) : 0;
-}
 
 std::string text(const JSONValue* value) {
   if (value == nullptr || value->isNull()) return "unknown";
@@ -95,7 +75,7 @@ AgentAnswer callAgent(const std::filesystem::path& socket, const std::string& re
   if (path.size() >= sizeof address.sun_path)
     return {AgentAnswer::Kind::failed, {}, "socket path too long"};
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  FileDescriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (fd.get() < 0) return {AgentAnswer::Kind::failed, {}, std::strerror(errno)};
   if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     // No socket, or one left by an agent that is gone.
@@ -105,8 +85,7 @@ AgentAnswer callAgent(const std::filesystem::path& socket, const std::string& re
   const std::string out = requestLine + "\n";
   std::size_t sent = 0;
   while (sent < out.size()) {
-    pollfd p{fd.get(), POLLOUT, 0};
-    if (::poll(&p, 1, millisecondsLeft(clock, deadline)) <= 0) {
+    if (!waitForDescriptor(fd.get(), POLLOUT, deadline, clock)) {
       return {AgentAnswer::Kind::failed, {}, "the agent did not take the request in time"};
     }
     const ssize_t n = ::send(fd.get(), out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
@@ -124,8 +103,7 @@ AgentAnswer callAgent(const std::filesystem::path& socket, const std::string& re
       return {AgentAnswer::Kind::answered, std::move(response), {}};
     }
     if (in.size() > kMaxAnswerBytes) return {AgentAnswer::Kind::failed, {}, "answer too long"};
-    pollfd p{fd.get(), POLLIN, 0};
-    if (::poll(&p, 1, millisecondsLeft(clock, deadline)) <= 0) {
+    if (!waitForDescriptor(fd.get(), POLLIN, deadline, clock)) {
       return {AgentAnswer::Kind::failed, {}, "the agent did not answer in time"};
     }
     const ssize_t n = ::recv(fd.get(), buffer, sizeof buffer, 0);

@@ -17,6 +17,7 @@
 #include <map>
 
 #include "control/helper_contract.hpp"
+#include "core/file_descriptor.hpp"
 
 namespace quorel {
 
@@ -242,41 +243,6 @@ HelperChannelFactory HelperClient::factory(SerialQueue& ioQueue, SerialQueue& ma
   };
 }
 
-namespace {
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-int remainingMilliseconds(MonotonicTime deadline, const Clock& clock) {
-  const auto left = std::chrono::duration<double, std::milli>(deadline - clock.monotonicNow());
-  return left.count() <= 0 ? 0 : static_cast<int>(std::ceil(left.count()));
-}
-
-// Waits for `events` on `fd` until the deadline; false when the time ran out or poll failed.
-bool waitFor(int fd, short events, MonotonicTime deadline, const Clock& clock) {
-  for (;;) {
-    const int left = remainingMilliseconds(deadline, clock);
-    if (left == 0) return false;
-    pollfd p{fd, events, 0};
-    const int n = ::poll(&p, 1, left);
-    if (n > 0) return true;
-    if (n < 0 && errno != EINTR) return false;
-  }
-}
-
-}  // namespace
-
 HelperCallOutcome callHelperOnce(const std::filesystem::path& socketPath, std::string_view method,
                                  const JSONValue& params, Seconds timeout, const Clock& clock) {
   const MonotonicTime deadline =
@@ -287,7 +253,7 @@ HelperCallOutcome callHelperOnce(const std::filesystem::path& socketPath, std::s
     return transportFailure("the helper's socket path is too long", ENAMETOOLONG);
   }
   std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
-  Descriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  FileDescriptor fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (fd.get() < 0) return transportFailure(std::strerror(errno), errno);
   if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
       errno != EINPROGRESS && errno != EAGAIN) {
@@ -297,7 +263,7 @@ HelperCallOutcome callHelperOnce(const std::filesystem::path& socketPath, std::s
   const std::string line = helperRequestLine(1, method, params) + "\n";
   std::size_t sent = 0;
   while (sent < line.size()) {
-    if (!waitFor(fd.get(), POLLOUT, deadline, clock)) {
+    if (!waitForDescriptor(fd.get(), POLLOUT, deadline, clock)) {
       return transportFailure("the helper did not take the request in time", ETIMEDOUT);
     }
     const ssize_t n = ::send(fd.get(), line.data() + sent, line.size() - sent, MSG_NOSIGNAL);
@@ -317,7 +283,7 @@ HelperCallOutcome callHelperOnce(const std::filesystem::path& socketPath, std::s
     if (received.size() > HelperClient::kMaxLineBytes) {
       return transportFailure("the helper's answer is too long", EPROTO);
     }
-    if (!waitFor(fd.get(), POLLIN, deadline, clock)) {
+    if (!waitForDescriptor(fd.get(), POLLIN, deadline, clock)) {
       return transportFailure("the helper did not answer in time", ETIMEDOUT);
     }
     char buffer[4096];

@@ -14,40 +14,12 @@
 #include <fstream>
 #include <sstream>
 
+#include "core/file_descriptor.hpp"
 #include "mcp/text_util.hpp"
 
 namespace quorel {
 
 namespace {
-
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-int millisecondsLeft(const Clock& clock, MonotonicTime deadline) {
-  const auto left =
-      std::chrono::duration_cast<std::chrono::milliseconds>(deadline - clock.monotonicNow());
-  return left.count() > 0 ? static_cast<int>(std::min<long long>(left.count(), 1'000'000'000)) : 0;
-}
-
-bool waitFor(int fd, short events, const Clock& clock, MonotonicTime deadline) {
-  pollfd p{fd, events, 0};
-  for (;;) {
-    const int r = ::poll(&p, 1, millisecondsLeft(clock, deadline));
-    if (r < 0 && errno == EINTR) continue;
-    return r > 0;
-  }
-}
 
 std::string errnoText(int error) {
   return std::strerror(error);
@@ -82,7 +54,7 @@ std::optional<std::string> connectTo(int fd, const MCPEndpointAddress& endpoint,
   }
   if (::connect(fd, reinterpret_cast<const sockaddr*>(&storage), length) == 0) return std::nullopt;
   if (errno != EINPROGRESS) return errnoText(errno);
-  if (!waitFor(fd, POLLOUT, clock, deadline)) return std::string("timed out connecting");
+  if (!waitForDescriptor(fd, POLLOUT, deadline, clock)) return std::string("timed out connecting");
   int error = 0;
   socklen_t size = sizeof error;
   if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) != 0) return errnoText(errno);
@@ -200,7 +172,7 @@ MCPPostResult postToMCPEndpoint(const MCPEndpointAddress& endpoint, std::string_
     if (n > 0) {
       sent += static_cast<std::size_t>(n);
     } else if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-      if (!waitFor(fd.get(), POLLOUT, clock, deadline)) {
+      if (!waitForDescriptor(fd.get(), POLLOUT, deadline, clock)) {
         return MCPPostFailure{sent > 0, "timed out sending"};
       }
     } else {
@@ -228,7 +200,7 @@ MCPPostResult postToMCPEndpoint(const MCPEndpointAddress& endpoint, std::string_
     } else if (n == 0) {
       break;
     } else if (errno == EAGAIN || errno == EINTR) {
-      if (!waitFor(fd.get(), POLLIN, clock, deadline)) {
+      if (!waitForDescriptor(fd.get(), POLLIN, deadline, clock)) {
         return MCPPostFailure{
             true,
             "no answer within " + std::to_string(static_cast<long long>(timeout.count())) + " s"};
