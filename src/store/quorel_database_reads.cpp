@@ -337,8 +337,12 @@ Result<double> QuorelDatabase::totalComponentEnergy_Wh() {
 
 Result<std::optional<PowerSampleDateRange>> QuorelDatabase::powerSampleDateRange() {
   return onQueue([&]() -> Result<std::optional<PowerSampleDateRange>> {
-    auto row = rowOnQueue("SELECT MIN(timestamp), MAX(timestamp) FROM power_samples",
-                          "powerSampleDateRange");
+    // Two subqueries, since SQLite answers a lone MIN or MAX from the time index but scans every
+    // row for the two together.
+    auto row = rowOnQueue(
+        "SELECT (SELECT MIN(timestamp) FROM power_samples), (SELECT MAX(timestamp) FROM "
+        "power_samples)",
+        "powerSampleDateRange");
     if (!row) return row.error();
     ColumnReader c(row->get());
     const auto first = c.optionalTime();
