@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "bench/sqlite_fill.hpp"
 #include "insights/carbon_footprint_service.hpp"
 #include "mcp/mcp_tool_registry.hpp"
 #include "mcp/quorel_snapshot_provider.hpp"
@@ -30,37 +31,8 @@ constexpr double kEnd = 1'800'000'000;  // 2027-01-15T08:00:00Z
 constexpr double kDay = 86400;
 constexpr double kStart = kEnd - 365 * kDay;
 
-void exec(sqlite3* db, const char* sql) {
-  if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-    throw std::runtime_error(std::string(sqlite3_errmsg(db)) + " in: " + sql);
-  }
-}
-
-class Insert {
- public:
-  Insert(sqlite3* db, const char* sql) {
-    if (sqlite3_prepare_v2(db, sql, -1, &statement_, nullptr) != SQLITE_OK) {
-      throw std::runtime_error(sqlite3_errmsg(db));
-    }
-  }
-  ~Insert() { sqlite3_finalize(statement_); }
-  Insert(const Insert&) = delete;
-  Insert& operator=(const Insert&) = delete;
-  template <class... T>
-  void operator()(T... values) {
-    int i = 0;
-    (bind(++i, values), ...);
-    if (sqlite3_step(statement_) != SQLITE_DONE) throw std::runtime_error("insert");
-    sqlite3_reset(statement_);
-  }
-
- private:
-  void bind(int i, double v) { sqlite3_bind_double(statement_, i, v); }
-  void bind(int i, const std::string& v) {
-    sqlite3_bind_text(statement_, i, v.c_str(), -1, SQLITE_TRANSIENT);
-  }
-  sqlite3_stmt* statement_ = nullptr;
-};
+using bench::exec;
+using bench::Insert;
 
 void generateYear(const fs::path& file) {
   sqlite3* db = nullptr;
