@@ -14,7 +14,6 @@
 namespace quorel {
 namespace {
 
-constexpr std::string_view kDefaultSystemBusAddress = "unix:path=/run/dbus/system_bus_socket";
 constexpr std::uint64_t kCallTimeout_us = 1'000'000;
 constexpr std::array<std::string_view, 3> kBuiltInPanelTypes{"eDP", "LVDS", "DSI"};
 
@@ -57,41 +56,23 @@ bool hasExternalDisplay(const std::filesystem::path& drmClassDir) {
   return false;
 }
 
-void LogindLidProbe::BusCloser::operator()(sd_bus* bus) const {
-  sd_bus_close_unref(bus);
-}
-
 LogindLidProbe::LogindLidProbe(std::optional<std::string> busAddress)
     : busAddress_(std::move(busAddress)) {}
 
 LogindLidProbe::~LogindLidProbe() = default;
 
 bool LogindLidProbe::connect() {
-  std::string address;
-  if (busAddress_) {
-    address = *busAddress_;
-  } else if (const char* fromEnv = std::getenv("DBUS_SYSTEM_BUS_ADDRESS"); fromEnv && *fromEnv) {
-    address = fromEnv;
-  } else {
-    address = kDefaultSystemBusAddress;
-  }
-  sd_bus* raw = nullptr;
-  if (sd_bus_new(&raw) < 0) return false;
-  std::unique_ptr<sd_bus, BusCloser> bus(raw);
-  sd_bus_set_description(bus.get(), "quorel-lid");
-  sd_bus_set_method_call_timeout(bus.get(), kCallTimeout_us);
-  int r = sd_bus_set_address(bus.get(), address.c_str());
-  if (r >= 0) r = sd_bus_set_bus_client(bus.get(), 1);
-  if (r >= 0) r = sd_bus_start(bus.get());
-  if (r < 0) {
+  auto connection = connectSystemBus(busAddress_, kCallTimeout_us, "quorel-lid");
+  if (!connection.bus) {
     if (!reportedFailure_) {
       reportedFailure_ = true;
       logging::get("BatteryControl")
-          ->warn("system bus unavailable ({}) — the lid reads as open", std::strerror(-r));
+          ->warn("system bus unavailable ({}) — the lid reads as open",
+                 std::strerror(-connection.error));
     }
     return false;
   }
-  bus_ = std::move(bus);
+  bus_ = std::move(connection.bus);
   return true;
 }
 

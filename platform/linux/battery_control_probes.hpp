@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/linux/system_bus.hpp"
 
 struct sd_bus;
 
@@ -34,13 +35,10 @@ class LogindLidProbe {
   bool isLidClosed();
 
  private:
-  struct BusCloser {
-    void operator()(sd_bus* bus) const;
-  };
   bool connect();
 
   std::optional<std::string> busAddress_;
-  std::unique_ptr<sd_bus, BusCloser> bus_;
+  SystemBus bus_;
   bool reportedFailure_ = false;
 };
 

@@ -15,6 +15,7 @@
 #include <mutex>
 
 #include "core/logging.hpp"
+#include "platform/linux/system_bus.hpp"
 
 namespace quorel {
 
@@ -30,13 +31,10 @@ constexpr const char* kDelayWarning =
 // not hang at launch for sd-bus's default of 25 seconds.
 constexpr std::uint64_t kCallTimeout_us = 2'000'000;
 
-struct BusCloser {
-  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
 struct SlotReleaser {
   void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
 };
-using BusPtr = std::unique_ptr<sd_bus, BusCloser>;
+using BusPtr = SystemBus;
 using SlotPtr = std::unique_ptr<sd_bus_slot, SlotReleaser>;
 
 std::string errorText(int negativeErrno) {
@@ -268,33 +266,13 @@ bool LogindSleepMonitor::start(Handlers handlers) {
     return false;
   };
 
-  // Built by hand rather than with sd_bus_open_system so that the call timeout covers the
-  // connection's greeting too; the address rules are the system bus's own.
-  std::string address;
-  if (busAddress_) {
-    address = *busAddress_;
-  } else if (const char* fromEnv = std::getenv("DBUS_SYSTEM_BUS_ADDRESS"); fromEnv && *fromEnv) {
-    address = fromEnv;
-  } else {
-    address = kDefaultSystemBusAddress;
-  }
-
-  sd_bus* raw = nullptr;
-  int r = sd_bus_new(&raw);
-  if (r < 0) {
+  auto connection = connectSystemBus(busAddress_, kCallTimeout_us, "quorel-sleep-wake");
+  if (!connection.bus) {
     return fail("system bus unavailable — sleep and wake will not be seen",
-                fmt::format("could not create a bus connection: {}", errorText(r)));
+                fmt::format("could not connect to {}: {}", connection.address,
+                            errorText(connection.error)));
   }
-  BusPtr bus(raw);
-  sd_bus_set_description(bus.get(), "quorel-sleep-wake");
-  sd_bus_set_method_call_timeout(bus.get(), kCallTimeout_us);
-  r = sd_bus_set_address(bus.get(), address.c_str());
-  if (r >= 0) r = sd_bus_set_bus_client(bus.get(), 1);
-  if (r >= 0) r = sd_bus_start(bus.get());
-  if (r < 0) {
-    return fail("system bus unavailable — sleep and wake will not be seen",
-                fmt::format("could not connect to {}: {}", address, errorText(r)));
-  }
+  BusPtr bus = std::move(connection.bus);
 
   auto delivery = std::make_shared<Delivery>(std::move(handlers));
   auto queue = std::make_unique<SerialQueue>("quorel.logind", deliveryQueue_.clock());

@@ -27,9 +27,6 @@ namespace quorel {
 class LogindSleepMonitor final : public SleepWakeSource {
  public:
   static constexpr std::string_view kSourceName = "logind PrepareForSleep";
-  // What the system bus is when neither a bus address nor DBUS_SYSTEM_BUS_ADDRESS says otherwise.
-  static constexpr std::string_view kDefaultSystemBusAddress =
-      "unix:path=/run/dbus/system_bus_socket";
 
   // `deliveryQueue` (the main queue) runs the handlers and must outlive this monitor.
   // `busAddress` is a D-Bus address such as "unix:path=/tmp/bus"; absent means the system bus.

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "platform/linux/system_bus.hpp"
+
 namespace quorel {
 namespace {
 
@@ -14,11 +16,7 @@ constexpr const char* kManagerPath = "/org/freedesktop/UPower";
 constexpr const char* kManagerInterface = "org.freedesktop.UPower";
 constexpr const char* kDeviceInterface = "org.freedesktop.UPower.Device";
 constexpr std::uint32_t kBatteryType = 2;
-constexpr const char* kDefaultSystemBusAddress = "unix:path=/run/dbus/system_bus_socket";
 
-struct BusCloser {
-  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
 struct MessageReleaser {
   void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
 };
@@ -35,24 +33,10 @@ class BusError {
   sd_bus_error error_ = SD_BUS_ERROR_NULL;
 };
 
-std::unique_ptr<sd_bus, BusCloser> connect(const std::optional<std::string>& busAddress,
-                                           std::chrono::milliseconds timeout) {
-  std::string address = kDefaultSystemBusAddress;
-  if (busAddress) {
-    address = *busAddress;
-  } else if (const char* fromEnv = std::getenv("DBUS_SYSTEM_BUS_ADDRESS"); fromEnv && *fromEnv) {
-    address = fromEnv;
-  }
-  sd_bus* raw = nullptr;
-  if (sd_bus_new(&raw) < 0) return nullptr;
-  std::unique_ptr<sd_bus, BusCloser> bus(raw);
-  // Set before the start, so that the greeting is bounded too.
-  sd_bus_set_method_call_timeout(bus.get(), static_cast<std::uint64_t>(timeout.count()) * 1000);
-  if (sd_bus_set_address(bus.get(), address.c_str()) < 0 ||
-      sd_bus_set_bus_client(bus.get(), 1) < 0 || sd_bus_start(bus.get()) < 0) {
-    return nullptr;
-  }
-  return bus;
+SystemBus connect(const std::optional<std::string>& busAddress, std::chrono::milliseconds timeout) {
+  return connectSystemBus(busAddress, static_cast<std::uint64_t>(timeout.count()) * 1000,
+                          "quorel-upower")
+      .bus;
 }
 
 template <class T>
