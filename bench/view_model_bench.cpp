@@ -1,6 +1,6 @@
 // The view model's cost on a tick whose display does not change: deriving every text, comparing
-// with what is shown, and publishing nothing. With full live histories (someone is watching)
-// the copies of the rings are part of that cost.
+// with what is shown, and publishing nothing, nor fitting a forecast again. With full live
+// histories (someone is watching) and a year of habit grades, their copies are part of that cost.
 
 #include <benchmark/benchmark.h>
 
@@ -60,15 +60,24 @@ void BM_UnchangedTick(benchmark::State& st) {
   ViewModelInputs inputs;
   inputs.populateHistory = true;
   inputs.carbonGrams = 14.2;
+  if (st.range(0)) {
+    // A year of daily grades, as the habit history keeps at most.
+    for (int day = 0; day < 365; ++day) {
+      inputs.habitHistory.push_back(
+          {clock.now() - std::chrono::hours(24 * (365 - day)), day % 3 ? "B" : "A-", {}});
+    }
+  }
 
   vm.update(state, history, inputs);  // the first tick is shown
   publishes = 0;
+  const auto fitsBefore = vm.forecastFits();
   for (auto _ : st) {
     vm.update(state, history, inputs);
   }
   if (publishes != 0) st.SkipWithError("an unchanged tick was published");
   st.counters["publishes"] = publishes;
-  st.SetLabel(st.range(0) ? "full live histories" : "no histories");
+  st.counters["forecast_fits"] = static_cast<double>(vm.forecastFits() - fitsBefore);
+  st.SetLabel(st.range(0) ? "full live histories and a year of grades" : "no histories");
 }
 BENCHMARK(BM_UnchangedTick)->Arg(0)->Arg(1);
 
