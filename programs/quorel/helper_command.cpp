@@ -110,11 +110,26 @@ void explainNoSystemd(const std::filesystem::path& helperBinary, std::optional<u
 }  // namespace
 
 int runProgram(const std::vector<std::string>& argv) {
+  if (argv.empty()) return -1;
+  // Run as root: a bare name is looked for in the system's own directories only, never along a
+  // PATH the caller chose.
+  std::string program = argv.front();
+  if (program.find('/') == std::string::npos) {
+    std::string found;
+    for (const char* dir : {"/usr/bin/", "/bin/", "/usr/sbin/", "/sbin/"}) {
+      if (::access((dir + program).c_str(), X_OK) == 0) {
+        found = dir + program;
+        break;
+      }
+    }
+    if (found.empty()) return -1;
+    program = std::move(found);
+  }
   std::vector<char*> words;
   for (const auto& word : argv) words.push_back(const_cast<char*>(word.c_str()));
   words.push_back(nullptr);
   pid_t pid = 0;
-  if (posix_spawnp(&pid, words[0], nullptr, nullptr, words.data(), environ) != 0) return -1;
+  if (posix_spawn(&pid, program.c_str(), nullptr, nullptr, words.data(), environ) != 0) return -1;
   int status = 0;
   while (::waitpid(pid, &status, 0) < 0) {
     if (errno != EINTR) return -1;
