@@ -266,13 +266,13 @@ bool LogindSleepMonitor::start(Handlers handlers) {
     return false;
   };
 
-  auto connection = connectSystemBus(busAddress_, kCallTimeout_us, "quorel-sleep-wake");
-  if (!connection.bus) {
+  auto opened = connectSystemBus(busAddress_, kCallTimeout_us, "quorel-sleep-wake");
+  const std::string address = opened.address;
+  if (!opened.bus) {
     return fail("system bus unavailable — sleep and wake will not be seen",
-                fmt::format("could not connect to {}: {}", connection.address,
-                            errorText(connection.error)));
+                fmt::format("could not connect to {}: {}", address, errorText(opened.error)));
   }
-  BusPtr bus = std::move(connection.bus);
+  BusPtr bus = std::move(opened.bus);
 
   auto delivery = std::make_shared<Delivery>(std::move(handlers));
   auto queue = std::make_unique<SerialQueue>("quorel.logind", deliveryQueue_.clock());
@@ -282,7 +282,8 @@ bool LogindSleepMonitor::start(Handlers handlers) {
 
   // Subscribing waits for the bus's answer, which also proves the connection is alive.
   sd_bus_slot* slot = nullptr;
-  r = sd_bus_match_signal(connection->bus.get(), &slot, kLogindName, kLogindPath, kLogindInterface,
+  const int r =
+      sd_bus_match_signal(connection->bus.get(), &slot, kLogindName, kLogindPath, kLogindInterface,
                           kSignalName, &Connection::onPrepareForSleep, connection.get());
   if (r < 0) {
     return fail(
