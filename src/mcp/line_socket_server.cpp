@@ -330,12 +330,11 @@ Result<int> listenOnUnixSocket(const std::filesystem::path& path, mode_t mode) {
   }
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return Error{std::string("socket: ") + std::strerror(errno)};
-  // Created with no permissions and opened up once bound, so that nobody connects in between
-  // with a mode other than the one meant.
-  const mode_t previous = ::umask(0777);
+  // The mode is set before listen(): until then every connection is refused, whatever mode the
+  // process umask gave the new file. (Changing the umask instead would touch every thread's
+  // files for that moment.)
   const int bound = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
   const int bindError = errno;
-  ::umask(previous);
   if (bound != 0 || ::chmod(text.c_str(), mode) != 0 || ::listen(fd, SOMAXCONN) != 0) {
     const std::string reason = std::strerror(bound != 0 ? bindError : errno);
     ::close(fd);
