@@ -50,25 +50,7 @@ void generateYear(const fs::path& file) {
       sample(t, charging ? 20.0 : -9.0, 20 + 70 * phase, 28 + 15 * phase, 30.0,
              charging ? 45.0 : 0.0, charging ? 1.0 : 0.0, 0.6, 2.0 + phase, 0.8, 0.0, 0.4);
     }
-    Insert day(db,
-               "INSERT INTO daily_battery_metrics (day_key, day_start, nominal_capacity_mah, "
-               "design_capacity_mah, cycle_count, health_pct, avg_temperature_c, "
-               "max_temperature_c) VALUES (?,?,?,?,?,?,?,?)");
-    Insert session(db,
-                   "INSERT INTO sessions (id, start_time, end_time, start_pct, end_pct, "
-                   "is_charging, mode, quality, confidence, collected_duration_s) "
-                   "VALUES (?,?,?,?,?,?,'battery','measured',0.9,3600)");
-    for (int d = 0; d < 365; ++d) {
-      const double start = kStart + d * kDay;
-      const std::string key = formatIso8601(fromUnixSeconds(start)).substr(0, 10);
-      day(key, start, 5000 - 2.0 * d, 5000.0, 1.0 * d, 100 - 0.04 * d, 34.0, 41.0);
-      for (int s = 0; s < 3; ++s) {
-        char id[37];
-        std::snprintf(id, sizeof id, "00000000-0000-4000-8000-%012d", d * 3 + s);
-        session(std::string(id), start + s * 28800, start + s * 28800 + 3600, 30.0, 80.0,
-                s == 2 ? 1.0 : 0.0);
-      }
-    }
+    bench::fillDaysAndSessions(db, kStart, 365);
     Insert energy(db,
                   "INSERT INTO process_energy (timestamp, process_name, avg_cpu, avg_watts, "
                   "peak_watts, observed_duration_s, energy_wh, coverage_ratio, quality, source) "

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <thread>
 
+#include "platform/linux/private_message_bus.hpp"
 #include "platform/linux/sysfs_tree.hpp"
 
 namespace quorel {
@@ -102,24 +103,10 @@ class FakeLogind {
 class LogindLidProbeTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    daemon_ = ::popen(
-        "exec dbus-daemon --session --nofork --nopidfile --print-address=1 --print-pid=1 "
-        "2>/dev/null",
-        "r");
-    char address[512];
-    char pid[32];
-    ASSERT_TRUE(daemon_ && std::fgets(address, sizeof address, daemon_) &&
-                std::fgets(pid, sizeof pid, daemon_))
-        << "no private message bus: install the dbus-daemon package.";
-    address_.assign(address, std::strcspn(address, "\n"));
-    pid_ = static_cast<pid_t>(std::atol(pid));
+    ASSERT_TRUE(bus_.start()) << "no private message bus: install the dbus-daemon package.";
+    address_ = bus_.address();
   }
-  void TearDown() override {
-    if (pid_ > 0) ::kill(pid_, SIGTERM);
-    if (daemon_) ::pclose(daemon_);
-  }
-  FILE* daemon_ = nullptr;
-  pid_t pid_ = 0;
+  testing::PrivateMessageBus bus_;
   std::string address_;
 };
 

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "core/clock.hpp"
+#include "platform/linux/private_message_bus.hpp"
 #include "support/log_capture.hpp"
 
 namespace quorel {
@@ -152,27 +153,11 @@ bool eventually(const std::function<bool()>& condition, const std::function<void
 class LogindSleepMonitorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    // The daemon prints its address, then its pid, a line each.
-    daemon_ = ::popen(
-        "exec dbus-daemon --session --nofork --nopidfile --print-address=1 --print-pid=1 "
-        "2>/dev/null",
-        "r");
-    char address[512];
-    char pid[32];
-    // The install script installs it; a machine without it cannot vouch for this adapter.
-    ASSERT_TRUE(daemon_ && std::fgets(address, sizeof address, daemon_) &&
-                std::fgets(pid, sizeof pid, daemon_))
-        << "no private message bus: install the dbus-daemon package.";
-    address_.assign(address, std::strcspn(address, "\n"));
-    pid_ = static_cast<pid_t>(std::atol(pid));
+    ASSERT_TRUE(bus_.start()) << "no private message bus: install the dbus-daemon package.";
+    address_ = bus_.address();
   }
   void TearDown() override { killBus(); }
-  void killBus() {
-    if (pid_ > 0) ::kill(pid_, SIGTERM);
-    if (daemon_) ::pclose(daemon_);
-    daemon_ = nullptr;
-    pid_ = 0;
-  }
+  void killBus() { bus_.stop(); }
   bool deliver(Recorder& recorder, std::size_t n) {
     const bool arrived =
         eventually([&] { return recorder.events.size() >= n; }, [&] { main_.runPending(); });
@@ -180,8 +165,7 @@ class LogindSleepMonitorTest : public ::testing::Test {
     return arrived;
   }
 
-  FILE* daemon_ = nullptr;
-  pid_t pid_ = 0;
+  testing::PrivateMessageBus bus_;
   std::string address_;
   const SystemClock clock_;
   SerialQueue main_{"test.main", clock_};
