@@ -7,7 +7,7 @@ set -eu
 
 packages="g++ cmake ninja-build pkg-config libsqlite3-dev libasio-dev nlohmann-json3-dev
 libspdlog-dev libfmt-dev libcli11-dev libssl-dev libsystemd-dev libgtest-dev libgmock-dev
-libbenchmark-dev sqlite3 dbus-daemon"
+libbenchmark-dev libical-dev sqlite3 dbus-daemon"
 if [ "${1:-}" = "--ci" ]; then
   packages="$packages clang libclang-rt-14-dev clang-format"
 fi
