@@ -16,6 +16,10 @@ esac
 
 "$root/scripts/install-deps.sh"
 jobs="$(nproc 2>/dev/null || echo 2)"
+# The assistants' end-to-end test runs the MCP client SDK pinned in its lock file.
+if command -v npm >/dev/null 2>&1; then
+  npm ci --prefix "$root/tests/e2e/mcp_sdk" --no-audit --no-fund --loglevel=error >&2
+fi
 
 # A skipped test is a test that did not run; here it counts as a failure, whoever runs the suite.
 run_ctest() {

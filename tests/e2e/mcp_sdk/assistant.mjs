@@ -58,7 +58,8 @@ function allTimes(object, keys, where, nullable = false) {
 
 const PHASES = ['On Battery', 'Charging', 'Plugged In', 'Fully Charged', 'On Hold', 'Charge Limit',
   'Thermal Hold', 'Supplementing', 'Boot Surge', 'No Battery'];
-const QUALITIES = ['measured', 'inferred', 'estimated', 'unavailable', 'rejected'];
+const QUALITIES = ['measured', 'estimated', 'inferred', 'legacy', 'rejected', 'unavailable'];
+const SESSION_MODES = ['battery', 'charging', 'holding', 'supplementing', 'force_discharge', 'legacy'];
 const SPEEDS = ['USB 1.0', 'USB 1.1', 'USB 2.0', 'USB 3.0', 'USB 3.1', 'USB 3.2', 'USB'];
 const DEVICE_TYPES = ['hub', 'storage', 'audio', 'hid', 'camera', 'printer', 'network', 'smartCard',
   'wireless', 'vendor', 'unknown'];
@@ -325,6 +326,9 @@ function checkSample(s, where) {
   const sum = present.reduce((a, k) => a + s[k], 0);
   check(present.length === 0 ? s.component_sum_w === null : near(s.component_sum_w, sum),
     `${where}: component_sum_w ${s.component_sum_w}, the present parts add to ${sum}`);
+  for (const k of ['component_quality', 'system_power_quality', 'wall_estimate_quality']) {
+    check(QUALITIES.includes(s[k]), `${where}.${k} ${show(s[k])}`);
+  }
 }
 
 function secondsBetween(from, to) { return (Date.parse(to) - Date.parse(from)) / 1000; }
@@ -444,6 +448,8 @@ async function checkSessions(client, yearOfHistory) {
     check(s.energy_definition === 'absolute battery-side energy over collected intervals',
       `${at}.energy_definition`);
     check(typeof s.charging === 'boolean', `${at}.charging`);
+    check(SESSION_MODES.includes(s.mode) && QUALITIES.includes(s.quality),
+      `${at}: mode ${show(s.mode)}, quality ${show(s.quality)}`);
   });
   const one = await call(client, 'list_sessions', { limit: -3 });
   check(one.count === Math.min(1, list.count), `limit -3 gave ${one.count} sessions`);
@@ -473,6 +479,7 @@ async function checkHealth(client, yearOfHistory) {
     if (!exactKeys(p, TREND_KEYS, at)) return;
     allTimes(p, ['t'], at);
     allNumbersOrNull(p, TREND_KEYS.filter((k) => k !== 't' && k !== 'quality'), at);
+    check(QUALITIES.includes(p.quality), `${at}.quality ${show(p.quality)}`);
   });
   if (yearOfHistory) {
     check(health.count >= 365, `a year of daily metrics gave ${health.count} points`);
