@@ -34,12 +34,15 @@ std::optional<TimePoint> parseIso8601(std::string_view t) {
   if (!date.ok()) return std::nullopt;
 
   std::size_t at = 19;
-  double fraction = 0;
+  // The fraction is kept in whole nanoseconds apart from the seconds: added to a present-day
+  // count of seconds in a double it would lose its last digits, and ".123" would write back
+  // as ".122".
+  std::int64_t fraction_ns = 0;
   if (at < t.size() && t[at] == '.') {
-    double scale = 0.1;
+    std::int64_t scale = 100'000'000;
     const std::size_t start = ++at;
     while (at < t.size() && t[at] >= '0' && t[at] <= '9') {
-      fraction += (t[at] - '0') * scale;
+      fraction_ns += (t[at] - '0') * scale;
       scale /= 10;
       ++at;
     }
@@ -61,7 +64,8 @@ std::optional<TimePoint> parseIso8601(std::string_view t) {
 
   const std::int64_t days = std::chrono::sys_days(date).time_since_epoch().count();
   const std::int64_t utc = days * 86400 + *hour * 3600 + *minute * 60 + *second;
-  return fromUnixSeconds(static_cast<double>(utc) - offsetSeconds + fraction);
+  return TimePoint{std::chrono::duration_cast<TimePoint::duration>(
+      std::chrono::seconds(utc - offsetSeconds) + std::chrono::nanoseconds(fraction_ns))};
 }
 
 }  // namespace quorel

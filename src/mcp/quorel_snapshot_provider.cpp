@@ -1,5 +1,7 @@
 #include "mcp/quorel_snapshot_provider.hpp"
 
+#include <chrono>
+
 #include "core/iso8601.hpp"
 #include "mcp/snapshot_history.hpp"
 #include "store/quorel_database.hpp"
@@ -15,8 +17,11 @@ JSONValue notAvailable(std::string_view reason) {
   return JSONValue::object({{"available", false}, {"reason", reason}});
 }
 
+// In the clock's own ticks: a round trip through a double's seconds moves a present-day time
+// by up to a quarter microsecond, and the window's start then writes a millisecond early.
 TimePoint secondsBefore(TimePoint t, double seconds) {
-  return fromUnixSeconds(toUnixSeconds(t) - seconds);
+  return t -
+         std::chrono::duration_cast<TimePoint::duration>(std::chrono::duration<double>(seconds));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -77,9 +78,17 @@ TEST(Iso8601Test, ReadsFractionsAndOffsetsAndRefusesWhatIsNoInstant) {
         "2027-01-15T08:00:00+24:00", "2027-1-15T08:00:00Z"}) {
     EXPECT_FALSE(parseIso8601(bad)) << bad;
   }
-  // What formatIso8601 writes, it reads back.
-  const TimePoint t = fromUnixSeconds(kT0 + 12.345);
-  EXPECT_EQ(formatIso8601(*parseIso8601(formatIso8601(t))), formatIso8601(t));
+  // What formatIso8601 writes, it reads back, every millisecond of a present-day second.
+  for (int ms = 0; ms < 1000; ++ms) {
+    char text[32];
+    std::snprintf(text, sizeof text, "2026-11-23T22:29:12.%03dZ", ms);
+    const auto parsed = parseIso8601(text);
+    ASSERT_TRUE(parsed) << text;
+    EXPECT_EQ(formatIso8601(*parsed), text);
+  }
+  EXPECT_EQ(formatIso8601(*parseIso8601("2027-01-15T08:00:00.1239999999Z")),
+            "2027-01-15T08:00:00.123Z")
+      << "digits past the nanosecond are dropped, not rounded up";
 }
 
 }  // namespace

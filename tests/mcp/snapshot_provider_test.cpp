@@ -239,6 +239,12 @@ TEST_F(SnapshotProviderTest, HistoryWindowsDefaultFromTheEndAndCountTheirSamples
   v = answer(
       [&](auto reply) { provider->topEnergyApps({}, "2027-01-14T08:00:00.5+00:00", 8, reply); });
   EXPECT_EQ(v.member("from"), JSONValue("2027-01-13T08:00:00.500Z"));
+
+  // Milliseconds that no binary fraction holds exactly still give a window of exactly an hour.
+  v = answer(
+      [&](auto reply) { provider->queryPowerHistory({}, "2027-01-15T07:00:00.123Z", 240, reply); });
+  EXPECT_EQ(v.member("from"), JSONValue("2027-01-15T06:00:00.123Z"));
+  EXPECT_EQ(v.member("to"), JSONValue("2027-01-15T07:00:00.123Z"));
 }
 
 TEST_F(SnapshotProviderTest, ConfidenceLosesForRejectedAndEstimatedValuesWithinItsCaps) {
