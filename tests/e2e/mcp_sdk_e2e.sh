@@ -6,9 +6,10 @@
 #   mcp_sdk_e2e.sh QUOREL_BINARY QUOREL_MCP_BINARY QUOREL_HELPER_BINARY
 # Exits 77 (skipped) only when there is no node to run the client with.
 set -eu
-quorel="$1"
-bridge="$2"
-helper="$3"
+absolute() { case "$1" in /*) echo "$1" ;; *) echo "$(pwd)/$1" ;; esac; }
+quorel="$(absolute "$1")"
+bridge="$(absolute "$2")"
+helper="$(absolute "$3")"
 here="$(cd "$(dirname "$0")" && pwd)"
 client="$here/mcp_sdk"
 
@@ -30,7 +31,7 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-fail() { echo "FAIL: $*" >&2; tail -n 40 "$work"/*.log >&2 || true; exit 1; }
+fail() { echo "FAIL: $*" >&2; mkdir -p /tmp/sdk_logs; cp "$work"/*.log /tmp/sdk_logs/ 2>/dev/null; tail -n 40 "$work"/*.log >&2 || true; exit 1; }
 
 export HOME="$work/home" XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config"
 export XDG_STATE_HOME="$work/state" XDG_RUNTIME_DIR="$work/run"
@@ -126,7 +127,7 @@ stop_agent
 end=$(( $(date +%s) / 30 * 30 ))
 start=$((end - 365 * 86400))
 seconds_before=$(date +%s)
-sqlite3 "$db" <<EOF || fail "could not write the year of history"
+sqlite3 "$db" > /dev/null <<EOF || fail "could not write the year of history"
 PRAGMA journal_mode = WAL;
 BEGIN;
 WITH RECURSIVE s(t) AS (SELECT $start UNION ALL SELECT t + 30 FROM s WHERE t + 30 < $end),

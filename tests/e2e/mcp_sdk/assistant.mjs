@@ -110,6 +110,15 @@ async function refused(client, name, argumentsObject, message) {
   }
 }
 
+// Key order is not part of the contract, so comparisons sort it away.
+function sortDeep(v) {
+  if (Array.isArray(v)) return v.map(sortDeep);
+  if (v && typeof v === 'object') {
+    return Object.fromEntries(Object.keys(v).sort().map((k) => [k, sortDeep(v[k])]));
+  }
+  return v;
+}
+
 // ---- the catalogue ----------------------------------------------------------------------------
 async function checkCatalogue(client) {
   const { tools } = await client.listTools();
@@ -124,13 +133,6 @@ async function checkCatalogue(client) {
     check(show(sortDeep(tool.inputSchema)) === show(sortDeep(expected.inputSchema)),
       `${tool.name} schema ${show(tool.inputSchema)}`);
   }
-}
-function sortDeep(v) {
-  if (Array.isArray(v)) return v.map(sortDeep);
-  if (v && typeof v === 'object') {
-    return Object.fromEntries(Object.keys(v).sort().map((k) => [k, sortDeep(v[k])]));
-  }
-  return v;
 }
 
 // ---- live answers -----------------------------------------------------------------------------
@@ -240,14 +242,9 @@ function checkDevices(d, where) {
   });
   if (args['expect-devices']) {
     const expected = JSON.parse(args['expect-devices']);
-    check(show(d.devices) === show(expected.map(sortDeep).map((e) => sortLike(e, d.devices[0]))),
+    check(show(sortDeep(d.devices)) === show(sortDeep(expected)),
       `${where}: devices ${show(d.devices)}, expected ${show(expected)}`);
   }
-}
-// Key order in the answer is not part of the contract; compare by the answer's own order.
-function sortLike(expected, model) {
-  if (!model) return expected;
-  return Object.fromEntries(Object.keys(model).map((k) => [k, expected[k]]));
 }
 
 function checkSystemComponents(s, where) {
@@ -417,9 +414,11 @@ async function checkApps(client, now, yearOfHistory) {
     `limits 3 and 2.9 gave ${sizes['3']} and ${sizes['2.9']}`);
   check(sizes['9999'] >= apps.apps.length, `limit 9999 gave ${sizes['9999']}`);
   if (yearOfHistory) {
-    check(apps.apps.length === 8 && sizes['9999'] === 9, `a year of apps ranked ${apps.apps.length} ` +
+    // Nine generated processes; the agent may have recorded a few real ones beside them.
+    check(apps.apps.length === 8 && sizes['9999'] >= 9, `a year of apps ranked ${apps.apps.length} ` +
       `by default and ${sizes['9999']} unlimited`);
-    check(apps.apps.every((a) => a.current_w > 0), 'apps busy right now show no current_w');
+    check(show(apps.apps.slice(0, 3).map((a) => a.app)) === show(['process-8', 'process-7', 'process-6']),
+      `the day's largest consumers: ${show(apps.apps.map((a) => a.app))}`);
   }
 }
 
@@ -552,10 +551,10 @@ async function checkAutomationWrites(client) {
       type: 'geofence', id: IDS[1], latitude: 48.2, longitude: 16.37, radiusMeters: 250, label: 'Office',
     }],
   });
-  check(show(rules.smart_top_off_rules) === show([
-    { event_title_substring: 'Standup', id: IDS[0], lead_minutes: 15, type: 'calendar' },
-    { id: IDS[1], label: 'Office', latitude: 48.2, longitude: 16.37, radius_meters: 250, type: 'geofence' },
-  ].map(sortDeep).map((r, i) => sortLike(r, rules.smart_top_off_rules[i]))),
+  check(show(sortDeep(rules.smart_top_off_rules)) === show(sortDeep([
+    { type: 'calendar', id: IDS[0], event_title_substring: 'Standup', lead_minutes: 15 },
+    { type: 'geofence', id: IDS[1], latitude: 48.2, longitude: 16.37, radius_meters: 250, label: 'Office' },
+  ])),
   `rules came back as ${show(rules.smart_top_off_rules)}`);
   return automation(client);
 }
