@@ -6,6 +6,10 @@
 #   mcp_sdk_e2e.sh QUOREL_BINARY QUOREL_MCP_BINARY QUOREL_HELPER_BINARY
 # Exits 77 (skipped) only when there is no node to run the client with.
 set -eu
+if ! command -v node > /dev/null 2>&1; then
+  echo "SKIP: node is not installed, so the MCP client SDK cannot run (scripts/install-deps.sh)"
+  exit 77
+fi
 absolute() { case "$1" in /*) echo "$1" ;; *) echo "$(pwd)/$1" ;; esac; }
 quorel="$(absolute "$1")"
 bridge="$(absolute "$2")"
@@ -13,10 +17,6 @@ helper="$(absolute "$3")"
 here="$(cd "$(dirname "$0")" && pwd)"
 client="$here/mcp_sdk"
 
-if ! command -v node > /dev/null 2>&1; then
-  echo "SKIP: node is not installed, so the MCP client SDK cannot run (scripts/install-deps.sh)"
-  exit 77
-fi
 if [ ! -d "$client/node_modules/@modelcontextprotocol/sdk" ]; then
   command -v npm > /dev/null 2>&1 || { echo "FAIL: node without npm to install the SDK" >&2; exit 1; }
   npm ci --prefix "$client" --no-audit --no-fund --loglevel=error > /dev/null ||
@@ -31,7 +31,7 @@ cleanup() {
   rm -rf "$work"
 }
 trap cleanup EXIT
-fail() { echo "FAIL: $*" >&2; mkdir -p /tmp/sdk_logs; cp "$work"/*.log /tmp/sdk_logs/ 2>/dev/null; tail -n 40 "$work"/*.log >&2 || true; exit 1; }
+fail() { echo "FAIL: $*" >&2; tail -n 40 "$work"/*.log >&2 || true; exit 1; }
 
 export HOME="$work/home" XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config"
 export XDG_STATE_HOME="$work/state" XDG_RUNTIME_DIR="$work/run"

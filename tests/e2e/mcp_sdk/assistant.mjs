@@ -527,6 +527,18 @@ async function controlState(client) {
   check(['available', 'intel_mac', 'no_battery', 'helper_unsupported_os'].includes(state.availability),
     `availability ${show(state.availability)}`);
   allTimes(state, ['last_discharge_abort_at'], 'get_battery_control_state', true);
+  for (const k of ['helper_enabled', 'helper_ready', 'is_on_external_power', 'is_clamshell_closed']) {
+    check(typeof state[k] === 'boolean', `get_battery_control_state.${k} is ${show(state[k])}`);
+  }
+  // Without a helper's state these are unknown, and say so with null rather than a guess.
+  for (const k of ['force_discharge_active', 'top_up_active', 'heat_pause_active']) {
+    check(state[k] === null || typeof state[k] === 'boolean', `get_battery_control_state.${k}`);
+  }
+  for (const k of ['charge_limit', 'sailing_band', 'capacity_percent']) {
+    check(integerOrNull(state[k]), `get_battery_control_state.${k} is ${show(state[k])}`);
+  }
+  check(state.charge_limit === null || (state.charge_limit >= 20 && state.charge_limit <= 100),
+    `charge_limit ${state.charge_limit}`);
   return state;
 }
 async function automation(client) {
@@ -677,6 +689,14 @@ async function main() {
     await checkLive(client);
     await checkHistory(client, { yearOfHistory: machine === 'year' });
     const state = await controlState(client);
+    const battery = await call(client, 'get_battery_status');
+    // The gating inputs are the same live reading the battery tool shows.
+    if (battery.available) {
+      check(state.is_on_external_power === battery.external_connected,
+        `control state on external power ${state.is_on_external_power}, battery ${battery.external_connected}`);
+      check(Math.abs(state.capacity_percent - battery.percent) <= 1,
+        `control state capacity ${state.capacity_percent}, battery ${battery.percent}`);
+    }
     const helperReady = state.helper_ready === true;
     const notEnabled = 'Battery control isn\'t enabled — turn it on in Quorel → Settings → Battery Control.';
     if (machine === 'helper') check(helperReady, `the helper is not ready: ${show(state)}`);
