@@ -112,10 +112,18 @@ devices='[
  {"name":"USB Keyboard","vendor_name":"Logitech","device_type":"hid","speed":"USB 1.1","bus_power_used_ma":98,"vendor_id":1133,"product_id":49948},
  {"name":"USB2.0 Hub","vendor_name":null,"device_type":"hub","speed":"USB 2.0","bus_power_used_ma":100,"vendor_id":1507,"product_id":1552}]'
 
-# --- 1. The simulated machine, over HTTP and through the bridge.
+# --- 1. The simulated machine, over HTTP and through the bridge; then on its adapter with a
+# power-in reading and two devices plugged in, which it lists in the order of its toggles.
 start_agent sandbox --sandbox
 assistant --machine sandbox
 assistant --machine sandbox --bridge "$bridge"
+stop_agent
+printf '%s\n' '{"powerSource": "AC (Supplementing)", "adapterWatts": 30, "systemLoad": "Heavy",' \
+  '"keyboard": true, "webcam": true}' > "$work/sandbox.json"
+start_agent sandbox-ac --sandbox --sandbox-config "$work/sandbox.json"
+assistant --machine sandbox --label sandbox-on-ac --expect-devices '[
+ {"name":"Magic Keyboard","vendor_name":"Apple Inc.","bus_power_used_ma":20,"vendor_id":1452,"product_id":668},
+ {"name":"Logitech C920","vendor_name":"Logitech","bus_power_used_ma":500,"vendor_id":1133,"product_id":2093}]'
 stop_agent
 
 # --- 2. The fake battery with a year of history. The agent makes the schema; the year goes in
