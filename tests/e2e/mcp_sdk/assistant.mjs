@@ -409,8 +409,8 @@ async function checkApps(client, now, yearOfHistory) {
   });
   // The limits: clamped to 1..500, a wrong type means the default, a fraction is cut.
   const sizes = {};
-  for (const [label, limit] of [['3', 3], ['0', 0], ['x', 'x'], ['2.9', 2.9], ['9999', 9999]]) {
-    sizes[label] = (await call(client, 'top_energy_apps', { limit })).apps.length;
+  for (const [name, limit] of [['3', 3], ['0', 0], ['x', 'x'], ['2.9', 2.9], ['9999', 9999]]) {
+    sizes[name] = (await call(client, 'top_energy_apps', { limit })).apps.length;
   }
   check(sizes['0'] === Math.min(1, apps.apps.length), `limit 0 gave ${sizes['0']} apps`);
   check(sizes.x === apps.apps.length, `limit "x" gave ${sizes.x}, the default gave ${apps.apps.length}`);
@@ -554,6 +554,9 @@ async function automation(client) {
 const CALENDAR = (id, extra = {}) => ({
   type: 'calendar', id, eventTitleSubstring: 'Standup', leadMinutes: 15, ...extra,
 });
+const GEOFENCE = (id, extra = {}) => ({
+  type: 'geofence', id, latitude: 48.2, longitude: 16.37, radiusMeters: 250, label: 'Office', ...extra,
+});
 const IDS = ['6F9619FF-8B86-D011-B42D-00C04FC964FF', '1B4E28BA-2FA1-11D2-883F-0016D3CCA427',
   '3F2504E0-4F89-11D3-9A0C-0305E82C3301', '7C9E6679-7425-40DE-944B-E07FC1F90AE7'];
 
@@ -563,9 +566,7 @@ async function checkAutomationWrites(client) {
   check(written.heat_protection_threshold_c === 44 && written.heat_protection_hysteresis_c === 4,
     `set_heat_protection 44.9/4 answered ${show(written)}`);
   const rules = await call(client, 'set_smart_topoff_rules', {
-    rules: [CALENDAR(IDS[0].toLowerCase()), {
-      type: 'geofence', id: IDS[1], latitude: 48.2, longitude: 16.37, radiusMeters: 250, label: 'Office',
-    }],
+    rules: [CALENDAR(IDS[0].toLowerCase()), GEOFENCE(IDS[1])],
   });
   check(show(sortDeep(rules.smart_top_off_rules)) === show(sortDeep([
     { type: 'calendar', id: IDS[0], event_title_substring: 'Standup', lead_minutes: 15 },
@@ -612,7 +613,14 @@ async function checkRefusals(client, { commandRefusal }) {
       `${decode}Attempted to decode UUID from invalid UUID string. at \`Index 0.id\``],
     ['set_smart_topoff_rules', { rules: [CALENDAR(IDS[0]), CALENDAR(IDS[0].toLowerCase())] },
       `Rule 1: duplicate rule id ${IDS[0]} — every rule needs a unique id.`],
+    ['set_smart_topoff_rules', { rules: [CALENDAR(IDS[0], { leadMinutes: 15.5 })] },
+      `${decode}Parsed JSON number <15.5> does not fit in Int. at \`Index 0.leadMinutes\``],
+    ['set_smart_topoff_rules', { rules: [GEOFENCE(IDS[0], { latitude: 91 })] },
+      `${decode}latitude 91.0 outside [-90, 90] or non-finite at \`Index 0.latitude\``],
+    ['set_smart_topoff_rules', { rules: [GEOFENCE(IDS[0]), GEOFENCE(IDS[1], { radiusMeters: 99.5 })] },
+      `${decode}radiusMeters 99.5 outside 100.0...1000.0 or non-finite at \`Index 1.radiusMeters\``],
     ['set_smart_topoff_rules', { rules: IDS.map((id) => CALENDAR(id)) }, 'At most 3 calendar rules are allowed.'],
+    ['set_smart_topoff_rules', { rules: [GEOFENCE(IDS[0]), GEOFENCE(IDS[1])] }, 'At most 1 geofence rule is allowed.'],
     ['Get_Current_Power', {}, 'Invalid params: Unknown tool: Get_Current_Power'],
     ['get_current_power ', {}, 'Invalid params: Unknown tool: get_current_power '],
   ];
