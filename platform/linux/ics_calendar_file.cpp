@@ -8,6 +8,8 @@
 #include <optional>
 #include <set>
 
+#include "core/local_time.hpp"
+
 namespace quorel {
 
 namespace {
@@ -61,15 +63,14 @@ icaltimetype withZone(icaltimetype t, icalproperty* p, icalcomponent* calendar) 
 std::time_t absoluteTime(icaltimetype t, const icaltimezone* floating) {
   if (t.zone) return icaltime_as_timet_with_zone(t, t.zone);
   if (floating) return icaltime_as_timet_with_zone(t, floating);
-  std::tm tm{};
-  tm.tm_year = t.year - 1900;
-  tm.tm_mon = t.month - 1;
-  tm.tm_mday = t.day;
-  tm.tm_hour = t.is_date ? 0 : t.hour;
-  tm.tm_min = t.is_date ? 0 : t.minute;
-  tm.tm_sec = t.is_date ? 0 : t.second;
-  tm.tm_isdst = -1;
-  return std::mktime(&tm);
+  const LocalDateTime local{t.year,
+                            t.month,
+                            t.day,
+                            t.is_date ? 0 : t.hour,
+                            t.is_date ? 0 : t.minute,
+                            t.is_date ? 0 : t.second};
+  const auto at = fromLocalDateTime(local);
+  return at ? static_cast<std::time_t>(toUnixSeconds(*at)) : 0;
 }
 
 // `at` as a wall time in the zone `like` is kept in, for starting a rule's iteration late.
@@ -79,15 +80,14 @@ icaltimetype wallTimeLike(std::time_t at, const icaltimetype& like, const icalti
     t.zone = like.zone;
     return t;
   }
-  std::tm tm{};
-  localtime_r(&at, &tm);
+  const LocalDateTime local = localDateTime(std::chrono::system_clock::from_time_t(at));
   icaltimetype t = icaltime_null_time();
-  t.year = tm.tm_year + 1900;
-  t.month = tm.tm_mon + 1;
-  t.day = tm.tm_mday;
-  t.hour = tm.tm_hour;
-  t.minute = tm.tm_min;
-  t.second = tm.tm_sec;
+  t.year = local.year;
+  t.month = local.month;
+  t.day = local.day;
+  t.hour = local.hour;
+  t.minute = local.minute;
+  t.second = local.second;
   return t;
 }
 
