@@ -4,12 +4,10 @@
 // preference file directly, so it needs no agent; a running agent picks the change up through
 // its watch of that file.
 
-#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <optional>
 #include <string>
 
-#include "commands.hpp"
 #include "core/clock.hpp"
 #include "platform/linux/ics_calendar_source.hpp"
 
@@ -39,21 +37,5 @@ struct CalendarsCommandEnvironment {
 CalendarsCommandResult runCalendarsCommand(const CalendarsCommandArguments& arguments,
                                            const CalendarsCommandEnvironment& environment,
                                            const Clock& clock);
-
-// The words of `quorel calendars`, registered on the program's parser.
-class CalendarsCommandLine {
- public:
-  explicit CalendarsCommandLine(CLI::App& app);
-  bool selected() const;
-  int run(const CommandContext& context) const;
-
- private:
-  CLI::App* command_ = nullptr;
-  CLI::App* list_ = nullptr;
-  CLI::App* add_ = nullptr;
-  CLI::App* remove_ = nullptr;
-  bool json_ = false;
-  std::string path_;
-};
 
 }  // namespace quorel

@@ -10,7 +10,7 @@
 
 #include "agent.hpp"
 #include "battery_command_line.hpp"
-#include "calendars_command.hpp"
+#include "calendars_command_line.hpp"
 #include "commands.hpp"
 #include "core/logging.hpp"
 #include "core/version.hpp"

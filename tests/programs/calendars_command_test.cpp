@@ -1,4 +1,4 @@
-#include "calendars_command.hpp"
+#include "programs/quorel/calendars_command.hpp"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
