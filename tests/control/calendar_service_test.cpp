@@ -134,13 +134,6 @@ TEST(CalendarService, KeepsEventsFifteenMinutesUnlessInvalidated) {
   EXPECT_EQ(f.source.fetches, 4);
 }
 
-TEST(CalendarService, AsksForAccessOnce) {
-  Fixture f;
-  f.service.ensureAccess();
-  f.service.ensureAccess();
-  EXPECT_EQ(f.source.refreshes, 1);
-}
-
 TEST(CalendarServiceTopOffAdapter, LooksOnlyWhileNothingIsDeterminedAndGivesNothingWithoutAccess) {
   ManualClock clock;
   ScriptedSource source;

@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 #include <random>
+#include <thread>
 
 #include "control/calendar_service.hpp"
 #include "core/iso8601.hpp"
@@ -277,6 +279,36 @@ TEST(IcsCalendarSource, ReadsAFileAgainOnlyWhenItChanged) {
   EXPECT_TRUE(source.refresh());
   EXPECT_EQ(source.authorization(), CalendarAuthorization::denied);
   EXPECT_TRUE(source.events(from, to).empty());
+}
+
+// The agent reads on its utility queue while the rules engine reads on the main queue and the
+// user saves the file; every reader must see one version or the other.
+TEST(IcsCalendarSource, ReadersOnTwoThreadsWhileTheFileIsRewritten) {
+  Home home;
+  // Replaced whole, by rename, as editors and sync tools save.
+  const auto write = [&](const char* title) {
+    const auto staged = home.tree.write(
+        "cal.ics.new",
+        calendar(event("a", std::string("SUMMARY:") + title + "\r\nDTSTART:20261102T090000Z\r\n")));
+    fs::rename(staged, home.tree.root() / "cal.ics");
+  };
+  write("One");
+  IcsCalendarSource source(configured({home.tree.root() / "cal.ics"}));
+  const TimePoint from = at("2026-11-02T00:00:00Z");
+  std::atomic<int> torn{0};
+  auto reader = [&] {
+    for (int i = 0; i < 200; ++i) {
+      const auto events = source.events(from, from + std::chrono::hours(24));
+      source.refresh();
+      if (events.size() != 1 || (events[0].title != "One" && events[0].title != "Two, longer"))
+        ++torn;
+    }
+  };
+  std::thread a(reader), b(reader);
+  for (int i = 0; i < 50; ++i) write(i % 2 ? "One" : "Two, longer");
+  a.join();
+  b.join();
+  EXPECT_EQ(torn, 0);
 }
 
 TEST(CalendarServiceTopOffAdapter, WindowReachesTwoMinutesBackAndTheAskedMinutesAhead) {
