@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <ctime>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <set>
 
@@ -13,6 +14,11 @@
 namespace quorel {
 
 namespace {
+
+std::mutex& libraryMutex() {
+  static std::mutex m;
+  return m;
+}
 
 struct ComponentDeleter {
   void operator()(icalcomponent* c) const { icalcomponent_free(c); }
@@ -222,7 +228,10 @@ void IcsCalendarFile::Impl::expand(const EventRecord& e, std::time_t from, std::
 }
 
 IcsCalendarFile::IcsCalendarFile(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
-IcsCalendarFile::~IcsCalendarFile() = default;
+IcsCalendarFile::~IcsCalendarFile() {
+  std::lock_guard lock(libraryMutex());
+  impl_.reset();
+}
 
 std::shared_ptr<const IcsCalendarFile> IcsCalendarFile::parse(std::string_view text,
                                                               const std::string& floatingTimeZone,
@@ -232,6 +241,7 @@ std::shared_ptr<const IcsCalendarFile> IcsCalendarFile::parse(std::string_view t
     return nullptr;
   };
   const std::string terminated(text);
+  std::lock_guard lock(libraryMutex());
   std::unique_ptr<icalcomponent, ComponentDeleter> root(
       icalparser_parse_string(terminated.c_str()));
   icalerror_clear_errno();
@@ -272,6 +282,7 @@ std::vector<BatteryControlCalendarEvent> IcsCalendarFile::events(TimePoint from,
                                                                  TimePoint to) const {
   std::vector<BatteryControlCalendarEvent> out;
   if (to < from) return out;
+  std::lock_guard lock(libraryMutex());
   // Whole seconds: iCalendar has no finer times, and an event at the very edge still counts.
   const std::time_t lo =
       std::chrono::system_clock::to_time_t(std::chrono::ceil<std::chrono::seconds>(from));

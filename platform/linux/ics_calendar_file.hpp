@@ -2,7 +2,8 @@
 // One iCalendar file, parsed once by libical and kept so that its events can be expanded over any
 // window: recurring events through the library's recurrence iterator (RRULE, RDATE, EXDATE, and
 // instances moved or cancelled by a RECURRENCE-ID), times with a TZID through the file's
-// VTIMEZONE or the library's built-in zones. Not thread-safe: the owner serialises every call.
+// VTIMEZONE or the library's built-in zones. Thread-safe: the library keeps its built-in zones
+// in process-wide state, so every call into it from here takes one process-wide lock.
 
 #include <memory>
 #include <string>

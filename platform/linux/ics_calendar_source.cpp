@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -267,6 +268,8 @@ bool IcsCalendarSource::Impl::look() {
   cache = std::move(next);
   sources = std::move(scanned);
 
+  // What each source is and whether it reads, then every file's version: a source that appears,
+  // vanishes or stops reading is a change even when it has no files.
   Fingerprint now;
   for (const auto& s : sources)
     now.emplace_back(s.status.path.string(), fs::file_time_type{}, 0, s.status.readable);

@@ -5,7 +5,7 @@
 //
 // Each file is read again only when its modification time or size changed; a file that is too
 // large or holds no calendar is skipped and logged once per version of it. Thread-safe: one mutex
-// serialises every look, which also keeps the iCalendar library to one thread at a time.
+// serialises every look at the files.
 
 #include <cstdint>
 #include <filesystem>
