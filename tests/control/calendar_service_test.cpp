@@ -82,6 +82,7 @@ TEST(CalendarService, PredictsTheBatteryAtTheFirstEventAheadWithinEightHours) {
        20,
        full,
        std::pair<std::string, double>{CalendarService::kUntitledEventTitle, 40}},
+      {"just past eight hours", {{"Too late", hours(8) + seconds(1)}}, 90, 5, full, std::nullopt},
       {"no drain", {{"Review", hours(2)}}, 80, 0, full, std::nullopt},
       {"charging", {{"Review", hours(2)}}, 80, -12, full, std::nullopt},
       {"not readable", {{"Review", hours(2)}}, 80, 10, CalendarAuthorization::denied, std::nullopt},
@@ -97,13 +98,6 @@ TEST(CalendarService, PredictsTheBatteryAtTheFirstEventAheadWithinEightHours) {
     EXPECT_EQ(predicted->eventName, c.expected->first) << c.name;
     EXPECT_NEAR(predicted->predictedPct, c.expected->second, 1e-9) << c.name;
   }
-}
-
-TEST(CalendarService, AnEventJustPastEightHoursIsNotFetched) {
-  Fixture f;
-  f.source.listed = {{"Too late", f.in(hours(8) + seconds(1))}};
-  EXPECT_EQ(f.service.predictBatteryAtNextEvent(90, 5), std::nullopt);
-  EXPECT_TRUE(f.service.getUpcomingEvents().empty());
 }
 
 TEST(CalendarService, KeepsEventsFifteenMinutesUnlessInvalidated) {
@@ -134,24 +128,6 @@ TEST(CalendarService, KeepsEventsFifteenMinutesUnlessInvalidated) {
   EXPECT_EQ(f.source.fetches, 4);
 }
 
-TEST(CalendarServiceTopOffAdapter, LooksOnlyWhileNothingIsDeterminedAndGivesNothingWithoutAccess) {
-  ManualClock clock;
-  ScriptedSource source;
-  CalendarServiceTopOffAdapter adapter(source, clock);
-  source.listed = {{"Standup", clock.now() + minutes(10)}};
-  for (auto [access, looks] : {std::pair{CalendarAuthorization::notDetermined, 1},
-                               std::pair{CalendarAuthorization::denied, 0},
-                               std::pair{CalendarAuthorization::fullAccess, 0}}) {
-    source.refreshes = 0;
-    source.access = access;
-    adapter.requestAccessIfNeeded();
-    EXPECT_EQ(source.refreshes, looks) << calendarAuthorizationText(access);
-    EXPECT_EQ(adapter.upcomingEvents(15).size(),
-              access == CalendarAuthorization::fullAccess ? 1u : 0u)
-        << calendarAuthorizationText(access);
-  }
-}
-
 TEST(BatteryDrainRatePerHour, ComesFromTheWattsOnBatteryOnly) {
   PowerState draining;
   draining.batteryInstalled = true;
@@ -175,9 +151,6 @@ TEST(BatteryDrainRatePerHour, ComesFromTheWattsOnBatteryOnly) {
   PowerState plugged = draining;
   plugged.externalConnected = true;
   EXPECT_EQ(batteryDrainRatePerHour(plugged), std::nullopt);
-  PowerState charging = draining;
-  charging.smoothedWattage = 15;
-  EXPECT_EQ(batteryDrainRatePerHour(charging), std::nullopt);
 }
 
 }  // namespace
