@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "agent_calendar.hpp"
 #include "app/app_delegate.hpp"
 #include "app/battery_command_socket.hpp"
 #include "app/battery_control_settings.hpp"
@@ -196,6 +197,8 @@ class Agent {
       });
     }
 
+    calendar_ = std::make_unique<AgentCalendar>(CalendarRoots::fromEnvironment(ProcessEnvironment),
+                                                *preferences_, mainQueue_, clock_);
     httpQueue_.start();
     startHelperManager();
     startBatteryControl(*helperManager_);
@@ -222,6 +225,7 @@ class Agent {
     if (thermal_) thermal_->start(mainQueue_);
     pollQueue_.start();
     insightsQueue_.start();
+    calendar_->start();
     mainQueue_.async([this] {
       delegate_->launch();
       insights_->start();
@@ -240,6 +244,7 @@ class Agent {
     mcpServer_.reset();
     commandSocket_.reset();
     batteryCommands_.reset();
+    calendar_.reset();
     snapshot_.reset();
     helperManager_.reset();
     helperIoQueue_.shutdown();
@@ -288,8 +293,8 @@ class Agent {
         .isClamshellClosed = [this] { return lidProbe_->isLidClosed(); },
         .hasExternalDisplay =
             [drm = drmClassPath(options_.sysfsRoot)] { return hasExternalDisplay(drm); },
-        // No calendar file or location source is configured for smart top-off yet.
-        .calendarAuthorization = [] { return CalendarAuthorization::notDetermined; },
+        .calendarAuthorization = [this] { return calendar_->authorization(); },
+        // No location source is configured for smart top-off yet.
         .locationAuthorization = [] { return LocationAuthorization::notDetermined; },
     };
     batteryCommands_ = std::make_unique<BatteryControlCommandService>(
@@ -382,14 +387,16 @@ class Agent {
       viewModel_->loadLifetimeComponentEnergy();
     }
     // The monitor hands out its histories only while someone is watching, so taking them costs
-    // nothing otherwise. Sessions and the calendar have no source here yet; the device list is
-    // read at most every two seconds however often the monitor ticks.
+    // nothing otherwise. Sessions have no source here yet; the device list is read at most
+    // every two seconds however often the monitor ticks.
     ViewModelInputs inputs;
     inputs.populateHistory = true;
     inputs.usbDevices = usbDevices_->fetch();
     inputs.carbonGrams = insights_->carbonGrams();
     inputs.habitScore = insights_->habitScore();
     inputs.habitHistory = insights_->habitHistory();
+    inputs.calendarPrediction =
+        calendar_->prediction(state, settings_->settings().calendarPredictionEnabled);
     viewModel_->update(state, history, inputs);
     if (monitor_->componentCardVisible()) viewModel_->appendLiveSample(state, state.componentPower);
 
@@ -517,6 +524,8 @@ class Agent {
   std::unique_ptr<HabitScoringService> habits_;
   std::unique_ptr<HabitGradeHistoryStore> gradeHistory_;
   std::unique_ptr<InsightsRefresher> insights_;
+  // The calendar prediction, and the calendar the battery commands' automation reports.
+  std::unique_ptr<AgentCalendar> calendar_;
   std::uint64_t settingsSubscription_ = 0;
   std::unique_ptr<StateFilePublisher> statusFile_;
   bool displayPublished_ = false;

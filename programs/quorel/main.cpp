@@ -10,6 +10,7 @@
 
 #include "agent.hpp"
 #include "battery_command_line.hpp"
+#include "calendars_command_line.hpp"
 #include "commands.hpp"
 #include "core/logging.hpp"
 #include "core/version.hpp"
@@ -144,6 +145,7 @@ static int runMain(int argc, char** argv) {
   bool assumeYes = false;
   replaced->add_flag("--yes", assumeYes, "Do not ask for confirmation (for scripts)");
   const quorel::BatteryControlCommands batteryControl(*battery);
+  const quorel::CalendarsCommandLine calendars(app);
 
   auto* settingsCommand = app.add_subcommand(
       "settings",
@@ -264,6 +266,7 @@ static int runMain(int argc, char** argv) {
   options.helperSocket = helperArgs.helperSocket = helperSocket;
   if (*helperCommand) return quorel::runHelperCommand(helperArgs, *helperCommand);
   if (batteryControl.selected()) return batteryControl.run(context);
+  if (calendars.selected()) return calendars.run(context);
 
   if (interval->count() > 0) options.interval = quorel::Seconds{intervalSeconds};
   if (!sandboxConfig.empty()) options.sandboxConfigFile = sandboxConfig;

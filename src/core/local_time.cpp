@@ -57,6 +57,25 @@ LocalDateTime localDateTime(TimePoint t) {
           local.tm_hour,        local.tm_min,     local.tm_sec};
 }
 
+std::optional<TimePoint> fromLocalDateTime(const LocalDateTime& local) {
+  std::tm fields{};
+  fields.tm_year = local.year - 1900;
+  fields.tm_mon = local.month - 1;
+  fields.tm_mday = local.day;
+  fields.tm_hour = local.hour;
+  fields.tm_min = local.minute;
+  fields.tm_sec = local.second;
+  fields.tm_isdst = -1;
+  std::time_t at = -1;
+  {
+    std::lock_guard lock(zoneMutex());
+    ::tzset();
+    at = std::mktime(&fields);
+  }
+  if (at == -1) return std::nullopt;
+  return fromUnixSeconds(static_cast<double>(at));
+}
+
 void setTimeZone(const std::optional<std::string>& zone) {
   std::lock_guard lock(zoneMutex());
   if (zone) {

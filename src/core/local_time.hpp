@@ -36,6 +36,9 @@ struct LocalDateTime {
 // "0000-00-00" opened by `t` itself, and the fields are all zero.
 DayIdentity dayIdentity(TimePoint t);
 LocalDateTime localDateTime(TimePoint t);
+// The moment a local wall time names, in whole seconds; a time skipped or repeated by a change
+// of offset is read as the C library reads it. Absent outside the representable range.
+std::optional<TimePoint> fromLocalDateTime(const LocalDateTime& local);
 // Sets TZ to `zone` (a POSIX or Olson zone), or removes it to fall back on the system zone, and
 // re-reads it. Nothing else in the process may write TZ.
 void setTimeZone(const std::optional<std::string>& zone);
