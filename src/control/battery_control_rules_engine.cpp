@@ -1,11 +1,12 @@
 #include "control/battery_control_rules_engine.hpp"
 
+#include <locale.h>
 #include <spdlog/logger.h>
+#include <wctype.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cmath>
-#include <cwctype>
 #include <set>
 
 #include "control/helper_contract.hpp"
@@ -44,6 +45,14 @@ void appendUtf8(std::string& out, char32_t c) {
   }
 }
 
+// The process's own locale may be "C", whose case tables stop at ASCII; titles are not ASCII.
+// Without a UTF-8 locale on the machine, letters beyond ASCII keep their case.
+std::wint_t lowerCodePoint(std::wint_t c) {
+  static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+  if (utf8 != static_cast<locale_t>(nullptr)) return towlower_l(c, utf8);
+  return c < 0x80 ? static_cast<std::wint_t>(std::tolower(static_cast<int>(c))) : c;
+}
+
 // Lower case by code point, so that "RÉUNION" matches a rule for "réunion". Bytes that are not
 // well-formed UTF-8 pass through unchanged.
 std::string lowercased(const std::string& text) {
@@ -68,7 +77,7 @@ std::string lowercased(const std::string& text) {
       out += text[i++];
       continue;
     }
-    appendUtf8(out, static_cast<char32_t>(std::towlower(static_cast<std::wint_t>(c))));
+    appendUtf8(out, static_cast<char32_t>(lowerCodePoint(static_cast<std::wint_t>(c))));
     i += length;
   }
   return out;
