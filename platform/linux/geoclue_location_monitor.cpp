@@ -302,11 +302,17 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
   }
 
   void close() {
-    if (running && bus) {
-      // Lets the service power the location sources down; bounded like every call.
-      sd_bus_call_method(bus.get(), kService, clientPath.c_str(), kClientInterface, "Stop", nullptr,
-                         nullptr, "");
+    sd_bus_message* stop = nullptr;
+    // Lets the service power the location sources down. Nothing waits for its answer: closing
+    // must not hang on a service that has stopped answering.
+    if (running && bus &&
+        sd_bus_message_new_method_call(bus.get(), &stop, kService, clientPath.c_str(),
+                                       kClientInterface, "Stop") >= 0) {
+      sd_bus_message_set_expect_reply(stop, 0);
+      sd_bus_send(bus.get(), stop, nullptr);
+      sd_bus_flush(bus.get());
     }
+    sd_bus_message_unref(stop);
     running = false;
     lastFix.reset();
     for (auto& [id, watched] : regions) watched.state = RegionState::unknown;

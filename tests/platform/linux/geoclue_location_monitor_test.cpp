@@ -6,9 +6,6 @@
 #include <gtest/gtest.h>
 #include <systemd/sd-bus.h>
 
-#include <atomic>
-#include <deque>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -27,7 +24,7 @@ constexpr double kOfficeLon = 2.3522;
 // One degree of latitude is 111.2 km on the mean sphere.
 constexpr double kMetresPerDegree = 111'195.08;
 
-// The location service, served on a thread of its own; everything it shares is behind `mutex`.
+// The location service, served by the test's thread between its looks (serve()).
 class FakeLocationService {
  public:
   explicit FakeLocationService(const std::string& address, bool refuseStart = false)
@@ -38,58 +35,32 @@ class FakeLocationService {
     EXPECT_GE(sd_bus_start(bus_), 0);
     EXPECT_GE(sd_bus_request_name(bus_, "org.freedesktop.GeoClue2", 0), 0);
     EXPECT_GE(sd_bus_add_fallback(bus_, &slot_, "/org/freedesktop/GeoClue2", &onCall, this), 0);
-    thread_ = std::thread([this] { serve(); });
   }
   ~FakeLocationService() {
-    stopping_ = true;
-    thread_.join();
     sd_bus_slot_unref(slot_);
     sd_bus_flush_close_unref(bus_);
   }
 
-  // Publishes a fix as the service does: a new Location object, then LocationUpdated.
-  void moveTo(double latitude, double longitude) {
-    const std::lock_guard lock(mutex_);
-    jobs_.push_back([this, latitude, longitude] {
-      const std::string previous = locations_.empty() ? "/"
-                                                      : "/org/freedesktop/GeoClue2/Location/" +
-                                                            std::to_string(locations_.size());
-      locations_.push_back({latitude, longitude});
-      const std::string next =
-          "/org/freedesktop/GeoClue2/Location/" + std::to_string(locations_.size());
-      sd_bus_emit_signal(bus_, kClientPath, "org.freedesktop.GeoClue2.Client", "LocationUpdated",
-                         "oo", previous.c_str(), next.c_str());
-    });
+  // Publishes a fix `metres` north of the office as the service does: a new Location object,
+  // then LocationUpdated.
+  void moveTo(double metres) {
+    const std::string previous = locations_.empty() ? "/"
+                                                    : "/org/freedesktop/GeoClue2/Location/" +
+                                                          std::to_string(locations_.size());
+    locations_.push_back(kOfficeLat + metres / kMetresPerDegree);
+    const std::string next =
+        "/org/freedesktop/GeoClue2/Location/" + std::to_string(locations_.size());
+    sd_bus_emit_signal(bus_, kClientPath, "org.freedesktop.GeoClue2.Client", "LocationUpdated",
+                       "oo", previous.c_str(), next.c_str());
+    sd_bus_flush(bus_);
   }
-  std::map<std::string, std::string> properties() {
-    const std::lock_guard lock(mutex_);
-    return properties_;
-  }
-  std::vector<std::string> calls() {
-    const std::lock_guard lock(mutex_);
-    return calls_;
-  }
-
- private:
-  struct Fix {
-    double latitude;
-    double longitude;
-  };
-
   void serve() {
-    while (!stopping_) {
-      std::deque<std::function<void()>> jobs;
-      {
-        const std::lock_guard lock(mutex_);
-        jobs.swap(jobs_);
-      }
-      for (auto& job : jobs) job();
-      while (sd_bus_process(bus_, nullptr) > 0) {
-      }
-      sd_bus_wait(bus_, 5'000);
+    while (sd_bus_process(bus_, nullptr) > 0) {
     }
   }
+  std::map<std::string, std::string> properties;
 
+ private:
   static int onCall(sd_bus_message* call, void* userdata, sd_bus_error*) {
     return static_cast<FakeLocationService*>(userdata)->answer(call);
   }
@@ -97,10 +68,6 @@ class FakeLocationService {
   int answer(sd_bus_message* call) {
     const std::string member = sd_bus_message_get_member(call);
     const std::string path = sd_bus_message_get_path(call);
-    {
-      const std::lock_guard lock(mutex_);
-      calls_.push_back(member);
-    }
     if (member == "GetClient") return sd_bus_reply_method_return(call, "o", kClientPath);
     if (member == "Start" && refuseStart_) {
       return sd_bus_reply_method_errorf(call, SD_BUS_ERROR_ACCESS_DENIED, "not allowed");
@@ -110,28 +77,19 @@ class FakeLocationService {
     const char* name = nullptr;
     if (sd_bus_message_read(call, "ss", &interface, &name) <= 0) return 0;
     if (member == "Set") {
-      const char* type = nullptr;
-      sd_bus_message_peek_type(call, nullptr, &type);
-      std::string value;
-      if (std::string(type) == "s") {
-        const char* text = nullptr;
-        sd_bus_message_read(call, "v", "s", &text);
-        value = text;
-      } else {
-        std::uint32_t number = 0;
-        sd_bus_message_read(call, "v", "u", &number);
-        value = std::to_string(number);
-      }
-      const std::lock_guard lock(mutex_);
-      properties_[name] = value;
+      const char* text = nullptr;
+      std::uint32_t number = 0;
+      const bool isText = std::string(name) == "DesktopId";
+      const int r = isText ? sd_bus_message_read(call, "v", "s", &text)
+                           : sd_bus_message_read(call, "v", "u", &number);
+      properties[name] = r <= 0 ? "?" : isText ? text : std::to_string(number);
       return sd_bus_reply_method_return(call, "");
     }
     // Get on /org/freedesktop/GeoClue2/Location/N.
     const std::size_t n = std::stoul(path.substr(path.rfind('/') + 1));
-    const Fix& fix = locations_.at(n - 1);
     const std::string property = name;
-    const double value = property == "Latitude"    ? fix.latitude
-                         : property == "Longitude" ? fix.longitude
+    const double value = property == "Latitude"    ? locations_.at(n - 1)
+                         : property == "Longitude" ? kOfficeLon
                                                    : 25.0;
     return sd_bus_reply_method_return(call, "v", "d", value);
   }
@@ -139,13 +97,7 @@ class FakeLocationService {
   sd_bus* bus_ = nullptr;
   sd_bus_slot* slot_ = nullptr;
   bool refuseStart_;
-  std::atomic<bool> stopping_{false};
-  std::thread thread_;
-  std::mutex mutex_;
-  std::deque<std::function<void()>> jobs_;
-  std::map<std::string, std::string> properties_;
-  std::vector<std::string> calls_;
-  std::vector<Fix> locations_;  // the service's thread only
+  std::vector<double> locations_;  // latitudes; the service's thread only
 };
 
 // What the monitor reported, from its own thread.
@@ -158,23 +110,26 @@ struct Reports {
       const std::lock_guard lock(mutex);
       events.push_back(std::move(e));
     };
-    return {.onRegionEntry = [add](const std::string& id) { add("entry " + id); },
-            .onAuthorizationChange =
-                [add](LocationAuthorization a) {
-                  add("authorization " + std::string(locationAuthorizationText(a)));
-                },
-            .onDetermineState =
-                [add](const std::string& id, RegionState s) {
-                  add("state " + id + (s == RegionState::inside ? " inside" : " outside"));
-                },
-            .onMonitoringFailed = {}};
+    BatteryControlLocationMonitoring::Callbacks c;
+    c.onRegionEntry = [add](const std::string& id) { add("entry " + id); };
+    c.onAuthorizationChange = [add](LocationAuthorization a) {
+      add("authorization " + std::string(locationAuthorizationText(a)));
+    };
+    c.onDetermineState = [add](const std::string& id, RegionState s) {
+      add("state " + id + (s == RegionState::inside ? " inside" : " outside"));
+    };
+    return c;
   }
   std::vector<std::string> snapshot() {
     const std::lock_guard lock(mutex);
     return events;
   }
-  bool waitFor(std::size_t n) {
-    return testing::waitUntil([&] { return snapshot().size() >= n; }, 10s);
+  bool waitFor(std::size_t n, FakeLocationService* service) {
+    return testing::waitUntil([&] { return snapshot().size() >= n; },
+                              [&] {
+                                if (service) service->serve();
+                              },
+                              10s);
   }
 };
 
@@ -183,9 +138,6 @@ class GeoClueLocationMonitorTest : public ::testing::Test {
   void SetUp() override {
     ASSERT_TRUE(bus_.start()) << "no private message bus: install the dbus-daemon package.";
   }
-  // A point `metres` north of the office.
-  static double northOfOffice(double metres) { return kOfficeLat + metres / kMetresPerDegree; }
-
   testing::PrivateMessageBus bus_;
   const SystemClock clock_;
   Reports reports_;
@@ -199,24 +151,24 @@ TEST_F(GeoClueLocationMonitorTest, ReportsArrivalsOnlyWhenAFixCrossesIntoTheCirc
   GeoClueLocationMonitor monitor(clock_, bus_.address());
   monitor.setCallbacks(reports_.callbacks());
   monitor.requestAlwaysAuthorization();
-  ASSERT_TRUE(reports_.waitFor(1));
+  ASSERT_TRUE(reports_.waitFor(1, &service));
   EXPECT_EQ(monitor.authorization(), LocationAuthorization::authorizedAlways);
-  const auto told = service.properties();
+  const auto told = service.properties;
   EXPECT_EQ(told.at("DesktopId"), "quorel");
   EXPECT_GE(std::stoi(told.at("RequestedAccuracyLevel")), 4) << "coarser than a city";
 
   monitor.startMonitoring({"OFFICE", kOfficeLat, kOfficeLon, 200});
   // Asked before any fix: the answer waits for the first one.
   monitor.requestState("OFFICE");
-  service.moveTo(northOfOffice(250), kOfficeLon);
-  ASSERT_TRUE(reports_.waitFor(2));
-  service.moveTo(northOfOffice(150), kOfficeLon);
-  service.moveTo(northOfOffice(10), kOfficeLon);
-  service.moveTo(northOfOffice(400), kOfficeLon);
-  service.moveTo(northOfOffice(199), kOfficeLon);
-  ASSERT_TRUE(reports_.waitFor(4));
+  service.moveTo(250);
+  ASSERT_TRUE(reports_.waitFor(2, &service));
+  service.moveTo(150);
+  service.moveTo(10);
+  service.moveTo(400);
+  service.moveTo(199);
+  ASSERT_TRUE(reports_.waitFor(4, &service));
   monitor.requestState("OFFICE");
-  ASSERT_TRUE(reports_.waitFor(5));
+  ASSERT_TRUE(reports_.waitFor(5, &service));
   EXPECT_EQ(reports_.snapshot(), (Events{"authorization authorized_always", "state OFFICE outside",
                                          "entry OFFICE", "entry OFFICE", "state OFFICE inside"}));
 
@@ -224,12 +176,10 @@ TEST_F(GeoClueLocationMonitorTest, ReportsArrivalsOnlyWhenAFixCrossesIntoTheCirc
   // last fix without calling it an arrival.
   monitor.stopMonitoring("OFFICE");
   monitor.startMonitoring({"TOWN", kOfficeLat, kOfficeLon, 1000});
-  service.moveTo(northOfOffice(2000), kOfficeLon);
-  service.moveTo(northOfOffice(0), kOfficeLon);
-  ASSERT_TRUE(reports_.waitFor(6));
-  std::this_thread::sleep_for(50ms);
-  EXPECT_EQ(reports_.snapshot().back(), "entry TOWN");
-  EXPECT_EQ(reports_.snapshot().size(), 6u);
+  service.moveTo(2000);
+  service.moveTo(0);
+  ASSERT_TRUE(reports_.waitFor(6, &service));
+  EXPECT_EQ(reports_.snapshot().at(5), "entry TOWN");
 }
 
 TEST_F(GeoClueLocationMonitorTest, ARefusalIsDeniedAndAMissingServiceStaysUndetermined) {
@@ -238,7 +188,7 @@ TEST_F(GeoClueLocationMonitorTest, ARefusalIsDeniedAndAMissingServiceStaysUndete
     GeoClueLocationMonitor monitor(clock_, bus_.address());
     monitor.setCallbacks(reports_.callbacks());
     monitor.requestAlwaysAuthorization();
-    ASSERT_TRUE(reports_.waitFor(1));
+    ASSERT_TRUE(reports_.waitFor(1, &refusing));
     EXPECT_EQ(monitor.authorization(), LocationAuthorization::denied);
     EXPECT_TRUE(logs_.contains("location service refused access — geofence rules are not watched"));
   }
@@ -252,14 +202,6 @@ TEST_F(GeoClueLocationMonitorTest, ARefusalIsDeniedAndAMissingServiceStaysUndete
   monitor.requestState("OFFICE");
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(reports_.snapshot(), Events{"authorization denied"});
-}
-
-TEST(HaversineTest, DistancesMatchTheSphereAcrossTheAntimeridianAndAtThePoles) {
-  // Paris to London, 343.5 km on the mean sphere.
-  EXPECT_NEAR(haversineDistanceMeters(48.8566, 2.3522, 51.5074, -0.1278), 343'560, 500);
-  EXPECT_NEAR(haversineDistanceMeters(0, 179.999, 0, -179.999), 222.4, 0.5);
-  EXPECT_NEAR(haversineDistanceMeters(90, 0, 90, 120), 0, 1e-6);
-  EXPECT_NEAR(haversineDistanceMeters(10, 20, 10, 20), 0, 1e-9);
 }
 
 }  // namespace
