@@ -311,8 +311,8 @@ class Agent {
     }
   }
 
-  // Smart top-off over the calendar files and the desktop's notices, on the main queue. Not yet
-  // called: those two sources come from their own branches and are handed in at the merge.
+  // Smart top-off over the calendar files and the desktop's notices, on the main queue. Nothing
+  // calls it until this program has a calendar source and a notice poster to hand in.
   void startSmartTopOff(BatteryControlCalendarServicing& calendar, NoticePoster& notices) {
     topOff_ = std::make_unique<AgentTopOff>(
         AgentTopOff::Services{*settings_, calendar, *location_, *preferences_, *helperManager_,
