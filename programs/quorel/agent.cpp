@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "agent_calendar.hpp"
+#include "agent_top_off.hpp"
 #include "app/app_delegate.hpp"
 #include "app/battery_command_socket.hpp"
 #include "app/battery_control_settings.hpp"
@@ -34,6 +35,7 @@
 #include "mcp/mcp_tool_registry.hpp"
 #include "mcp/quorel_snapshot_provider.hpp"
 #include "platform/linux/battery_control_probes.hpp"
+#include "platform/linux/geoclue_location_monitor.hpp"
 #include "platform/linux/helper_energy_counters.hpp"
 #include "platform/linux/linux_charge_observer.hpp"
 #include "platform/linux/linux_power_rail_reader.hpp"
@@ -215,6 +217,9 @@ class Agent {
     core.mcpServer = mcpServer_.get();
     core.mcpSwitch = mcpSwitch_.get();
     if (processEnergy_) core.energyTrackers = {processEnergy_.get(), agentEnergy_.get()};
+    core.wakeObservers = {[this] {
+      if (topOff_) topOff_->systemDidWake();
+    }};
     AppDelegate::Options coreOptions;
     coreOptions.intervalOverride = options_.interval;
     delegate_ = std::make_unique<AppDelegate>(std::move(core), clock_, coreOptions);
@@ -238,6 +243,7 @@ class Agent {
     // The main queue has stopped: finish the tick in flight and end the other threads. The
     // server goes while its queue still runs, since it stops its listener there.
     delegate_.reset();
+    topOff_.reset();
     // The tools read the view model and the settings, so the server goes first; it stops its
     // listener on its own queue, which still runs.
     mcpSwitch_.reset();
@@ -257,6 +263,7 @@ class Agent {
     agentEnergy_.reset();
     energyQueue_.shutdown();
     sleepWake_.reset();
+    location_.reset();
     httpQueue_.shutdown();
     if (sandbox_) sandbox_->removeObserver(sandboxObserver_);
     if (thermal_) thermal_->stop();
@@ -286,6 +293,7 @@ class Agent {
   // `quorel battery` reaches it. Runs on the main queue, like the view model it reads.
   void startBatteryControl(HelperLink& helper) {
     batterySettings_ = std::make_unique<SettingsBatteryControlAccess>(*settings_);
+    location_ = std::make_unique<GeoClueLocationMonitor>(clock_);
     lidProbe_ = std::make_unique<LogindLidProbe>();
     BatteryControlEnvironment environment{
         .availability = [this] { return batteryControlAvailability(); },
@@ -294,8 +302,7 @@ class Agent {
         .hasExternalDisplay =
             [drm = drmClassPath(options_.sysfsRoot)] { return hasExternalDisplay(drm); },
         .calendarAuthorization = [this] { return calendar_->authorization(); },
-        // No location source is configured for smart top-off yet.
-        .locationAuthorization = [] { return LocationAuthorization::notDetermined; },
+        .locationAuthorization = [this] { return location_->authorization(); },
     };
     batteryCommands_ = std::make_unique<BatteryControlCommandService>(
         helper, mainQueue_, *batterySettings_, std::move(environment));
@@ -306,6 +313,16 @@ class Agent {
       log_->warn("command socket not opened — `quorel battery` cannot reach this agent: {}",
                  listening.error().message);
     }
+  }
+
+  // Smart top-off over the calendar files and the desktop's notices, on the main queue. Nothing
+  // calls it until this program has a calendar source and a notice poster to hand in.
+  void startSmartTopOff(BatteryControlCalendarServicing& calendar, NoticePoster& notices) {
+    topOff_ = std::make_unique<AgentTopOff>(
+        AgentTopOff::Services{*settings_, calendar, *location_, *preferences_, *helperManager_,
+                              notices},
+        clock_, mainQueue_);
+    topOff_->start();
   }
 
   // The assistants' endpoint: the read tools over the view model and the store, the battery
@@ -553,6 +570,8 @@ class Agent {
   std::unique_ptr<LogindLidProbe> lidProbe_;
   std::unique_ptr<BatteryControlCommandService> batteryCommands_;
   std::unique_ptr<BatteryCommandSocket> commandSocket_;
+  std::unique_ptr<GeoClueLocationMonitor> location_;
+  std::unique_ptr<AgentTopOff> topOff_;
   std::unique_ptr<SystemdHelperServiceController> helperService_;
   std::unique_ptr<HelperManager> helperManager_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;

@@ -150,6 +150,7 @@ void AppDelegate::handleWake() {
     }
     sleepBeganAt_.reset();
   }
+  for (const auto& observer : deps_.wakeObservers) observer();
   std::weak_ptr<AppDelegate*> weak = self_;
   pendingWakeWork_ = deps_.mainQueue->after(options_.wakeSettleDelay, [weak] {
     auto self = weak.lock();

@@ -38,6 +38,9 @@ class AppDelegate {
     // The process and AI-agent energy trackers, started at launch on the sampling interval of
     // the settings and flushed at sleep and at quit.
     std::vector<EnergyTracker*> energyTrackers;
+    // Told at once of every wake, on the main queue: a timer does not run and no event is seen
+    // while asleep, so whoever owes work to that time catches up here.
+    std::vector<std::function<void()>> wakeObservers;
   };
   struct Options {
     // --interval: replaces both settings intervals for this run.

@@ -86,6 +86,7 @@ class AppDelegateTest : public ::testing::Test {
     d.database = database.get();
     d.sleepWake = &sleepWake;
     d.energyTrackers = energyTrackers;
+    d.wakeObservers = wakeObservers;
     delegate = std::make_unique<AppDelegate>(std::move(d), clock, options);
     delegate->launch();
   }
@@ -107,6 +108,7 @@ class AppDelegateTest : public ::testing::Test {
   std::shared_ptr<PowerMonitor> monitor;
   FakeSleepWake sleepWake;
   std::vector<EnergyTracker*> energyTrackers;
+  std::vector<std::function<void()>> wakeObservers;
   std::unique_ptr<AppDelegate> delegate;
 };
 
@@ -174,6 +176,19 @@ TEST_F(AppDelegateTest, NoIntervalForAWakeWithoutSleepOrWithTheClockSetBack) {
   sleepWake.handlers.didWake();
   EXPECT_EQ(rows("SELECT count(*) FROM collection_intervals"),
             (std::vector<std::vector<std::string>>{{"0"}}));
+}
+
+TEST_F(AppDelegateTest, WakeObserversHearEveryWakeAtOnceAndNothingOfSleep) {
+  std::vector<std::string> heard;
+  wakeObservers = {[&] { heard.push_back(mainQueue.isCurrent() ? "first" : "first off queue"); },
+                   [&] { heard.push_back("second"); }};
+  launch();
+  sleepWake.handlers.willSleep({});
+  EXPECT_TRUE(heard.empty());
+  // The settle delay is for the monitor; the catch-up runs at the wake itself, every time.
+  for (int wake = 0; wake < 2; ++wake) mainQueue.async([&] { sleepWake.handlers.didWake(); });
+  mainQueue.runPending();
+  EXPECT_EQ(heard, (std::vector<std::string>{"first", "second", "first", "second"}));
 }
 
 TEST(SingleInstanceLockTest, SecondInstanceNamesTheFirstAndTheLockFreesOnExit) {
