@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <iostream>
 
+#include "agent_low_power.hpp"
 #include "app/app_delegate.hpp"
 #include "app/battery_command_socket.hpp"
 #include "app/battery_control_settings.hpp"
@@ -199,6 +200,7 @@ class Agent {
     httpQueue_.start();
     startHelperManager();
     startBatteryControl(*helperManager_);
+    startLowPower();
     startToolServer();
     mcpSwitch_ = std::make_unique<MCPServerSwitch>(*mcpServer_, *preferences_, mainQueue_);
     sleepWake_ = std::make_unique<LogindSleepMonitor>(mainQueue_);
@@ -241,6 +243,7 @@ class Agent {
     commandSocket_.reset();
     batteryCommands_.reset();
     snapshot_.reset();
+    lowPower_.reset();
     helperManager_.reset();
     helperIoQueue_.shutdown();
     settings_->unsubscribe(settingsSubscription_);
@@ -275,6 +278,18 @@ class Agent {
     processEnergy_ = std::make_unique<ProcessEnergyTracker>(*usageSource_, energyQueue_, clock_);
     agentEnergy_ = std::make_unique<AIAgentEnergyTracker>(*usageSource_, energyQueue_, clock_);
     energyQueue_.start();
+  }
+
+  // The rules need somewhere to post their notices; heat protection comes with them.
+  void startLowPower() {
+    if (noticePoster_ == nullptr) {
+      log_->info("low-power rules and heat protection off — no desktop notices in this build");
+      return;
+    }
+    lowPower_ = std::make_unique<AgentLowPower>(AgentLowPower::Inputs{
+        *settings_, *preferences_, *noticePoster_, powerSaverOffered_, mainQueue_, clock_});
+    lowPower_->setHelperLink(helperManager_.get());
+    if (topProcesses_) lowPower_->watchLaunches(*topProcesses_, *processTable_);
   }
 
   // The battery command service over `helper`, and the command socket through which
@@ -394,6 +409,7 @@ class Agent {
     if (monitor_->componentCardVisible()) viewModel_->appendLiveSample(state, state.componentPower);
 
     refreshChargeObservation();
+    if (lowPower_) lowPower_->evaluate(state);
     if (topProcesses_)
       topProcesses_->setCpuPackageWatts(TopProcessesService::cpuPackageWatts(state.componentPower));
     if (options_.json) {
@@ -546,6 +562,10 @@ class Agent {
   std::unique_ptr<BatteryCommandSocket> commandSocket_;
   std::unique_ptr<SystemdHelperServiceController> helperService_;
   std::unique_ptr<HelperManager> helperManager_;
+  // The desktop's notices and its power-saver offer, handed in by their own wiring.
+  NoticePoster* noticePoster_ = nullptr;
+  std::function<bool()> powerSaverOffered_;
+  std::unique_ptr<AgentLowPower> lowPower_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;
   std::optional<PowerPhase> lastPhase_;
   // Touched on the poll queue only, which is shut down before they go.
