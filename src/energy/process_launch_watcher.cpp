@@ -26,7 +26,9 @@ void ProcessLaunchWatcher::processesAppeared(const std::vector<ProcessStat>& new
       return l.executable == *executable;
     });
     if (seen) continue;
-    ProcessLaunch launch{.pid = stat.pid, .executable = std::move(*executable)};
+    ProcessLaunch launch;
+    launch.pid = stat.pid;
+    launch.executable = std::move(*executable);
     const std::optional<ApplicationInfo> application =
         catalog_ != nullptr ? catalog_->applicationFor(launch.executable) : std::nullopt;
     if (application) launch.desktopEntryID = application->identifier;

@@ -92,7 +92,9 @@ TEST_F(LowPowerRulesEngineTest, ThresholdFiresOnlyOnTheDownwardCrossingOnBattery
     std::vector<PowerState> states;
     std::vector<std::string> expected;
   } cases[] = {
-      {"21 to 20 fires once", {reading(21, 30), reading(20.6, 30)}, {"Battery at 20%"}},
+      {"21 to 19.8 fires, percent truncated",
+       {reading(21, 30), reading(19.8, 30)},
+       {"Battery at 19%"}},
       {"20 to 19 is past the crossing", {reading(20, 30), reading(19, 30)}, {}},
       {"first sample at the threshold", {reading(20, 30)}, {}},
       {"on external power", {reading(21, 30, false, true), reading(20, 30, false, true)}, {}},

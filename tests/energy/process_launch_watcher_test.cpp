@@ -10,7 +10,7 @@ namespace {
 struct Process {
   std::string exe;
   std::uint64_t startTicks = 1;
-  std::optional<TimePoint> startTime;
+  std::optional<TimePoint> startTime = std::nullopt;
   bool kernelThread = false;
 };
 
