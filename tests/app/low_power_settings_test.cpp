@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "core/memory_preference_store.hpp"
-#include "log_capture.hpp"
+#include "support/log_capture.hpp"
 
 namespace quorel {
 namespace {
@@ -66,7 +66,8 @@ TEST(SettingsLowPowerAccessTest, BrokenRulesAreSkippedByIndexAndFiringIsSavedInP
   // The encoder writes the keys in field order, and the optional date only when set.
   LowPowerRule rule = reread[0];
   std::vector<std::string> keys;
-  for (const auto& [key, value] : rule.toJSON().items()) keys.push_back(key);
+  const Json encoded = rule.toJSON();
+  for (const auto& [key, value] : encoded.items()) keys.push_back(key);
   EXPECT_EQ(keys.back(), "lastFiredAt");
   EXPECT_EQ(LowPowerRule::fromJSON(rule.toJSON()), rule);
   rule.lastFiredAt.reset();
