@@ -288,7 +288,6 @@ class Agent {
     }
     lowPower_ = std::make_unique<AgentLowPower>(AgentLowPower::Inputs{
         *settings_, *preferences_, *noticePoster_, powerSaverOffered_, mainQueue_, clock_});
-    lowPower_->setHelperLink(helperManager_.get());
     if (topProcesses_) lowPower_->watchLaunches(*topProcesses_, *processTable_);
   }
 
@@ -368,10 +367,12 @@ class Agent {
       case HelperServiceStatus::enabled:
         helperManager_->enable([this](std::optional<HelperEnableFailure>) {
           log_->info("battery helper: {}", helperManager_->statusText());
+          helperSettled();
         });
         break;
       case HelperServiceStatus::requiresApproval:
         log_->info("battery helper: {}", helper_texts::kApprovalPending);
+        helperSettled();
         break;
       case HelperServiceStatus::notRegistered:
       case HelperServiceStatus::notFound:
@@ -382,12 +383,20 @@ class Agent {
             std::filesystem::exists(options_.helperSocket)) {
           helperManager_->establishConnection([this](bool) {
             log_->info("battery helper (started by hand): {}", helperManager_->statusText());
+            helperSettled();
           });
           break;
         }
         log_->debug("battery helper not installed — battery control stays off");
+        helperSettled();
         break;
     }
+  }
+
+  // The link reads as disabled until the first connection attempt ends; handed over earlier, it
+  // would make the rules drop a heat pause adopted from the last run without raising the ceiling.
+  void helperSettled() {
+    if (lowPower_) lowPower_->setHelperLink(helperManager_.get());
   }
 
   void publish(const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
