@@ -9,6 +9,7 @@ namespace quorel {
 namespace {
 
 using Kind = LowPowerRule::Kind;
+using testing::FakeHelperLink;
 using Strings = std::vector<std::string>;
 constexpr const char* kActive = LowPowerRulesEngine::kHeatPauseActiveKey;
 constexpr const char* kLimit = LowPowerRulesEngine::kPrePauseChargeLimitKey;
