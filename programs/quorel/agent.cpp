@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "agent_calendar.hpp"
+#include "agent_low_power.hpp"
 #include "agent_top_off.hpp"
 #include "app/app_delegate.hpp"
 #include "app/battery_command_socket.hpp"
@@ -204,6 +205,7 @@ class Agent {
     httpQueue_.start();
     startHelperManager();
     startBatteryControl(*helperManager_);
+    startLowPower();
     startToolServer();
     mcpSwitch_ = std::make_unique<MCPServerSwitch>(*mcpServer_, *preferences_, mainQueue_);
     sleepWake_ = std::make_unique<LogindSleepMonitor>(mainQueue_);
@@ -252,6 +254,7 @@ class Agent {
     batteryCommands_.reset();
     calendar_.reset();
     snapshot_.reset();
+    lowPower_.reset();
     helperManager_.reset();
     helperIoQueue_.shutdown();
     settings_->unsubscribe(settingsSubscription_);
@@ -287,6 +290,17 @@ class Agent {
     processEnergy_ = std::make_unique<ProcessEnergyTracker>(*usageSource_, energyQueue_, clock_);
     agentEnergy_ = std::make_unique<AIAgentEnergyTracker>(*usageSource_, energyQueue_, clock_);
     energyQueue_.start();
+  }
+
+  // The rules need somewhere to post their notices; heat protection comes with them.
+  void startLowPower() {
+    if (noticePoster_ == nullptr) {
+      log_->info("low-power rules and heat protection off — no desktop notices in this build");
+      return;
+    }
+    lowPower_ = std::make_unique<AgentLowPower>(AgentLowPower::Inputs{
+        *settings_, *preferences_, *noticePoster_, powerSaverOffered_, mainQueue_, clock_});
+    if (topProcesses_) lowPower_->watchLaunches(*topProcesses_, *processTable_);
   }
 
   // The battery command service over `helper`, and the command socket through which
@@ -375,10 +389,12 @@ class Agent {
       case HelperServiceStatus::enabled:
         helperManager_->enable([this](std::optional<HelperEnableFailure>) {
           log_->info("battery helper: {}", helperManager_->statusText());
+          helperSettled();
         });
         break;
       case HelperServiceStatus::requiresApproval:
         log_->info("battery helper: {}", helper_texts::kApprovalPending);
+        helperSettled();
         break;
       case HelperServiceStatus::notRegistered:
       case HelperServiceStatus::notFound:
@@ -389,12 +405,20 @@ class Agent {
             std::filesystem::exists(options_.helperSocket)) {
           helperManager_->establishConnection([this](bool) {
             log_->info("battery helper (started by hand): {}", helperManager_->statusText());
+            helperSettled();
           });
           break;
         }
         log_->debug("battery helper not installed — battery control stays off");
+        helperSettled();
         break;
     }
+  }
+
+  // The link reads as disabled until the first connection attempt ends; handed over earlier, it
+  // would make the rules drop a heat pause adopted from the last run without raising the ceiling.
+  void helperSettled() {
+    if (lowPower_) lowPower_->setHelperLink(helperManager_.get());
   }
 
   void publish(const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
@@ -418,6 +442,7 @@ class Agent {
     if (monitor_->componentCardVisible()) viewModel_->appendLiveSample(state, state.componentPower);
 
     refreshChargeObservation();
+    if (lowPower_) lowPower_->evaluate(state);
     if (topProcesses_)
       topProcesses_->setCpuPackageWatts(TopProcessesService::cpuPackageWatts(state.componentPower));
     if (options_.json) {
@@ -574,6 +599,10 @@ class Agent {
   std::unique_ptr<AgentTopOff> topOff_;
   std::unique_ptr<SystemdHelperServiceController> helperService_;
   std::unique_ptr<HelperManager> helperManager_;
+  // The desktop's notices and its power-saver offer, handed in by their own wiring.
+  NoticePoster* noticePoster_ = nullptr;
+  std::function<bool()> powerSaverOffered_;
+  std::unique_ptr<AgentLowPower> lowPower_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;
   std::optional<PowerPhase> lastPhase_;
   // Touched on the poll queue only, which is shut down before they go.

@@ -175,7 +175,9 @@ static int runMain(int argc, char** argv) {
       ->add_option("value", settingsValue,
                    "A JSON value (30, true, [\"hero\"]) or, for a setting that holds text, the "
                    "text itself (\"EU Average\", or its case name euAverage)")
-      ->required();
+      ->required()
+      // A JSON list must reach the setting whole, not split at its commas.
+      ->allow_extra_args(false);
   auto* settingsReset = settingsCommand->add_subcommand(
       "reset", "Put one setting back to its default (e.g. settings reset dataRetentionDays)");
   settingsReset->add_option("key", settingsKey, "The setting's name")->required();

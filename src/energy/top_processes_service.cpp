@@ -54,6 +54,11 @@ void TopProcessesService::setCpuPackageWatts(std::optional<double> watts) {
   cpuPackageWatts_ = watts;
 }
 
+void TopProcessesService::setArrivalObserver(ProcessArrivalObserving* observer) {
+  std::lock_guard refresh(refreshLock_);
+  arrivals_ = observer;
+}
+
 std::optional<double> TopProcessesService::cpuPackageWatts() {
   std::lock_guard lock(powerLock_);
   return cpuPackageWatts_;
@@ -75,12 +80,17 @@ TopProcessesSnapshot TopProcessesService::fetchFromSystem(int limit) {
   std::unordered_map<ProcessId, ProcSample> samples;
   samples.reserve(pids.size());
   std::vector<Candidate> candidates;
+  std::vector<ProcessStat> newcomers;
   for (const ProcessId pid : pids) {
     if (pid < 1) continue;
     const std::optional<ProcessStat> stat = table_.readStat(pid);
     if (!stat) continue;
-    samples[pid] = ProcSample{stat->cpuTime_ns, now};
+    samples[pid] = ProcSample{stat->cpuTime_ns, now, stat->startTicks};
     const auto prev = previous.find(pid);
+    if (arrivals_ != nullptr &&
+        (prev == previous.end() || prev->second.startTicks != stat->startTicks)) {
+      newcomers.push_back(*stat);
+    }
     if (prev == previous.end()) continue;
     const double dt = secondsBetween(prev->second.timestamp, now);
     // A counter that went backwards belongs to a new process on a reused pid; it gets a rate
@@ -149,6 +159,7 @@ TopProcessesSnapshot TopProcessesService::fetchFromSystem(int limit) {
     prevSamples_ = std::move(samples);
     nameCache_ = std::move(newNames);
   }
+  if (arrivals_ != nullptr) arrivals_->processesAppeared(newcomers);
   return result;
 }
 

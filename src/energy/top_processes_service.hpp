@@ -59,6 +59,14 @@ class AIAgentClassifying {
   virtual std::map<ProcessId, std::string> classify(const std::vector<ProcessStat>& processes) = 0;
 };
 
+// Told, at the end of every pass, of the processes the previous pass had not met (a new pid, or
+// a pid now held by a later process). Called on the sampling thread, inside the pass.
+class ProcessArrivalObserving {
+ public:
+  virtual ~ProcessArrivalObserving() = default;
+  virtual void processesAppeared(const std::vector<ProcessStat>& newcomers) = 0;
+};
+
 // Thread-safe: passes are exclusive, and callers on any thread may fetch while the view model
 // pushes package power. Holds references to the table, classifier and clock, which must outlive it.
 class TopProcessesService {
@@ -81,6 +89,9 @@ class TopProcessesService {
   // `limit` entries, else from a new pass. A cached top list may be longer than `limit`.
   TopProcessesSnapshot snapshot(int limit);
 
+  // Null stops the reports; the observer must outlive the service or be unset first.
+  void setArrivalObserver(ProcessArrivalObserving* observer);
+
   // The CPU package's power (efficiency plus performance cores), absent when not measured.
   void setCpuPackageWatts(std::optional<double> watts);
   // What that is for a component reading: absent without one, and when its CPU and memory
@@ -93,6 +104,7 @@ class TopProcessesService {
   struct ProcSample {
     std::uint64_t cpuTime_ns = 0;
     TimePoint timestamp;
+    std::uint64_t startTicks = 0;
   };
   struct NameEntry {
     std::uint64_t startTicks = 0;
@@ -116,6 +128,7 @@ class TopProcessesService {
   // Guarded by refreshLock_, held for a whole pass.
   std::mutex refreshLock_;
   TopProcessesSnapshot cachedResult_;
+  ProcessArrivalObserving* arrivals_ = nullptr;
   TimePoint cacheTimestamp_;
   int cachedLimit_ = 0;
 
