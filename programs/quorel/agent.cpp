@@ -6,8 +6,10 @@
 #include <asio/signal_set.hpp>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 
+#include "agent_notices.hpp"
 #include "app/app_delegate.hpp"
 #include "app/battery_command_socket.hpp"
 #include "app/battery_control_settings.hpp"
@@ -117,6 +119,11 @@ class Agent {
     preferences_ = std::make_unique<FilePreferenceStore>(paths_.preferencesFile());
     preferences_->watchOn(mainQueue_);
     settings_ = std::make_unique<SettingsManager>(*preferences_, mainQueue_, clock_);
+    // The poster and the power-saver offer for every engine that tells the person something.
+    const char* desktop = std::getenv("XDG_CURRENT_DESKTOP");
+    notices_ = std::make_unique<AgentNotices>(
+        mainQueue_, *settings_, clock_,
+        AgentNotices::Options{.programRoot = "/", .currentDesktop = desktop ? desktop : ""});
 
     QuorelDatabase::Options storeOptions;
     storeOptions.dataDirectory = paths_.dataDirectory;
@@ -243,6 +250,7 @@ class Agent {
     snapshot_.reset();
     helperManager_.reset();
     helperIoQueue_.shutdown();
+    notices_.reset();
     settings_->unsubscribe(settingsSubscription_);
     statusFile_.reset();
     viewModel_.reset();
@@ -394,6 +402,7 @@ class Agent {
     if (monitor_->componentCardVisible()) viewModel_->appendLiveSample(state, state.componentPower);
 
     refreshChargeObservation();
+    notices_->powerStateChanged(state);
     if (topProcesses_)
       topProcesses_->setCpuPackageWatts(TopProcessesService::cpuPackageWatts(state.componentPower));
     if (options_.json) {
@@ -439,6 +448,7 @@ class Agent {
                       chargeLimitSourceText(observed.limit.source));
         }
         chargeObservation_ = observed;
+        notices_->chargeLimitObserved(observed.limit.percent);
       });
     });
   }
@@ -510,6 +520,7 @@ class Agent {
   asio::signal_set signals_;
   std::unique_ptr<FilePreferenceStore> preferences_;
   std::unique_ptr<SettingsManager> settings_;
+  std::unique_ptr<AgentNotices> notices_;
   std::unique_ptr<QuorelDatabase> database_;
   std::unique_ptr<QuorelDatabaseRecordingStore> recordingStore_;
   std::unique_ptr<PowerViewModel> viewModel_;
