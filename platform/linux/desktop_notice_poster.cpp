@@ -23,32 +23,6 @@ constexpr const char* kInterface = "org.freedesktop.Notifications";
 constexpr const char* kOutageWarning =
     "desktop notification service unavailable — notices are dropped";
 
-struct SlotReleaser {
-  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
-using SlotPtr = std::unique_ptr<sd_bus_slot, SlotReleaser>;
-struct MessageReleaser {
-  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using MessagePtr = std::unique_ptr<sd_bus_message, MessageReleaser>;
-
-class BusError {
- public:
-  BusError() = default;
-  BusError(const BusError&) = delete;
-  BusError& operator=(const BusError&) = delete;
-  ~BusError() { sd_bus_error_free(&error_); }
-  sd_bus_error* get() { return &error_; }
-  std::string text(int r) const {
-    if (error_.message) return error_.message;
-    if (error_.name) return error_.name;
-    return std::strerror(-r);
-  }
-
- private:
-  sd_bus_error error_{};  // SD_BUS_ERROR_NULL is a C compound literal
-};
-
 std::uint64_t microseconds(Seconds s) {
   return static_cast<std::uint64_t>(std::max(0.0, s.count()) * 1e6);
 }
@@ -85,8 +59,8 @@ struct DesktopNoticePoster::Session {
 
   // Declared so that the slots and the watch go before the bus they use.
   SystemBus bus;
-  SlotPtr actionSlot;
-  SlotPtr closedSlot;
+  BusSlot actionSlot;
+  BusSlot closedSlot;
   std::shared_ptr<BusWatch> watch;
   bool serviceReady = false;
   bool serverHasActions = false;
@@ -219,11 +193,11 @@ void DesktopNoticePoster::deliver(const Notice& notice) {
     }
     if (r < 0) return outage(std::string("subscribing failed: ") + std::strerror(-r));
 
-    BusError error;
+    BusCallError error;
     sd_bus_message* raw = nullptr;
     r = sd_bus_call_method(s.bus.get(), kService, kPath, kInterface, "GetCapabilities", error.get(),
                            &raw, "");
-    MessagePtr reply(raw);
+    BusMessage reply(raw);
     if (r < 0) return outage("GetCapabilities failed: " + error.text(r));
     s.serverHasActions = false;
     if (sd_bus_message_enter_container(reply.get(), 'a', "s") > 0) {
@@ -256,7 +230,7 @@ void DesktopNoticePoster::deliver(const Notice& notice) {
 
   sd_bus_message* raw = nullptr;
   int r = sd_bus_message_new_method_call(s.bus.get(), &raw, kService, kPath, kInterface, "Notify");
-  MessagePtr call(raw);
+  BusMessage call(raw);
   if (r >= 0) {
     r = sd_bus_message_append(call.get(), "susss", kApplicationName, replaces, "",
                               notice.title.c_str(), notice.body.c_str());
@@ -281,10 +255,10 @@ void DesktopNoticePoster::deliver(const Notice& notice) {
     return;
   }
 
-  BusError error;
+  BusCallError error;
   sd_bus_message* replyRaw = nullptr;
   r = sd_bus_call(s.bus.get(), call.get(), 0, error.get(), &replyRaw);
-  MessagePtr reply(replyRaw);
+  BusMessage reply(replyRaw);
   std::uint32_t id = 0;
   if (r >= 0) r = sd_bus_message_read(reply.get(), "u", &id);
   if (r < 0) {
@@ -298,7 +272,6 @@ void DesktopNoticePoster::deliver(const Notice& notice) {
   }
   s.remember(id, key, notice.identifier);
   onScreen_.store(s.shown.size());
-  notified_.fetch_add(1);
   log_->debug("notice {} shown as {} (replacing {})", notice.identifier, id, replaces);
   // Signals that came in with the reply wait in sd-bus's buffer, not on the socket.
   if (s.watch) s.watch->pump();

@@ -57,8 +57,7 @@ class DesktopNoticePoster final : public NoticePoster {
   // that need an order against the service, such as tests; never call it on the main queue.
   void drain();
 
-  // Thread-safe counters: notices the service accepted, and times the service was looked for.
-  std::uint64_t notifyCount() const { return notified_.load(); }
+  // Thread-safe: times the service was looked for.
   std::uint64_t connectionAttempts() const { return attempts_.load(); }
   // Notices of ours the service has not yet said were closed.
   std::size_t noticesOnScreen() const { return onScreen_.load(); }
@@ -72,7 +71,6 @@ class DesktopNoticePoster final : public NoticePoster {
   SerialQueue& deliveryQueue_;
   Options options_;
   std::shared_ptr<spdlog::logger> log_;
-  std::atomic<std::uint64_t> notified_{0};
   std::atomic<std::uint64_t> attempts_{0};
   std::atomic<std::size_t> onScreen_{0};
   std::shared_ptr<Delivery> delivery_;

@@ -27,26 +27,6 @@ constexpr std::array<ProfilesService, 2> kServices{{
 }};
 constexpr std::string_view kPowerSaver = "power-saver";
 
-struct MessageReleaser {
-  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
-};
-using MessagePtr = std::unique_ptr<sd_bus_message, MessageReleaser>;
-
-class BusError {
- public:
-  BusError() = default;
-  BusError(const BusError&) = delete;
-  BusError& operator=(const BusError&) = delete;
-  ~BusError() { sd_bus_error_free(&error_); }
-  sd_bus_error* get() { return &error_; }
-  std::string text(int r) const {
-    return error_.message ? error_.message : error_.name ? error_.name : std::strerror(-r);
-  }
-
- private:
-  sd_bus_error error_{};
-};
-
 // The "Profile" of each entry of the aa{sv} the service lists.
 std::optional<std::vector<std::string>> readProfileNames(sd_bus_message* m) {
   std::vector<std::string> names;
@@ -112,7 +92,7 @@ void PowerProfilesOffer::drain() {
   queue_->sync([] {});
 }
 
-void PowerProfilesOffer::learn() {
+void PowerProfilesOffer::learn() const {
   Session& s = *session_;
   auto log = logging::get("Notifications");
   if (s.bus && sd_bus_is_open(s.bus.get()) <= 0) s.bus.reset();
@@ -128,15 +108,15 @@ void PowerProfilesOffer::learn() {
     s.bus = std::move(connection.bus);
   }
   for (const auto& service : kServices) {
-    BusError error;
+    BusCallError error;
     sd_bus_message* raw = nullptr;
     const int r = sd_bus_get_property(s.bus.get(), service.name, service.path, service.name,
                                       "Profiles", error.get(), &raw, "aa{sv}");
-    MessagePtr reply(raw);
+    BusMessage reply(raw);
     if (r < 0) continue;
     const auto profiles = readProfileNames(reply.get());
     char* active = nullptr;
-    BusError activeError;
+    BusCallError activeError;
     if (!profiles ||
         sd_bus_get_property_string(s.bus.get(), service.name, service.path, service.name,
                                    "ActiveProfile", activeError.get(), &active) < 0) {
@@ -171,7 +151,7 @@ void PowerProfilesOffer::switchOn() {
       log->warn("power saver not switched on: no power-profiles service");
       return;
     }
-    BusError error;
+    BusCallError error;
     const int r =
         sd_bus_set_property(s.bus.get(), s.service->name, s.service->path, s.service->name,
                             "ActiveProfile", error.get(), "s", std::string(kPowerSaver).c_str());

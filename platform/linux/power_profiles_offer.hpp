@@ -39,10 +39,11 @@ class PowerProfilesOffer final : public PowerSaverOffer {
 
  private:
   struct Session;
-  void learn();
+  // What the service says is a cache of the offer's, so a question may refresh it.
+  void learn() const;
 
   Options options_;
-  std::atomic<bool> available_{false};
+  mutable std::atomic<bool> available_{false};
   mutable std::atomic<bool> refreshQueued_{false};
   std::unique_ptr<Session> session_;  // the offer's queue only
   std::unique_ptr<SerialQueue> queue_;

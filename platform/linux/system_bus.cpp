@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 namespace quorel {
 
@@ -16,6 +17,12 @@ std::optional<std::string> fromEnvironment(const char* name) {
 }
 
 }  // namespace
+
+std::string BusCallError::text(int negativeErrno) const {
+  if (error_.message) return error_.message;
+  if (error_.name) return error_.name;
+  return std::strerror(-negativeErrno);
+}
 
 void SystemBusCloser::operator()(sd_bus* bus) const {
   sd_bus_close_unref(bus);

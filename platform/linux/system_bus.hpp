@@ -2,13 +2,13 @@
 // A connection to a message bus, the system's or the session's, with every call bounded: shared
 // by the readers that ask logind, UPower and the like and by the desktop's notices.
 
+#include <systemd/sd-bus.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-
-struct sd_bus;
 
 namespace quorel {
 
@@ -22,6 +22,30 @@ struct SystemBusCloser {
   void operator()(sd_bus* bus) const;
 };
 using SystemBus = std::unique_ptr<sd_bus, SystemBusCloser>;
+
+struct BusSlotReleaser {
+  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+using BusSlot = std::unique_ptr<sd_bus_slot, BusSlotReleaser>;
+struct BusMessageReleaser {
+  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+using BusMessage = std::unique_ptr<sd_bus_message, BusMessageReleaser>;
+
+// The error a call fills in, freed with it.
+class BusCallError {
+ public:
+  BusCallError() = default;
+  BusCallError(const BusCallError&) = delete;
+  BusCallError& operator=(const BusCallError&) = delete;
+  ~BusCallError() { sd_bus_error_free(&error_); }
+  sd_bus_error* get() { return &error_; }
+  // The service's message, else the error's name, else the text of `negativeErrno`.
+  std::string text(int negativeErrno) const;
+
+ private:
+  sd_bus_error error_{};  // SD_BUS_ERROR_NULL is a C compound literal
+};
 
 struct SystemBusConnection {
   SystemBus bus;        // null when the connection failed

@@ -24,7 +24,6 @@ void CalibrationDetector::stateChanged(const PowerState& state) {
 }
 
 void CalibrationDetector::evaluate() {
-  const Phase before = phase_;
   const TimePoint now = clock_.now();
   const bool chargingPastLimit = [&] {
     if (!lastLimit_ || *lastLimit_ >= 100 || !lastState_ || !lastState_->isCharging) return false;
@@ -48,10 +47,6 @@ void CalibrationDetector::evaluate() {
   }
   // A cooldown phase whose day has passed waits for the battery to fall below the limit: one
   // stretch above it is one notice.
-  if (phase_ != before) {
-    log_->debug("phase {} -> {}", kCalibrationPhaseTexts.text(before),
-                kCalibrationPhaseTexts.text(phase_));
-  }
 }
 
 bool CalibrationDetector::isInCooldown(TimePoint now) const {

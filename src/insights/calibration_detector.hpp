@@ -15,7 +15,6 @@
 #include <optional>
 
 #include "core/clock.hpp"
-#include "core/enum_text.hpp"
 #include "core/power_state.hpp"
 
 namespace spdlog {
@@ -67,11 +66,5 @@ class CalibrationDetector {
   std::optional<std::int64_t> lastLimit_;
   std::optional<PowerState> lastState_;
 };
-
-inline constexpr EnumTextTable<CalibrationDetector::Phase, 3> kCalibrationPhaseTexts{{{
-    {CalibrationDetector::Phase::idle, "idle"},
-    {CalibrationDetector::Phase::maybe, "maybe"},
-    {CalibrationDetector::Phase::cooldown, "cooldown"},
-}}};
 
 }  // namespace quorel

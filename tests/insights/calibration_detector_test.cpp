@@ -5,8 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 #include "core/clock.hpp"
 #include "support/log_capture.hpp"
 
@@ -15,9 +13,9 @@ namespace {
 
 using namespace std::chrono_literals;
 using Phase = CalibrationDetector::Phase;
+constexpr Seconds kDay{CalibrationDetector::cooldownSeconds};
 
-class StoredLastFiring final : public CalibrationSettingsAccess {
- public:
+struct StoredLastFiring final : CalibrationSettingsAccess {
   std::optional<TimePoint> calibrationToastLastFiredAt() const override { return lastFiredAt; }
   void recordCalibrationToastFired(TimePoint at) override {
     lastFiredAt = at;
@@ -27,145 +25,114 @@ class StoredLastFiring final : public CalibrationSettingsAccess {
   int saves = 0;
 };
 
-PowerState charging(double percent, bool isCharging = true) {
+PowerState battery(double percent, bool isCharging = true) {
   PowerState s;
   s.batteryPercentage = percent;
   s.isCharging = isCharging;
   return s;
 }
 
-class CalibrationDetectorTest : public ::testing::Test {
- protected:
+struct Harness {
+  explicit Harness(ManualClock& c, std::optional<TimePoint> lastFiredAt = {}) : clock(c) {
+    stored.lastFiredAt = lastFiredAt;
+  }
   // One reading every `step` for `duration`, as the monitor publishes them.
-  void hold(const PowerState& state, Seconds duration, Seconds step = 2s) {
+  void hold(const PowerState& state, Seconds duration, Seconds step = 1s) {
     for (Seconds t{0}; t < duration; t += step) {
-      clock_.advance(step);
-      detector_.stateChanged(state);
+      clock.advance(step);
+      detector.stateChanged(state);
     }
   }
-
-  ManualClock clock_;
-  StoredLastFiring stored_;
-  int fired_ = 0;
-  CalibrationDetector detector_{stored_, clock_, [this] { ++fired_; }};
-  testing::LogCapture logs_;
+  ManualClock& clock;
+  StoredLastFiring stored;
+  int fired = 0;
+  CalibrationDetector detector{stored, clock, [this] { ++fired; }};
 };
 
-TEST_F(CalibrationDetectorTest, ThirtySecondsChargingAtOrPastTheLimitFiresOnceAndRecordsIt) {
-  detector_.limitChanged(80);
-  detector_.stateChanged(charging(79.5));  // rounds to the limit
-  EXPECT_EQ(detector_.phase(), Phase::maybe);
-  const TimePoint started = clock_.now();
-  EXPECT_EQ(detector_.maybeStartedAt(), started);
-
-  hold(charging(81), 28s);
-  EXPECT_EQ(fired_, 0);
-  hold(charging(81), 2s);
-  EXPECT_EQ(fired_, 1);
-  EXPECT_EQ(detector_.phase(), Phase::cooldown);
-  EXPECT_EQ(detector_.maybeStartedAt(), std::nullopt);
-  EXPECT_EQ(stored_.lastFiredAt, started + 30s);
-  EXPECT_EQ(stored_.saves, 1);
-  EXPECT_EQ(logs_.messages("Calibration"), std::vector<std::string>{"calibration toast fired"});
-
-  hold(charging(82), 600s);
-  EXPECT_EQ(fired_, 1);
+TEST(CalibrationDetectorTest, ThirtySecondsChargingAtOrPastTheLimitFiresOnceAndRecordsIt) {
+  ManualClock clock;
+  testing::LogCapture logs;
+  Harness h(clock);
+  h.detector.limitChanged(80);
+  h.detector.stateChanged(battery(79.5));  // rounds to the limit
+  const TimePoint started = clock.now();
+  EXPECT_EQ(h.detector.maybeStartedAt(), started);
+  h.hold(battery(81), 29s);
+  EXPECT_EQ(h.fired, 0);
+  h.hold(battery(81), 1s);
+  EXPECT_EQ(h.fired, 1);
+  EXPECT_EQ(h.detector.phase(), Phase::cooldown);
+  EXPECT_EQ(h.stored.lastFiredAt, started + 30s);
+  EXPECT_EQ(h.stored.saves, 1);
+  EXPECT_EQ(logs.messages("Calibration"), std::vector<std::string>{"calibration toast fired"});
 }
 
-TEST_F(CalibrationDetectorTest, StaysIdleWhenThereIsNothingToExplain) {
-  struct Case {
-    const char* what;
-    std::optional<std::int64_t> limit;
-    PowerState state;
+TEST(CalibrationDetectorTest, StaysIdleWhenThereIsNothingToExplain) {
+  const std::vector<std::tuple<const char*, std::optional<std::int64_t>, PowerState>> cases{
+      {"limit 100", 100, battery(100)},
+      {"no limit known", std::nullopt, battery(95)},
+      {"not charging", 80, battery(90, false)},
+      {"below the limit once rounded", 80, battery(79.49)},
   };
-  const std::vector<Case> cases{
-      {"limit 100", 100, charging(100)},
-      {"no limit known", std::nullopt, charging(95)},
-      {"not charging", 80, charging(90, false)},
-      {"below the limit once rounded", 80, charging(79.49)},
-  };
-  for (const auto& c : cases) {
-    StoredLastFiring stored;
-    int fired = 0;
-    CalibrationDetector detector(stored, clock_, [&] { ++fired; });
-    detector.limitChanged(c.limit);
-    for (int i = 0; i < 60; ++i) {
-      clock_.advance(1s);
-      detector.stateChanged(c.state);
-    }
-    EXPECT_EQ(fired, 0) << c.what;
-    EXPECT_EQ(detector.phase(), Phase::idle) << c.what;
-    EXPECT_EQ(stored.saves, 0) << c.what;
+  ManualClock clock;
+  for (const auto& [what, limit, state] : cases) {
+    Harness h(clock);
+    h.detector.limitChanged(limit);
+    h.hold(state, 60s);
+    EXPECT_EQ(h.fired, 0) << what;
+    EXPECT_EQ(h.detector.phase(), Phase::idle) << what;
   }
 }
 
-TEST_F(CalibrationDetectorTest, ADropBelowTheLimitBefore30SecondsRestartsTheWait) {
-  detector_.limitChanged(80);
-  detector_.stateChanged(charging(80));
-  hold(charging(80), 29s, 1s);
-  detector_.stateChanged(charging(78));
-  EXPECT_EQ(detector_.phase(), Phase::idle);
-  EXPECT_EQ(detector_.maybeStartedAt(), std::nullopt);
-
-  // The limit itself moving above the charge counts as a drop too.
-  detector_.stateChanged(charging(80));
-  const TimePoint restarted = clock_.now();
-  hold(charging(80), 20s, 1s);
-  detector_.limitChanged(85);
-  EXPECT_EQ(detector_.phase(), Phase::idle);
-  detector_.limitChanged(80);
-  EXPECT_EQ(detector_.maybeStartedAt(), clock_.now());
-  EXPECT_NE(detector_.maybeStartedAt(), restarted);
-  hold(charging(80), 29s, 1s);
-  EXPECT_EQ(fired_, 0);
-  hold(charging(80), 1s, 1s);
-  EXPECT_EQ(fired_, 1);
+TEST(CalibrationDetectorTest, ADropBelowTheLimitBefore30SecondsRestartsTheWait) {
+  ManualClock clock;
+  Harness h(clock);
+  h.detector.limitChanged(80);
+  h.hold(battery(80), 29s);
+  h.detector.stateChanged(battery(78));
+  EXPECT_EQ(h.detector.maybeStartedAt(), std::nullopt);
+  // A limit raised above the charge is a drop too.
+  h.hold(battery(80), 20s);
+  h.detector.limitChanged(85);
+  EXPECT_EQ(h.detector.phase(), Phase::idle);
+  h.detector.limitChanged(80);
+  h.hold(battery(80), 29s);
+  EXPECT_EQ(h.fired, 0);
+  h.hold(battery(80), 1s);
+  EXPECT_EQ(h.fired, 1);
 }
 
-TEST_F(CalibrationDetectorTest, CooldownHoldsWhileAboveTheLimitAndEndsWithADrop) {
-  detector_.limitChanged(80);
-  detector_.stateChanged(charging(85));
-  hold(charging(85), 30s);
-  ASSERT_EQ(fired_, 1);
-
-  // A whole day and more above the limit is still the one stretch already told.
-  hold(charging(85), Seconds(CalibrationDetector::cooldownSeconds + 3600), 600s);
-  EXPECT_EQ(detector_.phase(), Phase::cooldown);
-  EXPECT_EQ(fired_, 1);
-
-  detector_.stateChanged(charging(85, false));
-  EXPECT_EQ(detector_.phase(), Phase::idle);
-  detector_.stateChanged(charging(85));
-  hold(charging(85), 30s);
-  EXPECT_EQ(fired_, 2);
+TEST(CalibrationDetectorTest, CooldownHoldsWhileAboveTheLimitAndEndsWithADrop) {
+  ManualClock clock;
+  Harness h(clock);
+  h.detector.limitChanged(80);
+  h.hold(battery(85), 31s);
+  ASSERT_EQ(h.fired, 1);
+  // More than a day above the limit is still the one stretch already told.
+  h.hold(battery(85), kDay + 3600s, 600s);
+  EXPECT_EQ(h.detector.phase(), Phase::cooldown);
+  EXPECT_EQ(h.fired, 1);
+  h.detector.stateChanged(battery(85, false));
+  EXPECT_EQ(h.detector.phase(), Phase::idle);
+  h.hold(battery(85), 31s);
+  EXPECT_EQ(h.fired, 2);
 }
 
-TEST_F(CalibrationDetectorTest, TheStoredLastNoticeRestsADayAcrossRestartsUnlessItIsInTheFuture) {
-  struct Case {
-    const char* what;
-    Seconds lastFiredAgo;
-    bool fires;
-  };
-  const std::vector<Case> cases{
+TEST(CalibrationDetectorTest, TheStoredLastNoticeRestsADayUnlessItLiesInTheFuture) {
+  const std::vector<std::tuple<const char*, Seconds, bool>> cases{
       {"an hour ago", 3600s, false},
-      {"just under a day ago", Seconds(CalibrationDetector::cooldownSeconds - 31), false},
-      {"a day ago", Seconds(CalibrationDetector::cooldownSeconds), true},
+      {"a day but the dwell ago", kDay - 31s, false},
+      {"a day ago", kDay, true},
       {"clock moved back before it", -3600s, true},
   };
-  for (const auto& c : cases) {
-    StoredLastFiring stored;
-    stored.lastFiredAt =
-        clock_.now() - std::chrono::duration_cast<std::chrono::seconds>(c.lastFiredAgo);
-    int fired = 0;
-    CalibrationDetector detector(stored, clock_, [&] { ++fired; });
-    detector.limitChanged(80);
-    detector.stateChanged(charging(90));
-    EXPECT_EQ(detector.phase(), c.fires ? Phase::maybe : Phase::cooldown) << c.what;
-    for (int i = 0; i < 30; ++i) {
-      clock_.advance(1s);
-      detector.stateChanged(charging(90));
-    }
-    EXPECT_EQ(fired, c.fires ? 1 : 0) << c.what;
+  ManualClock clock;
+  for (const auto& [what, ago, fires] : cases) {
+    Harness h(clock, clock.now() - std::chrono::duration_cast<std::chrono::seconds>(ago));
+    h.detector.limitChanged(80);
+    h.detector.stateChanged(battery(90));
+    EXPECT_EQ(h.detector.phase(), fires ? Phase::maybe : Phase::cooldown) << what;
+    h.hold(battery(90), 30s);
+    EXPECT_EQ(h.fired, fires ? 1 : 0) << what;
   }
 }
 
