@@ -8,6 +8,7 @@
 
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "core/clock.hpp"
@@ -101,28 +102,24 @@ class PowerProfilesOfferTest : public ::testing::Test {
 };
 
 TEST_F(PowerProfilesOfferTest, OffersPowerSaverOnlyWhereItExistsAndIsNotAlreadyActive) {
-  struct Case {
-    const char* what;
-    std::optional<ServiceName> service;
-    std::vector<std::string> profiles;
-    std::string active;
-    bool offered;
-  };
-  const std::vector<Case> cases{
-      {"current name", kCurrent, {"power-saver", "balanced", "performance"}, "balanced", true},
-      {"older name", kOlder, {"power-saver", "balanced"}, "performance", true},
-      {"already saving", kCurrent, {"power-saver", "balanced"}, "power-saver", false},
-      {"no saver profile", kCurrent, {"balanced", "performance"}, "balanced", false},
-      {"no service", std::nullopt, {}, "", false},
-  };
-  for (const auto& c : cases) {
-    FakePowerProfiles fake(c.profiles, c.active);
-    if (c.service) {
-      ASSERT_TRUE(fake.start(bus_.address(), *c.service)) << c.what;
+  using Profiles = std::vector<std::string>;
+  const std::vector<
+      std::tuple<const char*, std::optional<ServiceName>, Profiles, const char*, bool>>
+      cases{
+          {"current name", kCurrent, {"power-saver", "balanced", "performance"}, "balanced", true},
+          {"older name", kOlder, {"power-saver", "balanced"}, "performance", true},
+          {"already saving", kCurrent, {"power-saver", "balanced"}, "power-saver", false},
+          {"no saver profile", kCurrent, {"balanced", "performance"}, "balanced", false},
+          {"no service", std::nullopt, {}, "", false},
+      };
+  for (const auto& [what, service, profiles, active, offered] : cases) {
+    FakePowerProfiles fake(profiles, active);
+    if (service) {
+      ASSERT_TRUE(fake.start(bus_.address(), *service)) << what;
     }
     PowerProfilesOffer offer(clock_, options());
     offer.drain();
-    EXPECT_EQ(offer.available(), c.offered) << c.what;
+    EXPECT_EQ(offer.available(), offered) << what;
   }
 }
 
