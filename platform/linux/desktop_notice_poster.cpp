@@ -127,6 +127,83 @@ void DesktopNoticePoster::drain() {
   busQueue_->sync([] {});
 }
 
+// Connects, subscribes and asks what the service can show; the failure's detail otherwise.
+std::optional<std::string> DesktopNoticePoster::reachService() {
+  Session& s = *session_;
+  auto fail = [](std::string detail) { return std::optional<std::string>(std::move(detail)); };
+  attempts_.fetch_add(1);
+  auto connection =
+      connectSessionBus(options_.busAddress, microseconds(options_.callTimeout), "quorel-notices");
+  if (!connection.bus) {
+    return fail(connection.address.empty() ? std::string("no session bus address")
+                                           : "no session bus at " + connection.address + ": " +
+                                                 std::strerror(-connection.error));
+  }
+  s.bus = std::move(connection.bus);
+
+  // The service broadcasts these to every client; only the ids it gave us are ours.
+  auto onAction = [](sd_bus_message* m, void* userdata, sd_bus_error*) -> int {
+    auto* self = static_cast<DesktopNoticePoster*>(userdata);
+    std::uint32_t id = 0;
+    const char* action = nullptr;
+    if (sd_bus_message_read(m, "us", &id, &action) <= 0) return 0;
+    const auto it = self->session_->shown.find(id);
+    if (it == self->session_->shown.end()) return 0;
+    self->deliveryQueue_.async(
+        [d = self->delivery_, identifier = it->second.identifier, key = std::string(action)] {
+          if (d->open.load() && d->handler) d->handler(identifier, key);
+        });
+    return 0;
+  };
+  auto onClosed = [](sd_bus_message* m, void* userdata, sd_bus_error*) -> int {
+    auto* self = static_cast<DesktopNoticePoster*>(userdata);
+    std::uint32_t id = 0;
+    std::uint32_t reason = 0;
+    if (sd_bus_message_read(m, "uu", &id, &reason) <= 0) return 0;
+    self->session_->forget(id);
+    self->onScreen_.store(self->session_->shown.size());
+    return 0;
+  };
+  sd_bus_slot* actionSlot = nullptr;
+  sd_bus_slot* closedSlot = nullptr;
+  int r = sd_bus_match_signal(s.bus.get(), &actionSlot, kService, kPath, kInterface,
+                              "ActionInvoked", onAction, this);
+  s.actionSlot.reset(actionSlot);
+  if (r >= 0) {
+    r = sd_bus_match_signal(s.bus.get(), &closedSlot, kService, kPath, kInterface,
+                            "NotificationClosed", onClosed, this);
+    s.closedSlot.reset(closedSlot);
+  }
+  if (r < 0) return fail(std::string("subscribing failed: ") + std::strerror(-r));
+
+  BusCallError error;
+  sd_bus_message* raw = nullptr;
+  r = sd_bus_call_method(s.bus.get(), kService, kPath, kInterface, "GetCapabilities", error.get(),
+                         &raw, "");
+  BusMessage reply(raw);
+  if (r < 0) return fail("GetCapabilities failed: " + error.text(r));
+  s.serverHasActions = false;
+  if (sd_bus_message_enter_container(reply.get(), 'a', "s") > 0) {
+    const char* capability = nullptr;
+    while (sd_bus_message_read(reply.get(), "s", &capability) > 0) {
+      if (std::string_view(capability) == "actions") s.serverHasActions = true;
+    }
+  }
+  s.watch = BusWatch::create(busQueue_->context(), s.bus.get(), [this](int lostError) {
+    log_->debug("session bus connection lost: {}", std::strerror(-lostError));
+    session_->serviceReady = false;
+  });
+  if (int watchError = 0; !s.watch->start(watchError)) {
+    return fail(std::string("cannot watch the session bus: ") + std::strerror(-watchError));
+  }
+  s.serviceReady = true;
+  if (s.reportedOutage) {
+    s.reportedOutage = false;
+    log_->info("desktop notification service reachable — notices resume");
+  }
+  return std::nullopt;
+}
+
 void DesktopNoticePoster::deliver(const Notice& notice) {
   Session& s = *session_;
   auto outage = [&](const std::string& detail) {
@@ -148,76 +225,7 @@ void DesktopNoticePoster::deliver(const Notice& notice) {
       return;
     }
     s.lastAttempt = now;
-    attempts_.fetch_add(1);
-    auto connection = connectSessionBus(options_.busAddress, microseconds(options_.callTimeout),
-                                        "quorel-notices");
-    if (!connection.bus) {
-      return outage(connection.address.empty() ? std::string("no session bus address")
-                                               : "no session bus at " + connection.address + ": " +
-                                                     std::strerror(-connection.error));
-    }
-    s.bus = std::move(connection.bus);
-
-    // The service broadcasts these to every client; only the ids it gave us are ours.
-    auto onAction = [](sd_bus_message* m, void* userdata, sd_bus_error*) -> int {
-      auto* self = static_cast<DesktopNoticePoster*>(userdata);
-      std::uint32_t id = 0;
-      const char* action = nullptr;
-      if (sd_bus_message_read(m, "us", &id, &action) <= 0) return 0;
-      const auto it = self->session_->shown.find(id);
-      if (it == self->session_->shown.end()) return 0;
-      self->deliveryQueue_.async(
-          [d = self->delivery_, identifier = it->second.identifier, key = std::string(action)] {
-            if (d->open.load() && d->handler) d->handler(identifier, key);
-          });
-      return 0;
-    };
-    auto onClosed = [](sd_bus_message* m, void* userdata, sd_bus_error*) -> int {
-      auto* self = static_cast<DesktopNoticePoster*>(userdata);
-      std::uint32_t id = 0;
-      std::uint32_t reason = 0;
-      if (sd_bus_message_read(m, "uu", &id, &reason) <= 0) return 0;
-      self->session_->forget(id);
-      self->onScreen_.store(self->session_->shown.size());
-      return 0;
-    };
-    sd_bus_slot* actionSlot = nullptr;
-    sd_bus_slot* closedSlot = nullptr;
-    int r = sd_bus_match_signal(s.bus.get(), &actionSlot, kService, kPath, kInterface,
-                                "ActionInvoked", onAction, this);
-    s.actionSlot.reset(actionSlot);
-    if (r >= 0) {
-      r = sd_bus_match_signal(s.bus.get(), &closedSlot, kService, kPath, kInterface,
-                              "NotificationClosed", onClosed, this);
-      s.closedSlot.reset(closedSlot);
-    }
-    if (r < 0) return outage(std::string("subscribing failed: ") + std::strerror(-r));
-
-    BusCallError error;
-    sd_bus_message* raw = nullptr;
-    r = sd_bus_call_method(s.bus.get(), kService, kPath, kInterface, "GetCapabilities", error.get(),
-                           &raw, "");
-    BusMessage reply(raw);
-    if (r < 0) return outage("GetCapabilities failed: " + error.text(r));
-    s.serverHasActions = false;
-    if (sd_bus_message_enter_container(reply.get(), 'a', "s") > 0) {
-      const char* capability = nullptr;
-      while (sd_bus_message_read(reply.get(), "s", &capability) > 0) {
-        if (std::string_view(capability) == "actions") s.serverHasActions = true;
-      }
-    }
-    s.watch = BusWatch::create(busQueue_->context(), s.bus.get(), [this](int lostError) {
-      log_->debug("session bus connection lost: {}", std::strerror(-lostError));
-      session_->serviceReady = false;
-    });
-    if (int watchError = 0; !s.watch->start(watchError)) {
-      return outage(std::string("cannot watch the session bus: ") + std::strerror(-watchError));
-    }
-    s.serviceReady = true;
-    if (s.reportedOutage) {
-      s.reportedOutage = false;
-      log_->info("desktop notification service reachable — notices resume");
-    }
+    if (auto failure = reachService()) return outage(*failure);
   }
 
   // A notice closed a moment ago must not be replaced: handle what has already come in.

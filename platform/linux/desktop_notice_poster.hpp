@@ -67,6 +67,7 @@ class DesktopNoticePoster final : public NoticePoster {
   struct Delivery;
 
   void deliver(const Notice& notice);
+  std::optional<std::string> reachService();
 
   SerialQueue& deliveryQueue_;
   Options options_;
