@@ -6,10 +6,12 @@
 #include <asio/signal_set.hpp>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 
 #include "agent_calendar.hpp"
 #include "agent_low_power.hpp"
+#include "agent_notices.hpp"
 #include "agent_top_off.hpp"
 #include "app/app_delegate.hpp"
 #include "app/battery_command_socket.hpp"
@@ -121,6 +123,11 @@ class Agent {
     preferences_ = std::make_unique<FilePreferenceStore>(paths_.preferencesFile());
     preferences_->watchOn(mainQueue_);
     settings_ = std::make_unique<SettingsManager>(*preferences_, mainQueue_, clock_);
+    // The poster and the power-saver offer for every engine that tells the person something.
+    const char* desktop = std::getenv("XDG_CURRENT_DESKTOP");
+    notices_ = std::make_unique<AgentNotices>(
+        mainQueue_, *settings_, clock_,
+        AgentNotices::Options{.programRoot = "/", .currentDesktop = desktop ? desktop : ""});
 
     QuorelDatabase::Options storeOptions;
     storeOptions.dataDirectory = paths_.dataDirectory;
@@ -257,6 +264,7 @@ class Agent {
     lowPower_.reset();
     helperManager_.reset();
     helperIoQueue_.shutdown();
+    notices_.reset();
     settings_->unsubscribe(settingsSubscription_);
     statusFile_.reset();
     viewModel_.reset();
@@ -292,14 +300,11 @@ class Agent {
     energyQueue_.start();
   }
 
-  // The rules need somewhere to post their notices; heat protection comes with them.
+  // The rules post through the desktop's notices; heat protection comes with them.
   void startLowPower() {
-    if (noticePoster_ == nullptr) {
-      log_->info("low-power rules and heat protection off — no desktop notices in this build");
-      return;
-    }
     lowPower_ = std::make_unique<AgentLowPower>(AgentLowPower::Inputs{
-        *settings_, *preferences_, *noticePoster_, powerSaverOffered_, mainQueue_, clock_});
+        *settings_, *preferences_, *notices_,
+        [this] { return notices_->powerSaverOffer().available(); }, mainQueue_, clock_});
     if (topProcesses_) lowPower_->watchLaunches(*topProcesses_, *processTable_);
   }
 
@@ -329,12 +334,15 @@ class Agent {
     }
   }
 
-  // Smart top-off over the calendar files and the desktop's notices, on the main queue. Nothing
-  // calls it until this program has a calendar source and a notice poster to hand in.
-  void startSmartTopOff(BatteryControlCalendarServicing& calendar, NoticePoster& notices) {
+  // Smart top-off over the calendar files and the desktop's notices, on the main queue. It starts
+  // once the helper link has settled: its first poll may fire at once (an agent started during
+  // the meeting), and a firing before the link is up would spend the rule's six-hour rest on a
+  // top-off that never happened.
+  void startSmartTopOff() {
+    if (topOff_) return;
     topOff_ = std::make_unique<AgentTopOff>(
-        AgentTopOff::Services{*settings_, calendar, *location_, *preferences_, *helperManager_,
-                              notices},
+        AgentTopOff::Services{*settings_, calendar_->topOffCalendar(), *location_, *preferences_,
+                              *helperManager_, *notices_},
         clock_, mainQueue_);
     topOff_->start();
   }
@@ -419,6 +427,7 @@ class Agent {
   // would make the rules drop a heat pause adopted from the last run without raising the ceiling.
   void helperSettled() {
     if (lowPower_) lowPower_->setHelperLink(helperManager_.get());
+    startSmartTopOff();
   }
 
   void publish(const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
@@ -443,6 +452,7 @@ class Agent {
 
     refreshChargeObservation();
     if (lowPower_) lowPower_->evaluate(state);
+    notices_->powerStateChanged(state);
     if (topProcesses_)
       topProcesses_->setCpuPackageWatts(TopProcessesService::cpuPackageWatts(state.componentPower));
     if (options_.json) {
@@ -488,6 +498,7 @@ class Agent {
                       chargeLimitSourceText(observed.limit.source));
         }
         chargeObservation_ = observed;
+        notices_->chargeLimitObserved(observed.limit.percent);
       });
     });
   }
@@ -559,6 +570,7 @@ class Agent {
   asio::signal_set signals_;
   std::unique_ptr<FilePreferenceStore> preferences_;
   std::unique_ptr<SettingsManager> settings_;
+  std::unique_ptr<AgentNotices> notices_;
   std::unique_ptr<QuorelDatabase> database_;
   std::unique_ptr<QuorelDatabaseRecordingStore> recordingStore_;
   std::unique_ptr<PowerViewModel> viewModel_;
@@ -599,9 +611,6 @@ class Agent {
   std::unique_ptr<AgentTopOff> topOff_;
   std::unique_ptr<SystemdHelperServiceController> helperService_;
   std::unique_ptr<HelperManager> helperManager_;
-  // The desktop's notices and its power-saver offer, handed in by their own wiring.
-  NoticePoster* noticePoster_ = nullptr;
-  std::function<bool()> powerSaverOffered_;
   std::unique_ptr<AgentLowPower> lowPower_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;
   std::optional<PowerPhase> lastPhase_;
