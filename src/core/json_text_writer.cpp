@@ -1,5 +1,6 @@
 #include "core/json_text_writer.hpp"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <chrono>
@@ -14,53 +15,72 @@ namespace {
 
 constexpr char kHex[] = "0123456789abcdef";
 
-// The escapes nlohmann writes for ASCII, where it copies every other byte (0x7F included).
-// Text with bytes above 0x7F goes to nlohmann itself, which checks the UTF-8 and replaces what
-// is not.
-bool appendAsciiEscaped(std::string& out, std::string_view s) {
-  const auto mark = out.size();
-  out.reserve(out.size() + s.size() + s.size() / 8 + 2);
-  out.push_back('"');
-  std::size_t run = 0;
-  for (std::size_t i = 0; i < s.size(); ++i) {
-    const auto c = static_cast<unsigned char>(s[i]);
-    if (c >= 0x80) {
-      out.resize(mark);
-      return false;
-    }
-    if (c >= 0x20 && c != '"' && c != '\\') continue;
-    out.append(s.data() + run, i - run);
-    run = i + 1;
-    switch (c) {
-      case '"':
-        out.append("\\\"");
-        break;
-      case '\\':
-        out.append("\\\\");
-        break;
-      case '\b':
-        out.append("\\b");
-        break;
-      case '\f':
-        out.append("\\f");
-        break;
-      case '\n':
-        out.append("\\n");
-        break;
-      case '\r':
-        out.append("\\r");
-        break;
-      case '\t':
-        out.append("\\t");
-        break;
-      default:
-        out.append("\\u00");
-        out.push_back(kHex[c >> 4]);
-        out.push_back(kHex[c & 0xF]);
-    }
+// How many bytes nlohmann writes for each ASCII byte between quotes: 1 for the bytes it copies
+// (0x7F included), 2 for the short escapes, 6 for the other control bytes. 0 marks the bytes
+// above 0x7F, whose text goes to nlohmann itself to have its UTF-8 checked and mended.
+constexpr std::array<std::uint8_t, 256> kEscapedLength = [] {
+  std::array<std::uint8_t, 256> lengths{};
+  for (int c = 0; c < 0x80; ++c) lengths[static_cast<std::size_t>(c)] = c < 0x20 ? 6 : 1;
+  for (const char c : {'"', '\\', '\b', '\f', '\n', '\r', '\t'}) {
+    lengths[static_cast<unsigned char>(c)] = 2;
   }
-  out.append(s.data() + run, s.size() - run);
-  out.push_back('"');
+  return lengths;
+}();
+
+// The two bytes of a short escape ('\\' and the letter); a byte copied as it is has itself
+// first, and the second is overwritten by whatever follows.
+constexpr std::array<std::array<char, 256>, 2> kEscapeBytes = [] {
+  std::array<std::array<char, 256>, 2> bytes{};
+  for (int c = 0; c < 256; ++c) {
+    bytes[0][static_cast<std::size_t>(c)] = static_cast<char>(c);
+    bytes[1][static_cast<std::size_t>(c)] = static_cast<char>(c);
+  }
+  for (const auto& [c, letter] :
+       {std::pair{'"', '"'}, std::pair{'\\', '\\'}, std::pair{'\b', 'b'}, std::pair{'\f', 'f'},
+        std::pair{'\n', 'n'}, std::pair{'\r', 'r'}, std::pair{'\t', 't'}}) {
+    bytes[0][static_cast<unsigned char>(c)] = '\\';
+    bytes[1][static_cast<unsigned char>(c)] = letter;
+  }
+  return bytes;
+}();
+
+// Measures first and writes into place after, since text full of quotes (an answer carried
+// inside another answer) would otherwise be appended a few bytes at a time.
+bool appendAsciiEscaped(std::string& out, std::string_view s) {
+  std::size_t length = 0;
+  std::uint8_t ascii = 1;
+  for (const char c : s) {
+    const std::uint8_t n = kEscapedLength[static_cast<unsigned char>(c)];
+    ascii &= static_cast<std::uint8_t>(n != 0);
+    length += n;
+  }
+  if (ascii == 0) return false;
+  if (length == s.size()) {
+    out.push_back('"');
+    out.append(s);
+    out.push_back('"');
+    return true;
+  }
+  const std::size_t mark = out.size();
+  // One spare byte: every byte writes two and moves on by its own length.
+  out.resize(mark + length + 3);
+  char* p = out.data() + mark;
+  *p++ = '"';
+  for (const char ch : s) {
+    const auto c = static_cast<unsigned char>(ch);
+    const std::uint8_t n = kEscapedLength[c];
+    if (n == 6) {
+      p = std::copy_n("\\u00", 4, p);
+      *p++ = kHex[c >> 4];
+      *p++ = kHex[c & 0xF];
+      continue;
+    }
+    p[0] = kEscapeBytes[0][c];
+    p[1] = kEscapeBytes[1][c];
+    p += n;
+  }
+  *p = '"';
+  out.resize(mark + length + 2);
   return true;
 }
 

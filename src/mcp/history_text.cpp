@@ -13,9 +13,9 @@ namespace {
 
 // A sample's members take about this many bytes; reserving for them spares the regrowth of
 // a text of tens of kilobytes.
-constexpr std::size_t kSampleBytes = 720;
-constexpr std::size_t kDailyMetricBytes = 300;
-constexpr std::size_t kSessionBytes = 520;
+constexpr std::size_t kSampleBytes = 400;
+constexpr std::size_t kDailyMetricBytes = 320;
+constexpr std::size_t kSessionBytes = 480;
 
 double count(std::size_t n) {
   return static_cast<double>(n);
