@@ -169,7 +169,7 @@ bool oneCall(std::uint16_t port, const std::string& request, std::string& buffer
   }
   ::close(fd);
   return ok && buffer.rfind("HTTP/1.1 200", 0) == 0 &&
-         buffer.find("\"device_count\"") != std::string::npos;
+         buffer.find("device_count") != std::string::npos;
 }
 
 struct Agent {
