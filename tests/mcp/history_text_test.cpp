@@ -7,7 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <limits>
+#include <optional>
 #include <string>
 
 #include "mcp/snapshot_history.hpp"
@@ -211,6 +213,54 @@ TEST_F(HistoryTextStoreTest, AnswersAreTheBytesOfTheValueAnswersEmptyAndFilled) 
   }
   s.insert("battery_epoch", {{"first_seen", kT0 - 86400 * 4.0}, {"source", "initial"}});
   expectSameAnswers("a filled store");
+}
+
+TEST_F(HistoryTextStoreTest, AStoreThatCannotAnswerIsToldInTextAsInValues) {
+  // Each history tool, through the text replies the registry uses and the value replies, when
+  // the tables behind it are gone: the store's words, not an empty answer.
+  sql().exec(
+      "DROP TABLE power_samples; DROP TABLE process_energy; DROP TABLE sessions; "
+      "DROP TABLE daily_battery_metrics");
+  using Text = QuorelSnapshotProvider::TextReply;
+  using Value = QuorelSnapshotProvider::Reply;
+  const std::function<void(Text, Value)> tools[] = {
+      [&](Text t, Value v) {
+        provider->queryPowerHistoryText({}, {}, 240, t);
+        provider->queryPowerHistory({}, {}, 240, v);
+      },
+      [&](Text t, Value v) {
+        provider->topEnergyAppsText({}, {}, 8, t);
+        provider->topEnergyApps({}, {}, 8, v);
+      },
+      [&](Text t, Value v) {
+        provider->listSessionsText(20, t);
+        provider->listSessions(20, v);
+      },
+      [&](Text t, Value v) {
+        provider->batteryHealthTrendText(t);
+        provider->batteryHealthTrend(v);
+      },
+  };
+  for (std::size_t i = 0; i < std::size(tools); ++i) {
+    std::optional<std::string> text;
+    std::optional<JSONValue> value;
+    tools[i]([&](std::string t) { text = std::move(t); },
+             [&](JSONValue v) { value = std::move(v); });
+    db.queue().runPending();
+    main.runPending();
+    ASSERT_TRUE(text && value) << "tool " << i;
+    EXPECT_EQ(value->member("available"), JSONValue(false)) << "tool " << i;
+    const JSONValue* reason = value->find("reason");
+    ASSERT_TRUE(reason && reason->stringValue()) << "tool " << i;
+    EXPECT_NE(reason->stringValue()->find("no such table"), std::string::npos) << *text;
+    EXPECT_EQ(*text, value->write()) << "tool " << i;
+  }
+
+  // No store at all: the same words either way, at once.
+  QuorelSnapshotProvider storeless(main, clock, {});
+  std::optional<std::string> text;
+  storeless.queryPowerHistoryText({}, {}, 240, [&](std::string t) { text = std::move(t); });
+  EXPECT_EQ(text, R"({"available":false,"reason":"database not ready"})");
 }
 
 }  // namespace
