@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "bench/sqlite_fill.hpp"
+#include "bench/year_history.hpp"
 #include "insights/carbon_footprint_service.hpp"
 #include "mcp/mcp_tool_registry.hpp"
 #include "mcp/quorel_snapshot_provider.hpp"
@@ -31,45 +31,6 @@ constexpr double kEnd = 1'800'000'000;  // 2027-01-15T08:00:00Z
 constexpr double kDay = 86400;
 constexpr double kStart = kEnd - 365 * kDay;
 
-using bench::exec;
-using bench::Insert;
-
-void generateYear(const fs::path& file) {
-  sqlite3* db = nullptr;
-  sqlite3_open(file.c_str(), &db);
-  exec(db, "BEGIN");
-  {
-    Insert sample(db,
-                  "INSERT INTO power_samples (timestamp, wattage, battery_pct, temperature_c, "
-                  "observed_duration_s, power_in_w, external_connected, ecpu_w, pcpu_w, gpu_w, "
-                  "ane_w, dram_w, component_quality, system_power_quality) "
-                  "VALUES (?,?,?,?,?,?,?,?,?,?,?,?,'measured','measured')");
-    for (double t = kStart; t < kEnd; t += 30) {
-      const double phase = std::fmod(t - kStart, kDay) / kDay;
-      const bool charging = phase > 0.75;
-      sample(t, charging ? 20.0 : -9.0, 20 + 70 * phase, 28 + 15 * phase, 30.0,
-             charging ? 45.0 : 0.0, charging ? 1.0 : 0.0, 0.6, 2.0 + phase, 0.8, 0.0, 0.4);
-    }
-    bench::fillDaysAndSessions(db, kStart, 365);
-    Insert energy(db,
-                  "INSERT INTO process_energy (timestamp, process_name, avg_cpu, avg_watts, "
-                  "peak_watts, observed_duration_s, energy_wh, coverage_ratio, quality, source) "
-                  "VALUES (?,?,?,?,?,300,?,1,'measured','cpu_package_apportionment')");
-    for (double t = kStart; t < kEnd; t += 300) {
-      for (int p = 0; p < 8; ++p) {
-        const double watts = 0.5 + p;
-        energy(t, "process-" + std::to_string(p), 10.0 * p, watts, watts * 1.5, watts * 300 / 3600);
-      }
-    }
-    exec(db,
-         "INSERT INTO battery_epoch (first_seen, serial, baseline_cycle_count, "
-         "baseline_design_mah, baseline_nominal_mah, source) "
-         "VALUES (1768464000, 'BENCH-1', 0, 5000, 5000, 'initial')");
-  }
-  exec(db, "COMMIT");
-  sqlite3_close(db);
-}
-
 // A running agent's reading side over the year: the store, the view model with a state, the
 // provider and the registry, with both queues driven by hand.
 struct Agent {
@@ -84,7 +45,7 @@ struct Agent {
                            .startQueue = false},
                           clock);
     }
-    generateYear(dir / "quorel.db");
+    bench::generateYear(dir / "quorel.db", kStart, kEnd);
     db.emplace(QuorelDatabase::Options{.dataDirectory = dir,
                                        .databasePathOverride = {},
                                        .onCorruption = {},

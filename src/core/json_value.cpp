@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 
+#include "core/json_text_writer.hpp"
+
 namespace quorel {
 
 JSONValue JSONValue::object(std::initializer_list<std::pair<std::string, JSONValue>> members) {
@@ -87,34 +89,8 @@ class ReadEvents {
   }
 };
 
-// Whether nlohmann would write these bytes between quotes unchanged: printable ASCII with
-// nothing to escape. Such text, nearly every key and most values, is copied without a detour.
-bool writesVerbatim(std::string_view s) {
-  for (const char c : s) {
-    if (c < 0x20 || c > 0x7E || c == '"' || c == '\\') return false;
-  }
-  return true;
-}
-
-void writeString(std::string_view s, std::string& out) {
-  if (writesVerbatim(s)) {
-    out.push_back('"');
-    out.append(s);
-    out.push_back('"');
-    return;
-  }
-  out.append(json(std::string(s)).dump(-1, ' ', false, json::error_handler_t::replace));
-}
-
-template <class Integer>
-void writeInteger(Integer n, std::string& out) {
-  std::array<char, 24> digits{};
-  const auto [end, ec] = std::to_chars(digits.data(), digits.data() + digits.size(), n);
-  out.append(digits.data(), end);
-}
-
-// The structure is written here; string escapes and fractional numbers are nlohmann's, so the
-// text is what dumping the equivalent document would give, without building that document.
+// The structure is written here; strings and numbers as the streaming writer writes them, in
+// nlohmann's forms, so the text is what dumping the equivalent document would give.
 bool writeValue(const JSONValue& v, std::string& out) {
   switch (v.kind()) {
     case JSONValue::Kind::null:
@@ -124,25 +100,10 @@ bool writeValue(const JSONValue& v, std::string& out) {
       out.append(*v.boolValue() ? "true" : "false");
       return true;
     case JSONValue::Kind::string:
-      writeString(*v.stringValue(), out);
+      json_text::appendString(out, *v.stringValue());
       return true;
-    case JSONValue::Kind::number: {
-      const double d = *v.numberValue();
-      if (!std::isfinite(d)) return false;
-      // 2^63 and 2^64 are exact in a double, so these bounds convert without rounding.
-      if (std::trunc(d) == d) {
-        if (d >= -9223372036854775808.0 && d < 9223372036854775808.0) {
-          writeInteger(static_cast<std::int64_t>(d), out);
-          return true;
-        }
-        if (d >= 0 && d < 18446744073709551616.0) {
-          writeInteger(static_cast<std::uint64_t>(d), out);
-          return true;
-        }
-      }
-      out.append(json(d).dump());
-      return true;
-    }
+    case JSONValue::Kind::number:
+      return json_text::appendNumber(out, *v.numberValue());
     case JSONValue::Kind::array: {
       out.push_back('[');
       bool first = true;
@@ -161,7 +122,7 @@ bool writeValue(const JSONValue& v, std::string& out) {
       for (const auto& [k, e] : *v.objectValue()) {
         if (!first) out.push_back(',');
         first = false;
-        writeString(k, out);
+        json_text::appendString(out, k);
         out.push_back(':');
         if (!writeValue(e, out)) return false;
       }

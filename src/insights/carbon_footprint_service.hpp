@@ -1,7 +1,8 @@
 #pragma once
 // Grams of CO2 behind the electricity drawn since local midnight, at a fixed grid intensity for
-// the region the user chose. The day's energy is integrated again only when the day's samples
-// changed, which the refresh loop mostly finds they have not.
+// the region the user chose. The day's samples are tallied from the time index at each call;
+// while they only grew at their end, just the new ones are read and added to the day's energy,
+// and the whole day is integrated again only when the tally shows anything else.
 //
 // Threading: todayCO2Grams may be called from any thread other than the store's queue; the
 // cache is guarded.
@@ -17,6 +18,8 @@
 
 #include "core/clock.hpp"
 #include "core/result.hpp"
+#include "store/historical_energy_math.hpp"
+#include "store/history_read_records.hpp"
 #include "store/history_records.hpp"
 
 namespace quorel {
@@ -45,16 +48,6 @@ std::optional<CarbonRegionIntensity> carbonRegionNamed(std::string_view rawValue
 
 class CarbonFootprintService {
  public:
-  // What identifies a day's sample set without reading it twice: samples are only appended,
-  // so the same count and last time mean the same energy.
-  struct Signature {
-    TimePoint startOfDay;
-    std::size_t count = 0;
-    std::optional<TimePoint> lastTimestamp;
-
-    bool operator==(const Signature&) const = default;
-  };
-
   // `database` must outlive the service.
   explicit CarbonFootprintService(QuorelDatabase& database);
   CarbonFootprintService(const CarbonFootprintService&) = delete;
@@ -69,14 +62,29 @@ class CarbonFootprintService {
   // reading is unknown, and a stretch touching it is left out rather than counted as 0 W.
   static double integratedKWh(const std::vector<PowerSample>& samples);
 
-  // How many times the day's energy has been integrated (diagnostics and tests).
+  // How many times the day's samples have been read and integrated, wholly or from where the
+  // last reading ended (diagnostics and tests).
   std::uint64_t integrations() const { return integrations_.load(); }
 
  private:
   QuorelDatabase& database_;
+  // The day integrated so far: what its samples were when read, the energy, and the last point,
+  // which the next new sample pairs with.
+  struct Day {
+    TimePoint start;
+    PowerSampleTally tally;
+    // Of the tally, the samples at its last time, which a later read starting there sees again.
+    std::size_t countAtLast = 0;
+    std::optional<EnergyPoint> lastPoint;
+    double wattHours = 0;
+  };
+
+  // The day as of `tally` from `previous`, or from nothing when that cannot be done.
+  Result<Day> advance(const std::optional<Day>& previous, TimePoint start, TimePoint now,
+                      const PowerSampleTally& tally);
+
   std::mutex cacheLock_;
-  std::optional<Signature> cachedSignature_;
-  double cachedKWh_ = 0;
+  std::optional<Day> day_;
   std::atomic<std::uint64_t> integrations_{0};
 };
 

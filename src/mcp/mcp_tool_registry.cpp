@@ -169,10 +169,14 @@ std::string MCPToolRegistry::compactJSON(const JSONValue& value) {
 }
 
 JSONValue MCPToolRegistry::content(const JSONValue& value) {
-  return JSONValue::object(
-      {{"content",
-        JSONValue::array({JSONValue::object({{"type", "text"}, {"text", compactJSON(value)}})})},
-       {"isError", false}});
+  return contentText(compactJSON(value));
+}
+
+JSONValue MCPToolRegistry::contentText(std::string text) {
+  JSONValue::Object item{{"type", JSONValue("text")}, {"text", JSONValue(std::move(text))}};
+  JSONValue::Object result{{"content", JSONValue(JSONValue::Array{JSONValue(std::move(item))})},
+                           {"isError", JSONValue(false)}};
+  return JSONValue(std::move(result));
 }
 
 JSONRPCResponse MCPToolRegistry::map(std::optional<JSONValue> id,
@@ -216,27 +220,31 @@ void MCPToolRegistry::callTool(const std::string& name, std::optional<JSONValue>
   auto later = [id, reply](JSONValue value) {
     reply(JSONRPCResponse::success(id, content(value)));
   };
+  auto laterText = [id, reply](std::string text) {
+    reply(JSONRPCResponse::success(id, contentText(std::move(text))));
+  };
   auto commandDone = [id, reply](BatteryCommandResult result) { reply(map(id, result)); };
 
   if (name == "get_current_power") return read(snapshot.getCurrentPower());
   if (name == "get_battery_status") return read(snapshot.getBatteryStatus());
   if (name == "get_battery_health" || name == "battery_health_trend") {
-    return snapshot.batteryHealthTrend(later);
+    return snapshot.batteryHealthTrendText(laterText);
   }
   if (name == "get_adapter") return read(snapshot.getAdapter());
   if (name == "list_connected_devices") return read(snapshot.listConnectedDevices());
   if (name == "get_system_components") return read(snapshot.getSystemComponents());
   if (name == "query_power_history") {
-    return snapshot.queryPowerHistory(stringArgument(args, "from"), stringArgument(args, "to"),
-                                      kHistoryPointBudget, later);
+    return snapshot.queryPowerHistoryText(stringArgument(args, "from"), stringArgument(args, "to"),
+                                          kHistoryPointBudget, laterText);
   }
   if (name == "top_energy_apps") {
-    return snapshot.topEnergyApps(stringArgument(args, "from"), stringArgument(args, "to"),
-                                  integerArgument(args, "limit").value_or(kDefaultAppLimit), later);
+    return snapshot.topEnergyAppsText(stringArgument(args, "from"), stringArgument(args, "to"),
+                                      integerArgument(args, "limit").value_or(kDefaultAppLimit),
+                                      laterText);
   }
   if (name == "list_sessions") {
-    return snapshot.listSessions(integerArgument(args, "limit").value_or(kDefaultSessionLimit),
-                                 later);
+    return snapshot.listSessionsText(integerArgument(args, "limit").value_or(kDefaultSessionLimit),
+                                     laterText);
   }
   if (name == "energy_totals") return snapshot.energyTotals(later);
   if (name == "get_overview") return read(snapshot.getOverview());

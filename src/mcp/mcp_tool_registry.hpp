@@ -53,6 +53,8 @@ class MCPToolRegistry {
   static std::string compactJSON(const JSONValue& value);
   // {"content":[{"type":"text","text":compactJSON(value)}],"isError":false}.
   static JSONValue content(const JSONValue& value);
+  // The same around text that is already compact JSON.
+  static JSONValue contentText(std::string text);
   static JSONRPCResponse map(std::optional<JSONValue> id, const BatteryCommandResult& result);
 
   static JSONRPCErrorObject unknownTool(const std::string& name);

@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "core/iso8601.hpp"
+#include "mcp/history_text.hpp"
 #include "mcp/snapshot_history.hpp"
 #include "store/quorel_database.hpp"
 #include "telemetry/power_view_model.hpp"
@@ -109,38 +110,93 @@ void QuorelSnapshotProvider::onStore(std::function<Result<JSONValue>(QuorelDatab
   });
 }
 
+void QuorelSnapshotProvider::onStoreText(std::function<Result<std::string>(QuorelDatabase&)> read,
+                                         TextReply reply) {
+  QuorelDatabase* db = sources_.database;
+  if (db == nullptr) {
+    reply(*notAvailable(kDatabaseNotReady).write());
+    return;
+  }
+  db->queue().async([db, read = std::move(read), reply = std::move(reply), &main = mainQueue_,
+                     alive = alive_]() mutable {
+    std::string text;
+    if (!db->isAvailable()) {
+      text = *notAvailable(kDatabaseNotReady).write();
+    } else if (Result<std::string> answer = read(*db)) {
+      text = std::move(*answer);
+    } else {
+      text = *notAvailable(answer.error().message).write();
+    }
+    main.async(
+        [alive = std::move(alive), reply = std::move(reply), text = std::move(text)]() mutable {
+          if (*alive) reply(std::move(text));
+        });
+  });
+}
+
+namespace {
+
+// The value form of a text answer; the text is this process's own writing, so it always reads.
+QuorelSnapshotProvider::TextReply asValue(QuorelSnapshotProvider::Reply reply) {
+  return [reply = std::move(reply)](std::string text) {
+    reply(JSONValue::parse(text).value_or(JSONValue()));
+  };
+}
+
+}  // namespace
+
+void QuorelSnapshotProvider::queryPowerHistoryText(const std::optional<std::string>& from,
+                                                   const std::optional<std::string>& to,
+                                                   int maxPoints, TextReply reply) {
+  const TimePoint end = parseISO(to).value_or(clock_.now());
+  const TimePoint start = parseISO(from).value_or(secondsBefore(end, kDefaultHistoryWindow_s));
+  onStoreText(
+      [start, end, maxPoints](QuorelDatabase& db) {
+        return history_text::powerHistory(db, start, end, maxPoints);
+      },
+      std::move(reply));
+}
+
+void QuorelSnapshotProvider::topEnergyAppsText(const std::optional<std::string>& from,
+                                               const std::optional<std::string>& to,
+                                               std::int64_t limit, TextReply reply) {
+  const TimePoint end = parseISO(to).value_or(clock_.now());
+  const TimePoint start = parseISO(from).value_or(secondsBefore(end, kDefaultRankingWindow_s));
+  onStoreText(
+      [start, end, limit](QuorelDatabase& db) {
+        return history_text::energyRanking(db, EnergyHistoryKind::processes, start, end, limit);
+      },
+      std::move(reply));
+}
+
+void QuorelSnapshotProvider::listSessionsText(std::int64_t limit, TextReply reply) {
+  onStoreText([limit](QuorelDatabase& db) { return history_text::recentSessions(db, limit); },
+              std::move(reply));
+}
+
+void QuorelSnapshotProvider::batteryHealthTrendText(TextReply reply) {
+  onStoreText([](QuorelDatabase& db) { return history_text::batteryHealthTrend(db); },
+              std::move(reply));
+}
+
 void QuorelSnapshotProvider::queryPowerHistory(const std::optional<std::string>& from,
                                                const std::optional<std::string>& to, int maxPoints,
                                                Reply reply) {
-  const TimePoint end = parseISO(to).value_or(clock_.now());
-  const TimePoint start = parseISO(from).value_or(secondsBefore(end, kDefaultHistoryWindow_s));
-  onStore(
-      [start, end, maxPoints](QuorelDatabase& db) {
-        return snapshot_history::powerHistory(db, start, end, maxPoints);
-      },
-      std::move(reply));
+  queryPowerHistoryText(from, to, maxPoints, asValue(std::move(reply)));
 }
 
 void QuorelSnapshotProvider::topEnergyApps(const std::optional<std::string>& from,
                                            const std::optional<std::string>& to, std::int64_t limit,
                                            Reply reply) {
-  const TimePoint end = parseISO(to).value_or(clock_.now());
-  const TimePoint start = parseISO(from).value_or(secondsBefore(end, kDefaultRankingWindow_s));
-  onStore(
-      [start, end, limit](QuorelDatabase& db) {
-        return snapshot_history::energyRanking(db, EnergyHistoryKind::processes, start, end, limit);
-      },
-      std::move(reply));
+  topEnergyAppsText(from, to, limit, asValue(std::move(reply)));
 }
 
 void QuorelSnapshotProvider::listSessions(std::int64_t limit, Reply reply) {
-  onStore([limit](QuorelDatabase& db) { return snapshot_history::recentSessions(db, limit); },
-          std::move(reply));
+  listSessionsText(limit, asValue(std::move(reply)));
 }
 
 void QuorelSnapshotProvider::batteryHealthTrend(Reply reply) {
-  onStore([](QuorelDatabase& db) { return snapshot_history::batteryHealthTrend(db); },
-          std::move(reply));
+  batteryHealthTrendText(asValue(std::move(reply)));
 }
 
 void QuorelSnapshotProvider::energyTotals(Reply reply) {

@@ -31,6 +31,9 @@ class QuorelDatabase;
 class QuorelSnapshotProvider {
  public:
   using Reply = std::function<void(JSONValue)>;
+  // The answer as compact JSON text, for answers large enough that building them as a value
+  // first would cost more than the reads behind them.
+  using TextReply = std::function<void(std::string)>;
   using USBDeviceSource = std::function<std::vector<USBDevice>()>;
   using CarbonRegionSource = std::function<CarbonRegionIntensity()>;
 
@@ -75,6 +78,14 @@ class QuorelSnapshotProvider {
   void batteryHealthTrend(Reply reply);
   void energyTotals(Reply reply);
 
+  // The same answers as text: what writing the value above gives, byte for byte.
+  void queryPowerHistoryText(const std::optional<std::string>& from,
+                             const std::optional<std::string>& to, int maxPoints, TextReply reply);
+  void topEnergyAppsText(const std::optional<std::string>& from,
+                         const std::optional<std::string>& to, std::int64_t limit, TextReply reply);
+  void listSessionsText(std::int64_t limit, TextReply reply);
+  void batteryHealthTrendText(TextReply reply);
+
   static constexpr double kDefaultHistoryWindow_s = 3600;
   static constexpr double kDefaultRankingWindow_s = 86400;
 
@@ -84,6 +95,7 @@ class QuorelSnapshotProvider {
   // Runs `read` as one job on the store's queue and replies with what it gives, or with why
   // the store could not answer, on the main queue.
   void onStore(std::function<Result<JSONValue>(QuorelDatabase&)> read, Reply reply);
+  void onStoreText(std::function<Result<std::string>(QuorelDatabase&)> read, TextReply reply);
 
   SerialQueue& mainQueue_;
   const Clock& clock_;

@@ -63,25 +63,34 @@ Result<JSONValue> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint to,
                             {"samples", std::move(list)}});
 }
 
-Result<JSONValue> energyRanking(QuorelDatabase& db, EnergyHistoryKind kind, TimePoint from,
-                                TimePoint to, std::int64_t limit) {
+Result<RankingReads> readRanking(QuorelDatabase& db, EnergyHistoryKind kind, TimePoint from,
+                                 TimePoint to, std::int64_t limit) {
   const bool apps = kind == EnergyHistoryKind::processes;
   const int clamped = clampedLimit(limit);
-  const auto summaries =
+  auto summaries =
       apps ? db.queryTrackedEnergySummaries("process_energy", "process_name", from, to, clamped)
            : db.queryTrackedEnergySummaries("ai_agent_energy", "agent_id", from, to, clamped);
   if (!summaries) return summaries.error();
   // The series only feeds "current_w"; a small ranking still asks for a handful so that the
   // store's shared cache of the top six serves it.
   const int topN = std::max(clamped, 6);
-  const auto series = apps ? db.queryProcessEnergy(from, to, kCurrentPowerSeriesPoints, topN)
-                           : db.queryAIAgentEnergy(from, to, kCurrentPowerSeriesPoints, topN);
+  auto series = apps ? db.queryProcessEnergy(from, to, kCurrentPowerSeriesPoints, topN)
+                     : db.queryAIAgentEnergy(from, to, kCurrentPowerSeriesPoints, topN);
   if (!series) return series.error();
+  return RankingReads{std::move(*summaries), std::move(*series)};
+}
+
+Result<JSONValue> energyRanking(QuorelDatabase& db, EnergyHistoryKind kind, TimePoint from,
+                                TimePoint to, std::int64_t limit) {
+  const bool apps = kind == EnergyHistoryKind::processes;
+  const auto reads = readRanking(db, kind, from, to, limit);
+  if (!reads) return reads.error();
   const char* key = apps ? "app" : "agent";
   JSONValue::Array list;
-  list.reserve(summaries->size());
-  for (const auto& s : *summaries) {
-    list.push_back(history_json::trackedEnergy(s, currentWatts(*series, s.identifier, to), key));
+  list.reserve(reads->summaries.size());
+  for (const auto& s : reads->summaries) {
+    list.push_back(
+        history_json::trackedEnergy(s, currentWatts(reads->series, s.identifier, to), key));
   }
   return JSONValue::object({{"available", true},
                             {"from", formatIso8601(from)},

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "core/clock.hpp"
 #include "core/json_value.hpp"
@@ -34,6 +35,14 @@ inline constexpr double kCurrentPowerWindow_s = 90;
 int clampedLimit(std::int64_t limit);
 // The mean of `identifier`'s buckets at or after `end` less kCurrentPowerWindow_s; 0 without any.
 double currentWatts(const EnergySeries& series, const std::string& identifier, TimePoint end);
+
+// What a ranking is made of: the ranked summaries, and the series behind their "current_w".
+struct RankingReads {
+  std::vector<TrackedEnergySummary> summaries;
+  EnergySeries series;
+};
+Result<RankingReads> readRanking(QuorelDatabase& db, EnergyHistoryKind kind, TimePoint from,
+                                 TimePoint to, std::int64_t limit);
 
 // {"available":true,"from","to","count","coverage","samples"} for [from, to].
 Result<JSONValue> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint to, int maxPoints);

@@ -20,16 +20,30 @@ JSONValue text(const std::optional<std::string>& value) {
 
 }  // namespace
 
-JSONValue coverage(const HistoricalCoverageSummary& s) {
-  const double ratio = s.coverageRatio();
-  double confidence = 0;
-  if (s.collectedSeconds > 0) {
-    confidence = ratio - std::min(0.5, 0.01 * static_cast<double>(s.rejectedCount)) -
-                 std::min(0.25, 0.002 * static_cast<double>(s.estimatedCount));
-    confidence = std::clamp(confidence, 0.0, 1.0);
+double coverageConfidence(const HistoricalCoverageSummary& s) {
+  if (!(s.collectedSeconds > 0)) return 0;
+  const double confidence = s.coverageRatio() -
+                            std::min(0.5, 0.01 * static_cast<double>(s.rejectedCount)) -
+                            std::min(0.25, 0.002 * static_cast<double>(s.estimatedCount));
+  return std::clamp(confidence, 0.0, 1.0);
+}
+
+std::optional<double> componentSum(const PowerSample& s) {
+  std::optional<double> sum;
+  for (const auto& part : {s.ecpuW, s.pcpuW, s.gpuW, s.aneW, s.dramW}) {
+    if (part) sum = sum.value_or(0) + *part;
   }
-  return JSONValue::object({{"ratio", number(ratio)},
-                            {"confidence", number(confidence)},
+  return sum;
+}
+
+double sessionCoverageRatio(const SessionRecord& s) {
+  const double seen = s.collectedDuration_s + s.missingDuration_s;
+  return seen > 0 ? s.collectedDuration_s / seen : 0;
+}
+
+JSONValue coverage(const HistoricalCoverageSummary& s) {
+  return JSONValue::object({{"ratio", number(s.coverageRatio())},
+                            {"confidence", number(coverageConfidence(s))},
                             {"collected_s", number(s.collectedSeconds)},
                             {"sleep_s", number(s.sleepingSeconds)},
                             {"missing_s", number(s.missingSeconds)},
@@ -38,10 +52,6 @@ JSONValue coverage(const HistoricalCoverageSummary& s) {
 }
 
 JSONValue sample(const PowerSample& s) {
-  std::optional<double> componentSum;
-  for (const auto& part : {s.ecpuW, s.pcpuW, s.gpuW, s.aneW, s.dramW}) {
-    if (part) componentSum = componentSum.value_or(0) + *part;
-  }
   return JSONValue::object({{"t", formatIso8601(s.timestamp)},
                             {"watts", number(s.wattage)},
                             {"battery_pct", number(s.batteryPct)},
@@ -50,7 +60,7 @@ JSONValue sample(const PowerSample& s) {
                             {"gpu_w", number(s.gpuW)},
                             {"ane_w", number(s.aneW)},
                             {"dram_w", number(s.dramW)},
-                            {"component_sum_w", number(componentSum)},
+                            {"component_sum_w", number(componentSum(s))},
                             {"component_quality", toString(s.componentQuality)},
                             {"component_rejection_reason", text(s.componentRejectionReason)},
                             {"power_in_w", number(s.powerInW)},
@@ -70,7 +80,6 @@ JSONValue sample(const PowerSample& s) {
 }
 
 JSONValue session(const SessionRecord& s) {
-  const double seen = s.collectedDuration_s + s.missingDuration_s;
   return JSONValue::object(
       {{"start", formatIso8601(s.startTime)},
        {"end", formatIso8601(s.endTime)},
@@ -84,7 +93,7 @@ JSONValue session(const SessionRecord& s) {
        {"battery_energy_wh", number(s.totalWh)},
        {"collected_duration_s", number(s.collectedDuration_s)},
        {"missing_duration_s", number(s.missingDuration_s)},
-       {"coverage_ratio", number(seen > 0 ? s.collectedDuration_s / seen : 0)},
+       {"coverage_ratio", number(sessionCoverageRatio(s))},
        {"confidence", number(s.confidence)},
        {"quality", toString(s.quality)},
        {"energy_definition", "absolute battery-side energy over collected intervals"}});

@@ -13,6 +13,12 @@
 namespace quorel::history_json {
 
 JSONValue coverage(const HistoricalCoverageSummary& summary);
+// The coverage's confidence: its ratio less penalties for rejected and estimated rows, 0...1.
+double coverageConfidence(const HistoricalCoverageSummary& summary);
+// The sum of the components a sample has; absent when it has none.
+std::optional<double> componentSum(const PowerSample& sample);
+// The share of a session's seen time that was collected; 0 when none was seen.
+double sessionCoverageRatio(const SessionRecord& session);
 JSONValue sample(const PowerSample& sample);
 JSONValue session(const SessionRecord& session);
 JSONValue dailyMetric(const DailyBatteryMetric& metric);

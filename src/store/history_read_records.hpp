@@ -3,6 +3,7 @@
 // by process or agent, daily battery metrics, and the cached energy history of the charts.
 
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -108,6 +109,13 @@ struct EnergyHistoryEntry {
     if (newFrom < from || newTo < to || newFrom > newTo) return false;
     return !firstTimestamp || newFrom <= *firstTimestamp;
   }
+};
+
+struct PowerSampleTally {
+  std::size_t count = 0;
+  std::optional<TimePoint> last;
+
+  bool operator==(const PowerSampleTally&) const = default;
 };
 
 struct PowerSampleDateRange {

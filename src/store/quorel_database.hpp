@@ -166,6 +166,9 @@ class QuorelDatabase {
                                                                        TimePoint to);
   // The first and last sample times; absent while there is no sample.
   Result<std::optional<PowerSampleDateRange>> powerSampleDateRange();
+  // How many samples [from, to] holds and the last one's time, read from the time index alone:
+  // enough to tell whether the samples of a period changed, since they are only appended.
+  Result<PowerSampleTally> powerSampleTally(TimePoint from, TimePoint to);
   // Absent when the store is unavailable, cannot be read, or holds no sample.
   std::optional<TimePoint> oldestPowerSampleDate();
   DatabaseInfo databaseInfo();

@@ -352,6 +352,26 @@ Result<std::optional<PowerSampleDateRange>> QuorelDatabase::powerSampleDateRange
   });
 }
 
+Result<PowerSampleTally> QuorelDatabase::powerSampleTally(TimePoint from, TimePoint to) {
+  return onQueue([&]() -> Result<PowerSampleTally> {
+    if (!db_) return unavailableError();
+    int rc = SQLITE_OK;
+    auto statement = prepareStatement(
+        db_.get(),
+        "SELECT COUNT(*), MAX(timestamp) FROM power_samples WHERE timestamp BETWEEN ? AND ?", rc);
+    if (!statement) return readFailure(rc, "powerSampleTally prepare");
+    Binder(statement.get()).time(from).time(to);
+    if (rc = sqlite3_step(statement.get()); rc != SQLITE_ROW) {
+      return readFailure(rc, "powerSampleTally step");
+    }
+    ColumnReader c(statement.get());
+    PowerSampleTally tally;
+    tally.count = static_cast<std::size_t>(c.integer());
+    tally.last = c.optionalTime();
+    return tally;
+  });
+}
+
 std::optional<TimePoint> QuorelDatabase::oldestPowerSampleDate() {
   return onQueue([&]() -> std::optional<TimePoint> {
     auto row = rowOnQueue("SELECT MIN(timestamp) FROM power_samples", "oldestPowerSampleDate");

@@ -76,5 +76,32 @@ TEST_F(CarbonFootprintStoreTest, PricesTodaysSamplesAndIntegratesAnUnchangedDayO
   EXPECT_EQ(carbonRegionNamed("Mars"), std::nullopt);
 }
 
+TEST_F(CarbonFootprintStoreTest, AddingOnlyTheNewSamplesGivesWhatTheWholeDayGives) {
+  // Each step stores samples and asks at a later now; a service that has followed every step
+  // must price the day as one that reads it whole for the first time. Samples landing at the
+  // last time already seen, or behind it, are not an append and need the whole day again.
+  struct Step {
+    std::vector<std::pair<double, double>> samples;  // offset, watts drawn from the battery
+    double now;
+  } steps[] = {
+      {{{-3600, 20}, {-3570, 22}, {-3540, 18}}, -3540},
+      {{{-3510, 30}, {-3480, 30}}, -3500},  // one of them still ahead of now
+      {{}, -3480},
+      {{{-3480, 50}, {-3450, 10}}, -3450},  // a second sample at the last time seen
+      {{{-3000, 12}, {-2990, 12}}, -2990},  // after a gap the integration leaves out
+      {{{-3200, 40}}, -2980},               // stored behind the last
+      {{{-2960, 8}}, -2960},
+  };
+  for (std::size_t i = 0; i < std::size(steps); ++i) {
+    for (const auto& [offset, watts] : steps[i].samples) sample(offset, {{"wattage", -watts}});
+    const auto followed = service.todayCO2Grams(us, at(steps[i].now));
+    CarbonFootprintService fresh{*db};
+    const auto whole = fresh.todayCO2Grams(us, at(steps[i].now));
+    ASSERT_TRUE(followed && whole) << "step " << i;
+    EXPECT_NEAR(*followed, *whole, 1e-12) << "step " << i;
+    EXPECT_GT(*whole, 0) << "step " << i;
+  }
+}
+
 }  // namespace
 }  // namespace quorel

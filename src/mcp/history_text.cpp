@@ -1,0 +1,223 @@
+#include "mcp/history_text.hpp"
+
+#include <cmath>
+
+#include "core/component_power.hpp"
+#include "mcp/snapshot_history.hpp"
+#include "store/history_json.hpp"
+#include "store/quorel_database.hpp"
+
+namespace quorel::history_text {
+
+namespace {
+
+// A sample's members take about this many bytes; reserving for them spares the regrowth of
+// a text of tens of kilobytes.
+constexpr std::size_t kSampleBytes = 400;
+constexpr std::size_t kDailyMetricBytes = 320;
+constexpr std::size_t kSessionBytes = 480;
+
+double count(std::size_t n) {
+  return static_cast<double>(n);
+}
+
+}  // namespace
+
+void coverage(JSONTextWriter& w, const HistoricalCoverageSummary& s) {
+  w.beginObject();
+  w.key("collected_s").number(s.collectedSeconds);
+  w.key("confidence").number(history_json::coverageConfidence(s));
+  w.key("estimated_values").number(static_cast<double>(s.estimatedCount));
+  w.key("missing_s").number(s.missingSeconds);
+  w.key("ratio").number(s.coverageRatio());
+  w.key("rejected_values").number(static_cast<double>(s.rejectedCount));
+  w.key("sleep_s").number(s.sleepingSeconds);
+  w.endObject();
+}
+
+void sample(JSONTextWriter& w, const PowerSample& s) {
+  w.beginObject();
+  w.key("ane_w").number(s.aneW);
+  w.key("apple_wall_energy_estimate_raw_w").number(s.wallPowerW);
+  w.key("battery_pct").number(s.batteryPct);
+  w.key("battery_rail_w").number(s.batteryRailW);
+  w.key("charging").boolean(s.isCharging);
+  w.key("component_quality").string(toString(s.componentQuality));
+  w.key("component_rejection_reason").nullableString(s.componentRejectionReason);
+  w.key("component_sum_w").number(history_json::componentSum(s));
+  w.key("dc_in_rail_w").number(s.dcInW);
+  w.key("dram_w").number(s.dramW);
+  w.key("ecpu_w").number(s.ecpuW);
+  w.key("external_connected").boolean(s.externalConnected);
+  w.key("gpu_w").number(s.gpuW);
+  w.key("observed_duration_s").number(s.observedDurationS);
+  w.key("pcpu_w").number(s.pcpuW);
+  w.key("pd_brightness_rail_w").number(s.pdBrightnessW);
+  w.key("power_in_w").number(s.powerInW);
+  w.key("system_power_quality").string(toString(s.systemPowerQuality));
+  w.key("system_total_rail_w").number(s.systemTotalW);
+  w.key("t").time(s.timestamp);
+  w.key("temperature_c").number(s.temperatureC);
+  w.key("thunderbolt_left_rail_w").number(s.thunderboltLeftW);
+  w.key("thunderbolt_right_rail_w").number(s.thunderboltRightW);
+  w.key("wall_estimate_quality").string(toString(s.wallEstimateQuality));
+  w.key("watts").number(s.wattage);
+  w.endObject();
+}
+
+void session(JSONTextWriter& w, const SessionRecord& s) {
+  w.beginObject();
+  w.key("avg_watts").number(s.avgWattage);
+  w.key("battery_energy_wh").number(s.totalWh);
+  w.key("charging").boolean(s.isCharging);
+  w.key("collected_duration_s").number(s.collectedDuration_s);
+  w.key("confidence").number(s.confidence);
+  w.key("coverage_ratio").number(history_json::sessionCoverageRatio(s));
+  w.key("duration_min").number(std::round(secondsBetween(s.startTime, s.endTime) / 60.0));
+  w.key("end").time(s.endTime);
+  w.key("end_pct").number(s.endPct);
+  w.key("energy_definition").string("absolute battery-side energy over collected intervals");
+  w.key("missing_duration_s").number(s.missingDuration_s);
+  w.key("mode").string(toString(s.mode));
+  w.key("quality").string(toString(s.quality));
+  w.key("start").time(s.startTime);
+  w.key("start_pct").number(s.startPct);
+  w.key("total_wh").number(s.totalWh);
+  w.endObject();
+}
+
+void dailyMetric(JSONTextWriter& w, const DailyBatteryMetric& m) {
+  w.beginObject();
+  w.key("average_temperature_c").number(m.averageTemperature_C);
+  w.key("capacity_sample_count").number(m.capacitySampleCount);
+  w.key("cycle_count").number(m.cycleCount);
+  w.key("design_mah").number(m.designCapacity_mAh);
+  w.key("health_pct").number(m.healthPct);
+  w.key("max_observed_temperature_c").number(m.maxObservedTemperature_C);
+  w.key("nominal_mah").number(m.nominalCapacity_mAh);
+  w.key("quality").string(toString(m.quality));
+  w.key("t").time(m.dayStart);
+  w.key("temperature_observed_s").number(m.temperatureObservedDuration_s);
+  w.key("temperature_sample_count").number(m.temperatureSampleCount);
+  w.endObject();
+}
+
+void trackedEnergy(JSONTextWriter& w, const TrackedEnergySummary& s, double currentWatts,
+                   const char* identifierKey) {
+  // Both identifier keys ("app", "agent") sort before every other key.
+  w.beginObject();
+  w.key(identifierKey).string(s.identifier);
+  w.key("avg_w").number(s.averageWatts);
+  w.key("coverage_ratio").number(s.coverageRatio);
+  w.key("current_w").number(currentWatts);
+  w.key("missing_duration_s").number(s.missingDuration_s);
+  w.key("observed_duration_s").number(s.observedDuration_s);
+  w.key("peak_w").number(s.peakWatts);
+  w.key("quality").string(toString(s.quality));
+  w.key("source").string("cpu_package_apportionment");
+  w.key("wh").number(s.energyWh);
+  w.endObject();
+}
+
+void epoch(JSONTextWriter& w, const BatteryEpoch& e) {
+  auto integer = [&](std::optional<std::int64_t> v) -> JSONTextWriter& {
+    return v ? w.number(static_cast<double>(*v)) : w.null();
+  };
+  w.beginObject();
+  w.key("baseline_cycle_count");
+  integer(e.baselineCycleCount);
+  w.key("baseline_design_mah");
+  integer(e.baselineDesign_mAh);
+  w.key("baseline_nominal_mah");
+  integer(e.baselineNominal_mAh);
+  w.key("first_seen").time(e.firstSeen);
+  w.key("serial").nullableString(e.serial);
+  w.key("source").string(toString(e.source));
+  w.endObject();
+}
+
+Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint to, int maxPoints) {
+  const auto samples = db.queryPowerSamples(from, to, maxPoints);
+  if (!samples) return samples.error();
+  const auto covered = db.historicalCoverage(from, to);
+  if (!covered) return covered.error();
+  std::string out;
+  out.reserve(512 + samples->size() * kSampleBytes);
+  JSONTextWriter w(out);
+  w.beginObject();
+  w.key("available").boolean(true);
+  w.key("count").number(count(samples->size()));
+  w.key("coverage");
+  coverage(w, *covered);
+  w.key("from").time(from);
+  w.key("samples").beginArray();
+  for (const auto& s : *samples) sample(w, s);
+  w.endArray();
+  w.key("to").time(to);
+  w.endObject();
+  return out;
+}
+
+Result<std::string> energyRanking(QuorelDatabase& db, EnergyHistoryKind kind, TimePoint from,
+                                  TimePoint to, std::int64_t limit) {
+  const bool apps = kind == EnergyHistoryKind::processes;
+  const auto reads = snapshot_history::readRanking(db, kind, from, to, limit);
+  if (!reads) return reads.error();
+  std::string out;
+  JSONTextWriter w(out);
+  // "agents" sorts before "available", "apps" after it.
+  w.beginObject();
+  if (!apps) w.key("agents").beginArray();
+  if (apps) w.key("apps").beginArray();
+  for (const auto& s : reads->summaries) {
+    trackedEnergy(w, s, snapshot_history::currentWatts(reads->series, s.identifier, to),
+                  apps ? "app" : "agent");
+  }
+  w.endArray();
+  w.key("available").boolean(true);
+  w.key("from").time(from);
+  w.key("to").time(to);
+  w.endObject();
+  return out;
+}
+
+Result<std::string> recentSessions(QuorelDatabase& db, std::int64_t limit) {
+  const auto sessions = db.queryRecentSessions(snapshot_history::clampedLimit(limit));
+  if (!sessions) return sessions.error();
+  std::string out;
+  out.reserve(128 + sessions->size() * kSessionBytes);
+  JSONTextWriter w(out);
+  w.beginObject();
+  w.key("available").boolean(true);
+  w.key("count").number(count(sessions->size()));
+  w.key("sessions").beginArray();
+  for (const auto& s : *sessions) session(w, s);
+  w.endArray();
+  w.endObject();
+  return out;
+}
+
+Result<std::string> batteryHealthTrend(QuorelDatabase& db) {
+  const auto days = db.queryDailyBatteryMetrics();
+  if (!days) return days.error();
+  const auto current = db.currentBatteryEpoch();
+  std::string out;
+  out.reserve(512 + days->size() * kDailyMetricBytes);
+  JSONTextWriter w(out);
+  w.beginObject();
+  w.key("available").boolean(true);
+  w.key("count").number(count(days->size()));
+  w.key("epoch");
+  if (current) {
+    epoch(w, *current);
+  } else {
+    w.null();
+  }
+  w.key("trend").beginArray();
+  for (const auto& d : *days) dailyMetric(w, d);
+  w.endArray();
+  w.endObject();
+  return out;
+}
+
+}  // namespace quorel::history_text

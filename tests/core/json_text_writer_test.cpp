@@ -1,0 +1,107 @@
+// The streaming writer against the text nlohmann gives for the same values, since JSONValue's
+// written form is promised to be what dumping an equivalent document gives.
+
+#include "core/json_text_writer.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "core/json_value.hpp"
+
+namespace quorel {
+namespace {
+
+std::string dumped(const nlohmann::json& j) {
+  return j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string written(std::string_view s) {
+  std::string out;
+  json_text::appendString(out, s);
+  return out;
+}
+
+TEST(JSONTextWriterTest, StringsAreEscapedAsNlohmannEscapesThem) {
+  // Every ASCII byte alone and amid text, so each escape is checked at a run's edge and inside.
+  for (int c = 0; c < 0x80; ++c) {
+    const std::string alone(1, static_cast<char>(c));
+    const std::string amid = "ab" + alone + "cd" + alone;
+    EXPECT_EQ(written(alone), dumped(alone)) << "byte " << c;
+    EXPECT_EQ(written(amid), dumped(amid)) << "byte " << c;
+  }
+  const std::string cases[] = {
+      "",
+      R"({"a":"b\"c","t":[1,2]})",  // an answer carried inside another
+      "caf\xC3\xA9 \"\x01",         // UTF-8 beside escapes
+      "bad \xFF byte \"",           // not UTF-8: mended
+      std::string("nul\0inside", 10),
+  };
+  for (const auto& s : cases) EXPECT_EQ(written(s), dumped(s)) << s;
+}
+
+TEST(JSONTextWriterTest, NumbersAreWhatNlohmannWritesAndNonFiniteOnesAreRefused) {
+  const double cases[] = {0.1,    1.0 / 3.0, -2.5e-7, 1e21,   1.5e300,     5e-324, 123456.789,
+                          -0.001, 1e16 + 2,  0.3,     -1e-5,  42,          -0.0,   1e15,
+                          9.0e18, -9.3e18,   1.8e19,  3.7e19, 2.0 / 3.0e10};
+  for (const double d : cases) {
+    std::string out;
+    ASSERT_TRUE(json_text::appendNumber(out, d));
+    // Whole numbers that fit a 64-bit integer are written as that integer, like nlohmann's.
+    const bool whole =
+        std::trunc(d) == d && d >= -9223372036854775808.0 && d < 18446744073709551616.0;
+    const nlohmann::json reference = !whole  ? nlohmann::json(d)
+                                     : d < 0 ? nlohmann::json(static_cast<std::int64_t>(d))
+                                             : nlohmann::json(static_cast<std::uint64_t>(d));
+    EXPECT_EQ(out, dumped(reference)) << d;
+  }
+  for (const double d : {std::nan(""), std::numeric_limits<double>::infinity(),
+                         -std::numeric_limits<double>::infinity()}) {
+    std::string out = "x";
+    EXPECT_FALSE(json_text::appendNumber(out, d));
+    EXPECT_EQ(out, "x");
+  }
+}
+
+TEST(JSONTextWriterTest, TimesAreFormattedAsFormatIso8601FormatsThem) {
+  // Fractions that floor rather than round, days before 1970, a leap day, the last second of a
+  // year and the ends of the four-digit years.
+  const double cases[] = {
+      0,           0.0005,        1'800'000'000.9999, 1'800'000'000.25, -1.5,
+      -86'400.001, 951'782'400.5, 1'798'761'599.999,  -62'135'596'800,  253'402'300'799.999};
+  for (const double seconds : cases) {
+    const TimePoint t = fromUnixSeconds(seconds);
+    std::string out;
+    json_text::appendTime(out, t);
+    EXPECT_EQ(out, '"' + formatIso8601(t) + '"') << seconds;
+  }
+}
+
+TEST(JSONTextWriterTest, ContainersGiveTheTextOfTheEquivalentValue) {
+  std::string out;
+  JSONTextWriter w(out);
+  w.beginObject();
+  w.key("a").beginArray().endArray();
+  w.key("b").beginObject().endObject();
+  w.key("c").beginArray();
+  w.number(1.5).null().boolean(false).string("x").nullableString(std::nullopt);
+  w.beginObject().key("d").number(std::numeric_limits<double>::infinity()).endObject();
+  w.number(std::optional<double>{}).beginArray().number(2).endArray();
+  w.endArray();
+  w.key("e").nullableString(std::string("y"));
+  w.endObject();
+  const JSONValue expected =
+      JSONValue::object({{"a", JSONValue::Array{}},
+                         {"b", JSONValue::Object{}},
+                         {"c", JSONValue::array({1.5, nullptr, false, "x", nullptr,
+                                                 JSONValue::object({{"d", nullptr}}), nullptr,
+                                                 JSONValue::array({2})})},
+                         {"e", "y"}});
+  EXPECT_EQ(out, expected.write());
+}
+
+}  // namespace
+}  // namespace quorel
