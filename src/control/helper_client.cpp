@@ -81,8 +81,15 @@ std::optional<HelperAnswer> parseHelperAnswer(std::string_view line) {
   return answer;
 }
 
-// Socket state lives on the I/O queue; `closedByOwner` and `onClosed` on the main queue.
+// Socket state lives on the I/O queue; `owner` on the main queue.
 struct HelperClient::Impl : std::enable_shared_from_this<Impl> {
+  // What the answers posted to the main queue need. They hold this rather than the Impl: an
+  // answer still queued when the agent stops is destroyed with the main queue, and must not take
+  // the socket down with it after the I/O queue's services are gone.
+  struct Owner {
+    bool closedByOwner = false;
+    ClosedHandler onClosed;
+  };
   Impl(SerialQueue& ioQueue, SerialQueue& mainQueue, std::filesystem::path socketPath)
       : io(ioQueue),
         main(mainQueue),
@@ -102,8 +109,7 @@ struct HelperClient::Impl : std::enable_shared_from_this<Impl> {
   std::map<std::int64_t, HelperCallCompletion> pending;
 
   // Main queue only.
-  bool closedByOwner = false;
-  ClosedHandler onClosed;
+  std::shared_ptr<Owner> owner = std::make_shared<Owner>();
   std::int64_t nextId = 1;
 
   void connect() {
@@ -178,9 +184,8 @@ struct HelperClient::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void deliver(HelperCallCompletion done, HelperCallOutcome outcome) {
-    main.async([self = shared_from_this(), done = std::move(done),
-                outcome = std::move(outcome)]() mutable {
-      if (!self->closedByOwner && done) done(std::move(outcome));
+    main.async([owner = owner, done = std::move(done), outcome = std::move(outcome)]() mutable {
+      if (!owner->closedByOwner && done) done(std::move(outcome));
     });
   }
 
@@ -194,9 +199,9 @@ struct HelperClient::Impl : std::enable_shared_from_this<Impl> {
     for (auto& [id, done] : pending) deliver(std::move(done), transportFailure(why, errnoValue));
     pending.clear();
     outbox.clear();
-    main.async([self = shared_from_this(), wasConnected] {
-      if (self->closedByOwner || !self->onClosed) return;
-      auto handler = std::move(self->onClosed);
+    main.async([owner = owner, wasConnected] {
+      if (owner->closedByOwner || !owner->onClosed) return;
+      auto handler = std::move(owner->onClosed);
       handler(wasConnected);
     });
   }
@@ -221,13 +226,13 @@ void HelperClient::call(std::string method, JSONValue params, HelperCallCompleti
 }
 
 void HelperClient::setClosedHandler(ClosedHandler handler) {
-  impl_->onClosed = std::move(handler);
+  impl_->owner->onClosed = std::move(handler);
 }
 
 void HelperClient::close() {
-  if (impl_->closedByOwner) return;
-  impl_->closedByOwner = true;
-  impl_->onClosed = nullptr;
+  if (impl_->owner->closedByOwner) return;
+  impl_->owner->closedByOwner = true;
+  impl_->owner->onClosed = nullptr;
   impl_->io.async([impl = impl_] {
     impl->ended = true;
     impl->pending.clear();

@@ -194,6 +194,9 @@ void HelperManager::command(const std::string& method, JSONValue params, HelperR
                       if (!out.error) {
                         // Commands answer true; anything else is a refusal without a reason.
                         if (out.result == JSONValue(true)) {
+                          // Whoever wrote (a person, an assistant, a rule), what is shown of the
+                          // helper follows at once rather than at the next periodic read.
+                          refreshHelperStateNow();
                           reply(std::nullopt);
                         } else {
                           reply(QuorelHelperError{QuorelHelperErrorCode::codeSMCWriteFailed, {}});

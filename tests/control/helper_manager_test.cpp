@@ -163,8 +163,14 @@ TEST_F(HelperManagerTest, ConnectsLoadsStateAndCarriesCommandsAndRefusals) {
   manager->proxy()->setSailingBand(3, record);
   manager->proxy()->setChargeLimit(10, record);
   manager->proxy()->forceDischarge(true, record);
+  const auto stateReads = [&] {
+    return std::count(helper.calls.begin(), helper.calls.end(), "getState");
+  };
+  const auto readsBefore = stateReads();
   queue.runPending();
   ASSERT_EQ(replies.size(), 3u);
+  // Only the write that landed reads the helper's state again, so what is shown follows it.
+  EXPECT_EQ(stateReads(), readsBefore + 1);
   EXPECT_EQ(replies[0], std::nullopt);
   EXPECT_EQ(replies[1], (QuorelHelperError{QuorelHelperErrorCode::codeOutOfRange, "out of range"}));
   EXPECT_EQ(replies[2]->message, "uid 1000");

@@ -8,67 +8,15 @@ set -eu
 quorel="$1"
 bridge="$2"
 helper="$3"
-work="$(mktemp -d)"
-helper_pid=""
-agent_pid=""
-cleanup() {
-  [ -z "$helper_pid" ] || kill -CONT "$helper_pid" 2>/dev/null || true
-  for pid in $agent_pid $helper_pid; do kill -9 "$pid" 2>/dev/null || true; done
-  rm -rf "$work"
-}
-trap cleanup EXIT
-fail() { echo "FAIL: $*" >&2; cat "$work/agent.log" "$work/helper.log" >&2 || true; exit 1; }
+. "$(dirname "$0")/e2e_common.sh"
 
-export HOME="$work/home" XDG_DATA_HOME="$work/data" XDG_CONFIG_HOME="$work/config"
-export XDG_STATE_HOME="$work/state" XDG_RUNTIME_DIR="$work/run"
-mkdir -p "$HOME" "$work/run" "$XDG_CONFIG_HOME/quorel" "$work/helper-state"
-chmod 700 "$work/run"
-
-# A laptop on its adapter at 71 %, whose driver has both thresholds and charge_behaviour.
-supplies="$work/sys/class/power_supply"
-mkdir -p "$supplies/AC" "$supplies/BAT0"
-printf 'POWER_SUPPLY_NAME=AC\nPOWER_SUPPLY_TYPE=Mains\nPOWER_SUPPLY_ONLINE=1\n' \
-  > "$supplies/AC/uevent"
-echo Mains > "$supplies/AC/type"
-echo 1 > "$supplies/AC/online"
-cat > "$supplies/BAT0/uevent" <<'EOF'
-POWER_SUPPLY_NAME=BAT0
-POWER_SUPPLY_TYPE=Battery
-POWER_SUPPLY_STATUS=Charging
-POWER_SUPPLY_PRESENT=1
-POWER_SUPPLY_VOLTAGE_NOW=12600000
-POWER_SUPPLY_CURRENT_NOW=1500000
-POWER_SUPPLY_CHARGE_FULL_DESIGN=4500000
-POWER_SUPPLY_CHARGE_FULL=4200000
-POWER_SUPPLY_CHARGE_NOW=3000000
-POWER_SUPPLY_CAPACITY=71
-POWER_SUPPLY_CYCLE_COUNT=12
-EOF
-echo Battery > "$supplies/BAT0/type"
-echo 71 > "$supplies/BAT0/capacity"
-echo Charging > "$supplies/BAT0/status"
-echo 1 > "$supplies/BAT0/present"
-echo 100 > "$supplies/BAT0/charge_control_end_threshold"
-echo 0 > "$supplies/BAT0/charge_control_start_threshold"
-echo '[auto] inhibit-charge force-discharge' > "$supplies/BAT0/charge_behaviour"
-end_threshold() { tr -d '\n' < "$supplies/BAT0/charge_control_end_threshold"; }
-
-"$helper" --socket "$work/helper.sock" --sysfs-root "$work/sys" --state-dir "$work/helper-state" \
-  --allow-file "$work/none" --allow-uid "$(id -u)" > "$work/helper.log" 2>&1 &
-helper_pid=$!
-i=0
-until [ -S "$work/helper.sock" ]; do i=$((i + 1)); [ $i -le 100 ] || fail "no helper socket"; sleep 0.1; done
+fake_battery 71 300
+start_helper
 [ "$(end_threshold)" = 100 ] || fail "a fresh helper wrote the battery"
 
 printf '{"Quorel.mcpServerEnabled": true, "Quorel.mcpServerPort": %s}\n' $((20000 + $$ % 20000)) \
   > "$XDG_CONFIG_HOME/quorel/defaults.json"
-"$quorel" --sysfs-root "$work/sys" --helper-socket "$work/helper.sock" --interval 1 \
-  > "$work/agent.log" 2>&1 &
-agent_pid=$!
-i=0
-until "$quorel" battery status --json 2>/dev/null | grep -q '"helper_ready":true'; do
-  i=$((i + 1)); [ $i -le 150 ] || fail "the agent never linked to the helper"; sleep 0.2
-done
+start_agent agent
 
 # A person at the terminal.
 "$quorel" battery limit 80 > "$work/out" || fail "limit 80 exited $?"
