@@ -1,12 +1,9 @@
 #include "platform/linux/geoclue_location_monitor.hpp"
 
-#include <poll.h>
 #include <spdlog/logger.h>
 #include <systemd/sd-bus.h>
 
 #include <asio/io_context.hpp>
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/steady_timer.hpp>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -15,6 +12,7 @@
 #include <utility>
 
 #include "core/logging.hpp"
+#include "platform/linux/bus_watch.hpp"
 #include "platform/linux/system_bus.hpp"
 
 namespace quorel {
@@ -95,8 +93,6 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
 
   Session(SerialQueue& q, std::shared_ptr<Shared> s, std::optional<std::string> address)
       : queue(q),
-        descriptor(q.context()),
-        timer(q.context()),
         shared(std::move(s)),
         busAddress(std::move(address)),
         log(logging::get("BatteryControl")) {}
@@ -107,15 +103,14 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
   SerialQueue& queue;
   SystemBus bus;
   SlotPtr locationSignal;
-  asio::posix::stream_descriptor descriptor;
-  asio::steady_timer timer;
+  // Replaced, never reset, when a new connection starts: a watch may be closing from inside its
+  // own pump.
+  std::shared_ptr<BusWatch> busWatch;
   std::shared_ptr<Shared> shared;
   std::optional<std::string> busAddress;
   std::shared_ptr<spdlog::logger> log;
   std::string clientPath;
   bool running = false;
-  bool readWaiting = false;
-  bool writeWaiting = false;
   std::map<std::string, Watched> regions;
   std::set<std::string> stateRequests;
   std::optional<Fix> lastFix;
@@ -154,14 +149,15 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
                            &error.error, nullptr, "") < 0) {
       return refusedOrAbsent(error);
     }
-    const int fd = sd_bus_get_fd(bus.get());
-    std::error_code ec;
-    if (fd >= 0) descriptor.assign(fd, ec);
-    if (fd < 0 || ec) return notOnBus("no pollable socket");
+    std::weak_ptr<Session> weak = shared_from_this();
+    busWatch = BusWatch::create(queue.context(), bus.get(), [weak](int code) {
+      if (auto self = weak.lock()) self->lost(code);
+    });
     running = true;
+    int watchError = 0;
+    if (!busWatch->start(watchError)) return notOnBus(std::strerror(-watchError));
     log->info("location service started our client");
     shared->authorize(LocationAuthorization::authorizedAlways);
-    pump();
   }
 
   void refusedOrAbsent(const BusError& error) {
@@ -256,42 +252,9 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
     if (auto c = shared->copy(); c.onDetermineState) c.onDetermineState(id, it->second.state);
   }
 
-  // Handles everything the bus has ready, then waits for what it needs next.
+  // Handles what the property reads left in sd-bus's buffer, then waits for what comes next.
   void pump() {
-    if (!running) return;
-    for (;;) {
-      const int r = sd_bus_process(bus.get(), nullptr);
-      if (r < 0) return lost(r);
-      if (r == 0) break;
-    }
-    const int events = sd_bus_get_events(bus.get());
-    if (events < 0) return lost(events);
-    std::weak_ptr<Session> weak = shared_from_this();
-    auto wait = [&](bool& waiting, asio::posix::stream_descriptor::wait_type type) {
-      if (waiting) return;
-      waiting = true;
-      descriptor.async_wait(type, [weak, &waiting](const std::error_code& ec) {
-        auto self = weak.lock();
-        if (!self) return;
-        waiting = false;
-        if (!ec) self->pump();
-      });
-    };
-    wait(readWaiting, asio::posix::stream_descriptor::wait_read);
-    if ((events & POLLOUT) != 0) wait(writeWaiting, asio::posix::stream_descriptor::wait_write);
-    std::uint64_t deadline_us = 0;
-    if (sd_bus_get_timeout(bus.get(), &deadline_us) > 0 && deadline_us != UINT64_MAX) {
-      // sd-bus deadlines are CLOCK_MONOTONIC, which is what steady_clock reads on Linux.
-      timer.expires_at(std::chrono::steady_clock::time_point(
-          std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-              std::chrono::microseconds(deadline_us))));
-      timer.async_wait([weak](const std::error_code& ec) {
-        auto self = weak.lock();
-        if (self && !ec) self->pump();
-      });
-    } else {
-      timer.cancel();
-    }
+    if (running && busWatch) busWatch->pump();
   }
 
   void lost(int error) {
@@ -316,9 +279,7 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
     running = false;
     lastFix.reset();
     for (auto& [id, watched] : regions) watched.state = RegionState::unknown;
-    // The socket belongs to sd-bus: stop waiting on it without closing it.
-    if (descriptor.is_open()) descriptor.release();
-    timer.cancel();
+    if (busWatch) busWatch->close();
     locationSignal.reset();
     bus.reset();
   }

@@ -1,20 +1,18 @@
 #include "platform/linux/logind_sleep_monitor.hpp"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <spdlog/logger.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
 #include <asio/io_context.hpp>
-#include <asio/posix/stream_descriptor.hpp>
-#include <asio/steady_timer.hpp>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
 
 #include "core/logging.hpp"
+#include "platform/linux/bus_watch.hpp"
 #include "platform/linux/system_bus.hpp"
 
 namespace quorel {
@@ -84,8 +82,11 @@ struct LogindSleepMonitor::Connection : std::enable_shared_from_this<Connection>
              std::shared_ptr<DelayLock> lock, SerialQueue& queue,
              std::shared_ptr<spdlog::logger> logger, std::atomic<std::uint64_t>& received)
       : bus(std::move(openBus)),
-        descriptor(io),
-        timer(io),
+        watch(BusWatch::create(io, bus.get(),
+                               [this](int error) {
+                                 // The watch has stopped; what is left is to say so and close.
+                                 lost(error);
+                               })),
         delivery(std::move(toDeliver)),
         delayLock(std::move(lock)),
         deliveryQueue(queue),
@@ -100,15 +101,12 @@ struct LogindSleepMonitor::Connection : std::enable_shared_from_this<Connection>
   BusPtr bus;
   SlotPtr slot;
   SlotPtr inhibitCall;
-  asio::posix::stream_descriptor descriptor;
-  asio::steady_timer timer;
+  std::shared_ptr<BusWatch> watch;
   std::shared_ptr<Delivery> delivery;
   std::shared_ptr<DelayLock> delayLock;
   SerialQueue& deliveryQueue;
   std::shared_ptr<spdlog::logger> log;
   std::atomic<std::uint64_t>& signalsReceived;
-  bool readWaiting = false;
-  bool writeWaiting = false;
   bool closed = false;
   bool reportedNoDelay = false;
 
@@ -181,48 +179,7 @@ struct LogindSleepMonitor::Connection : std::enable_shared_from_this<Connection>
 
   // Handles everything the bus has ready, then waits for what it needs next.
   void pump() {
-    if (closed) return;
-    for (;;) {
-      const int r = sd_bus_process(bus.get(), nullptr);
-      if (r < 0) return lost(r);
-      if (r == 0) break;
-    }
-    const int events = sd_bus_get_events(bus.get());
-    if (events < 0) return lost(events);
-    std::weak_ptr<Connection> weak = shared_from_this();
-    if (!readWaiting) {
-      readWaiting = true;
-      descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
-                            [weak](const std::error_code& ec) {
-                              auto self = weak.lock();
-                              if (!self) return;
-                              self->readWaiting = false;
-                              if (!ec) self->pump();
-                            });
-    }
-    if ((events & POLLOUT) != 0 && !writeWaiting) {
-      writeWaiting = true;
-      descriptor.async_wait(asio::posix::stream_descriptor::wait_write,
-                            [weak](const std::error_code& ec) {
-                              auto self = weak.lock();
-                              if (!self) return;
-                              self->writeWaiting = false;
-                              if (!ec) self->pump();
-                            });
-    }
-    std::uint64_t deadline_us = 0;
-    if (sd_bus_get_timeout(bus.get(), &deadline_us) > 0 && deadline_us != UINT64_MAX) {
-      // sd-bus deadlines are CLOCK_MONOTONIC, which is what steady_clock reads on Linux.
-      timer.expires_at(std::chrono::steady_clock::time_point(
-          std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-              std::chrono::microseconds(deadline_us))));
-      timer.async_wait([weak](const std::error_code& ec) {
-        auto self = weak.lock();
-        if (self && !ec) self->pump();
-      });
-    } else {
-      timer.cancel();
-    }
+    if (!closed) watch->pump();
   }
 
   void lost(int error) {
@@ -234,9 +191,7 @@ struct LogindSleepMonitor::Connection : std::enable_shared_from_this<Connection>
   void close() {
     if (closed) return;
     closed = true;
-    // The socket belongs to sd-bus: stop waiting on it without closing it.
-    if (descriptor.is_open()) descriptor.release();
-    timer.cancel();
+    watch->close();
     inhibitCall.reset();
     slot.reset();
     sd_bus_close(bus.get());
@@ -297,12 +252,6 @@ bool LogindSleepMonitor::start(Handlers handlers) {
     return fail("system bus unavailable — sleep and wake will not be seen",
                 fmt::format("no pollable socket for {}: {}", address, errorText(fd)));
   }
-  std::error_code ec;
-  connection->descriptor.assign(fd, ec);
-  if (ec) {
-    return fail("system bus unavailable — sleep and wake will not be seen",
-                fmt::format("could not watch the socket of {}: {}", address, ec.message()));
-  }
 
   // Signals that arrived while subscribing already sit in sd-bus's buffer, not on the socket,
   // so the first pump must not wait for the socket.
@@ -312,7 +261,8 @@ bool LogindSleepMonitor::start(Handlers handlers) {
     auto self = weak.lock();
     if (!self) return;
     self->requestDelayLock();
-    self->pump();
+    int error = 0;
+    if (!self->watch->start(error)) self->lost(error);
   });
 
   log_->debug("watching {} on {}", kSignalName, address);
