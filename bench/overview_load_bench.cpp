@@ -30,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/charging_state.hpp"
 #include "bench/year_history.hpp"
 #include "core/logging.hpp"
 #include "core/memory_preference_store.hpp"
@@ -72,22 +73,9 @@ struct NoCommands final : BatteryCommands {
   BatteryCommandResult setHeatProtection(std::int64_t, std::int64_t) override { return nullptr; }
 };
 
+// The reading changes every tick, so each one publishes a new display.
 PowerState stateAt(TimePoint now, int tick) {
-  PowerState s;
-  s.phase = PowerPhase::charging;
-  s.smoothedWattage = 18.5 + tick % 7;
-  s.batteryPercentage = 40 + tick % 50;
-  s.batteryInstalled = true;
-  s.externalConnected = true;
-  s.systemPowerIn_W = 41;
-  s.timeRemaining_min = 48;
-  s.temperature_C = 33;
-  s.adapterWatts = 96;
-  s.componentPower = ComponentPower{0.6, 3.1, 1.2, 0.0, 0.5, true};
-  s.diagnostics = BatteryDiagnostics{};
-  s.diagnostics->adapterInfo = AdapterInfo{"3.0", true, 0x05AC, 0x7109, 1, 96.0, {}, {}};
-  s.timestamp = now;
-  return s;
+  return bench::chargingState(now, 18.5 + tick % 7, 40 + tick % 50);
 }
 
 // The agent's reading side and its server, with a tick that reschedules itself from its own due

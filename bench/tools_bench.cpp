@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "bench/charging_state.hpp"
 #include "bench/year_history.hpp"
 #include "insights/carbon_footprint_service.hpp"
 #include "mcp/mcp_tool_registry.hpp"
@@ -53,21 +54,8 @@ struct Agent {
                clock);
     carbon.emplace(*db);
     viewModel.emplace(main, nullptr, clock);
-    PowerState state;
-    state.phase = PowerPhase::charging;
-    state.smoothedWattage = 18.5;
-    state.batteryPercentage = 71;
-    state.batteryInstalled = true;
-    state.externalConnected = true;
-    state.systemPowerIn_W = 41;
-    state.timeRemaining_min = 48;
-    state.temperature_C = 33;
-    state.adapterWatts = 96;
-    state.componentPower = ComponentPower{0.6, 3.1, 1.2, 0.0, 0.5, true};
-    state.diagnostics = BatteryDiagnostics{};
-    state.diagnostics->adapterInfo = AdapterInfo{"3.0", true, 0x05AC, 0x7109, 1, 96.0, {}, {}};
-    state.timestamp = clock.now();
-    viewModel->update(state, PowerHistorySnapshot::empty(), {});
+    viewModel->update(bench::chargingState(clock.now(), 18.5, 71), PowerHistorySnapshot::empty(),
+                      {});
     QuorelSnapshotProvider::Sources sources;
     sources.viewModel = &*viewModel;
     sources.database = &*db;
