@@ -30,6 +30,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/tool_fixtures.hpp"
 #include "core/clock.hpp"
 #include "core/logging.hpp"
 #include "core/memory_preference_store.hpp"
@@ -192,14 +193,8 @@ std::string readToken(const std::filesystem::path& dataDirectory) {
 // One request on one connection; the latency in seconds, or a negative value on failure.
 double oneRequest(std::uint16_t port, const std::string& request) {
   const MonotonicTime begin = kClock.monotonicNow();
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(port);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-            ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
-                static_cast<ssize_t>(request.size());
+  bool ok = false;
+  const int fd = bench::sendOnLoopback(port, request, ok);
   char buffer[4096];
   std::size_t received = 0;
   bool sawOK = false;

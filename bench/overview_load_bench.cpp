@@ -30,7 +30,7 @@
 #include <thread>
 #include <vector>
 
-#include "bench/charging_state.hpp"
+#include "bench/tool_fixtures.hpp"
 #include "bench/year_history.hpp"
 #include "core/logging.hpp"
 #include "core/memory_preference_store.hpp"
@@ -63,16 +63,6 @@ struct TickRecord {
   std::atomic<bool> measuring{false};
 };
 
-struct NoCommands final : BatteryCommands {
-  JSONValue state() const override { return nullptr; }
-  JSONValue automation() const override { return nullptr; }
-  void setChargeLimit(std::int64_t, BatteryCommandCompletion) override {}
-  void setForceDischarge(bool, BatteryCommandCompletion) override {}
-  void setTopUp(bool, BatteryCommandCompletion) override {}
-  BatteryCommandResult setSmartTopOffRules(std::vector<TopOffRule>) override { return nullptr; }
-  BatteryCommandResult setHeatProtection(std::int64_t, std::int64_t) override { return nullptr; }
-};
-
 // The reading changes every tick, so each one publishes a new display.
 PowerState stateAt(TimePoint now, int tick) {
   return bench::chargingState(now, 18.5 + tick % 7, 40 + tick % 50);
@@ -98,7 +88,7 @@ PowerState stateAt(TimePoint now, int tick) {
   sources.database = &db;
   sources.carbon = &carbon;
   QuorelSnapshotProvider provider(mainQueue, kClock, std::move(sources));
-  NoCommands commands;
+  bench::NoCommands commands;
   mainQueue.start();
   httpQueue.start();
   MCPServer server(mainQueue, httpQueue, kClock, preferences, dataDirectory,
@@ -140,14 +130,8 @@ double statusMB(pid_t pid, const char* field) {
 
 // One call on one connection, read to its end; false unless the answer was 200 with a result.
 bool oneCall(std::uint16_t port, const std::string& request, std::string& buffer) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(port);
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool ok = ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-            ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
-                static_cast<ssize_t>(request.size());
+  bool ok = false;
+  const int fd = bench::sendOnLoopback(port, request, ok);
   buffer.clear();
   char chunk[8192];
   while (ok) {

@@ -15,7 +15,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "bench/charging_state.hpp"
+#include "bench/tool_fixtures.hpp"
 #include "bench/year_history.hpp"
 #include "insights/carbon_footprint_service.hpp"
 #include "mcp/mcp_tool_registry.hpp"
@@ -84,16 +84,6 @@ struct Agent {
     return bytes;
   }
 
-  struct NoCommands final : BatteryCommands {
-    JSONValue state() const override { return nullptr; }
-    JSONValue automation() const override { return nullptr; }
-    void setChargeLimit(std::int64_t, BatteryCommandCompletion) override {}
-    void setForceDischarge(bool, BatteryCommandCompletion) override {}
-    void setTopUp(bool, BatteryCommandCompletion) override {}
-    BatteryCommandResult setSmartTopOffRules(std::vector<TopOffRule>) override { return nullptr; }
-    BatteryCommandResult setHeatProtection(std::int64_t, std::int64_t) override { return nullptr; }
-  };
-
   fs::path dir;
   ManualClock clock{fromUnixSeconds(kEnd)};
   SerialQueue main{"bench.main", clock};
@@ -101,7 +91,7 @@ struct Agent {
   std::optional<CarbonFootprintService> carbon;
   std::optional<PowerViewModel> viewModel;
   std::optional<QuorelSnapshotProvider> provider;
-  NoCommands commands;
+  bench::NoCommands commands;
   std::optional<MCPToolRegistry> registry;
 };
 
