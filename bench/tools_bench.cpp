@@ -75,10 +75,14 @@ struct Agent {
     fs::remove_all(dir);
   }
 
+  // The answer is written into one buffer kept from call to call, as the HTTP transport keeps
+  // it.
   std::size_t call(const std::string& tool, const std::optional<JSONValue>& arguments) {
     std::size_t bytes = 0;
-    registry->callTool(tool, arguments, JSONValue(1),
-                       [&](JSONRPCResponse r) { bytes = r.encode().value_or("").size(); });
+    registry->callTool(tool, arguments, JSONValue(1), [&](JSONRPCResponse r) {
+      encoded.clear();
+      if (r.encodeTo(encoded)) bytes = encoded.size();
+    });
     db->queue().runPending();
     main.runPending();
     return bytes;
@@ -93,6 +97,7 @@ struct Agent {
   std::optional<QuorelSnapshotProvider> provider;
   bench::NoCommands commands;
   std::optional<MCPToolRegistry> registry;
+  std::string encoded;
 };
 
 Agent& agent() {

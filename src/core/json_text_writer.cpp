@@ -14,6 +14,9 @@ namespace json_text {
 namespace {
 
 constexpr char kHex[] = "0123456789abcdef";
+// Room for the longest number and time either writer gives.
+constexpr std::size_t kNumberBytes = 64;
+constexpr std::size_t kTimeBytes = 32;
 
 // How many bytes nlohmann writes for each ASCII byte between quotes: 1 for the bytes it copies
 // (0x7F included), 2 for the short escapes, 6 for the other control bytes. 0 marks the bytes
@@ -56,16 +59,13 @@ bool appendAsciiEscaped(std::string& out, std::string_view s) {
   }
   if (ascii == 0) return false;
   if (length == s.size()) {
-    out.push_back('"');
     out.append(s);
-    out.push_back('"');
     return true;
   }
   const std::size_t mark = out.size();
   // One spare byte: every byte writes two and moves on by its own length.
-  out.resize(mark + length + 3);
+  out.resize(mark + length + 1);
   char* p = out.data() + mark;
-  *p++ = '"';
   for (const char ch : s) {
     const auto c = static_cast<unsigned char>(ch);
     const std::uint8_t n = kEscapedLength[c];
@@ -79,89 +79,184 @@ bool appendAsciiEscaped(std::string& out, std::string_view s) {
     p[1] = kEscapeBytes[1][c];
     p += n;
   }
-  *p = '"';
-  out.resize(mark + length + 2);
+  out.resize(mark + length);
   return true;
 }
 
 template <class Integer>
-void appendInteger(std::string& out, Integer n) {
-  std::array<char, 24> digits{};
-  const auto [end, ec] = std::to_chars(digits.data(), digits.data() + digits.size(), n);
-  out.append(digits.data(), end);
+char* writeInteger(char* p, Integer n) {
+  return std::to_chars(p, p + kNumberBytes, n).ptr;
 }
 
-void appendDigits(std::string& out, unsigned value, int width) {
-  std::array<char, 4> digits{};
+char* writeDigits(char* p, unsigned value, int width) {
   for (int i = width - 1; i >= 0; --i) {
-    digits[static_cast<std::size_t>(i)] = static_cast<char>('0' + value % 10);
+    p[i] = static_cast<char>('0' + value % 10);
     value /= 10;
   }
-  out.append(digits.data(), static_cast<std::size_t>(width));
+  return p + width;
+}
+
+// The longest text a writer composes before appending it: a key, a word, a number or a time.
+constexpr std::size_t kPieceRoom = 64;
+// Around that text: a separator, two quotes of two bytes each and a colon.
+constexpr std::size_t kFrameBytes = 8;
+
+}  // namespace
+
+void appendEscaped(std::string& out, std::string_view s) {
+  if (appendAsciiEscaped(out, s)) return;
+  using nlohmann::json;
+  const std::string quoted =
+      json(std::string(s)).dump(-1, ' ', false, json::error_handler_t::replace);
+  out.append(quoted, 1, quoted.size() - 2);
+}
+
+void appendString(std::string& out, std::string_view s) {
+  out.push_back('"');
+  appendEscaped(out, s);
+  out.push_back('"');
+}
+
+namespace {
+
+// Writes at most kNumberBytes; null, with nothing written, for a number that is not finite.
+char* writeNumber(char* p, double d) {
+  if (!std::isfinite(d)) return nullptr;
+  // 2^63 and 2^64 are exact in a double, so these bounds convert without rounding.
+  if (std::trunc(d) == d) {
+    if (d >= -9223372036854775808.0 && d < 9223372036854775808.0) {
+      return writeInteger(p, static_cast<std::int64_t>(d));
+    }
+    if (d >= 0 && d < 18446744073709551616.0) {
+      return writeInteger(p, static_cast<std::uint64_t>(d));
+    }
+  }
+  // nlohmann's own shortest form, called without building a document and a serializer for it.
+  return nlohmann::detail::to_chars(p, p + kNumberBytes, d);
 }
 
 }  // namespace
 
-void appendString(std::string& out, std::string_view s) {
-  if (appendAsciiEscaped(out, s)) return;
-  using nlohmann::json;
-  out.append(json(std::string(s)).dump(-1, ' ', false, json::error_handler_t::replace));
-}
-
 bool appendNumber(std::string& out, double d) {
-  if (!std::isfinite(d)) return false;
-  // 2^63 and 2^64 are exact in a double, so these bounds convert without rounding.
-  if (std::trunc(d) == d) {
-    if (d >= -9223372036854775808.0 && d < 9223372036854775808.0) {
-      appendInteger(out, static_cast<std::int64_t>(d));
-      return true;
-    }
-    if (d >= 0 && d < 18446744073709551616.0) {
-      appendInteger(out, static_cast<std::uint64_t>(d));
-      return true;
-    }
-  }
-  // nlohmann's own shortest form, called without building a document and a serializer for it.
-  std::array<char, 64> buffer{};
-  char* end = nlohmann::detail::to_chars(buffer.data(), buffer.data() + buffer.size(), d);
+  std::array<char, kNumberBytes> buffer{};
+  char* end = writeNumber(buffer.data(), d);
+  if (end == nullptr) return false;
   out.append(buffer.data(), end);
   return true;
 }
 
-void appendTime(std::string& out, TimePoint t) {
+namespace {
+
+// Writes at most kTimeBytes.
+char* writeTimeText(char* p, TimePoint t) {
   // Calendar arithmetic rather than gmtime_r, which takes the C library's time zone lock.
   using namespace std::chrono;
   const auto ms = floor<milliseconds>(t);
   const auto day = floor<days>(ms);
   const year_month_day date{day};
   const hh_mm_ss clock{ms - day};
-  out.push_back('"');
   const int y = static_cast<int>(date.year());
   if (y < 0 || y > 9999) {
-    out.append(formatIso8601(t));
-  } else {
-    appendDigits(out, static_cast<unsigned>(y), 4);
-    out.push_back('-');
-    appendDigits(out, static_cast<unsigned>(date.month()), 2);
-    out.push_back('-');
-    appendDigits(out, static_cast<unsigned>(date.day()), 2);
-    out.push_back('T');
-    appendDigits(out, static_cast<unsigned>(clock.hours().count()), 2);
-    out.push_back(':');
-    appendDigits(out, static_cast<unsigned>(clock.minutes().count()), 2);
-    out.push_back(':');
-    appendDigits(out, static_cast<unsigned>(clock.seconds().count()), 2);
-    out.push_back('.');
-    appendDigits(out, static_cast<unsigned>(clock.subseconds().count()), 3);
-    out.push_back('Z');
+    const std::string text = formatIso8601(t);
+    return std::copy_n(text.data(), std::min(text.size(), kTimeBytes), p);
   }
-  out.push_back('"');
+  p = writeDigits(p, static_cast<unsigned>(y), 4);
+  *p++ = '-';
+  p = writeDigits(p, static_cast<unsigned>(date.month()), 2);
+  *p++ = '-';
+  p = writeDigits(p, static_cast<unsigned>(date.day()), 2);
+  *p++ = 'T';
+  p = writeDigits(p, static_cast<unsigned>(clock.hours().count()), 2);
+  *p++ = ':';
+  p = writeDigits(p, static_cast<unsigned>(clock.minutes().count()), 2);
+  *p++ = ':';
+  p = writeDigits(p, static_cast<unsigned>(clock.seconds().count()), 2);
+  *p++ = '.';
+  p = writeDigits(p, static_cast<unsigned>(clock.subseconds().count()), 3);
+  *p++ = 'Z';
+  return p;
 }
+
+}  // namespace
+
+void appendTime(std::string& out, TimePoint t) {
+  std::array<char, kTimeBytes + 2> buffer{};
+  buffer[0] = '"';
+  char* end = writeTimeText(buffer.data() + 1, t);
+  *end++ = '"';
+  out.append(buffer.data(), end);
+}
+
+namespace {
+
+// Whether escaping would change the text: a byte to escape, or one that is not ASCII.
+bool needsEscape(std::string_view s) {
+  std::uint8_t plain = 1;
+  for (const char c : s) {
+    plain &= static_cast<std::uint8_t>(kEscapedLength[static_cast<unsigned char>(c)] == 1);
+  }
+  return plain == 0;
+}
+
+}  // namespace
 
 }  // namespace json_text
 
+// Each append to the string checks its room, so a member is composed here and appended once
+// rather than a separator, a quote, a key, a quote and a colon at a time.
+class JSONTextWriter::Piece {
+ public:
+  explicit Piece(const JSONTextWriter& w) : inString_(w.form_ == Form::inString) {
+    if (w.afterValue_) *p_++ = ',';
+  }
+  Piece& put(char c) {
+    *p_++ = c;
+    return *this;
+  }
+  Piece& put(std::string_view s) {
+    p_ = std::copy(s.begin(), s.end(), p_);
+    return *this;
+  }
+  Piece& quote() {
+    if (inString_) *p_++ = '\\';
+    *p_++ = '"';
+    return *this;
+  }
+  char*& cursor() { return p_; }
+  void appendTo(std::string& out) const {
+    out.append(bytes_.data(), static_cast<std::size_t>(p_ - bytes_.data()));
+  }
+
+ private:
+  std::array<char, json_text::kPieceRoom + json_text::kFrameBytes> bytes_;
+  char* p_ = bytes_.data();
+  bool inString_;
+};
+
+namespace {
+
+bool fitsPiece(std::string_view s) {
+  return s.size() <= json_text::kPieceRoom && !json_text::needsEscape(s);
+}
+
+}  // namespace
+
 void JSONTextWriter::separate() {
   if (afterValue_) out_.push_back(',');
+}
+
+void JSONTextWriter::quotedEscaped(std::string_view s) {
+  separate();
+  const std::string_view quote = form_ == Form::inString ? "\\\"" : "\"";
+  out_.append(quote);
+  if (form_ == Form::json) {
+    json_text::appendEscaped(out_, s);
+  } else {
+    std::string once;
+    json_text::appendEscaped(once, s);
+    json_text::appendEscaped(out_, once);
+  }
+  out_.append(quote);
 }
 
 JSONTextWriter& JSONTextWriter::beginObject() {
@@ -191,30 +286,34 @@ JSONTextWriter& JSONTextWriter::endArray() {
 }
 
 JSONTextWriter& JSONTextWriter::key(std::string_view k) {
-  separate();
-  json_text::appendString(out_, k);
-  out_.push_back(':');
+  if (fitsPiece(k)) {
+    Piece(*this).quote().put(k).quote().put(':').appendTo(out_);
+  } else {
+    quotedEscaped(k);
+    out_.push_back(':');
+  }
   afterValue_ = false;
   return *this;
 }
 
 JSONTextWriter& JSONTextWriter::null() {
-  separate();
-  out_.append("null");
+  Piece(*this).put("null").appendTo(out_);
   afterValue_ = true;
   return *this;
 }
 
 JSONTextWriter& JSONTextWriter::boolean(bool b) {
-  separate();
-  out_.append(b ? "true" : "false");
+  Piece(*this).put(b ? "true" : "false").appendTo(out_);
   afterValue_ = true;
   return *this;
 }
 
 JSONTextWriter& JSONTextWriter::string(std::string_view s) {
-  separate();
-  json_text::appendString(out_, s);
+  if (fitsPiece(s)) {
+    Piece(*this).quote().put(s).quote().appendTo(out_);
+  } else {
+    quotedEscaped(s);
+  }
   afterValue_ = true;
   return *this;
 }
@@ -224,8 +323,14 @@ JSONTextWriter& JSONTextWriter::nullableString(const std::optional<std::string>&
 }
 
 JSONTextWriter& JSONTextWriter::number(double d) {
-  separate();
-  if (!json_text::appendNumber(out_, d)) out_.append("null");
+  Piece piece(*this);
+  char* end = json_text::writeNumber(piece.cursor(), d);
+  if (end == nullptr) {
+    piece.put("null");
+  } else {
+    piece.cursor() = end;
+  }
+  piece.appendTo(out_);
   afterValue_ = true;
   return *this;
 }
@@ -235,8 +340,10 @@ JSONTextWriter& JSONTextWriter::number(std::optional<double> d) {
 }
 
 JSONTextWriter& JSONTextWriter::time(TimePoint t) {
-  separate();
-  json_text::appendTime(out_, t);
+  Piece piece(*this);
+  piece.quote();
+  piece.cursor() = json_text::writeTimeText(piece.cursor(), t);
+  piece.quote().appendTo(out_);
   afterValue_ = true;
   return *this;
 }

@@ -20,6 +20,8 @@ namespace json_text {
 
 // A string between quotes, escaped; bytes that are not UTF-8 become U+FFFD.
 void appendString(std::string& out, std::string_view s);
+// What appendString writes between the quotes.
+void appendEscaped(std::string& out, std::string_view s);
 // A finite number: whole numbers without a fraction, others in their shortest round-trip form.
 // False, with nothing written, for a number that is not finite.
 bool appendNumber(std::string& out, double d);
@@ -30,7 +32,16 @@ void appendTime(std::string& out, TimePoint t);
 
 class JSONTextWriter {
  public:
-  explicit JSONTextWriter(std::string& out) noexcept : out_(out) {}
+  enum class Form {
+    json,
+    // The text as it stands inside a JSON string: what writing the json form as a string puts
+    // between its quotes. An answer that travels as the text of another is written this way
+    // once, rather than written and then escaped as a whole.
+    inString,
+  };
+
+  explicit JSONTextWriter(std::string& out, Form form = Form::json) noexcept
+      : out_(out), form_(form) {}
 
   JSONTextWriter& beginObject();
   JSONTextWriter& endObject();
@@ -50,9 +61,14 @@ class JSONTextWriter {
   JSONTextWriter& time(TimePoint t);
 
  private:
+  class Piece;
+
   void separate();
+  // A string that needs escaping, or is long, between quotes in this writer's form.
+  void quotedEscaped(std::string_view s);
 
   std::string& out_;
+  Form form_;
   // Whether a value was the last thing written, so that the next one needs a comma first.
   bool afterValue_ = false;
 };

@@ -13,7 +13,7 @@ namespace {
 
 // A sample's members take about this many bytes; reserving for them spares the regrowth of
 // a text of tens of kilobytes.
-constexpr std::size_t kSampleBytes = 400;
+constexpr std::size_t kSampleBytes = 768;
 constexpr std::size_t kDailyMetricBytes = 320;
 constexpr std::size_t kSessionBytes = 480;
 
@@ -136,14 +136,15 @@ void epoch(JSONTextWriter& w, const BatteryEpoch& e) {
   w.endObject();
 }
 
-Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint to, int maxPoints) {
+Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint to, int maxPoints,
+                                 Form form) {
   const auto samples = db.queryPowerSamples(from, to, maxPoints);
   if (!samples) return samples.error();
   const auto covered = db.historicalCoverage(from, to);
   if (!covered) return covered.error();
   std::string out;
   out.reserve(512 + samples->size() * kSampleBytes);
-  JSONTextWriter w(out);
+  JSONTextWriter w(out, form);
   w.beginObject();
   w.key("available").boolean(true);
   w.key("count").number(count(samples->size()));
@@ -159,12 +160,12 @@ Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint t
 }
 
 Result<std::string> energyRanking(QuorelDatabase& db, EnergyHistoryKind kind, TimePoint from,
-                                  TimePoint to, std::int64_t limit) {
+                                  TimePoint to, std::int64_t limit, Form form) {
   const bool apps = kind == EnergyHistoryKind::processes;
   const auto reads = snapshot_history::readRanking(db, kind, from, to, limit);
   if (!reads) return reads.error();
   std::string out;
-  JSONTextWriter w(out);
+  JSONTextWriter w(out, form);
   // "agents" sorts before "available", "apps" after it.
   w.beginObject();
   if (!apps) w.key("agents").beginArray();
@@ -181,12 +182,12 @@ Result<std::string> energyRanking(QuorelDatabase& db, EnergyHistoryKind kind, Ti
   return out;
 }
 
-Result<std::string> recentSessions(QuorelDatabase& db, std::int64_t limit) {
+Result<std::string> recentSessions(QuorelDatabase& db, std::int64_t limit, Form form) {
   const auto sessions = db.queryRecentSessions(snapshot_history::clampedLimit(limit));
   if (!sessions) return sessions.error();
   std::string out;
   out.reserve(128 + sessions->size() * kSessionBytes);
-  JSONTextWriter w(out);
+  JSONTextWriter w(out, form);
   w.beginObject();
   w.key("available").boolean(true);
   w.key("count").number(count(sessions->size()));
@@ -197,13 +198,13 @@ Result<std::string> recentSessions(QuorelDatabase& db, std::int64_t limit) {
   return out;
 }
 
-Result<std::string> batteryHealthTrend(QuorelDatabase& db) {
+Result<std::string> batteryHealthTrend(QuorelDatabase& db, Form form) {
   const auto days = db.queryDailyBatteryMetrics();
   if (!days) return days.error();
   const auto current = db.currentBatteryEpoch();
   std::string out;
   out.reserve(512 + days->size() * kDailyMetricBytes);
-  JSONTextWriter w(out);
+  JSONTextWriter w(out, form);
   w.beginObject();
   w.key("available").boolean(true);
   w.key("count").number(count(days->size()));

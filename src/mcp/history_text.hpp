@@ -30,12 +30,14 @@ void trackedEnergy(JSONTextWriter& w, const TrackedEnergySummary& summary, doubl
                    const char* identifierKey);
 void epoch(JSONTextWriter& w, const BatteryEpoch& epoch);
 
-// The text of snapshot_history's answer of the same name.
-Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint to, int maxPoints);
+// The text of snapshot_history's answer of the same name, in the given form.
+using Form = JSONTextWriter::Form;
+Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint to, int maxPoints,
+                                 Form form = Form::json);
 Result<std::string> energyRanking(QuorelDatabase& db, EnergyHistoryKind kind, TimePoint from,
-                                  TimePoint to, std::int64_t limit);
-Result<std::string> recentSessions(QuorelDatabase& db, std::int64_t limit);
-Result<std::string> batteryHealthTrend(QuorelDatabase& db);
+                                  TimePoint to, std::int64_t limit, Form form = Form::json);
+Result<std::string> recentSessions(QuorelDatabase& db, std::int64_t limit, Form form = Form::json);
+Result<std::string> batteryHealthTrend(QuorelDatabase& db, Form form = Form::json);
 
 }  // namespace history_text
 }  // namespace quorel

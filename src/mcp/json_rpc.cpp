@@ -218,17 +218,26 @@ JSONValue JSONRPCRequest::toJSON() const {
 }
 
 JSONRPCResponse JSONRPCResponse::success(std::optional<JSONValue> id, JSONValue result) {
-  return JSONRPCResponse{"2.0", std::move(id), std::move(result), std::nullopt};
+  return JSONRPCResponse{"2.0", std::move(id), std::move(result), std::nullopt, std::nullopt};
+}
+
+JSONRPCResponse JSONRPCResponse::successText(std::optional<JSONValue> id, std::string resultText) {
+  return JSONRPCResponse{"2.0", std::move(id), std::nullopt, std::nullopt, std::move(resultText)};
 }
 
 JSONRPCResponse JSONRPCResponse::failure(std::optional<JSONValue> id, JSONRPCErrorObject error) {
-  return JSONRPCResponse{"2.0", std::move(id), std::nullopt, std::move(error)};
+  return JSONRPCResponse{"2.0", std::move(id), std::nullopt, std::move(error), std::nullopt};
+}
+
+std::optional<JSONValue> JSONRPCResponse::resultValue() const {
+  if (resultText) return JSONValue::parse(*resultText);
+  return result;
 }
 
 JSONValue JSONRPCResponse::toJSON() const {
   JSONValue::Object o{{"jsonrpc", JSONValue(jsonrpc)}};
   if (id) o.emplace("id", *id);
-  if (result) o.emplace("result", *result);
+  if (auto value = resultValue()) o.emplace("result", std::move(*value));
   if (error) o.emplace("error", error->toJSON());
   return JSONValue(std::move(o));
 }
@@ -260,7 +269,9 @@ bool JSONRPCResponse::encodeTo(std::string& out) const {
   }
   out.append("\"jsonrpc\":");
   JSONValue(jsonrpc).writeTo(out);
-  if (result) {
+  if (resultText) {
+    out.append(",\"result\":").append(*resultText);
+  } else if (result) {
     out.append(",\"result\":");
     if (!result->writeTo(out)) return fail();
   }
@@ -274,7 +285,7 @@ std::optional<JSONRPCResponse> JSONRPCResponse::decode(std::string_view body) {
   auto jsonrpc = requiredString(*value, "jsonrpc");
   if (!jsonrpc) return std::nullopt;
   JSONRPCResponse r{std::move(*jsonrpc), presentMember(*value, "id"),
-                    presentMember(*value, "result"), std::nullopt};
+                    presentMember(*value, "result"), std::nullopt, std::nullopt};
   if (auto e = presentMember(*value, "error")) {
     const JSONValue* code = e->find("code");
     auto message = requiredString(*e, "message");

@@ -24,6 +24,8 @@ struct JSONRPCErrorObject {
 
   static const JSONRPCErrorObject parseError;
 
+  // The result as a value, whichever way it is held.
+  std::optional<JSONValue> resultValue() const;
   JSONValue toJSON() const;
   bool operator==(const JSONRPCErrorObject&) const = default;
 };
@@ -41,6 +43,8 @@ struct JSONRPCRequest {
   // building the members that a request does not keep.
   static std::optional<JSONRPCRequest> decode(std::string_view body);
   static std::optional<JSONRPCRequest> fromJSON(const JSONValue& value);
+  // The result as a value, whichever way it is held.
+  std::optional<JSONValue> resultValue() const;
   JSONValue toJSON() const;
   bool operator==(const JSONRPCRequest&) const = default;
 };
@@ -51,10 +55,16 @@ struct JSONRPCResponse {
   std::optional<JSONValue> id;
   std::optional<JSONValue> result;
   std::optional<JSONRPCErrorObject> error;
+  // The result already written as compact JSON text, in place of `result`: the large answers
+  // are written once, straight into the form they travel in, rather than built as a value.
+  std::optional<std::string> resultText;
 
   static JSONRPCResponse success(std::optional<JSONValue> id, JSONValue result);
+  static JSONRPCResponse successText(std::optional<JSONValue> id, std::string resultText);
   static JSONRPCResponse failure(std::optional<JSONValue> id, JSONRPCErrorObject error);
 
+  // The result as a value, whichever way it is held.
+  std::optional<JSONValue> resultValue() const;
   JSONValue toJSON() const;
   // Absent when a value inside cannot be written (a number that is not finite).
   std::optional<std::string> encode() const;

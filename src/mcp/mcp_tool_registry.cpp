@@ -169,14 +169,20 @@ std::string MCPToolRegistry::compactJSON(const JSONValue& value) {
 }
 
 JSONValue MCPToolRegistry::content(const JSONValue& value) {
-  return contentText(compactJSON(value));
-}
-
-JSONValue MCPToolRegistry::contentText(std::string text) {
-  JSONValue::Object item{{"type", JSONValue("text")}, {"text", JSONValue(std::move(text))}};
+  JSONValue::Object item{{"type", JSONValue("text")}, {"text", JSONValue(compactJSON(value))}};
   JSONValue::Object result{{"content", JSONValue(JSONValue::Array{JSONValue(std::move(item))})},
                            {"isError", JSONValue(false)}};
   return JSONValue(std::move(result));
+}
+
+std::string MCPToolRegistry::contentText(std::string_view inString) {
+  // The members in the order a written object gives them: "text" before "type".
+  constexpr std::string_view kHead = R"({"content":[{"text":")";
+  constexpr std::string_view kTail = R"(","type":"text"}],"isError":false})";
+  std::string out;
+  out.reserve(kHead.size() + inString.size() + kTail.size());
+  out.append(kHead).append(inString).append(kTail);
+  return out;
 }
 
 JSONRPCResponse MCPToolRegistry::map(std::optional<JSONValue> id,
@@ -220,31 +226,32 @@ void MCPToolRegistry::callTool(const std::string& name, std::optional<JSONValue>
   auto later = [id, reply](JSONValue value) {
     reply(JSONRPCResponse::success(id, content(value)));
   };
-  auto laterText = [id, reply](std::string text) {
-    reply(JSONRPCResponse::success(id, contentText(std::move(text))));
+  auto laterText = [id, reply](const std::string& inString) {
+    reply(JSONRPCResponse::successText(id, contentText(inString)));
   };
+  constexpr auto kInString = QuorelSnapshotProvider::TextForm::inString;
   auto commandDone = [id, reply](BatteryCommandResult result) { reply(map(id, result)); };
 
   if (name == "get_current_power") return read(snapshot.getCurrentPower());
   if (name == "get_battery_status") return read(snapshot.getBatteryStatus());
   if (name == "get_battery_health" || name == "battery_health_trend") {
-    return snapshot.batteryHealthTrendText(laterText);
+    return snapshot.batteryHealthTrendText(kInString, laterText);
   }
   if (name == "get_adapter") return read(snapshot.getAdapter());
   if (name == "list_connected_devices") return read(snapshot.listConnectedDevices());
   if (name == "get_system_components") return read(snapshot.getSystemComponents());
   if (name == "query_power_history") {
     return snapshot.queryPowerHistoryText(stringArgument(args, "from"), stringArgument(args, "to"),
-                                          kHistoryPointBudget, laterText);
+                                          kHistoryPointBudget, kInString, laterText);
   }
   if (name == "top_energy_apps") {
     return snapshot.topEnergyAppsText(stringArgument(args, "from"), stringArgument(args, "to"),
                                       integerArgument(args, "limit").value_or(kDefaultAppLimit),
-                                      laterText);
+                                      kInString, laterText);
   }
   if (name == "list_sessions") {
     return snapshot.listSessionsText(integerArgument(args, "limit").value_or(kDefaultSessionLimit),
-                                     laterText);
+                                     kInString, laterText);
   }
   if (name == "energy_totals") return snapshot.energyTotals(later);
   if (name == "get_overview") return read(snapshot.getOverview());

@@ -53,8 +53,9 @@ class MCPToolRegistry {
   static std::string compactJSON(const JSONValue& value);
   // {"content":[{"type":"text","text":compactJSON(value)}],"isError":false}.
   static JSONValue content(const JSONValue& value);
-  // The same around text that is already compact JSON.
-  static JSONValue contentText(std::string text);
+  // The written text of the same result around an answer already written in the inString
+  // form of JSONTextWriter.
+  static std::string contentText(std::string_view inString);
   static JSONRPCResponse map(std::optional<JSONValue> id, const BatteryCommandResult& result);
 
   static JSONRPCErrorObject unknownTool(const std::string& name);

@@ -111,21 +111,29 @@ void QuorelSnapshotProvider::onStore(std::function<Result<JSONValue>(QuorelDatab
 }
 
 void QuorelSnapshotProvider::onStoreText(std::function<Result<std::string>(QuorelDatabase&)> read,
-                                         TextReply reply) {
+                                         TextForm form, TextReply reply) {
+  // The store's own refusals are small values, written and then put in the asked form.
+  auto refusal = [form](std::string_view why) {
+    const std::string text = *notAvailable(why).write();
+    if (form == TextForm::json) return text;
+    std::string inString;
+    json_text::appendEscaped(inString, text);
+    return inString;
+  };
   QuorelDatabase* db = sources_.database;
   if (db == nullptr) {
-    reply(*notAvailable(kDatabaseNotReady).write());
+    reply(refusal(kDatabaseNotReady));
     return;
   }
-  db->queue().async([db, read = std::move(read), reply = std::move(reply), &main = mainQueue_,
-                     alive = alive_]() mutable {
+  db->queue().async([db, read = std::move(read), refusal, reply = std::move(reply),
+                     &main = mainQueue_, alive = alive_]() mutable {
     std::string text;
     if (!db->isAvailable()) {
-      text = *notAvailable(kDatabaseNotReady).write();
+      text = refusal(kDatabaseNotReady);
     } else if (Result<std::string> answer = read(*db)) {
       text = std::move(*answer);
     } else {
-      text = *notAvailable(answer.error().message).write();
+      text = refusal(answer.error().message);
     }
     main.async(
         [alive = std::move(alive), reply = std::move(reply), text = std::move(text)]() mutable {
@@ -147,56 +155,58 @@ QuorelSnapshotProvider::TextReply asValue(QuorelSnapshotProvider::Reply reply) {
 
 void QuorelSnapshotProvider::queryPowerHistoryText(const std::optional<std::string>& from,
                                                    const std::optional<std::string>& to,
-                                                   int maxPoints, TextReply reply) {
+                                                   int maxPoints, TextForm form, TextReply reply) {
   const TimePoint end = parseISO(to).value_or(clock_.now());
   const TimePoint start = parseISO(from).value_or(secondsBefore(end, kDefaultHistoryWindow_s));
   onStoreText(
-      [start, end, maxPoints](QuorelDatabase& db) {
-        return history_text::powerHistory(db, start, end, maxPoints);
+      [start, end, maxPoints, form](QuorelDatabase& db) {
+        return history_text::powerHistory(db, start, end, maxPoints, form);
       },
-      std::move(reply));
+      form, std::move(reply));
 }
 
 void QuorelSnapshotProvider::topEnergyAppsText(const std::optional<std::string>& from,
                                                const std::optional<std::string>& to,
-                                               std::int64_t limit, TextReply reply) {
+                                               std::int64_t limit, TextForm form, TextReply reply) {
   const TimePoint end = parseISO(to).value_or(clock_.now());
   const TimePoint start = parseISO(from).value_or(secondsBefore(end, kDefaultRankingWindow_s));
   onStoreText(
-      [start, end, limit](QuorelDatabase& db) {
-        return history_text::energyRanking(db, EnergyHistoryKind::processes, start, end, limit);
+      [start, end, limit, form](QuorelDatabase& db) {
+        return history_text::energyRanking(db, EnergyHistoryKind::processes, start, end, limit,
+                                           form);
       },
-      std::move(reply));
+      form, std::move(reply));
 }
 
-void QuorelSnapshotProvider::listSessionsText(std::int64_t limit, TextReply reply) {
-  onStoreText([limit](QuorelDatabase& db) { return history_text::recentSessions(db, limit); },
-              std::move(reply));
+void QuorelSnapshotProvider::listSessionsText(std::int64_t limit, TextForm form, TextReply reply) {
+  onStoreText(
+      [limit, form](QuorelDatabase& db) { return history_text::recentSessions(db, limit, form); },
+      form, std::move(reply));
 }
 
-void QuorelSnapshotProvider::batteryHealthTrendText(TextReply reply) {
-  onStoreText([](QuorelDatabase& db) { return history_text::batteryHealthTrend(db); },
-              std::move(reply));
+void QuorelSnapshotProvider::batteryHealthTrendText(TextForm form, TextReply reply) {
+  onStoreText([form](QuorelDatabase& db) { return history_text::batteryHealthTrend(db, form); },
+              form, std::move(reply));
 }
 
 void QuorelSnapshotProvider::queryPowerHistory(const std::optional<std::string>& from,
                                                const std::optional<std::string>& to, int maxPoints,
                                                Reply reply) {
-  queryPowerHistoryText(from, to, maxPoints, asValue(std::move(reply)));
+  queryPowerHistoryText(from, to, maxPoints, TextForm::json, asValue(std::move(reply)));
 }
 
 void QuorelSnapshotProvider::topEnergyApps(const std::optional<std::string>& from,
                                            const std::optional<std::string>& to, std::int64_t limit,
                                            Reply reply) {
-  topEnergyAppsText(from, to, limit, asValue(std::move(reply)));
+  topEnergyAppsText(from, to, limit, TextForm::json, asValue(std::move(reply)));
 }
 
 void QuorelSnapshotProvider::listSessions(std::int64_t limit, Reply reply) {
-  listSessionsText(limit, asValue(std::move(reply)));
+  listSessionsText(limit, TextForm::json, asValue(std::move(reply)));
 }
 
 void QuorelSnapshotProvider::batteryHealthTrend(Reply reply) {
-  batteryHealthTrendText(asValue(std::move(reply)));
+  batteryHealthTrendText(TextForm::json, asValue(std::move(reply)));
 }
 
 void QuorelSnapshotProvider::energyTotals(Reply reply) {

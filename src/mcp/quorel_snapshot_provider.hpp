@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "core/clock.hpp"
+#include "core/json_text_writer.hpp"
 #include "core/json_value.hpp"
 #include "core/serial_queue.hpp"
 #include "devices/usb_device.hpp"
@@ -78,13 +79,17 @@ class QuorelSnapshotProvider {
   void batteryHealthTrend(Reply reply);
   void energyTotals(Reply reply);
 
-  // The same answers as text: what writing the value above gives, byte for byte.
+  // The same answers as text: in the json form, what writing the value above gives, byte for
+  // byte; in the inString form, that text as it stands inside a JSON string.
+  using TextForm = JSONTextWriter::Form;
   void queryPowerHistoryText(const std::optional<std::string>& from,
-                             const std::optional<std::string>& to, int maxPoints, TextReply reply);
+                             const std::optional<std::string>& to, int maxPoints, TextForm form,
+                             TextReply reply);
   void topEnergyAppsText(const std::optional<std::string>& from,
-                         const std::optional<std::string>& to, std::int64_t limit, TextReply reply);
-  void listSessionsText(std::int64_t limit, TextReply reply);
-  void batteryHealthTrendText(TextReply reply);
+                         const std::optional<std::string>& to, std::int64_t limit, TextForm form,
+                         TextReply reply);
+  void listSessionsText(std::int64_t limit, TextForm form, TextReply reply);
+  void batteryHealthTrendText(TextForm form, TextReply reply);
 
   static constexpr double kDefaultHistoryWindow_s = 3600;
   static constexpr double kDefaultRankingWindow_s = 86400;
@@ -95,7 +100,8 @@ class QuorelSnapshotProvider {
   // Runs `read` as one job on the store's queue and replies with what it gives, or with why
   // the store could not answer, on the main queue.
   void onStore(std::function<Result<JSONValue>(QuorelDatabase&)> read, Reply reply);
-  void onStoreText(std::function<Result<std::string>(QuorelDatabase&)> read, TextReply reply);
+  void onStoreText(std::function<Result<std::string>(QuorelDatabase&)> read, TextForm form,
+                   TextReply reply);
 
   SerialQueue& mainQueue_;
   const Clock& clock_;

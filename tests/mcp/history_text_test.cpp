@@ -25,12 +25,24 @@ using testing::SqlValue;
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
 
+// What a text reads as inside a JSON string.
+std::string escaped(std::string_view json) {
+  std::string out;
+  json_text::appendEscaped(out, json);
+  return out;
+}
+
+// The json form, once it is checked that the inString form is that text escaped.
 template <class Write>
 std::string text(Write write) {
-  std::string out;
-  JSONTextWriter w(out);
-  write(w);
-  return out;
+  std::string json;
+  JSONTextWriter plain(json);
+  write(plain);
+  std::string inString;
+  JSONTextWriter embedded(inString, JSONTextWriter::Form::inString);
+  write(embedded);
+  EXPECT_EQ(inString, escaped(json));
+  return json;
 }
 
 TEST(HistoryTextTest, RecordsAreTheBytesOfTheirValues) {
@@ -149,21 +161,26 @@ class HistoryTextStoreTest : public SnapshotFixture {
     SCOPED_TRACE(context);
     const TimePoint from = at(-7200.25);
     const TimePoint to = at(0);
-    auto same = [](const Result<std::string>& streamed, const Result<JSONValue>& built) {
-      ASSERT_TRUE(streamed);
-      ASSERT_TRUE(built);
-      EXPECT_EQ(*streamed, built->write());
+    // `streamed` writes in the form it is given.
+    auto same = [](auto streamed, const Result<JSONValue>& built) {
+      const Result<std::string> json = streamed(history_text::Form::json);
+      const Result<std::string> inString = streamed(history_text::Form::inString);
+      ASSERT_TRUE(json && inString && built);
+      EXPECT_EQ(*json, built->write());
+      EXPECT_EQ(*inString, escaped(*json));
     };
     for (const int points : {2, 240}) {
-      same(history_text::powerHistory(db, from, to, points),
+      same([&](auto form) { return history_text::powerHistory(db, from, to, points, form); },
            snapshot_history::powerHistory(db, from, to, points));
     }
     for (const auto kind : {EnergyHistoryKind::processes, EnergyHistoryKind::agents}) {
-      same(history_text::energyRanking(db, kind, from, to, 3),
+      same([&](auto form) { return history_text::energyRanking(db, kind, from, to, 3, form); },
            snapshot_history::energyRanking(db, kind, from, to, 3));
     }
-    same(history_text::recentSessions(db, 500), snapshot_history::recentSessions(db, 500));
-    same(history_text::batteryHealthTrend(db), snapshot_history::batteryHealthTrend(db));
+    same([&](auto form) { return history_text::recentSessions(db, 500, form); },
+         snapshot_history::recentSessions(db, 500));
+    same([&](auto form) { return history_text::batteryHealthTrend(db, form); },
+         snapshot_history::batteryHealthTrend(db));
   }
 };
 
@@ -221,46 +238,56 @@ TEST_F(HistoryTextStoreTest, AStoreThatCannotAnswerIsToldInTextAsInValues) {
   sql().exec(
       "DROP TABLE power_samples; DROP TABLE process_energy; DROP TABLE sessions; "
       "DROP TABLE daily_battery_metrics");
+  using Form = QuorelSnapshotProvider::TextForm;
   using Text = QuorelSnapshotProvider::TextReply;
   using Value = QuorelSnapshotProvider::Reply;
-  const std::function<void(Text, Value)> tools[] = {
-      [&](Text t, Value v) {
-        provider->queryPowerHistoryText({}, {}, 240, t);
+  const std::function<void(Text, Text, Value)> tools[] = {
+      [&](Text t, Text e, Value v) {
+        provider->queryPowerHistoryText({}, {}, 240, Form::json, t);
+        provider->queryPowerHistoryText({}, {}, 240, Form::inString, e);
         provider->queryPowerHistory({}, {}, 240, v);
       },
-      [&](Text t, Value v) {
-        provider->topEnergyAppsText({}, {}, 8, t);
+      [&](Text t, Text e, Value v) {
+        provider->topEnergyAppsText({}, {}, 8, Form::json, t);
+        provider->topEnergyAppsText({}, {}, 8, Form::inString, e);
         provider->topEnergyApps({}, {}, 8, v);
       },
-      [&](Text t, Value v) {
-        provider->listSessionsText(20, t);
+      [&](Text t, Text e, Value v) {
+        provider->listSessionsText(20, Form::json, t);
+        provider->listSessionsText(20, Form::inString, e);
         provider->listSessions(20, v);
       },
-      [&](Text t, Value v) {
-        provider->batteryHealthTrendText(t);
+      [&](Text t, Text e, Value v) {
+        provider->batteryHealthTrendText(Form::json, t);
+        provider->batteryHealthTrendText(Form::inString, e);
         provider->batteryHealthTrend(v);
       },
   };
   for (std::size_t i = 0; i < std::size(tools); ++i) {
     std::optional<std::string> text;
+    std::optional<std::string> inString;
     std::optional<JSONValue> value;
     tools[i]([&](std::string t) { text = std::move(t); },
+             [&](std::string t) { inString = std::move(t); },
              [&](JSONValue v) { value = std::move(v); });
     db.queue().runPending();
     main.runPending();
-    ASSERT_TRUE(text && value) << "tool " << i;
+    ASSERT_TRUE(text && inString && value) << "tool " << i;
     EXPECT_EQ(value->member("available"), JSONValue(false)) << "tool " << i;
     const JSONValue* reason = value->find("reason");
     ASSERT_TRUE(reason && reason->stringValue()) << "tool " << i;
     EXPECT_NE(reason->stringValue()->find("no such table"), std::string::npos) << *text;
     EXPECT_EQ(*text, value->write()) << "tool " << i;
+    EXPECT_EQ(*inString, escaped(*text)) << "tool " << i;
   }
 
   // No store at all: the same words either way, at once.
   QuorelSnapshotProvider storeless(main, clock, {});
   std::optional<std::string> text;
-  storeless.queryPowerHistoryText({}, {}, 240, [&](std::string t) { text = std::move(t); });
+  storeless.queryPowerHistoryText({}, {}, 240, Form::json, [&](std::string t) { text = t; });
   EXPECT_EQ(text, R"({"available":false,"reason":"database not ready"})");
+  storeless.queryPowerHistoryText({}, {}, 240, Form::inString, [&](std::string t) { text = t; });
+  EXPECT_EQ(text, R"({\"available\":false,\"reason\":\"database not ready\"})");
 }
 
 }  // namespace

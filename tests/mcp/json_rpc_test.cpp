@@ -118,8 +118,10 @@ TEST(JSONRPCResponseTest, EncodingWritesExactlyTheTextOfTheResponseObject) {
       JSONRPCResponse::success(JSONValue(7), JSONValue::object({{"tools", JSONValue::array({})}})),
       JSONRPCResponse::failure(JSONValue(2.5), withData),
       // Not a valid response, but every member at once shows their order.
-      JSONRPCResponse{"2.0", JSONValue(1), JSONValue(true), withData},
-      JSONRPCResponse{"2.0", std::nullopt, std::nullopt, std::nullopt},
+      JSONRPCResponse{"2.0", JSONValue(1), JSONValue(true), withData, std::nullopt},
+      JSONRPCResponse{"2.0", std::nullopt, std::nullopt, std::nullopt, std::nullopt},
+      // A result given as text stands where the value would, after the id.
+      JSONRPCResponse::successText(JSONValue("a"), R"({"content":[{"text":"{\"x\":1}"}]})"),
   };
   for (const auto& response : cases) {
     const auto expected = response.toJSON().write();

@@ -58,14 +58,17 @@ class ToolRegistryTest : public testing::SnapshotFixture {
   // The value inside a tool result.
   static JSONValue payload(const JSONRPCResponse& r) {
     EXPECT_FALSE(r.error) << r.error->message;
-    const JSONValue result = r.result.value_or(nullptr);
+    // Read back from the wire, as the results written as text are held only as text.
+    const JSONValue result = JSONRPCResponse::decode(r.encode().value_or(""))
+                                 .value_or(JSONRPCResponse{})
+                                 .result.value_or(nullptr);
     EXPECT_EQ(result.member("isError"), JSONValue(false));
     const JSONValue item = (*result.find("content")->arrayValue()).at(0);
     EXPECT_EQ(item.member("type"), JSONValue("text"));
     return JSONValue::parse(*item.find("text")->stringValue()).value_or(nullptr);
   }
   static std::string refusal(const JSONRPCResponse& r) {
-    EXPECT_FALSE(r.result);
+    EXPECT_FALSE(r.result || r.resultText);
     EXPECT_EQ(r.error.value_or(JSONRPCErrorObject{}).code, kJSONRPCInvalidParams);
     return r.error.value_or(JSONRPCErrorObject{}).message;
   }
