@@ -32,6 +32,7 @@
 
 #include "bench/tool_fixtures.hpp"
 #include "bench/year_history.hpp"
+#include "core/allocator_tuning.hpp"
 #include "core/logging.hpp"
 #include "core/memory_preference_store.hpp"
 #include "core/serial_queue.hpp"
@@ -224,6 +225,7 @@ void BM_OverviewUnder32Assistants(benchmark::State& state) {
 int main(int argc, char** argv) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  keepFreedMemoryForReuse();  // as the agent does at start
 
   gAgent.dataDirectory =
       fs::temp_directory_path() / ("quorel-overview-" + std::to_string(::getpid()));

@@ -17,6 +17,7 @@
 
 #include "bench/tool_fixtures.hpp"
 #include "bench/year_history.hpp"
+#include "core/allocator_tuning.hpp"
 #include "insights/carbon_footprint_service.hpp"
 #include "mcp/mcp_tool_registry.hpp"
 #include "mcp/quorel_snapshot_provider.hpp"
@@ -36,6 +37,7 @@ constexpr double kStart = kEnd - 365 * kDay;
 // provider and the registry, with both queues driven by hand.
 struct Agent {
   Agent() {
+    keepFreedMemoryForReuse();  // as the agent does at start
     char pattern[] = "/tmp/quorel-tools-bench-XXXXXX";
     if (!::mkdtemp(pattern)) throw std::runtime_error("mkdtemp");
     dir = pattern;

@@ -20,6 +20,7 @@
 #include "app/single_instance_lock.hpp"
 #include "control/helper_client.hpp"
 #include "control/helper_manager.hpp"
+#include "core/allocator_tuning.hpp"
 #include "core/file_preference_store.hpp"
 #include "core/logging.hpp"
 #include "core/paths.hpp"
@@ -626,6 +627,7 @@ class Agent {
 }  // namespace
 
 int runAgent(const AgentOptions& options) {
+  keepFreedMemoryForReuse();
   std::optional<QuorelPaths> paths;
   try {
     paths = QuorelPaths::resolve(ProcessEnvironment, options.dataDirectory);

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <chrono>
 #include <cmath>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 namespace quorel {
@@ -95,11 +96,6 @@ char* writeDigits(char* p, unsigned value, int width) {
   }
   return p + width;
 }
-
-// The longest text a writer composes before appending it: a key, a word, a number or a time.
-constexpr std::size_t kPieceRoom = 64;
-// Around that text: a separator, two quotes of two bytes each and a colon.
-constexpr std::size_t kFrameBytes = 8;
 
 }  // namespace
 
@@ -202,115 +198,111 @@ bool needsEscape(std::string_view s) {
 
 }  // namespace json_text
 
-// Each append to the string checks its room, so a member is composed here and appended once
-// rather than a separator, a quote, a key, a quote and a colon at a time.
-class JSONTextWriter::Piece {
- public:
-  explicit Piece(const JSONTextWriter& w) : inString_(w.form_ == Form::inString) {
-    if (w.afterValue_) *p_++ = ',';
-  }
-  Piece& put(char c) {
-    *p_++ = c;
-    return *this;
-  }
-  Piece& put(std::string_view s) {
-    p_ = std::copy(s.begin(), s.end(), p_);
-    return *this;
-  }
-  Piece& quote() {
-    if (inString_) *p_++ = '\\';
-    *p_++ = '"';
-    return *this;
-  }
-  char*& cursor() { return p_; }
-  void appendTo(std::string& out) const {
-    out.append(bytes_.data(), static_cast<std::size_t>(p_ - bytes_.data()));
-  }
-
- private:
-  std::array<char, json_text::kPieceRoom + json_text::kFrameBytes> bytes_;
-  char* p_ = bytes_.data();
-  bool inString_;
-};
-
 namespace {
 
-bool fitsPiece(std::string_view s) {
-  return s.size() <= json_text::kPieceRoom && !json_text::needsEscape(s);
-}
+// Strings up to this long that need no escaping are copied straight in.
+constexpr std::size_t kShortString = 64;
 
 }  // namespace
 
-void JSONTextWriter::separate() {
-  if (afterValue_) out_.push_back(',');
+JSONTextWriter::JSONTextWriter(Form form, std::size_t expectedBytes) : form_(form) {
+  text_.resize(expectedBytes);
+}
+
+std::string JSONTextWriter::take() && {
+  text_.resize(used_);
+  used_ = 0;
+  return std::move(text_);
+}
+
+void JSONTextWriter::grow(std::size_t bytes) {
+  text_.resize(std::max(2 * text_.size(), used_ + bytes));
 }
 
 void JSONTextWriter::quotedEscaped(std::string_view s) {
-  separate();
-  const std::string_view quote = form_ == Form::inString ? "\\\"" : "\"";
-  out_.append(quote);
+  std::string escaped;
   if (form_ == Form::json) {
-    json_text::appendEscaped(out_, s);
+    json_text::appendEscaped(escaped, s);
   } else {
     std::string once;
     json_text::appendEscaped(once, s);
-    json_text::appendEscaped(out_, once);
+    json_text::appendEscaped(escaped, once);
   }
-  out_.append(quote);
+  char* p = quote(room(escaped.size()));
+  p = std::copy(escaped.begin(), escaped.end(), p);
+  advanceTo(quote(p));
 }
 
 JSONTextWriter& JSONTextWriter::beginObject() {
-  separate();
-  out_.push_back('{');
+  char* p = room(1);
+  *p++ = '{';
+  advanceTo(p);
   afterValue_ = false;
   return *this;
 }
 
 JSONTextWriter& JSONTextWriter::endObject() {
-  out_.push_back('}');
+  afterValue_ = false;
+  char* p = room(1);
+  *p++ = '}';
+  advanceTo(p);
   afterValue_ = true;
   return *this;
 }
 
 JSONTextWriter& JSONTextWriter::beginArray() {
-  separate();
-  out_.push_back('[');
+  char* p = room(1);
+  *p++ = '[';
+  advanceTo(p);
   afterValue_ = false;
   return *this;
 }
 
 JSONTextWriter& JSONTextWriter::endArray() {
-  out_.push_back(']');
+  afterValue_ = false;
+  char* p = room(1);
+  *p++ = ']';
+  advanceTo(p);
   afterValue_ = true;
   return *this;
 }
 
-JSONTextWriter& JSONTextWriter::key(std::string_view k) {
-  if (fitsPiece(k)) {
-    Piece(*this).quote().put(k).quote().put(':').appendTo(out_);
-  } else {
-    quotedEscaped(k);
-    out_.push_back(':');
-  }
+JSONTextWriter& JSONTextWriter::key(const JSONKey& k) {
+  const std::size_t form = form_ == Form::inString ? 1 : 0;
+  char* p = room(JSONKey::kBlock);
+  std::memcpy(p, k.block(form), JSONKey::kBlock);
+  advanceTo(p + k.framedLength(form));
   afterValue_ = false;
   return *this;
 }
 
 JSONTextWriter& JSONTextWriter::null() {
-  Piece(*this).put("null").appendTo(out_);
+  char* p = room(4);
+  std::memcpy(p, "null", 4);
+  advanceTo(p + 4);
   afterValue_ = true;
   return *this;
 }
 
 JSONTextWriter& JSONTextWriter::boolean(bool b) {
-  Piece(*this).put(b ? "true" : "false").appendTo(out_);
+  char* p = room(5);
+  if (b) {
+    std::memcpy(p, "true", 4);
+    p += 4;
+  } else {
+    std::memcpy(p, "false", 5);
+    p += 5;
+  }
+  advanceTo(p);
   afterValue_ = true;
   return *this;
 }
 
 JSONTextWriter& JSONTextWriter::string(std::string_view s) {
-  if (fitsPiece(s)) {
-    Piece(*this).quote().put(s).quote().appendTo(out_);
+  if (s.size() <= kShortString && !json_text::needsEscape(s)) {
+    char* p = quote(room(s.size()));
+    p = std::copy(s.begin(), s.end(), p);
+    advanceTo(quote(p));
   } else {
     quotedEscaped(s);
   }
@@ -323,14 +315,13 @@ JSONTextWriter& JSONTextWriter::nullableString(const std::optional<std::string>&
 }
 
 JSONTextWriter& JSONTextWriter::number(double d) {
-  Piece piece(*this);
-  char* end = json_text::writeNumber(piece.cursor(), d);
+  char* p = room(json_text::kNumberBytes);
+  char* end = json_text::writeNumber(p, d);
   if (end == nullptr) {
-    piece.put("null");
-  } else {
-    piece.cursor() = end;
+    std::memcpy(p, "null", 4);
+    end = p + 4;
   }
-  piece.appendTo(out_);
+  advanceTo(end);
   afterValue_ = true;
   return *this;
 }
@@ -340,10 +331,9 @@ JSONTextWriter& JSONTextWriter::number(std::optional<double> d) {
 }
 
 JSONTextWriter& JSONTextWriter::time(TimePoint t) {
-  Piece piece(*this);
-  piece.quote();
-  piece.cursor() = json_text::writeTimeText(piece.cursor(), t);
-  piece.quote().appendTo(out_);
+  char* p = quote(room(json_text::kTimeBytes));
+  p = json_text::writeTimeText(p, t);
+  advanceTo(quote(p));
   afterValue_ = true;
   return *this;
 }

@@ -5,8 +5,10 @@
 //
 // Members are written in the order the caller gives them; a JSONValue object writes its keys in
 // bytewise order, so a caller that wants the same text gives its keys in that order.
-// Not thread-safe; appends to a string the caller owns.
+// Not thread-safe.
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -30,6 +32,47 @@ void appendTime(std::string& out, TimePoint t);
 
 }  // namespace json_text
 
+// A member name of the code's own, checked when compiled to need no escaping and held already
+// framed ("name": in each of the writer's forms) in blocks of fixed size, so that writing one
+// is a copy the compiler can make without a call.
+class JSONKey {
+ public:
+  static constexpr std::size_t kMaxLength = 40;
+  // The framed name and the zeros after it: two quotes of up to two bytes each and a colon.
+  static constexpr std::size_t kBlock = kMaxLength + 8;
+
+  template <std::size_t N>
+  consteval JSONKey(const char (&name)[N])  // NOLINT: a literal converts
+      : length_(N - 1) {
+    static_assert(N - 1 <= kMaxLength, "a member name this long is not one of ours");
+    for (std::size_t i = 0; i + 1 < N; ++i) {
+      const auto byte = static_cast<unsigned char>(name[i]);
+      if (byte < 0x20 || byte >= 0x80 || name[i] == '"' || name[i] == '\\') {
+        throw "a member name must be printable ASCII without quotes or backslashes";
+      }
+    }
+    frame(0, name, "\"");
+    frame(1, name, "\\\"");
+  }
+  std::string_view name() const noexcept { return {framed_[0].data() + 1, length_}; }
+  // The whole block of the framed name in the writer's json (0) or inString (1) form.
+  const char* block(std::size_t form) const noexcept { return framed_[form].data(); }
+  std::size_t framedLength(std::size_t form) const noexcept { return length_ + 3 + 2 * form; }
+
+ private:
+  template <std::size_t N, std::size_t Q>
+  consteval void frame(std::size_t form, const char (&name)[N], const char (&quote)[Q]) {
+    std::size_t at = 0;
+    for (std::size_t i = 0; i + 1 < Q; ++i) framed_[form][at++] = quote[i];
+    for (std::size_t i = 0; i + 1 < N; ++i) framed_[form][at++] = name[i];
+    for (std::size_t i = 0; i + 1 < Q; ++i) framed_[form][at++] = quote[i];
+    framed_[form][at] = ':';
+  }
+
+  std::array<std::array<char, kBlock>, 2> framed_{};
+  std::size_t length_;
+};
+
 class JSONTextWriter {
  public:
   enum class Form {
@@ -40,15 +83,16 @@ class JSONTextWriter {
     inString,
   };
 
-  explicit JSONTextWriter(std::string& out, Form form = Form::json) noexcept
-      : out_(out), form_(form) {}
+  // `expectedBytes` sizes the text at the start, so that a writer that knows roughly how much
+  // it will write does not grow it step by step.
+  explicit JSONTextWriter(Form form = Form::json, std::size_t expectedBytes = 0);
 
   JSONTextWriter& beginObject();
   JSONTextWriter& endObject();
   JSONTextWriter& beginArray();
   JSONTextWriter& endArray();
   // The next member's key; its value follows.
-  JSONTextWriter& key(std::string_view k);
+  JSONTextWriter& key(const JSONKey& k);
 
   JSONTextWriter& null();
   JSONTextWriter& boolean(bool b);
@@ -60,14 +104,35 @@ class JSONTextWriter {
   JSONTextWriter& number(std::optional<double> d);
   JSONTextWriter& time(TimePoint t);
 
- private:
-  class Piece;
+  // What was written; the writer is spent.
+  std::string take() &&;
 
-  void separate();
+ private:
+  // The most a member adds around its text: a separator, two quotes of two bytes and a colon.
+  static constexpr std::size_t kFrameBytes = 8;
+
+  // Makes room for `bytes` past the cursor and writes the separator a value needs; the cursor.
+  // Inline, as every member passes through these three.
+  char* room(std::size_t bytes) {
+    bytes += kFrameBytes;
+    if (text_.size() - used_ < bytes) grow(bytes);
+    char* p = text_.data() + used_;
+    if (afterValue_) *p++ = ',';
+    return p;
+  }
+  char* quote(char* p) const {
+    if (form_ == Form::inString) *p++ = '\\';
+    *p++ = '"';
+    return p;
+  }
+  void advanceTo(const char* p) { used_ = static_cast<std::size_t>(p - text_.data()); }
+  void grow(std::size_t bytes);
   // A string that needs escaping, or is long, between quotes in this writer's form.
   void quotedEscaped(std::string_view s);
 
-  std::string& out_;
+  // Sized ahead of the cursor: bytes past `used_` are room, not text.
+  std::string text_;
+  std::size_t used_ = 0;
   Form form_;
   // Whether a value was the last thing written, so that the next one needs a comma first.
   bool afterValue_ = false;

@@ -11,11 +11,12 @@ namespace quorel::history_text {
 
 namespace {
 
-// A sample's members take about this many bytes; reserving for them spares the regrowth of
-// a text of tens of kilobytes.
+// A sample's members take about this many bytes (in the longer inString form); sizing the text
+// for them spares the regrowth of a text of tens of kilobytes.
 constexpr std::size_t kSampleBytes = 768;
-constexpr std::size_t kDailyMetricBytes = 320;
-constexpr std::size_t kSessionBytes = 480;
+constexpr std::size_t kDailyMetricBytes = 384;
+constexpr std::size_t kSessionBytes = 576;
+constexpr std::size_t kTrackedEnergyBytes = 320;
 
 double count(std::size_t n) {
   return static_cast<double>(n);
@@ -103,7 +104,7 @@ void dailyMetric(JSONTextWriter& w, const DailyBatteryMetric& m) {
 }
 
 void trackedEnergy(JSONTextWriter& w, const TrackedEnergySummary& s, double currentWatts,
-                   const char* identifierKey) {
+                   JSONKey identifierKey) {
   // Both identifier keys ("app", "agent") sort before every other key.
   w.beginObject();
   w.key(identifierKey).string(s.identifier);
@@ -142,9 +143,7 @@ Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint t
   if (!samples) return samples.error();
   const auto covered = db.historicalCoverage(from, to);
   if (!covered) return covered.error();
-  std::string out;
-  out.reserve(512 + samples->size() * kSampleBytes);
-  JSONTextWriter w(out, form);
+  JSONTextWriter w(form, 512 + samples->size() * kSampleBytes);
   w.beginObject();
   w.key("available").boolean(true);
   w.key("count").number(count(samples->size()));
@@ -156,7 +155,7 @@ Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint t
   w.endArray();
   w.key("to").time(to);
   w.endObject();
-  return out;
+  return std::move(w).take();
 }
 
 Result<std::string> energyRanking(QuorelDatabase& db, EnergyHistoryKind kind, TimePoint from,
@@ -164,30 +163,27 @@ Result<std::string> energyRanking(QuorelDatabase& db, EnergyHistoryKind kind, Ti
   const bool apps = kind == EnergyHistoryKind::processes;
   const auto reads = snapshot_history::readRanking(db, kind, from, to, limit);
   if (!reads) return reads.error();
-  std::string out;
-  JSONTextWriter w(out, form);
+  JSONTextWriter w(form, 512 + reads->summaries.size() * kTrackedEnergyBytes);
   // "agents" sorts before "available", "apps" after it.
   w.beginObject();
   if (!apps) w.key("agents").beginArray();
   if (apps) w.key("apps").beginArray();
   for (const auto& s : reads->summaries) {
     trackedEnergy(w, s, snapshot_history::currentWatts(reads->series, s.identifier, to),
-                  apps ? "app" : "agent");
+                  apps ? JSONKey("app") : JSONKey("agent"));
   }
   w.endArray();
   w.key("available").boolean(true);
   w.key("from").time(from);
   w.key("to").time(to);
   w.endObject();
-  return out;
+  return std::move(w).take();
 }
 
 Result<std::string> recentSessions(QuorelDatabase& db, std::int64_t limit, Form form) {
   const auto sessions = db.queryRecentSessions(snapshot_history::clampedLimit(limit));
   if (!sessions) return sessions.error();
-  std::string out;
-  out.reserve(128 + sessions->size() * kSessionBytes);
-  JSONTextWriter w(out, form);
+  JSONTextWriter w(form, 128 + sessions->size() * kSessionBytes);
   w.beginObject();
   w.key("available").boolean(true);
   w.key("count").number(count(sessions->size()));
@@ -195,16 +191,14 @@ Result<std::string> recentSessions(QuorelDatabase& db, std::int64_t limit, Form 
   for (const auto& s : *sessions) session(w, s);
   w.endArray();
   w.endObject();
-  return out;
+  return std::move(w).take();
 }
 
 Result<std::string> batteryHealthTrend(QuorelDatabase& db, Form form) {
   const auto days = db.queryDailyBatteryMetrics();
   if (!days) return days.error();
   const auto current = db.currentBatteryEpoch();
-  std::string out;
-  out.reserve(512 + days->size() * kDailyMetricBytes);
-  JSONTextWriter w(out, form);
+  JSONTextWriter w(form, 512 + days->size() * kDailyMetricBytes);
   w.beginObject();
   w.key("available").boolean(true);
   w.key("count").number(count(days->size()));
@@ -218,7 +212,7 @@ Result<std::string> batteryHealthTrend(QuorelDatabase& db, Form form) {
   for (const auto& d : *days) dailyMetric(w, d);
   w.endArray();
   w.endObject();
-  return out;
+  return std::move(w).take();
 }
 
 }  // namespace quorel::history_text

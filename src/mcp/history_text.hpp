@@ -27,7 +27,7 @@ void sample(JSONTextWriter& w, const PowerSample& sample);
 void session(JSONTextWriter& w, const SessionRecord& session);
 void dailyMetric(JSONTextWriter& w, const DailyBatteryMetric& metric);
 void trackedEnergy(JSONTextWriter& w, const TrackedEnergySummary& summary, double currentWatts,
-                   const char* identifierKey);
+                   JSONKey identifierKey);
 void epoch(JSONTextWriter& w, const BatteryEpoch& epoch);
 
 // The text of snapshot_history's answer of the same name, in the given form.

@@ -175,14 +175,15 @@ JSONValue MCPToolRegistry::content(const JSONValue& value) {
   return JSONValue(std::move(result));
 }
 
-std::string MCPToolRegistry::contentText(std::string_view inString) {
-  // The members in the order a written object gives them: "text" before "type".
+std::string MCPToolRegistry::contentText(std::string inString) {
+  // The members in the order a written object gives them: "text" before "type". Put around the
+  // answer in its own buffer, which its writer sized with room to spare, rather than copied
+  // into a second one of the same size.
   constexpr std::string_view kHead = R"({"content":[{"text":")";
   constexpr std::string_view kTail = R"(","type":"text"}],"isError":false})";
-  std::string out;
-  out.reserve(kHead.size() + inString.size() + kTail.size());
-  out.append(kHead).append(inString).append(kTail);
-  return out;
+  inString.insert(0, kHead);
+  inString.append(kTail);
+  return inString;
 }
 
 JSONRPCResponse MCPToolRegistry::map(std::optional<JSONValue> id,
@@ -226,8 +227,8 @@ void MCPToolRegistry::callTool(const std::string& name, std::optional<JSONValue>
   auto later = [id, reply](JSONValue value) {
     reply(JSONRPCResponse::success(id, content(value)));
   };
-  auto laterText = [id, reply](const std::string& inString) {
-    reply(JSONRPCResponse::successText(id, contentText(inString)));
+  auto laterText = [id, reply](std::string inString) {
+    reply(JSONRPCResponse::successText(id, contentText(std::move(inString))));
   };
   constexpr auto kInString = QuorelSnapshotProvider::TextForm::inString;
   auto commandDone = [id, reply](BatteryCommandResult result) { reply(map(id, result)); };

@@ -55,7 +55,7 @@ class MCPToolRegistry {
   static JSONValue content(const JSONValue& value);
   // The written text of the same result around an answer already written in the inString
   // form of JSONTextWriter.
-  static std::string contentText(std::string_view inString);
+  static std::string contentText(std::string inString);
   static JSONRPCResponse map(std::optional<JSONValue> id, const BatteryCommandResult& result);
 
   static JSONRPCErrorObject unknownTool(const std::string& name);

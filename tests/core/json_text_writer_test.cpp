@@ -80,27 +80,67 @@ TEST(JSONTextWriterTest, TimesAreFormattedAsFormatIso8601FormatsThem) {
   }
 }
 
-TEST(JSONTextWriterTest, ContainersGiveTheTextOfTheEquivalentValue) {
-  std::string out;
-  JSONTextWriter w(out);
+// Every kind of value, nested, with the separators they need.
+void writeContainers(JSONTextWriter& w) {
   w.beginObject();
   w.key("a").beginArray().endArray();
   w.key("b").beginObject().endObject();
   w.key("c").beginArray();
   w.number(1.5).null().boolean(false).string("x").nullableString(std::nullopt);
   w.beginObject().key("d").number(std::numeric_limits<double>::infinity()).endObject();
-  w.number(std::optional<double>{}).beginArray().number(2).endArray();
+  w.number(std::optional<double>{}).beginArray().number(2).endArray().boolean(true);
+  w.time(fromUnixSeconds(1'800'000'000.25));
   w.endArray();
   w.key("e").nullableString(std::string("y"));
+  w.key("longest_member_name_of_forty_characters_").number(-0.5);
   w.endObject();
-  const JSONValue expected =
-      JSONValue::object({{"a", JSONValue::Array{}},
-                         {"b", JSONValue::Object{}},
-                         {"c", JSONValue::array({1.5, nullptr, false, "x", nullptr,
-                                                 JSONValue::object({{"d", nullptr}}), nullptr,
-                                                 JSONValue::array({2})})},
-                         {"e", "y"}});
-  EXPECT_EQ(out, expected.write());
+}
+
+JSONValue containersValue() {
+  return JSONValue::object(
+      {{"a", JSONValue::Array{}},
+       {"b", JSONValue::Object{}},
+       {"c", JSONValue::array({1.5, nullptr, false, "x", nullptr,
+                               JSONValue::object({{"d", nullptr}}), nullptr, JSONValue::array({2}),
+                               true, formatIso8601(fromUnixSeconds(1'800'000'000.25))})},
+       {"e", "y"},
+       {"longest_member_name_of_forty_characters_", -0.5}});
+}
+
+TEST(JSONTextWriterTest, ContainersGiveTheTextOfTheEquivalentValueInEitherForm) {
+  // Sized far too small at the start, so that the text grows in the middle of members.
+  for (const auto form : {JSONTextWriter::Form::json, JSONTextWriter::Form::inString}) {
+    JSONTextWriter w(form, 3);
+    writeContainers(w);
+    const std::string expected = *containersValue().write();
+    if (form == JSONTextWriter::Form::json) {
+      EXPECT_EQ(std::move(w).take(), expected);
+    } else {
+      std::string escaped;
+      json_text::appendEscaped(escaped, expected);
+      EXPECT_EQ(std::move(w).take(), escaped);
+    }
+  }
+}
+
+TEST(JSONTextWriterTest, StringsNeedingEscapesAreEscapedOnceOrTwiceByForm) {
+  // Short words are copied straight in; these take the escaping path in each form.
+  const std::string cases[] = {
+      "say \"hi\"\n",       "caf\xC3\xA9",
+      "bad \xFF byte",      std::string(100, 'x'),  // too long to copy straight in
+      std::string(70, '"'),
+  };
+  for (const auto& s : cases) {
+    JSONTextWriter json;
+    json.beginArray().string(s).endArray();
+    const std::string written = std::move(json).take();
+    EXPECT_EQ(written, *JSONValue::array({s}).write()) << s;
+    JSONTextWriter inString(JSONTextWriter::Form::inString);
+    inString.beginArray().string(s).endArray();
+    std::string escaped;
+    json_text::appendEscaped(escaped, written);
+    EXPECT_EQ(std::move(inString).take(), escaped) << s;
+  }
 }
 
 }  // namespace

@@ -35,13 +35,12 @@ std::string escaped(std::string_view json) {
 // The json form, once it is checked that the inString form is that text escaped.
 template <class Write>
 std::string text(Write write) {
-  std::string json;
-  JSONTextWriter plain(json);
+  JSONTextWriter plain;
   write(plain);
-  std::string inString;
-  JSONTextWriter embedded(inString, JSONTextWriter::Form::inString);
+  const std::string json = std::move(plain).take();
+  JSONTextWriter embedded(JSONTextWriter::Form::inString);
   write(embedded);
-  EXPECT_EQ(inString, escaped(json));
+  EXPECT_EQ(std::move(embedded).take(), escaped(json));
   return json;
 }
 
@@ -117,10 +116,11 @@ TEST(HistoryTextTest, RecordsAreTheBytesOfTheirValues) {
 
   const TrackedEnergySummary ranked{
       "Web \"Content\"", 12.5, 86000, 400, 0.52, 9.5, 0.995, HistoricalValueQuality::measured};
-  for (const char* key : {"app", "agent"}) {
+  for (const JSONKey& key : {JSONKey("app"), JSONKey("agent")}) {
     for (const double current : {1.75, std::nan("")}) {
-      EXPECT_EQ(text([&](auto& w) { history_text::trackedEnergy(w, ranked, current, key); }),
-                history_json::trackedEnergy(ranked, current, key).write());
+      EXPECT_EQ(
+          text([&](auto& w) { history_text::trackedEnergy(w, ranked, current, key); }),
+          history_json::trackedEnergy(ranked, current, std::string(key.name()).c_str()).write());
     }
   }
 
