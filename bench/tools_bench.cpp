@@ -118,12 +118,43 @@ void BM_Tool(benchmark::State& state, const std::string& tool, const char* argum
   state.counters["response_bytes"] = static_cast<double>(bytes);
 }
 
-// The store reads behind query_power_history's default hour and a whole year, 240 points.
-void BM_StorePowerHistory(benchmark::State& state, double window_s) {
+// An assistant asking for the last hour every 30 seconds: each answer shares all its samples
+// but the newest with the one before, and the text of those is copied, not written again.
+void BM_PolledHistory(benchmark::State& state) {
   Agent& a = agent();
-  const TimePoint to = fromUnixSeconds(kEnd);
-  const TimePoint from = fromUnixSeconds(kEnd - window_s);
+  a.clock.set(fromUnixSeconds(kEnd - 30 * kDay));
   for (auto _ : state) {
+    a.clock.advance(Seconds(30));
+    benchmark::DoNotOptimize(a.call("query_power_history", std::nullopt));
+  }
+  a.clock.set(fromUnixSeconds(kEnd));
+}
+
+// An assistant asking for hours ten days apart in turn: no sample of one answer is in the next,
+// so every one is written.
+void BM_UnsharedHistory(benchmark::State& state) {
+  Agent& a = agent();
+  const JSONValue windows[] = {
+      *JSONValue::parse(R"({"to":"2027-01-15T08:00:00Z"})"),
+      *JSONValue::parse(R"({"to":"2027-01-05T08:00:00Z"})"),
+  };
+  std::size_t i = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(a.call("query_power_history", windows[i++ % 2]));
+}
+
+// The store reads behind query_power_history: the default hour and a whole year, both ending
+// at the year's end, and the windows of the two benchmarks above, 240 points.
+enum class Windows { fixed, polled, unshared };
+
+void BM_StorePowerHistory(benchmark::State& state, double window_s, Windows windows) {
+  Agent& a = agent();
+  double end = windows == Windows::polled ? kEnd - 30 * kDay : kEnd;
+  std::size_t i = 0;
+  for (auto _ : state) {
+    if (windows == Windows::polled) end += 30;
+    if (windows == Windows::unshared) end = i++ % 2 == 0 ? kEnd : kEnd - 10 * kDay;
+    const TimePoint to = fromUnixSeconds(end);
+    const TimePoint from = fromUnixSeconds(end - window_s);
     a.db->queue().async([&] {
       benchmark::DoNotOptimize(a.db->queryPowerSamples(from, to, 240));
       benchmark::DoNotOptimize(a.db->historicalCoverage(from, to));
@@ -160,9 +191,13 @@ BENCHMARK_CAPTURE(BM_Tool, battery_health_trend, "battery_health_trend", nullptr
 BENCHMARK_CAPTURE(BM_Tool, list_sessions, "list_sessions", nullptr);
 BENCHMARK_CAPTURE(BM_Tool, energy_totals, "energy_totals", nullptr);
 BENCHMARK_CAPTURE(BM_Tool, query_power_history_hour, "query_power_history", nullptr);
-BENCHMARK_CAPTURE(BM_StorePowerHistory, store_reads_hour, 3600.0);
+BENCHMARK_CAPTURE(BM_StorePowerHistory, store_reads_hour, 3600.0, Windows::fixed);
+BENCHMARK(BM_PolledHistory);
+BENCHMARK_CAPTURE(BM_StorePowerHistory, store_reads_polled, 3600.0, Windows::polled);
+BENCHMARK(BM_UnsharedHistory);
+BENCHMARK_CAPTURE(BM_StorePowerHistory, store_reads_unshared, 3600.0, Windows::unshared);
 BENCHMARK_CAPTURE(BM_Tool, query_power_history_year, "query_power_history", kYearRange);
-BENCHMARK_CAPTURE(BM_StorePowerHistory, store_reads_year, 365 * kDay);
+BENCHMARK_CAPTURE(BM_StorePowerHistory, store_reads_year, 365 * kDay, Windows::fixed);
 BENCHMARK_CAPTURE(BM_Tool, top_energy_apps_day, "top_energy_apps", nullptr);
 BENCHMARK(BM_StoreEnergyRanking);
 

@@ -310,6 +310,13 @@ JSONTextWriter& JSONTextWriter::string(std::string_view s) {
   return *this;
 }
 
+JSONTextWriter& JSONTextWriter::raw(std::string_view text) {
+  char* p = room(text.size());
+  advanceTo(std::copy(text.begin(), text.end(), p));
+  afterValue_ = true;
+  return *this;
+}
+
 JSONTextWriter& JSONTextWriter::nullableString(const std::optional<std::string>& s) {
   return s ? string(std::string_view(*s)) : null();
 }

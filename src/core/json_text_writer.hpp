@@ -73,6 +73,33 @@ class JSONKey {
   std::size_t length_;
 };
 
+namespace json_key_detail {
+
+template <std::size_t N>
+struct Literal {
+  consteval Literal(const char (&name)[N]) {  // NOLINT: a literal converts
+    for (std::size_t i = 0; i < N; ++i) text[i] = name[i];
+  }
+  char text[N];
+};
+
+// One constant per name, in read-only data: a key built at the call instead would be stored to
+// the stack on every call, and read back at once in wider loads than it was stored with.
+template <Literal L>
+inline constexpr JSONKey kKey{L.text};
+
+}  // namespace json_key_detail
+
+inline namespace json_literals {
+
+// "name"_key: the member name, checked and framed when compiled.
+template <json_key_detail::Literal L>
+constexpr const JSONKey& operator""_key() {
+  return json_key_detail::kKey<L>;
+}
+
+}  // namespace json_literals
+
 class JSONTextWriter {
  public:
   enum class Form {
@@ -103,6 +130,17 @@ class JSONTextWriter {
   JSONTextWriter& number(double d);
   JSONTextWriter& number(std::optional<double> d);
   JSONTextWriter& time(TimePoint t);
+
+  // Text this writer wrote earlier, in the same form, written again as the next value.
+  JSONTextWriter& raw(std::string_view text);
+
+  Form form() const noexcept { return form_; }
+  // How much is written so far, and what was written since such a mark; the view lasts until
+  // the next write.
+  std::size_t size() const noexcept { return used_; }
+  std::string_view writtenSince(std::size_t mark) const noexcept {
+    return std::string_view(text_).substr(mark, used_ - mark);
+  }
 
   // What was written; the writer is spent.
   std::string take() &&;

@@ -27,13 +27,16 @@ void sample(JSONTextWriter& w, const PowerSample& sample);
 void session(JSONTextWriter& w, const SessionRecord& session);
 void dailyMetric(JSONTextWriter& w, const DailyBatteryMetric& metric);
 void trackedEnergy(JSONTextWriter& w, const TrackedEnergySummary& summary, double currentWatts,
-                   JSONKey identifierKey);
+                   const JSONKey& identifierKey);
 void epoch(JSONTextWriter& w, const BatteryEpoch& epoch);
 
-// The text of snapshot_history's answer of the same name, in the given form.
+class SampleTextCache;
+
+// The text of snapshot_history's answer of the same name, in the given form. With a cache, the
+// samples it holds from the last answer are copied rather than written again.
 using Form = JSONTextWriter::Form;
 Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint to, int maxPoints,
-                                 Form form = Form::json);
+                                 Form form = Form::json, SampleTextCache* cache = nullptr);
 Result<std::string> energyRanking(QuorelDatabase& db, EnergyHistoryKind kind, TimePoint from,
                                   TimePoint to, std::int64_t limit, Form form = Form::json);
 Result<std::string> recentSessions(QuorelDatabase& db, std::int64_t limit, Form form = Form::json);

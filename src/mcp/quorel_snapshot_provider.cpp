@@ -4,6 +4,7 @@
 
 #include "core/iso8601.hpp"
 #include "mcp/history_text.hpp"
+#include "mcp/sample_text_cache.hpp"
 #include "mcp/snapshot_history.hpp"
 #include "store/quorel_database.hpp"
 #include "telemetry/power_view_model.hpp"
@@ -29,7 +30,10 @@ TimePoint secondsBefore(TimePoint t, double seconds) {
 
 QuorelSnapshotProvider::QuorelSnapshotProvider(SerialQueue& mainQueue, const Clock& clock,
                                                Sources sources)
-    : mainQueue_(mainQueue), clock_(clock), sources_(std::move(sources)) {}
+    : mainQueue_(mainQueue),
+      clock_(clock),
+      sources_(std::move(sources)),
+      sampleTexts_(std::make_shared<history_text::SampleTextCache>()) {}
 
 QuorelSnapshotProvider::~QuorelSnapshotProvider() {
   *alive_ = false;
@@ -159,8 +163,8 @@ void QuorelSnapshotProvider::queryPowerHistoryText(const std::optional<std::stri
   const TimePoint end = parseISO(to).value_or(clock_.now());
   const TimePoint start = parseISO(from).value_or(secondsBefore(end, kDefaultHistoryWindow_s));
   onStoreText(
-      [start, end, maxPoints, form](QuorelDatabase& db) {
-        return history_text::powerHistory(db, start, end, maxPoints, form);
+      [start, end, maxPoints, form, cache = sampleTexts_](QuorelDatabase& db) {
+        return history_text::powerHistory(db, start, end, maxPoints, form, cache.get());
       },
       form, std::move(reply));
 }

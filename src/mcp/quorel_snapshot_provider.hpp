@@ -28,6 +28,9 @@ namespace quorel {
 
 class PowerViewModel;
 class QuorelDatabase;
+namespace history_text {
+class SampleTextCache;
+}
 
 class QuorelSnapshotProvider {
  public:
@@ -108,6 +111,8 @@ class QuorelSnapshotProvider {
   Sources sources_;
   // Cleared by the destructor, so that a store job finishing later finds nobody to answer.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+  // The samples of the last power-history answer; touched only by jobs on the store's queue.
+  std::shared_ptr<history_text::SampleTextCache> sampleTexts_;
 };
 
 }  // namespace quorel

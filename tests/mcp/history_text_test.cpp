@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "mcp/sample_text_cache.hpp"
 #include "mcp/snapshot_history.hpp"
 #include "snapshot_test_fixture.hpp"
 #include "store/history_json.hpp"
@@ -116,11 +117,11 @@ TEST(HistoryTextTest, RecordsAreTheBytesOfTheirValues) {
 
   const TrackedEnergySummary ranked{
       "Web \"Content\"", 12.5, 86000, 400, 0.52, 9.5, 0.995, HistoricalValueQuality::measured};
-  for (const JSONKey& key : {JSONKey("app"), JSONKey("agent")}) {
+  for (const JSONKey* key : {&"app"_key, &"agent"_key}) {
     for (const double current : {1.75, std::nan("")}) {
       EXPECT_EQ(
-          text([&](auto& w) { history_text::trackedEnergy(w, ranked, current, key); }),
-          history_json::trackedEnergy(ranked, current, std::string(key.name()).c_str()).write());
+          text([&](auto& w) { history_text::trackedEnergy(w, ranked, current, *key); }),
+          history_json::trackedEnergy(ranked, current, std::string(key->name()).c_str()).write());
     }
   }
 
@@ -230,6 +231,46 @@ TEST_F(HistoryTextStoreTest, AnswersAreTheBytesOfTheValueAnswersEmptyAndFilled) 
   }
   s.insert("battery_epoch", {{"first_seen", kT0 - 86400 * 4.0}, {"source", "initial"}});
   expectSameAnswers("a filled store");
+}
+
+TEST_F(HistoryTextStoreTest, AnswersThroughTheSampleCacheAreTheBytesOfFreshOnes) {
+  // An hour of samples a minute apart, some with texts that need escaping, then windows that
+  // move by ten minutes: each answer must be what writing it afresh gives, whatever the cache
+  // copied from the answer before, and must copy exactly the samples the two windows share.
+  auto s = sql();
+  for (int i = 0; i <= 60; ++i) {
+    s.insert("power_samples",
+             {{"timestamp", kT0 - 3600 + i * 60.0},
+              {"wattage", -7.25 - i / 7.0},
+              {"battery_pct", 80 - i / 3.0},
+              {"pcpu_w", i % 4 == 0 ? SqlValue() : SqlValue(1.0 / (i + 2))},
+              {"component_quality", i % 5 == 0 ? "rejected" : "measured"},
+              {"component_rejection_reason",
+               i % 5 == 0 ? SqlValue("spike \"" + std::to_string(i) + "\"\n") : SqlValue()}});
+  }
+  history_text::SampleTextCache cache;
+  using Form = history_text::Form;
+  auto expectFresh = [&](double from, double to, Form form, std::size_t reused) {
+    SCOPED_TRACE(std::to_string(from) + " to " + std::to_string(to));
+    const auto cached = history_text::powerHistory(db, at(from), at(to), 240, form, &cache);
+    const auto fresh = history_text::powerHistory(db, at(from), at(to), 240, form);
+    ASSERT_TRUE(cached && fresh);
+    EXPECT_EQ(*cached, *fresh);
+    EXPECT_EQ(cache.lastReused(), reused);
+  };
+  expectFresh(-3600, -1800, Form::inString, 0);
+  expectFresh(-3000, -1200, Form::inString, 21);  // minutes 10 to 30 are in both
+  expectFresh(-3000, -1200, Form::inString, 31);  // the same window again: all of it
+  expectFresh(0, 600, Form::inString, 0);         // one sample, at the very end, none shared
+  expectFresh(-3000, -1200, Form::inString, 0);
+
+  // A sample stored again with another value is written afresh, the others still copied.
+  sql().exec("UPDATE power_samples SET wattage = 3.5 WHERE timestamp = " +
+             std::to_string(kT0 - 2400));
+  expectFresh(-3000, -1200, Form::inString, 30);
+  // The other form shares no text with this one.
+  expectFresh(-3000, -1200, Form::json, 0);
+  expectFresh(-3000, -1200, Form::json, 31);
 }
 
 TEST_F(HistoryTextStoreTest, AStoreThatCannotAnswerIsToldInTextAsInValues) {
