@@ -204,5 +204,35 @@ TEST_F(GeoClueLocationMonitorTest, ARefusalIsDeniedAndAMissingServiceStaysUndete
   EXPECT_EQ(reports_.snapshot(), Events{"authorization denied"});
 }
 
+TEST_F(GeoClueLocationMonitorTest, AServiceStartedLaterIsUsedAndOneThatLeavesIsWaitedFor) {
+  GeoClueLocationMonitor monitor(clock_, bus_.address());
+  monitor.setCallbacks(reports_.callbacks());
+  monitor.requestAlwaysAuthorization();
+  ASSERT_TRUE(logs_.waitFor(
+      "location service not on the bus — geofence rules are kept but not watched", 10s));
+  // Watched from before the service exists, and kept through its absence.
+  monitor.startMonitoring({"OFFICE", kOfficeLat, kOfficeLon, 200});
+  Events expected;
+  for (int visit = 1; visit <= 2; ++visit) {
+    SCOPED_TRACE("visit " + std::to_string(visit));
+    {
+      FakeLocationService service(bus_.address());
+      ASSERT_TRUE(reports_.waitFor(expected.size() + 1, &service));
+      EXPECT_EQ(monitor.authorization(), LocationAuthorization::authorizedAlways);
+      EXPECT_EQ(service.properties["DesktopId"], "quorel");
+      service.moveTo(400);
+      service.moveTo(10);
+      ASSERT_TRUE(reports_.waitFor(expected.size() + 2, &service));
+      expected.insert(expected.end(), {"authorization authorized_always", "entry OFFICE"});
+    }
+    ASSERT_TRUE(reports_.waitFor(expected.size() + 1, nullptr));
+    expected.push_back("authorization not_determined");
+    EXPECT_EQ(reports_.snapshot(), expected);
+    EXPECT_EQ(monitor.authorization(), LocationAuthorization::notDetermined);
+  }
+  EXPECT_TRUE(logs_.contains(
+      "location service left the bus — geofence rules are kept for when it returns"));
+}
+
 }  // namespace
 }  // namespace quorel
