@@ -10,6 +10,8 @@
 #include <mutex>
 #include <thread>
 
+#include "control/fake_top_off_sources.hpp"
+#include "core/memory_preference_store.hpp"
 #include "platform/linux/private_message_bus.hpp"
 #include "support/log_capture.hpp"
 
@@ -232,6 +234,42 @@ TEST_F(GeoClueLocationMonitorTest, AServiceStartedLaterIsUsedAndOneThatLeavesIsW
   }
   EXPECT_TRUE(logs_.contains(
       "location service left the bus — geofence rules are kept for when it returns"));
+}
+
+// A geofence rule set while the service was away fires once it starts: the engine hears the
+// authorization change, watches its circle and asks where the machine is.
+TEST_F(GeoClueLocationMonitorTest, TheRulesEngineWatchesItsCirclesOnceALateServiceStarts) {
+  const std::string office = "3B1D2E3F-4A5B-4C6D-8E7F-901A2B3C4D5E";
+  ManualClock engineClock;
+  SerialQueue main{"test.main", engineClock};
+  MemoryPreferenceStore defaults;
+  testing::FakeCalendar calendar{engineClock};
+  testing::FakeRulesSource rules;
+  rules.rules = {TopOffRule{GeofenceTopOffRule{office, kOfficeLat, kOfficeLon, 200, "Office"}}};
+  // After the main queue, which its callbacks post to until it is gone.
+  GeoClueLocationMonitor monitor(clock_, bus_.address());
+  BatteryControlRulesEngine engine{rules, calendar, monitor, defaults, engineClock, main};
+  std::vector<std::string> fired;
+  engine.addFireHandler([&](const TopOffRule& rule) { fired.push_back(rule.id()); });
+  engine.start();
+  ASSERT_TRUE(logs_.waitFor(
+      "location service not on the bus — geofence rules are kept but not watched", 10s));
+  main.runPending();
+  EXPECT_TRUE(engine.monitoredRegions().empty());
+
+  {
+    FakeLocationService service(bus_.address());
+    auto until = [&](auto done) {
+      return testing::waitUntil(
+          done, [&] { service.serve(), main.runPending(); }, 10s);
+    };
+    ASSERT_TRUE(until([&] { return engine.monitoredRegions().contains(office); }));
+    service.moveTo(10);
+    ASSERT_TRUE(until([&] { return !fired.empty(); }));
+    EXPECT_EQ(fired, std::vector<std::string>{office});
+  }
+  ASSERT_TRUE(testing::waitUntil([&] { return engine.monitoredRegions().empty(); },
+                                 [&] { main.runPending(); }, 10s));
 }
 
 }  // namespace
