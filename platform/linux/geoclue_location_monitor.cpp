@@ -20,6 +20,10 @@ namespace quorel {
 namespace {
 
 constexpr const char* kService = "org.freedesktop.GeoClue2";
+// The bus daemon's word when the service comes or goes, for this one name only.
+constexpr const char* kServiceOwnerMatch =
+    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+    "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='org.freedesktop.GeoClue2'";
 constexpr const char* kManagerPath = "/org/freedesktop/GeoClue2/Manager";
 constexpr const char* kManagerInterface = "org.freedesktop.GeoClue2.Manager";
 constexpr const char* kClientInterface = "org.freedesktop.GeoClue2.Client";
@@ -96,12 +100,14 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
         shared(std::move(s)),
         busAddress(std::move(address)),
         log(logging::get("BatteryControl")) {}
-  ~Session() { close(); }
+  ~Session() { disconnect(); }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
   SerialQueue& queue;
   SystemBus bus;
+  // For as long as the connection lasts, so that a service started after us is noticed.
+  SlotPtr ownerSignal;
   SlotPtr locationSignal;
   // Replaced, never reset, when a new connection starts: a watch may be closing from inside its
   // own pump.
@@ -110,17 +116,46 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
   std::optional<std::string> busAddress;
   std::shared_ptr<spdlog::logger> log;
   std::string clientPath;
+  // Authorization was asked for: the client is started whenever the service is on the bus.
+  bool wanted = false;
   bool running = false;
   std::map<std::string, Watched> regions;
   std::set<std::string> stateRequests;
   std::optional<Fix> lastFix;
 
   void start() {
+    wanted = true;
     if (running) return;
-    auto opened = connectSystemBus(busAddress, kCallTimeout_us, "quorel-location");
-    if (!opened.bus) return notOnBus(std::strerror(-opened.error));
-    bus = std::move(opened.bus);
+    if (!bus && !connect()) return;
+    startClient();
+    pump();
+  }
 
+  // The connection, watched from now on for the service's name changing hands.
+  bool connect() {
+    auto opened = connectSystemBus(busAddress, kCallTimeout_us, "quorel-location");
+    if (!opened.bus) {
+      notOnBus(std::strerror(-opened.error));
+      return false;
+    }
+    bus = std::move(opened.bus);
+    sd_bus_slot* slot = nullptr;
+    // Before the first GetClient, so that a service arriving right after it is not missed.
+    int r = sd_bus_add_match(bus.get(), &slot, kServiceOwnerMatch, &Session::onOwnerChanged, this);
+    if (r >= 0) {
+      ownerSignal.reset(slot);
+      std::weak_ptr<Session> weak = shared_from_this();
+      busWatch = BusWatch::create(queue.context(), bus.get(), [weak](int code) {
+        if (auto self = weak.lock()) self->lost(code);
+      });
+      if (busWatch->start(r)) return true;
+    }
+    notOnBus(std::strerror(-r));
+    disconnect();
+    return false;
+  }
+
+  void startClient() {
     BusError error;
     sd_bus_message* reply = nullptr;
     int r = sd_bus_call_method(bus.get(), kService, kManagerPath, kManagerInterface, "GetClient",
@@ -149,13 +184,7 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
                            &error.error, nullptr, "") < 0) {
       return refusedOrAbsent(error);
     }
-    std::weak_ptr<Session> weak = shared_from_this();
-    busWatch = BusWatch::create(queue.context(), bus.get(), [weak](int code) {
-      if (auto self = weak.lock()) self->lost(code);
-    });
     running = true;
-    int watchError = 0;
-    if (!busWatch->start(watchError)) return notOnBus(std::strerror(-watchError));
     log->info("location service started our client");
     shared->authorize(LocationAuthorization::authorizedAlways);
   }
@@ -164,7 +193,7 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
     if (error.has(SD_BUS_ERROR_ACCESS_DENIED)) {
       log->warn(kRefused);
       log->debug("{}", error.text());
-      close();
+      stopClient(true);
       shared->authorize(LocationAuthorization::denied);
       return;
     }
@@ -174,8 +203,44 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
   void notOnBus(const std::string& detail) {
     log->warn(kNotOnBus);
     log->debug("{}", detail);
-    close();
+    stopClient(true);
     shared->authorize(LocationAuthorization::notDetermined);
+  }
+
+  static int onOwnerChanged(sd_bus_message* message, void* userdata, sd_bus_error*) {
+    auto* self = static_cast<Session*>(userdata);
+    const char* name = nullptr;
+    const char* previous = nullptr;
+    const char* next = nullptr;
+    if (sd_bus_message_read(message, "sss", &name, &previous, &next) <= 0 ||
+        std::strcmp(name, kService) != 0) {
+      return 0;
+    }
+    // Starting the client takes calls of its own, which must not run inside sd-bus's dispatch.
+    std::weak_ptr<Session> weak = self->shared_from_this();
+    self->queue.async([weak, left = *previous != '\0', arrived = *next != '\0'] {
+      if (auto s = weak.lock()) s->ownerChanged(left, arrived);
+    });
+    return 0;
+  }
+
+  // A service that went away took our client with it; one that arrives gets a new one when
+  // authorization was asked for. The circles stay, with their states forgotten: the machine may
+  // have moved while nobody was looking, and that is no arrival.
+  void ownerChanged(bool left, bool arrived) {
+    if (!bus) return;
+    if (left) {
+      if (running) {
+        log->warn("location service left the bus — geofence rules are kept for when it returns");
+      }
+      stopClient(false);
+      shared->authorize(LocationAuthorization::notDetermined);
+    }
+    if (arrived && wanted && !running) {
+      log->info("location service appeared on the bus");
+      startClient();
+    }
+    pump();
   }
 
   static int onLocationUpdated(sd_bus_message* message, void* userdata, sd_bus_error*) {
@@ -254,21 +319,21 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
 
   // Handles what the property reads left in sd-bus's buffer, then waits for what comes next.
   void pump() {
-    if (running && busWatch) busWatch->pump();
+    if (bus && busWatch) busWatch->pump();
   }
 
   void lost(int error) {
     log->warn("location service connection lost — geofence rules are no longer watched");
     log->debug("sd-bus reported: {}", std::strerror(-error));
-    close();
+    disconnect();
     shared->authorize(LocationAuthorization::notDetermined);
   }
 
-  void close() {
+  // `tellService`: lets the service power the location sources down. Nothing waits for its
+  // answer: stopping must not hang on a service that has stopped answering.
+  void stopClient(bool tellService) {
     sd_bus_message* stop = nullptr;
-    // Lets the service power the location sources down. Nothing waits for its answer: closing
-    // must not hang on a service that has stopped answering.
-    if (running && bus &&
+    if (tellService && running && bus &&
         sd_bus_message_new_method_call(bus.get(), &stop, kService, clientPath.c_str(),
                                        kClientInterface, "Stop") >= 0) {
       sd_bus_message_set_expect_reply(stop, 0);
@@ -279,8 +344,13 @@ struct GeoClueLocationMonitor::Session : std::enable_shared_from_this<Session> {
     running = false;
     lastFix.reset();
     for (auto& [id, watched] : regions) watched.state = RegionState::unknown;
-    if (busWatch) busWatch->close();
     locationSignal.reset();
+  }
+
+  void disconnect() {
+    stopClient(true);
+    if (busWatch) busWatch->close();
+    ownerSignal.reset();
     bus.reset();
   }
 };

@@ -7,7 +7,9 @@
 //
 // Authorization, in the words the automation reports: "authorized_always" once the service
 // started our client, "denied" when it refuses us, "not_determined" while the service is not on
-// the bus (geofence rules are then kept and nothing is watched).
+// the bus (geofence rules are then kept and nothing is watched). Once asked for, the connection
+// stays and watches the service's name: a service that starts later, or comes back, is given a
+// new client and the kept circles are watched again; one that leaves reads "not_determined".
 //
 // Threading: the bus lives on a queue of its own ("quorel.geoclue"); every method may be called
 // from any thread and returns at once, and every bus call is bounded. Callbacks run on that
@@ -47,7 +49,8 @@ class GeoClueLocationMonitor final : public BatteryControlLocationMonitoring {
 
   void setCallbacks(Callbacks callbacks) override;
   LocationAuthorization authorization() const override;
-  // Connects and starts a client unless one is running or being started.
+  // Connects and starts a client unless one is running or being started; from then on, also
+  // whenever the service appears on the bus.
   void requestAlwaysAuthorization() override;
   void startMonitoring(const CircularRegion& region) override;
   void stopMonitoring(const std::string& identifier) override;

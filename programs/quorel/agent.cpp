@@ -10,6 +10,7 @@
 #include <iostream>
 
 #include "agent_calendar.hpp"
+#include "agent_helper_link.hpp"
 #include "agent_low_power.hpp"
 #include "agent_notices.hpp"
 #include "agent_top_off.hpp"
@@ -18,8 +19,6 @@
 #include "app/battery_control_settings.hpp"
 #include "app/settings_manager.hpp"
 #include "app/single_instance_lock.hpp"
-#include "control/helper_client.hpp"
-#include "control/helper_manager.hpp"
 #include "core/allocator_tuning.hpp"
 #include "core/file_preference_store.hpp"
 #include "core/logging.hpp"
@@ -41,7 +40,6 @@
 #include "platform/linux/battery_control_probes.hpp"
 #include "platform/linux/geoclue_location_monitor.hpp"
 #include "platform/linux/helper_energy_counters.hpp"
-#include "platform/linux/linux_charge_observer.hpp"
 #include "platform/linux/linux_power_rail_reader.hpp"
 #include "platform/linux/linux_power_source_fallback_provider.hpp"
 #include "platform/linux/linux_power_supply_provider.hpp"
@@ -52,8 +50,6 @@
 #include "platform/linux/logind_sleep_monitor.hpp"
 #include "platform/linux/power_supply_scan.hpp"
 #include "platform/linux/sysfs_attributes.hpp"
-#include "platform/linux/systemd_helper_service_controller.hpp"
-#include "platform/linux/upower_charge_thresholds.hpp"
 #include "platform/sandbox/sandbox_config_file.hpp"
 #include "platform/sandbox/sandbox_power_sources.hpp"
 #include "platform/sandbox/sandbox_usb_device_source.hpp"
@@ -72,8 +68,6 @@ namespace {
 
 // How often the lifetime total is brought up to date; it reads only the rows since the last time.
 constexpr Seconds kLifetimeEnergyRefresh{300};
-// How often what the system does with the battery is read again; a plateau needs a minute of it.
-constexpr Seconds kChargeObservationInterval{10};
 // The component sampler waits this long on the poll queue for the helper's energy counters.
 constexpr Seconds kHelperEnergyCounterWait{0.25};
 
@@ -186,10 +180,6 @@ class Agent {
           });
       startEnergyAttribution();
       usbSource_ = std::make_unique<LinuxUSBDeviceSource>(options_.sysfsRoot);
-      upowerThresholds_ = std::make_unique<UPowerBusChargeThresholds>();
-      chargeObserver_ = std::make_unique<LinuxChargeObserver>(
-          LinuxChargeObserver::Options{.sysfsRoot = options_.sysfsRoot}, upowerThresholds_.get(),
-          clock_);
     } else {
       scenario.enabled = true;
       sandbox_ = std::make_unique<SandboxConfig>(scenario);
@@ -211,8 +201,8 @@ class Agent {
     calendar_ = std::make_unique<AgentCalendar>(CalendarRoots::fromEnvironment(ProcessEnvironment),
                                                 *preferences_, mainQueue_, clock_);
     httpQueue_.start();
-    startHelperManager();
-    startBatteryControl(*helperManager_);
+    startHelperLink();
+    startBatteryControl(helperLink_->manager());
     startLowPower();
     startToolServer();
     mcpSwitch_ = std::make_unique<MCPServerSwitch>(*mcpServer_, *preferences_, mainQueue_);
@@ -246,7 +236,7 @@ class Agent {
       insights_->start();
       viewModel_->preloadHistoricalData();
       viewModel_->loadBatteryEpoch();
-      connectHelper();
+      helperLink_->connect();
     });
     mainQueue_.run();
 
@@ -263,7 +253,7 @@ class Agent {
     calendar_.reset();
     snapshot_.reset();
     lowPower_.reset();
-    helperManager_.reset();
+    helperLink_->closeManager();
     helperIoQueue_.shutdown();
     notices_.reset();
     settings_->unsubscribe(settingsSubscription_);
@@ -316,7 +306,7 @@ class Agent {
     location_ = std::make_unique<GeoClueLocationMonitor>(clock_);
     lidProbe_ = std::make_unique<LogindLidProbe>();
     BatteryControlEnvironment environment{
-        .availability = [this] { return batteryControlAvailability(); },
+        .availability = [this] { return helperLink_->availability(); },
         .powerState = [this] { return viewModel_->currentState(); },
         .isClamshellClosed = [this] { return lidProbe_->isLidClosed(); },
         .hasExternalDisplay =
@@ -343,7 +333,7 @@ class Agent {
     if (topOff_) return;
     topOff_ = std::make_unique<AgentTopOff>(
         AgentTopOff::Services{*settings_, calendar_->topOffCalendar(), *location_, *preferences_,
-                              *helperManager_, *notices_},
+                              helperLink_->manager(), *notices_},
         clock_, mainQueue_);
     topOff_->start();
   }
@@ -369,66 +359,26 @@ class Agent {
         MCPServerOptions{.version = std::string(kQuorelVersion), .transport = {}});
   }
 
-  // The link to the privileged helper. It refuses to enable while another charge-limit manager
-  // is seen holding this battery, or where the battery offers nothing to control.
-  void startHelperManager() {
+  // The link to the privileged helper and what the system does with the battery. Once its
+  // first connection attempt ends, the link goes to the low-power rules and smart top-off starts.
+  void startHelperLink() {
     helperIoQueue_.start();
-    helperService_ = std::make_unique<SystemdHelperServiceController>();
-    HelperManager::Hooks hooks;
-    hooks.availability = [this] { return batteryControlAvailability(); };
-    hooks.conflictProbe = [this]() -> std::optional<std::string> {
-      if (!chargeObservation_ || !chargeObservation_->conflicts.anyDetected()) return std::nullopt;
-      return std::string(
-          chargeLimitManagerName(chargeObservation_->conflicts.conflicts.front().manager));
-    };
-    helperManager_ = std::make_unique<HelperManager>(
-        mainQueue_, *helperService_,
-        HelperClient::factory(helperIoQueue_, mainQueue_, options_.helperSocket), std::move(hooks));
-  }
-
-  BatteryControlAvailability batteryControlAvailability() const {
-    // The simulated machine's battery is the simulated helper's to control.
-    if (sandbox_) return BatteryControlAvailability::available;
-    return probeBatteryControlAvailability(sysfs::powerSupplyClassPath(options_.sysfsRoot));
-  }
-
-  // Connects when the helper is installed for this user; where it is not, says so once, quietly.
-  void connectHelper() {
-    switch (helperManager_->rawServiceStatus()) {
-      case HelperServiceStatus::enabled:
-        helperManager_->enable([this](std::optional<HelperEnableFailure>) {
-          log_->info("battery helper: {}", helperManager_->statusText());
-          helperSettled();
-        });
-        break;
-      case HelperServiceStatus::requiresApproval:
-        log_->info("battery helper: {}", helper_texts::kApprovalPending);
-        helperSettled();
-        break;
-      case HelperServiceStatus::notRegistered:
-      case HelperServiceStatus::notFound:
-        // Without systemd, or at a socket of its own, the helper was started by hand; its socket
-        // says so.
-        if ((!SystemdHelperServiceController::systemdRunning() ||
-             options_.helperSocket != AgentOptions{}.helperSocket) &&
-            std::filesystem::exists(options_.helperSocket)) {
-          helperManager_->establishConnection([this](bool) {
-            log_->info("battery helper (started by hand): {}", helperManager_->statusText());
-            helperSettled();
-          });
-          break;
-        }
-        log_->debug("battery helper not installed — battery control stays off");
-        helperSettled();
-        break;
-    }
-  }
-
-  // The link reads as disabled until the first connection attempt ends; handed over earlier, it
-  // would make the rules drop a heat pause adopted from the last run without raising the ceiling.
-  void helperSettled() {
-    if (lowPower_) lowPower_->setHelperLink(helperManager_.get());
-    startSmartTopOff();
+    helperLink_ = std::make_unique<AgentHelperLink>(AgentHelperLink::Inputs{
+        .mainQueue = mainQueue_,
+        .pollQueue = pollQueue_,
+        .ioQueue = helperIoQueue_,
+        .clock = clock_,
+        .log = log_,
+        .options = options_,
+        .simulated = sandbox_ != nullptr,
+        .limitObserved =
+            [this](std::optional<std::int64_t> limit) { notices_->chargeLimitObserved(limit); },
+        .settled =
+            [this](HelperManager& link) {
+              if (lowPower_) lowPower_->setHelperLink(&link);
+              startSmartTopOff();
+            },
+    });
   }
 
   void publish(const PowerState& state, const PowerMonitor::HistorySnapshot& history) {
@@ -451,7 +401,7 @@ class Agent {
     viewModel_->update(state, history, inputs);
     if (monitor_->componentCardVisible()) viewModel_->appendLiveSample(state, state.componentPower);
 
-    refreshChargeObservation();
+    helperLink_->refreshChargeObservation();
     if (lowPower_) lowPower_->evaluate(state);
     notices_->powerStateChanged(state);
     if (topProcesses_)
@@ -470,38 +420,6 @@ class Agent {
                  state.displayPercent());
       lastPhase_ = state.phase;
     }
-  }
-
-  // Read on the poll queue, where the blocking reads belong, and kept on the main queue for the
-  // guards, the tools and the helper's status to read.
-  void refreshChargeObservation() {
-    if (!chargeObserver_ || chargeObservationPending_) return;
-    const MonotonicTime now = clock_.monotonicNow();
-    if (lastChargeObservation_ && now - *lastChargeObservation_ < kChargeObservationInterval) {
-      return;
-    }
-    lastChargeObservation_ = now;
-    chargeObservationPending_ = true;
-    pollQueue_.async([this] {
-      ChargeObservation observed = chargeObserver_->observe();
-      mainQueue_.async([this, observed = std::move(observed)] {
-        chargeObservationPending_ = false;
-        if (!chargeObservation_ || chargeObservation_->conflicts != observed.conflicts) {
-          for (const auto& c : observed.conflicts.conflicts) {
-            log_->warn("{} also sets a charge limit — {}", chargeLimitManagerName(c.manager),
-                       c.evidence);
-          }
-        }
-        if (!chargeObservation_ || chargeObservation_->gate != observed.gate ||
-            chargeObservation_->limit != observed.limit) {
-          log_->debug("charge gate {}, limit {} ({})", chargeGateStateText(observed.gate),
-                      observed.limit.percent ? std::to_string(*observed.limit.percent) : "none",
-                      chargeLimitSourceText(observed.limit.source));
-        }
-        chargeObservation_ = observed;
-        notices_->chargeLimitObserved(observed.limit.percent);
-      });
-    });
   }
 
   void publishStatus() {
@@ -610,18 +528,10 @@ class Agent {
   std::unique_ptr<BatteryCommandSocket> commandSocket_;
   std::unique_ptr<GeoClueLocationMonitor> location_;
   std::unique_ptr<AgentTopOff> topOff_;
-  std::unique_ptr<SystemdHelperServiceController> helperService_;
-  std::unique_ptr<HelperManager> helperManager_;
+  std::unique_ptr<AgentHelperLink> helperLink_;
   std::unique_ptr<AgentLowPower> lowPower_;
   SandboxConfig::ObserverId sandboxObserver_ = 0;
   std::optional<PowerPhase> lastPhase_;
-  // Touched on the poll queue only, which is shut down before they go.
-  std::unique_ptr<UPowerBusChargeThresholds> upowerThresholds_;
-  std::unique_ptr<LinuxChargeObserver> chargeObserver_;
-  // Main queue.
-  std::optional<ChargeObservation> chargeObservation_;
-  std::optional<MonotonicTime> lastChargeObservation_;
-  bool chargeObservationPending_ = false;
 };
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <mutex>
 #include <thread>
 
+#include "control/fake_top_off_sources.hpp"
+#include "core/memory_preference_store.hpp"
 #include "platform/linux/private_message_bus.hpp"
 #include "support/log_capture.hpp"
 
@@ -202,6 +204,72 @@ TEST_F(GeoClueLocationMonitorTest, ARefusalIsDeniedAndAMissingServiceStaysUndete
   monitor.requestState("OFFICE");
   std::this_thread::sleep_for(50ms);
   EXPECT_EQ(reports_.snapshot(), Events{"authorization denied"});
+}
+
+TEST_F(GeoClueLocationMonitorTest, AServiceStartedLaterIsUsedAndOneThatLeavesIsWaitedFor) {
+  GeoClueLocationMonitor monitor(clock_, bus_.address());
+  monitor.setCallbacks(reports_.callbacks());
+  monitor.requestAlwaysAuthorization();
+  ASSERT_TRUE(logs_.waitFor(
+      "location service not on the bus — geofence rules are kept but not watched", 10s));
+  // Watched from before the service exists, and kept through its absence.
+  monitor.startMonitoring({"OFFICE", kOfficeLat, kOfficeLon, 200});
+  Events expected;
+  for (int visit = 1; visit <= 2; ++visit) {
+    SCOPED_TRACE("visit " + std::to_string(visit));
+    {
+      FakeLocationService service(bus_.address());
+      ASSERT_TRUE(reports_.waitFor(expected.size() + 1, &service));
+      EXPECT_EQ(monitor.authorization(), LocationAuthorization::authorizedAlways);
+      EXPECT_EQ(service.properties["DesktopId"], "quorel");
+      service.moveTo(400);
+      service.moveTo(10);
+      ASSERT_TRUE(reports_.waitFor(expected.size() + 2, &service));
+      expected.insert(expected.end(), {"authorization authorized_always", "entry OFFICE"});
+    }
+    ASSERT_TRUE(reports_.waitFor(expected.size() + 1, nullptr));
+    expected.push_back("authorization not_determined");
+    EXPECT_EQ(reports_.snapshot(), expected);
+    EXPECT_EQ(monitor.authorization(), LocationAuthorization::notDetermined);
+  }
+  EXPECT_TRUE(logs_.contains(
+      "location service left the bus — geofence rules are kept for when it returns"));
+}
+
+// A geofence rule set while the service was away fires once it starts: the engine hears the
+// authorization change, watches its circle and asks where the machine is.
+TEST_F(GeoClueLocationMonitorTest, TheRulesEngineWatchesItsCirclesOnceALateServiceStarts) {
+  const std::string office = "3B1D2E3F-4A5B-4C6D-8E7F-901A2B3C4D5E";
+  ManualClock engineClock;
+  SerialQueue main{"test.main", engineClock};
+  MemoryPreferenceStore defaults;
+  testing::FakeCalendar calendar{engineClock};
+  testing::FakeRulesSource rules;
+  rules.rules = {TopOffRule{GeofenceTopOffRule{office, kOfficeLat, kOfficeLon, 200, "Office"}}};
+  // After the main queue, which its callbacks post to until it is gone.
+  GeoClueLocationMonitor monitor(clock_, bus_.address());
+  BatteryControlRulesEngine engine{rules, calendar, monitor, defaults, engineClock, main};
+  std::vector<std::string> fired;
+  engine.addFireHandler([&](const TopOffRule& rule) { fired.push_back(rule.id()); });
+  engine.start();
+  ASSERT_TRUE(logs_.waitFor(
+      "location service not on the bus — geofence rules are kept but not watched", 10s));
+  main.runPending();
+  EXPECT_TRUE(engine.monitoredRegions().empty());
+
+  {
+    FakeLocationService service(bus_.address());
+    auto until = [&](auto done) {
+      return testing::waitUntil(
+          done, [&] { service.serve(), main.runPending(); }, 10s);
+    };
+    ASSERT_TRUE(until([&] { return engine.monitoredRegions().contains(office); }));
+    service.moveTo(10);
+    ASSERT_TRUE(until([&] { return !fired.empty(); }));
+    EXPECT_EQ(fired, std::vector<std::string>{office});
+  }
+  ASSERT_TRUE(testing::waitUntil([&] { return engine.monitoredRegions().empty(); },
+                                 [&] { main.runPending(); }, 10s));
 }
 
 }  // namespace
