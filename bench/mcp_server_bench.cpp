@@ -103,7 +103,9 @@ struct RefusingCommands final : BatteryCommands {
   (void)!::write(reportFd, &port, sizeof port);
   ::close(reportFd);
 
-  const std::string body = R"({"jsonrpc":"2.0","id":1,"result":{"tools":[]}})";
+  // Our server's own answer, byte for byte, so that both send the same catalogue.
+  const std::string body =
+      *JSONRPCResponse::successText(JSONValue(1), MCPToolRegistry::toolsListText()).encode();
   const std::string answer =
       "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
       std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;

@@ -295,7 +295,7 @@ void MCPServer::routeWith(Core& core, const JSONRPCRequest& request, const Reply
       reply(JSONRPCResponse::success(id, initializeResultFor(core.options)));
       return;
     case MCPMethod::toolsList:
-      reply(JSONRPCResponse::success(id, core.registry->toolsListJSON()));
+      reply(JSONRPCResponse::successText(id, MCPToolRegistry::toolsListText()));
       return;
     case MCPMethod::ping:
       reply(JSONRPCResponse::success(id, JSONValue(JSONValue::Object{})));

@@ -162,6 +162,11 @@ const JSONValue& MCPToolRegistry::toolsListJSON() {
   return kList;
 }
 
+const std::string& MCPToolRegistry::toolsListText() {
+  static const std::string kText = compactJSON(toolsListJSON());
+  return kText;
+}
+
 std::string MCPToolRegistry::compactJSON(const JSONValue& value) {
   // The writer never escapes "/" and replaces bytes that are not UTF-8, so its text is
   // already what an assistant should read.

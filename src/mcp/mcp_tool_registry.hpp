@@ -43,6 +43,9 @@ class MCPToolRegistry {
   static const std::vector<ToolSpec>& catalogue();
   // {"tools":[{"name","description","inputSchema"}, ...]}; depends on no state.
   static const JSONValue& toolsListJSON();
+  // The same written once: it never changes, and writing its schemas and descriptions again for
+  // every request cost more than all the rest of answering it.
+  static const std::string& toolsListText();
 
   // Never fails: an unknown tool or a bad argument is a -32602 error response, a command's
   // refusal carries the command's code and words, and every result is a tool result.
