@@ -153,7 +153,7 @@ Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint t
   w.key("from"_key).time(from);
   w.key("samples"_key).beginArray();
   if (cache != nullptr) {
-    cache->write(w, *samples);
+    cache->write(w, std::move(*samples));
   } else {
     for (const auto& s : *samples) sample(w, s);
   }

@@ -7,7 +7,7 @@
 
 namespace quorel::history_text {
 
-void SampleTextCache::write(JSONTextWriter& w, const std::vector<PowerSample>& samples) {
+void SampleTextCache::write(JSONTextWriter& w, std::vector<PowerSample> samples) {
   const bool sameForm = w.form() == form_;
   std::vector<Entry> entries;
   entries.reserve(samples.size());
@@ -16,7 +16,7 @@ void SampleTextCache::write(JSONTextWriter& w, const std::vector<PowerSample>& s
   std::size_t reused = 0;
   // Both lists run by ascending time, so one pass over the old one finds every candidate.
   std::size_t old = 0;
-  for (const PowerSample& s : samples) {
+  for (PowerSample& s : samples) {
     while (old < entries_.size() && entries_[old].sample.timestamp < s.timestamp) ++old;
     std::string_view written;
     if (sameForm && old < entries_.size() && entries_[old].sample == s) {
@@ -30,7 +30,7 @@ void SampleTextCache::write(JSONTextWriter& w, const std::vector<PowerSample>& s
       // The separator before it belongs to where it stands, not to the sample.
       if (written.front() == ',') written.remove_prefix(1);
     }
-    entries.push_back({s, text.size(), written.size()});
+    entries.push_back({std::move(s), text.size(), written.size()});
     text.append(written);
   }
   entries_ = std::move(entries);

@@ -21,8 +21,8 @@ namespace quorel::history_text {
 class SampleTextCache {
  public:
   // Writes `samples`, in the order given (the store's, by ascending time), as the next values
-  // of `w`, and keeps what it wrote for the next call.
-  void write(JSONTextWriter& w, const std::vector<PowerSample>& samples);
+  // of `w`, and keeps them and what it wrote for the next call.
+  void write(JSONTextWriter& w, std::vector<PowerSample> samples);
   // How many samples the last call copied rather than wrote.
   std::size_t lastReused() const noexcept { return lastReused_; }
 
