@@ -140,7 +140,7 @@ void epoch(JSONTextWriter& w, const BatteryEpoch& e) {
 
 Result<std::string> powerHistory(QuorelDatabase& db, TimePoint from, TimePoint to, int maxPoints,
                                  Form form, SampleTextCache* cache) {
-  const auto samples = db.queryPowerSamples(from, to, maxPoints);
+  auto samples = db.queryPowerSamples(from, to, maxPoints);
   if (!samples) return samples.error();
   const auto covered = db.historicalCoverage(from, to);
   if (!covered) return covered.error();

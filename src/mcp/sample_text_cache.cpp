@@ -9,32 +9,29 @@ namespace quorel::history_text {
 
 void SampleTextCache::write(JSONTextWriter& w, std::vector<PowerSample> samples) {
   const bool sameForm = w.form() == form_;
-  std::vector<Entry> entries;
-  entries.reserve(samples.size());
-  std::string text;
-  text.reserve(text_.size());
+  std::vector<Span> spans;
+  spans.reserve(samples.size());
   std::size_t reused = 0;
+  const std::size_t start = w.size();
   // Both lists run by ascending time, so one pass over the old one finds every candidate.
   std::size_t old = 0;
-  for (PowerSample& s : samples) {
-    while (old < entries_.size() && entries_[old].sample.timestamp < s.timestamp) ++old;
-    std::string_view written;
-    if (sameForm && old < entries_.size() && entries_[old].sample == s) {
-      written = std::string_view(text_).substr(entries_[old].offset, entries_[old].length);
-      w.raw(written);
+  for (const PowerSample& s : samples) {
+    while (old < samples_.size() && samples_[old].timestamp < s.timestamp) ++old;
+    std::size_t mark = w.size();
+    if (sameForm && old < samples_.size() && samples_[old] == s) {
+      w.raw(std::string_view(text_).substr(spans_[old].offset, spans_[old].length));
       ++reused;
     } else {
-      const std::size_t mark = w.size();
       sample(w, s);
-      written = w.writtenSince(mark);
-      // The separator before it belongs to where it stands, not to the sample.
-      if (written.front() == ',') written.remove_prefix(1);
     }
-    entries.push_back({std::move(s), text.size(), written.size()});
-    text.append(written);
+    // The separator before a sample belongs to where it stands, not to the sample.
+    if (w.writtenSince(mark).front() == ',') ++mark;
+    spans.push_back({mark - start, w.size() - mark});
   }
-  entries_ = std::move(entries);
-  text_ = std::move(text);
+  // One copy of the whole run, kept until the next call.
+  text_.assign(w.writtenSince(start));
+  samples_ = std::move(samples);
+  spans_ = std::move(spans);
   form_ = w.form();
   lastReused_ = reused;
 }

@@ -27,14 +27,16 @@ class SampleTextCache {
   std::size_t lastReused() const noexcept { return lastReused_; }
 
  private:
-  struct Entry {
-    PowerSample sample;
+  // Where a sample's text lies in `text_`.
+  struct Span {
     std::size_t offset = 0;
     std::size_t length = 0;
   };
 
   JSONTextWriter::Form form_ = JSONTextWriter::Form::json;
-  std::vector<Entry> entries_;
+  std::vector<PowerSample> samples_;
+  std::vector<Span> spans_;
+  // The samples as the last answer has them, with the separators between them.
   std::string text_;
   std::size_t lastReused_ = 0;
 };
