@@ -24,7 +24,8 @@ namespace json_text {
 void appendString(std::string& out, std::string_view s);
 // What appendString writes between the quotes.
 void appendEscaped(std::string& out, std::string_view s);
-// A finite number: whole numbers without a fraction, others in their shortest round-trip form.
+// A finite number: whole numbers without a fraction, others in a form that reads back as the
+// same double (the shortest such digits from 1e-4 up to 1e15, where nearly all of ours lie).
 // False, with nothing written, for a number that is not finite.
 bool appendNumber(std::string& out, double d);
 // formatIso8601(t) between quotes, without the detour through a string.
