@@ -125,8 +125,9 @@ char* writePlainDecimal(char* p, double d, double magnitude) {
   const auto decimal = fmt::detail::dragonbox::to_decimal(magnitude);
   char* const start = p;
   if (d < 0) *p++ = '-';
-  // The digits go straight to where they stand: after "0.000" for a number below one; one place
-  // to the right for the others, whose whole digits then step back to make room for the point.
+  // The digits are written one place to the right of where the number starts: the whole digits
+  // then step back to make room for the point, or for a number below one all of them move right
+  // behind "0." and the zeros the exponent asks for.
   char* digits = p + 1;
   char* end = std::to_chars(digits, digits + 24, decimal.significand).ptr;
   const auto count = static_cast<int>(end - digits);
@@ -161,10 +162,10 @@ char* writeNumber(char* p, double d) {
     }
   }
   // The shortest digits that read back as `d`, laid out as nlohmann lays them out. Between these
-  // bounds that layout is a plain decimal, which fmt writes in two thirds of nlohmann's time (a
-  // history answer is mostly such numbers); nlohmann's own digits are not always the shortest,
-  // so now and then the two differ in a last digit, both reading back as `d`. Outside them
-  // nlohmann writes an exponent from 1e15 up, where fmt would still write every digit.
+  // bounds that layout is a plain decimal, and fmt finds the digits in two thirds of nlohmann's
+  // time (a history answer is mostly such numbers); nlohmann's own digits are not always the
+  // shortest, so now and then the two differ in a last digit, both reading back as `d`. Outside
+  // them nlohmann's layout has an exponent, and its own writing is kept.
   const double magnitude = std::fabs(d);
   if (magnitude >= 1e-4 && magnitude < 1e15) return writePlainDecimal(p, d, magnitude);
   return nlohmann::detail::to_chars(p, p + kNumberBytes, d);

@@ -2,8 +2,9 @@
 // The one dynamic JSON value that the MCP server, its tools and the battery command service hand
 // around. A plain value: copied deeply, safe to pass between threads, compared by content.
 // Every number is a 64-bit float; there is no integer case, so 1 and 1.0 are the same value.
-// Text is read by nlohmann-json's parser; when written, string escapes and fractional numbers
-// are nlohmann's too. The rules of the value are ours.
+// Text is read by nlohmann-json's parser; when written, string escapes and the layout of
+// fractional numbers are nlohmann's too, their digits the shortest that read back alike. The
+// rules of the value are ours.
 
 #include <array>
 #include <cstddef>
